@@ -1,5 +1,6 @@
 // The one seam between the host and a USB device. The adapter's model implements it; whatever stands between
-// the host and the device (link timing, capture, faults, later a real device) is a `Device` that wraps another.
+// the host and the device (link timing, capture, faults, later a real device) is a `Device` that wraps
+// another.
 #pragma once
 
 #include <cstdint>
@@ -32,11 +33,11 @@ struct SetupPacket {
 // One transfer. The submitter owns the record and the data until `complete` runs.
 struct Transfer {
     TransferType type = TransferType::Control;
-    std::uint8_t endpoint = 0;            // address, bit 7 set for IN; 0 for the default pipe
-    SetupPacket setup;                    // control transfers only
-    std::span<std::uint8_t> data;         // OUT: the bytes to send; IN: where to put them; may be empty
-    Status status = Status::Success;      // result
-    std::uint32_t actual = 0;             // result: bytes moved, at most data.size()
+    std::uint8_t endpoint = 0;               // address, bit 7 set for IN; 0 for the default pipe
+    SetupPacket setup;                       // control transfers only
+    std::span<std::uint8_t> data;            // OUT: the bytes to send; IN: where to put them; may be empty
+    Status status = Status::Success;         // result
+    std::uint32_t actual = 0;                // result: bytes moved, at most data.size()
     std::function<void(Transfer&)> complete; // called exactly once for each submit; may run inside submit
     bool isIn() const {
         return type == TransferType::Control ? (setup.requestType & 0x80) != 0 : (endpoint & 0x80) != 0;
