@@ -1,0 +1,41 @@
+// Mode and monitor state of one adapter.
+#pragma once
+
+#include "client/client_abi.h"
+#include "display/mode_parameters.h"
+
+#include <ntddk.h>
+
+constexpr ULONG EDID_BLOCK_COUNT = 8;
+constexpr ULONG MONITOR_MODE_COUNT = 32;
+
+struct MONITOR_MODE {
+    ULONG Width;
+    ULONG Height;
+    ULONG Refresh;
+};
+
+struct DISPLAY_CONTEXT {
+    MODE_PARAMETERS Mode;
+
+    // Set at hardware preparation, freed at release.
+    DEVICE_OBJECT* PhysicalDeviceObject;
+    UNICODE_STRING InterfaceSymbolicLinkName;
+
+    // Guarded by MonitorMutex.
+    UCHAR EdidBlocks[EDID_BLOCK_COUNT][EDID_BLOCK_SIZE];
+    ULONG MonitorModeCount;
+    MONITOR_MODE MonitorModes[MONITOR_MODE_COUNT];
+    BOOLEAN EdidViaAdapterDdc;
+
+    // Written under MonitorMutex; polled elsewhere (shared fields).
+    BOOLEAN MonitorConnected;
+    BOOLEAN MonitorIsDvi;
+
+    // While set, frame-error reports are ignored. Written under DisplayStateMutex or by power callbacks
+    // (shared field).
+    BOOLEAN FrameErrorHandlingSuspended;
+
+    // Video output is on. Guarded by DisplayStateMutex.
+    BOOLEAN OutputActive;
+};

@@ -1,0 +1,42 @@
+// The display mode in force.
+#pragma once
+
+#include <ntddk.h>
+
+enum OUTPUT_COLOR_MODE : ULONG {
+    OUTPUT_COLOR_8_BIT = 0,
+    OUTPUT_COLOR_16_BIT = 1,
+    OUTPUT_COLOR_24_BIT = 2,
+};
+
+// All 32-bit values. The copy in DEVICE_CONTEXT changes only while the render pipeline is stopped, under
+// DropFrameCheckMutex.
+struct MODE_PARAMETERS {
+    ULONG Width; // pixels
+    ULONG Height;
+    ULONG Refresh; // Hz
+    ULONG HorizontalTotal;
+    ULONG HorizontalSync;
+    ULONG HorizontalBackPorch;
+    ULONG VerticalTotal;
+    ULONG VerticalSync;
+    ULONG VerticalBackPorch;
+    ULONG TransferScheme; // 0: bulk
+    ULONG CompressionEnabled;
+    ULONG CompressionLevel; // guarded by CompressionLevelLock while frames are encoded
+    ULONG CompressionLevelMin;
+    ULONG CompressionLevelMax;
+    ULONG CompressedLowThreshold; // bytes
+    ULONG CompressedHighThreshold;
+    ULONG HorizontalSizeImage; // the four timing register images
+    ULONG HorizontalSyncImage;
+    ULONG VerticalSizeImage;
+    ULONG VerticalSyncImage;
+    ULONG PllWord;
+    ULONG SourceBytesPerPixel;
+    ULONG OutputColorMode; // OUTPUT_COLOR_MODE
+    ULONG ZeroLengthFlag;  // 1: every frame is followed by a zero-length transfer
+    ULONG Rgb555Enable;    // with 16-bit output: 1 RGB555, else RGB565
+    ULONG BandwidthFlag;
+    ULONG AutoUpdateEnabled;
+};

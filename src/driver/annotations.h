@@ -1,0 +1,52 @@
+// What the compilers are told beyond the language: lock contracts for Clang's thread-safety analysis,
+// processor features of single functions, and wide strings that are right for each compiler.
+#pragma once
+
+#include <ntddk.h>
+
+#if defined(__clang__)
+#define DRIVER_TSA(x) __attribute__((x))
+#else
+#define DRIVER_TSA(x)
+#endif
+
+#define TSA_CAPABILITY(name) DRIVER_TSA(capability(name))
+#define TSA_SCOPED DRIVER_TSA(scoped_lockable)
+#define TSA_GUARDED_BY(lock) DRIVER_TSA(guarded_by(lock))
+#define TSA_REQUIRES(...) DRIVER_TSA(requires_capability(__VA_ARGS__))
+#define TSA_ACQUIRE(...) DRIVER_TSA(acquire_capability(__VA_ARGS__))
+#define TSA_RELEASE(...) DRIVER_TSA(release_capability(__VA_ARGS__))
+#define TSA_EXCLUDES(...) DRIVER_TSA(locks_excluded(__VA_ARGS__))
+#define TSA_NO_ANALYSIS DRIVER_TSA(no_thread_safety_analysis)
+
+// MSVC lets every function use every instruction; GCC and Clang want it said per function, because a caller
+// must not reach such a function before the processor flags were checked.
+#if defined(__GNUC__)
+#define TARGET_SSSE3 __attribute__((target("ssse3")))
+#define TARGET_SSE41 __attribute__((target("sse4.1")))
+#else
+#define TARGET_SSSE3
+#define TARGET_SSE41
+#endif
+
+// 16-bit characters: `wchar_t` where that is what it is, `char16_t` elsewhere.
+#if defined(_WIN32)
+#define WIDE(text) L##text
+#else
+#define WIDE(text) u##text
+#endif
+
+// A pool tag with its first character in the most significant byte, and one that reads in memory order.
+constexpr ULONG PoolTagHighFirst(const char (&name)[5]) {
+    return (ULONG(UCHAR(name[0])) << 24) | (ULONG(UCHAR(name[1])) << 16) | (ULONG(UCHAR(name[2])) << 8) |
+           ULONG(UCHAR(name[3]));
+}
+
+constexpr ULONG PoolTagMemoryOrder(const char (&name)[5]) {
+    return (ULONG(UCHAR(name[3])) << 24) | (ULONG(UCHAR(name[2])) << 16) | (ULONG(UCHAR(name[1])) << 8) |
+           ULONG(UCHAR(name[0]));
+}
+
+constexpr ULONG POOL_TAG_DRIVER = PoolTagMemoryOrder("OSTV"); // render buffers, control buffers, descriptors
+constexpr ULONG POOL_TAG_FRAME_BUFFER = PoolTagHighFirst("OSTK"); // frame buffers, cursor scratch blocks
+constexpr ULONG POOL_TAG_COMPRESSION = PoolTagHighFirst("OSVd");  // the compression staging buffer

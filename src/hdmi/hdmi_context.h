@@ -1,0 +1,10 @@
+// The external HDMI transmitter's state.
+#pragma once
+
+#include <ntddk.h>
+
+// Written under DisplayStateMutex; polled by the client's display-off (shared fields).
+struct HDMI_CONTEXT {
+    BOOLEAN HdmiTransmitterPresent;
+    BOOLEAN HdmiTransmitterPowered;
+};
