@@ -1,0 +1,295 @@
+// The layouts that the driver shares with Windows, checked by the compiler: sizes and offsets on x64.
+#include <ntddk.h>
+#include <wdf.h>
+#include <wdfusb.h>
+
+#define SIZE(type, size) static_assert(sizeof(type) == (size), #type)
+#define AT(type, field, offset) static_assert(offsetof(type, field) == (offset), #type "." #field)
+
+// Base types.
+SIZE(ULONG, 4);
+SIZE(LONG, 4);
+SIZE(WCHAR, 2);
+SIZE(ULONG_PTR, 8);
+SIZE(LONGLONG, 8);
+SIZE(BOOLEAN, 1);
+SIZE(NTSTATUS, 4);
+SIZE(POOL_TYPE, 4);
+SIZE(UNICODE_STRING, 16);
+SIZE(GUID, 16);
+SIZE(LARGE_INTEGER, 8);
+
+// Kernel structures.
+SIZE(KMUTEX, 56);
+SIZE(KEVENT, 24);
+SIZE(KTIMER, 64);
+SIZE(KDPC, 64);
+SIZE(KSEMAPHORE, 32);
+SIZE(FAST_MUTEX, 56);
+SIZE(OBJECT_ATTRIBUTES, 48);
+SIZE(RTL_OSVERSIONINFOW, 276);
+SIZE(RTL_OSVERSIONINFOEXW, 284);
+SIZE(IO_STATUS_BLOCK, 16);
+
+SIZE(MDL, 48);
+AT(MDL, Size, 8);
+AT(MDL, MdlFlags, 10);
+AT(MDL, Process, 16);
+AT(MDL, MappedSystemVa, 24);
+AT(MDL, StartVa, 32);
+AT(MDL, ByteCount, 40);
+AT(MDL, ByteOffset, 44);
+
+SIZE(IRP, 208);
+AT(IRP, MdlAddress, 8);
+AT(IRP, IoStatus, 48);
+AT(IRP, CurrentLocation, 0x43);
+AT(IRP, Cancel, 0x44);
+AT(IRP, CancelRoutine, 0x68);
+AT(IRP, UserBuffer, 0x70);
+AT(IRP, Tail.Overlay.Thread, 0x98);
+AT(IRP, Tail.Overlay.ListEntry, 0xA8);
+AT(IRP, Tail.Overlay.CurrentStackLocation, 0xB8);
+
+SIZE(IO_STACK_LOCATION, 72);
+AT(IO_STACK_LOCATION, MinorFunction, 1);
+AT(IO_STACK_LOCATION, Parameters, 8);
+AT(IO_STACK_LOCATION, Parameters.Create.FileAttributes, 24);
+AT(IO_STACK_LOCATION, Parameters.Create.ShareAccess, 26);
+AT(IO_STACK_LOCATION, Parameters.Create.EaLength, 32);
+AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.InputBufferLength, 16);
+AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode, 24);
+AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.Type3InputBuffer, 32);
+AT(IO_STACK_LOCATION, DeviceObject, 40);
+AT(IO_STACK_LOCATION, FileObject, 48);
+AT(IO_STACK_LOCATION, CompletionRoutine, 56);
+AT(IO_STACK_LOCATION, Context, 64);
+
+SIZE(DRIVER_OBJECT, 336);
+AT(DRIVER_OBJECT, DriverUnload, 104);
+AT(DRIVER_OBJECT, MajorFunction, 112);
+SIZE(DEVICE_OBJECT, 328);
+
+// Framework records.
+SIZE(WDF_DRIVER_GLOBALS, 56);
+AT(WDF_DRIVER_GLOBALS, DriverFlags, 8);
+AT(WDF_DRIVER_GLOBALS, DriverTag, 12);
+AT(WDF_DRIVER_GLOBALS, DriverName, 16);
+AT(WDF_DRIVER_GLOBALS, DisplaceDriverUnload, 48);
+
+SIZE(WDF_OBJECT_CONTEXT_TYPE_INFO, 40);
+AT(WDF_OBJECT_CONTEXT_TYPE_INFO, ContextName, 8);
+AT(WDF_OBJECT_CONTEXT_TYPE_INFO, ContextSize, 16);
+AT(WDF_OBJECT_CONTEXT_TYPE_INFO, UniqueType, 24);
+AT(WDF_OBJECT_CONTEXT_TYPE_INFO, EvtDriverGetUniqueContextType, 32);
+
+SIZE(WDF_DRIVER_CONFIG, 32);
+AT(WDF_DRIVER_CONFIG, EvtDriverDeviceAdd, 8);
+AT(WDF_DRIVER_CONFIG, EvtDriverUnload, 16);
+AT(WDF_DRIVER_CONFIG, DriverInitFlags, 24);
+AT(WDF_DRIVER_CONFIG, DriverPoolTag, 28);
+
+SIZE(WDF_OBJECT_ATTRIBUTES, 56);
+AT(WDF_OBJECT_ATTRIBUTES, EvtCleanupCallback, 8);
+AT(WDF_OBJECT_ATTRIBUTES, EvtDestroyCallback, 16);
+AT(WDF_OBJECT_ATTRIBUTES, ExecutionLevel, 24);
+AT(WDF_OBJECT_ATTRIBUTES, SynchronizationScope, 28);
+AT(WDF_OBJECT_ATTRIBUTES, ParentObject, 32);
+AT(WDF_OBJECT_ATTRIBUTES, ContextSizeOverride, 40);
+AT(WDF_OBJECT_ATTRIBUTES, ContextTypeInfo, 48);
+
+SIZE(WDF_PNPPOWER_EVENT_CALLBACKS, 144);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceD0Entry, 8);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceD0EntryPostInterruptsEnabled, 16);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceD0Exit, 24);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceD0ExitPreInterruptsDisabled, 32);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDevicePrepareHardware, 40);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceReleaseHardware, 48);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSelfManagedIoCleanup, 56);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSelfManagedIoFlush, 64);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSelfManagedIoInit, 72);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSelfManagedIoSuspend, 80);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSelfManagedIoRestart, 88);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceSurpriseRemoval, 96);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceQueryRemove, 104);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceQueryStop, 112);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceUsageNotification, 120);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceRelationsQuery, 128);
+AT(WDF_PNPPOWER_EVENT_CALLBACKS, EvtDeviceUsageNotificationEx, 136);
+
+SIZE(WDF_FILEOBJECT_CONFIG, 40);
+AT(WDF_FILEOBJECT_CONFIG, EvtDeviceFileCreate, 8);
+AT(WDF_FILEOBJECT_CONFIG, EvtFileClose, 16);
+AT(WDF_FILEOBJECT_CONFIG, EvtFileCleanup, 24);
+AT(WDF_FILEOBJECT_CONFIG, AutoForwardCleanupClose, 32);
+AT(WDF_FILEOBJECT_CONFIG, FileObjectClass, 36);
+
+SIZE(WDF_DEVICE_PNP_CAPABILITIES, 48);
+AT(WDF_DEVICE_PNP_CAPABILITIES, LockSupported, 4);
+AT(WDF_DEVICE_PNP_CAPABILITIES, SurpriseRemovalOK, 28);
+AT(WDF_DEVICE_PNP_CAPABILITIES, NoDisplayInUI, 36);
+AT(WDF_DEVICE_PNP_CAPABILITIES, Address, 40);
+AT(WDF_DEVICE_PNP_CAPABILITIES, UINumber, 44);
+
+SIZE(WDF_IO_QUEUE_CONFIG, 96);
+AT(WDF_IO_QUEUE_CONFIG, DispatchType, 4);
+AT(WDF_IO_QUEUE_CONFIG, PowerManaged, 8);
+AT(WDF_IO_QUEUE_CONFIG, AllowZeroLengthRequests, 12);
+AT(WDF_IO_QUEUE_CONFIG, DefaultQueue, 13);
+AT(WDF_IO_QUEUE_CONFIG, EvtIoDefault, 16);
+AT(WDF_IO_QUEUE_CONFIG, EvtIoDeviceControl, 40);
+AT(WDF_IO_QUEUE_CONFIG, EvtIoInternalDeviceControl, 48);
+AT(WDF_IO_QUEUE_CONFIG, EvtIoStop, 56);
+AT(WDF_IO_QUEUE_CONFIG, EvtIoCanceledOnQueue, 72);
+AT(WDF_IO_QUEUE_CONFIG, Settings, 80);
+AT(WDF_IO_QUEUE_CONFIG, Driver, 88);
+
+SIZE(WDF_REQUEST_REUSE_PARAMS, 24);
+AT(WDF_REQUEST_REUSE_PARAMS, Flags, 4);
+AT(WDF_REQUEST_REUSE_PARAMS, Status, 8);
+AT(WDF_REQUEST_REUSE_PARAMS, NewIrp, 16);
+
+SIZE(WDF_REQUEST_SEND_OPTIONS, 16);
+AT(WDF_REQUEST_SEND_OPTIONS, Flags, 4);
+AT(WDF_REQUEST_SEND_OPTIONS, Timeout, 8);
+
+SIZE(WDF_REQUEST_COMPLETION_PARAMS, 72);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Type, 4);
+AT(WDF_REQUEST_COMPLETION_PARAMS, IoStatus, 8);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters, 24);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Write.Length, 32);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Ioctl.Input, 32);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Ioctl.Output, 48);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Ioctl.Output.Length, 64);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Others.Argument4, 48);
+AT(WDF_REQUEST_COMPLETION_PARAMS, Parameters.Usb.Completion, 24);
+
+SIZE(WDF_REQUEST_PARAMETERS, 40);
+AT(WDF_REQUEST_PARAMETERS, MinorFunction, 2);
+AT(WDF_REQUEST_PARAMETERS, Type, 4);
+AT(WDF_REQUEST_PARAMETERS, Parameters, 8);
+AT(WDF_REQUEST_PARAMETERS, Parameters.Create.FileAttributes, 24);
+AT(WDF_REQUEST_PARAMETERS, Parameters.Create.ShareAccess, 26);
+AT(WDF_REQUEST_PARAMETERS, Parameters.Create.EaLength, 32);
+AT(WDF_REQUEST_PARAMETERS, Parameters.Read.DeviceOffset, 24);
+AT(WDF_REQUEST_PARAMETERS, Parameters.DeviceIoControl.InputBufferLength, 16);
+AT(WDF_REQUEST_PARAMETERS, Parameters.DeviceIoControl.IoControlCode, 24);
+AT(WDF_REQUEST_PARAMETERS, Parameters.DeviceIoControl.Type3InputBuffer, 32);
+AT(WDF_REQUEST_PARAMETERS, Parameters.Others.IoControlCode, 24);
+
+SIZE(WDF_MEMORY_DESCRIPTOR, 24);
+AT(WDF_MEMORY_DESCRIPTOR, u.BufferType.Length, 16);
+AT(WDF_MEMORY_DESCRIPTOR, u.MdlType.BufferLength, 16);
+AT(WDF_MEMORY_DESCRIPTOR, u.HandleType.Memory, 8);
+AT(WDF_MEMORY_DESCRIPTOR, u.HandleType.Offsets, 16);
+SIZE(WDFMEMORY_OFFSET, 16);
+AT(WDFMEMORY_OFFSET, BufferLength, 8);
+
+SIZE(WDF_WORKITEM_CONFIG, 24);
+AT(WDF_WORKITEM_CONFIG, EvtWorkItemFunc, 8);
+AT(WDF_WORKITEM_CONFIG, AutomaticSerialization, 16);
+
+SIZE(WDF_TIMER_CONFIG, 40);
+AT(WDF_TIMER_CONFIG, EvtTimerFunc, 8);
+AT(WDF_TIMER_CONFIG, Period, 16);
+AT(WDF_TIMER_CONFIG, AutomaticSerialization, 20);
+AT(WDF_TIMER_CONFIG, TolerableDelay, 24);
+AT(WDF_TIMER_CONFIG, UseHighResolutionTimer, 32);
+
+// USB records.
+SIZE(USB_DEVICE_DESCRIPTOR, 18);
+SIZE(USB_CONFIGURATION_DESCRIPTOR, 9);
+SIZE(USB_INTERFACE_DESCRIPTOR, 9);
+SIZE(USB_ENDPOINT_DESCRIPTOR, 7);
+
+SIZE(WDF_USB_REQUEST_COMPLETION_PARAMS, 32);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Type, 4);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters, 8);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters.DeviceString.LangID, 16);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters.DeviceString.RequiredSize, 19);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters.DeviceControlTransfer.SetupPacket, 16);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters.DeviceControlTransfer.Length, 24);
+AT(WDF_USB_REQUEST_COMPLETION_PARAMS, Parameters.PipeWrite.Offset, 24);
+
+SIZE(WDF_USB_DEVICE_INFORMATION, 20);
+AT(WDF_USB_DEVICE_INFORMATION, HcdPortCapabilities, 12);
+AT(WDF_USB_DEVICE_INFORMATION, Traits, 16);
+
+SIZE(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, 32);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Type, 4);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.Descriptor.InterfaceDescriptors, 16);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.Descriptor.NumInterfaceDescriptors, 24);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.SingleInterface.ConfiguredUsbInterface, 16);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.MultiInterface.NumberInterfaces, 8);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.MultiInterface.Pairs, 16);
+AT(WDF_USB_DEVICE_SELECT_CONFIG_PARAMS, Types.MultiInterface.NumberOfConfiguredInterfaces, 24);
+
+SIZE(WDF_USB_INTERFACE_SETTING_PAIR, 16);
+AT(WDF_USB_INTERFACE_SETTING_PAIR, SettingIndex, 8);
+
+SIZE(WDF_USB_PIPE_INFORMATION, 20);
+AT(WDF_USB_PIPE_INFORMATION, MaximumPacketSize, 4);
+AT(WDF_USB_PIPE_INFORMATION, EndpointAddress, 8);
+AT(WDF_USB_PIPE_INFORMATION, Interval, 9);
+AT(WDF_USB_PIPE_INFORMATION, SettingIndex, 10);
+AT(WDF_USB_PIPE_INFORMATION, PipeType, 12);
+AT(WDF_USB_PIPE_INFORMATION, MaximumTransferSize, 16);
+
+SIZE(WDF_USB_INTERFACE_SELECT_SETTING_PARAMS, 16);
+AT(WDF_USB_INTERFACE_SELECT_SETTING_PARAMS, Type, 4);
+AT(WDF_USB_INTERFACE_SELECT_SETTING_PARAMS, Types.Interface.SettingIndex, 8);
+
+SIZE(WDF_USB_CONTINUOUS_READER_CONFIG, 72);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, TransferLength, 8);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, HeaderLength, 16);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, TrailerLength, 24);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, NumPendingReads, 32);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, BufferAttributes, 40);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, EvtUsbTargetPipeReadComplete, 48);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, EvtUsbTargetPipeReadCompleteContext, 56);
+AT(WDF_USB_CONTINUOUS_READER_CONFIG, EvtUsbTargetPipeReadersFailed, 64);
+
+SIZE(WDF_USB_CONTROL_SETUP_PACKET, 8);
+static_assert(alignof(WDF_USB_CONTROL_SETUP_PACKET) == 2);
+AT(WDF_USB_CONTROL_SETUP_PACKET, Packet.bRequest, 1);
+AT(WDF_USB_CONTROL_SETUP_PACKET, Packet.wValue, 2);
+AT(WDF_USB_CONTROL_SETUP_PACKET, Packet.wIndex, 4);
+AT(WDF_USB_CONTROL_SETUP_PACKET, Packet.wLength, 6);
+
+using UrbHeader = _URB_HEADER;
+SIZE(UrbHeader, 24);
+AT(UrbHeader, Function, 2);
+AT(UrbHeader, Status, 4);
+AT(UrbHeader, UsbdDeviceHandle, 8);
+AT(UrbHeader, UsbdFlags, 16);
+
+using BulkUrb = _URB_BULK_OR_INTERRUPT_TRANSFER;
+SIZE(BulkUrb, 128);
+AT(BulkUrb, PipeHandle, 24);
+AT(BulkUrb, TransferFlags, 32);
+AT(BulkUrb, TransferBufferLength, 36);
+AT(BulkUrb, TransferBuffer, 40);
+AT(BulkUrb, TransferBufferMDL, 48);
+AT(BulkUrb, UrbLink, 56);
+AT(BulkUrb, hca, 64);
+
+using ControlUrb = _URB_CONTROL_TRANSFER;
+SIZE(ControlUrb, 136);
+AT(ControlUrb, SetupPacket, 128);
+using VendorUrb = _URB_CONTROL_VENDOR_OR_CLASS_REQUEST;
+SIZE(VendorUrb, 136);
+AT(VendorUrb, RequestTypeReservedBits, 128);
+AT(VendorUrb, Value, 130);
+AT(VendorUrb, Index, 132);
+using PipeUrb = _URB_PIPE_REQUEST;
+SIZE(PipeUrb, 40);
+AT(PipeUrb, PipeHandle, 24);
+
+SIZE(USBD_PIPE_INFORMATION, 24);
+AT(USBD_PIPE_INFORMATION, PipeType, 4);
+AT(USBD_PIPE_INFORMATION, PipeHandle, 8);
+AT(USBD_PIPE_INFORMATION, MaximumTransferSize, 16);
+SIZE(USBD_INTERFACE_INFORMATION, 48);
+AT(USBD_INTERFACE_INFORMATION, InterfaceHandle, 8);
+AT(USBD_INTERFACE_INFORMATION, NumberOfPipes, 16);
+AT(USBD_INTERFACE_INFORMATION, Pipes, 24);

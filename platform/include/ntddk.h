@@ -1,0 +1,4 @@
+// The kernel interface as a driver sees it.
+#pragma once
+
+#include <wdm.h>
