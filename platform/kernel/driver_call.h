@@ -1,16 +1,22 @@
-// The one way into the driver. Every callback, thread start, completion and command call of the client goes
-// through `callDriver`, which checks that the driver leaves the processor as it found it, and which a loader
-// of the Windows image replaces by its calling-convention bridge.
+// The boundary between the driver and everything else. Every callback, thread start, completion and command
+// call of the client goes into the driver through `callDriver`; every kernel and framework function that the
+// driver calls opens a `PlatformCall` first. Between the two lies the driver's own time, which the processor
+// time account of a task counts, and the driver's own memory accesses, which ThreadSanitizer judges.
+// A loader of the Windows image replaces `callDriver` by its calling-convention bridge.
 #pragma once
 
+#include "platform/kernel/scheduler.h"
+
 #include <cstdint>
+#include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 namespace kernel {
 
-// Notes level and locks on entry; on exit compares them, reports a driver that leaves with another level or
-// with a lock it took inside, and adds the processor time to the account of the current task.
+// Notes level and locks on entry; on exit compares them and reports a driver that leaves with another level
+// or with a lock it took inside. Entering the driver again from a platform call that the driver made is fine.
 class DriverCall {
   public:
     explicit DriverCall(const char* callback);
@@ -20,10 +26,9 @@ class DriverCall {
 
   private:
     const char* callback_;
-    const char* outer_;
     unsigned irql_;
     unsigned locks_;
-    std::uint64_t begin_;
+    bool entered_; // from outside the driver
 };
 
 template <typename Function, typename... Arguments>
@@ -31,5 +36,32 @@ auto callDriver(const char* callback, Function* function, Arguments... arguments
     DriverCall call(callback);
     return function(arguments...);
 }
+
+// The driver called out: into the platform, or into a client's callback. No effect on a task that is not in
+// the driver. Costs two reads of the time stamp counter.
+class PlatformCall {
+  public:
+    PlatformCall();
+    ~PlatformCall();
+    PlatformCall(const PlatformCall&) = delete;
+    PlatformCall& operator=(const PlatformCall&) = delete;
+
+  private:
+    bool left_;
+};
+
+// Processor time that each task, living or ended, spent inside the driver since the machine started.
+struct DriverTime {
+    std::string task;
+    TaskKind kind = TaskKind::Host;
+    std::uint64_t nanoseconds = 0;
+};
+std::vector<DriverTime> driverTimes();
+
+// The same for the current task alone.
+std::uint64_t driverTime();
+
+// The callback that the current task is in ("EvtDeviceD0Entry"), or an empty string.
+const char* currentCallback();
 
 } // namespace kernel

@@ -39,8 +39,9 @@ struct SchedulerOptions {
     std::uint64_t seed = 1;
     Strategy strategy = Strategy::Random;
     unsigned pctDepth = 3;
-    unsigned processors = 2;               // 1 to 4
-    std::uint64_t stepLimit = 200'000'000; // scheduling points before a run is reported as endless
+    unsigned processors = 2;                  // 1 to 4
+    std::uint64_t stepLimit = 200'000'000;    // scheduling points before a run is reported as endless
+    Time timeLimit = 4 * 3600 * usb::kSecond; // virtual time before a run is reported as endless; `sim` only
 };
 
 // Where a task can lose the processor.
@@ -149,9 +150,12 @@ class Scheduler {
     Scheduler(const Scheduler&) = delete;
     Scheduler& operator=(const Scheduler&) = delete;
 
-    // Turns the calling thread into the machine's host task for the duration of `body`. Rethrows what `body`
-    // throws; throws `verifier::Stopped` when a rule was broken, a deadlock was found or the step limit
-    // reached.
+    // Runs `body` as the machine's host task and returns when it has returned. Rethrows what `body` throws;
+    // throws `verifier::Stopped` when a rule was broken, a deadlock was found or the step limit reached.
+    //
+    // The host task is a thread of its own. A stopped run therefore unwinds nothing: every task, the host
+    // task included, stays where it was for the rest of the process, with what its stack holds, and none of
+    // them ever runs again. Tasks that still wait when `body` has returned are left in the same way.
     void run(const std::function<void()>& body);
 
     usb::Clock& clock();

@@ -54,7 +54,7 @@ struct Report {
     std::string text() const;
 };
 
-// Thrown out of the machine's run on the host task.
+// Thrown out of the machine's run, on the thread that called it.
 class Stopped : public std::runtime_error {
   public:
     explicit Stopped(Report what);
@@ -64,8 +64,8 @@ class Stopped : public std::runtime_error {
     Report report_;
 };
 
-// Records the report, stops every other task where it is, and ends the run: on the host task it throws
-// `Stopped`; on another task it never returns, and the host task throws.
+// Records the report, stops every task where it is, and ends the run: `Scheduler::run` throws `Stopped`. On a
+// task it never returns. Outside of any task it throws `Stopped` itself.
 [[noreturn]] void fail(Rule rule, std::string_view call, std::string object, std::string detail);
 
 // Fails with IrqlTooHigh when the current level is above `limit`.

@@ -1,0 +1,66 @@
+// The part of the registry that a driver sees: keys with values, names without regard to case.
+// Fault points are asked by the calls of the driver, not here: host code reads and writes without faults.
+#pragma once
+
+#include <ntddk.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kernel {
+
+struct RegistryValue {
+    ULONG type = REG_NONE; // REG_DWORD, REG_BINARY, REG_SZ
+    std::vector<std::uint8_t> data;
+
+    static RegistryValue dword(ULONG value);
+    static RegistryValue binary(std::vector<std::uint8_t> bytes);
+
+    // The number of a REG_DWORD of four bytes; nothing for anything else.
+    std::optional<ULONG> asDword() const;
+};
+
+// A key. Keys live as long as somebody holds them or the machine's registry does.
+class RegistryKey {
+  public:
+    // `path` is one name or several with backslashes between them.
+    static std::shared_ptr<RegistryKey> open(const std::shared_ptr<RegistryKey>& parent,
+                                             std::u16string_view path);
+    static std::shared_ptr<RegistryKey> create(const std::shared_ptr<RegistryKey>& parent,
+                                               std::u16string_view path, bool* created = nullptr);
+
+    std::optional<RegistryValue> value(std::u16string_view name) const;
+    void assign(std::u16string_view name, RegistryValue value);
+    bool remove(std::u16string_view name); // false when there is no such value
+    std::vector<std::u16string> valueNames() const;
+
+    RegistryKey();
+    ~RegistryKey();
+    RegistryKey(const RegistryKey&) = delete;
+    RegistryKey& operator=(const RegistryKey&) = delete;
+
+  private:
+    struct Content;
+    std::unique_ptr<Content> content_; // guarded by the kernel lock
+};
+
+// \Registry\Machine of the current machine; empty when a machine starts.
+std::shared_ptr<RegistryKey> registryRoot();
+
+// "\Registry\Machine\System\CurrentControlSet\Services\NAME", as DriverEntry receives it.
+std::u16string servicePath(std::u16string_view service);
+
+// The service's key and its Parameters subkey, created when they do not exist.
+std::shared_ptr<RegistryKey> serviceKey(std::u16string_view service);
+std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service);
+
+// The key of a full path such as `servicePath` gives; null when there is none.
+std::shared_ptr<RegistryKey> openRegistryPath(std::u16string_view path);
+
+void resetRegistry(); // called when a machine starts
+
+} // namespace kernel
