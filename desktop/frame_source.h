@@ -1,0 +1,40 @@
+// Where a desktop's frames come from: a picture, a test pattern, or a stream of raw frames.
+#pragma once
+
+#include "desktop/surface.h"
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace desktop {
+
+class FrameSource {
+  public:
+    virtual ~FrameSource() = default;
+
+    // The next frame; false when there is none. `frame` keeps its memory from call to call.
+    virtual bool next(Surface& frame) = 0;
+};
+
+// The same picture for ever.
+std::unique_ptr<FrameSource> stillSource(Surface picture);
+
+// A test pattern, for ever. `seed` chooses the picture of the patterns that are random.
+struct Pattern {
+    std::string_view name;
+    std::string_view description;
+    bool moves;
+};
+std::span<const Pattern> patterns();
+const Pattern* findPattern(std::string_view name); // null when there is none
+std::unique_ptr<FrameSource> patternSource(const Pattern& pattern, unsigned width, unsigned height,
+                                           std::uint64_t seed);
+
+// Raw BGRX frames without any header, as `ffmpeg -f rawvideo -pix_fmt bgr0` writes them; "-" reads standard
+// input. A stream that ends inside a frame is an `InputError`.
+std::unique_ptr<FrameSource> rawVideoSource(const std::string& file, unsigned width, unsigned height);
+
+} // namespace desktop

@@ -1,0 +1,13 @@
+// What a user gave us and we cannot use: one line that names the file or value and what is allowed.
+#pragma once
+
+#include <stdexcept>
+
+namespace desktop {
+
+class InputError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+} // namespace desktop
