@@ -1,0 +1,18 @@
+// What the HDMI transmitter is told at a mode set: InfoFrames, video path and audio.
+//
+// Each operation returns TRUE on success. They run under SerialMasterMutex, which HDMI_SetMode takes for the
+// whole programme; the single steps take it again. PASSIVE_LEVEL.
+#pragma once
+
+#include <ntddk.h>
+
+struct DEVICE_CONTEXT;
+
+// Programs the transmitter for the current mode. Stops at the first step that fails and leaves audio and
+// video muted then. The caller holds DisplayStateMutex.
+void HDMI_SetMode(DEVICE_CONTEXT* context);
+
+BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context);
+BOOLEAN HDMI_SetupVideo(DEVICE_CONTEXT* context);
+BOOLEAN HDMI_SetAudioInfoFrame(DEVICE_CONTEXT* context);
+BOOLEAN HDMI_SetupAudio(DEVICE_CONTEXT* context, ULONG sampleRate, ULONG channels);
