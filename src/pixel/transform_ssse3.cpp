@@ -1,0 +1,162 @@
+// The block conversions. A reduction to 8 or 16 bits per pixel is the same few steps for every format: spread
+// the pixels over 32-bit lanes, keep each channel's high bits, move the channels together by two
+// multiplications, shift, and pack the lanes.
+#include "pixel/transform.h"
+
+#include "driver/device_context.h"
+
+#include <tmmintrin.h>
+
+namespace {
+
+// Sixteen pixels, four to a vector, each in a 32-bit lane as blue, green, red and a byte of anything.
+struct PIXEL_BLOCK {
+    __m128i Quad[4];
+};
+
+// How a 32-bit lane becomes a narrow pixel: the channel bits kept, the factors that first join blue with
+// green and then both with red, and the shift that brings the pixel from its place in the product to bit 16.
+struct REDUCTION {
+    ULONG ChannelMask;
+    ULONG ByteFactors;
+    ULONG WordFactors;
+    int ShiftToHighHalf;
+};
+
+// Blue stays at bits 7..3. Green, at bits 7..2 or 7..3, moves up until it stands above blue; red likewise.
+constexpr REDUCTION REDUCE_TO_RGB565 = {0x00F8FCF8, 0x00404001, 0x00200001, 13};
+constexpr REDUCTION REDUCE_TO_RGB555 = {0x00F8F8F8, 0x00202001, 0x00200001, 13};
+// Blue at bits 7..5, green eight times that, red's two bits above both.
+constexpr REDUCTION REDUCE_TO_RGB8 = {0x00C0E0E0, 0x00200801, 0x00010001, 11};
+
+TARGET_SSSE3 inline __m128i Load(const UCHAR* address) {
+    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(address));
+}
+
+struct BGRX32_SOURCE {
+    static constexpr SIZE_T BlockBytes = 64;
+    TARGET_SSSE3 static inline PIXEL_BLOCK LoadBlock(const UCHAR* source) {
+        return {{Load(source), Load(source + 16), Load(source + 32), Load(source + 48)}};
+    }
+};
+
+struct BGR24_SOURCE {
+    static constexpr SIZE_T BlockBytes = 48;
+    TARGET_SSSE3 static inline PIXEL_BLOCK LoadBlock(const UCHAR* source) {
+        const __m128i spread = _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1);
+        const __m128i first = Load(source);
+        const __m128i second = Load(source + 16);
+        const __m128i third = Load(source + 32);
+        return {{_mm_shuffle_epi8(first, spread),
+                 _mm_shuffle_epi8(_mm_alignr_epi8(second, first, 12), spread),
+                 _mm_shuffle_epi8(_mm_alignr_epi8(third, second, 8), spread),
+                 _mm_shuffle_epi8(_mm_srli_si128(third, 4), spread)}};
+    }
+};
+
+// The narrow pixel ends in each lane as a sign-extended 16-bit value, which the saturating signed pack leaves
+// as it is; the unsigned pack would need SSE4.1.
+template <const REDUCTION& Rule>
+TARGET_SSSE3 inline __m128i ReduceQuad(__m128i quad) {
+    const __m128i channels = _mm_and_si128(quad, _mm_set1_epi32(Rule.ChannelMask));
+    const __m128i joined = _mm_madd_epi16(_mm_maddubs_epi16(channels, _mm_set1_epi32(Rule.ByteFactors)),
+                                          _mm_set1_epi32(Rule.WordFactors));
+    return _mm_srai_epi32(_mm_slli_epi32(joined, Rule.ShiftToHighHalf), 16);
+}
+
+template <const REDUCTION& Rule>
+TARGET_SSSE3 inline __m128i ReduceOctet(__m128i low, __m128i high) {
+    return _mm_packs_epi32(ReduceQuad<Rule>(low), ReduceQuad<Rule>(high));
+}
+
+// Plain stores: the compressor reads the converted frame again at once.
+template <typename Source, const REDUCTION& Rule>
+TARGET_SSSE3 void ConvertTo16(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
+    for (SIZE_T done = 0; done < pixelCount; done += PIXELS_PER_BLOCK) {
+        const PIXEL_BLOCK block = Source::LoadBlock(source);
+        __m128i* out = reinterpret_cast<__m128i*>(destination);
+        _mm_store_si128(out, ReduceOctet<Rule>(block.Quad[0], block.Quad[1]));
+        _mm_store_si128(out + 1, ReduceOctet<Rule>(block.Quad[2], block.Quad[3]));
+        source += Source::BlockBytes;
+        destination += PIXELS_PER_BLOCK * 2;
+    }
+}
+
+template <typename Source>
+TARGET_SSSE3 void ConvertTo8(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
+    for (SIZE_T done = 0; done < pixelCount; done += PIXELS_PER_BLOCK) {
+        const PIXEL_BLOCK block = Source::LoadBlock(source);
+        const __m128i low = ReduceOctet<REDUCE_TO_RGB8>(block.Quad[0], block.Quad[1]);
+        const __m128i high = ReduceOctet<REDUCE_TO_RGB8>(block.Quad[2], block.Quad[3]);
+        _mm_store_si128(reinterpret_cast<__m128i*>(destination), _mm_packus_epi16(low, high));
+        source += Source::BlockBytes;
+        destination += PIXELS_PER_BLOCK;
+    }
+}
+
+} // namespace
+
+void PIXEL_Bgr24ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    ConvertTo8<BGR24_SOURCE>(destination, source, pixelCount);
+}
+
+void PIXEL_Bgr24ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
+    if (rgb555 == 1) {
+        PIXEL_Bgr24ToRgb555Blocks(destination, source, pixelCount);
+    } else {
+        ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
+    }
+}
+
+void PIXEL_Bgr24ToRgb555Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
+}
+
+void PIXEL_Bgrx32ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    ConvertTo8<BGRX32_SOURCE>(destination, source, pixelCount);
+}
+
+void PIXEL_Bgrx32ToRgb16Blocks(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source,
+                               ULONG pixelCount) {
+    if (context->Display.Mode.Rgb555Enable == 1) {
+        PIXEL_Bgrx32ToRgb555Blocks(destination, source, pixelCount);
+    } else {
+        PIXEL_Bgrx32ToRgb565Blocks(destination, source, pixelCount);
+    }
+}
+
+void PIXEL_Bgrx32ToRgb555Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
+}
+
+void PIXEL_Bgrx32ToRgb565Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
+}
+
+// The converted frame is next read by the USB controller, not by the processor: non-temporal stores keep it
+// out of the caches and save reading the lines that are overwritten whole. The fence orders them before
+// whatever hands the buffer over. Each quad is compacted so that its parts already stand where the three
+// output vectors need them.
+TARGET_SSSE3 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
+    NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
+    const __m128i toHigh12 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14);
+    const __m128i toLow4High8 = _mm_setr_epi8(0, 1, 2, 4, -1, -1, -1, -1, 5, 6, 8, 9, 10, 12, 13, 14);
+    const __m128i toLow8High4 = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, -1, -1, -1, -1, 10, 12, 13, 14);
+    const __m128i toLow12 = _mm_setr_epi8(0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14, -1, -1, -1, -1);
+    for (SIZE_T done = 0; done < pixelCount; done += PIXELS_PER_BLOCK) {
+        const PIXEL_BLOCK block = BGRX32_SOURCE::LoadBlock(source);
+        const __m128i first = _mm_shuffle_epi8(block.Quad[0], toHigh12);
+        const __m128i second = _mm_shuffle_epi8(block.Quad[1], toLow4High8);
+        const __m128i third = _mm_shuffle_epi8(block.Quad[2], toLow8High4);
+        const __m128i fourth = _mm_shuffle_epi8(block.Quad[3], toLow12);
+        __m128i* out = reinterpret_cast<__m128i*>(destination);
+        _mm_stream_si128(out, _mm_alignr_epi8(second, first, 4));
+        _mm_stream_si128(out + 1, _mm_alignr_epi8(third, second, 8));
+        _mm_stream_si128(out + 2, _mm_alignr_epi8(fourth, third, 12));
+        source += BGRX32_SOURCE::BlockBytes;
+        destination += PIXELS_PER_BLOCK * 3;
+    }
+    _mm_sfence();
+}
