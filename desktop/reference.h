@@ -25,10 +25,10 @@ class DesktopReference {
     void present(const Surface& frame);
 
     // Nothing presented is left: the client has closed the driver or its adapter is gone.
-    void forgetFrames() { presented_.reset(); }
+    void forgetFrames();
 
     // Nothing before the first present.
-    std::optional<Surface> picture() const;
+    const std::optional<Surface>& picture() const { return drawn_; }
 
   private:
     void drawPointer(Surface& frame) const;
@@ -68,10 +68,11 @@ enum class Encoding : std::uint8_t {
 unsigned levelCount(Encoding encoding);
 
 // The frame memory of the adapter after `picture` has come through: bytes without padding between rows.
+// `leadIn` is the number of pixels that a tolerant stream begins with unmerged, as old adapters want it.
 std::vector<std::uint8_t> expectedFrame(const Surface& picture, WireFormat format, Encoding encoding,
-                                        unsigned level = 0);
+                                        unsigned level = 0, std::size_t leadIn = 0);
 
-// The first difference between two frames of one size, and how many pixels differ.
+// The first difference between two frames, and how many pixels differ; pixels that only one of them has do.
 struct Difference {
     unsigned x = 0;
     unsigned y = 0;

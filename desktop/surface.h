@@ -14,7 +14,7 @@ static_assert(std::endian::native == std::endian::little, "pixels are read as li
 // 0xXXRRGGBB: in memory blue, green, red and a byte without meaning (BGRX32).
 using Pixel = std::uint32_t;
 
-constexpr unsigned kMaxSurfaceSide = 16384;
+constexpr unsigned kMaxSurfaceSide = 8192;
 
 struct Surface {
     unsigned width = 0;

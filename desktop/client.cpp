@@ -1,0 +1,395 @@
+#include "desktop/client.h"
+
+#include "platform/kernel/driver_call.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace desktop {
+
+namespace {
+
+constexpr unsigned kBytesPerPixel = 4;
+
+std::uint64_t threadCpuTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000u +
+           static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+// What a present hands to its own fill request, by way of the driver.
+struct FillJob {
+    const Surface* frame;
+    std::uint64_t identifier;
+};
+
+template <typename Record>
+std::span<std::uint8_t> bytesOf(Record& record) {
+    return {reinterpret_cast<std::uint8_t*>(&record), sizeof record};
+}
+
+} // namespace
+
+// Entry points may be used only between the exchange and the release, and both the host's `close` and the
+// departure notification may end that span while commands run. Every command therefore counts itself in;
+// whoever finds the last one gone after the end was asked for hands the interface back.
+struct Client::State {
+    enum class Phase : std::uint8_t { Closed, Opening, Open, Closing };
+
+    platform::Machine& machine;
+    const ClientOptions options;
+
+    // Guarded by `lock`, which is held for a few instructions and never across a call to machine or driver.
+    mutable std::mutex lock;
+    std::u16string link; // empty while the interface is not there
+    Phase phase = Phase::Closed;
+    unsigned commands = 0; // under way
+    std::shared_ptr<platform::InterfaceHandle> handle;
+    INTERFACE_RECORD driver{};
+    bool detached = false; // the client object is gone
+    ULONG frameKey = 0;    // of the last present; 0 belongs to frame buffers never presented
+
+    std::atomic<std::uint64_t> fillNanoseconds{0};
+    std::atomic<std::uint64_t> framesFilled{0};
+
+    State(platform::Machine& owner, const ClientOptions& clientOptions)
+        : machine(owner), options(clientOptions) {}
+
+    void interfaceChanged(const platform::InterfaceChange& change);
+    bool waitFor(const char* what, usb::Time deadline, const std::function<bool()>& done) const;
+    bool arrived() const;
+
+    NTSTATUS exchange(platform::InterfaceHandle& opened, INTERFACE_RECORD& answer);
+    NTSTATUS open();
+    bool askToClose();
+    void handBack();
+
+    bool beginCommand(INTERFACE_RECORD& record);
+    void endCommand();
+
+    NTSTATUS fill(const FRAME_FILL_REQUEST& request);
+    static NTSTATUS commandEntry(VOID* context, ULONG code, VOID* input, ULONGLONG inputLength, VOID* output,
+                                 ULONGLONG outputLength, ULONG* bytesReturned);
+    static VOID releaseEntry(VOID*) {}
+};
+
+void Client::State::interfaceChanged(const platform::InterfaceChange& change) {
+    bool release = false;
+    {
+        const std::lock_guard guard(lock);
+        if (detached) {
+            return;
+        }
+        if (change.arrived) {
+            link = change.link;
+        } else if (change.link == link) {
+            link.clear();
+            release = options.releaseOnDeparture;
+        }
+    }
+    if (release && askToClose()) {
+        handBack();
+    }
+    kernel::wakeChannel(this);
+}
+
+bool Client::State::waitFor(const char* what, usb::Time deadline, const std::function<bool()>& done) const {
+    return kernel::waitUntil(this, {.call = what, .object = this}, deadline, done);
+}
+
+bool Client::State::arrived() const {
+    const std::lock_guard guard(lock);
+    return !link.empty();
+}
+
+NTSTATUS Client::State::exchange(platform::InterfaceHandle& opened, INTERFACE_RECORD& answer) {
+    INTERFACE_RECORD mine{};
+    mine.Version = 1;
+    mine.Size = sizeof mine;
+    mine.Context = this;
+    mine.CommandEntry = commandEntry;
+    mine.ReleaseEntry = releaseEntry;
+    ULONG_PTR information = 0;
+    const NTSTATUS status = machine.internalControl(opened, IOCTL_EXCHANGE_INTERFACE, bytesOf(mine),
+                                                    bytesOf(answer), information);
+    if (NT_SUCCESS(status) && (information != sizeof answer || answer.Version != 1 ||
+                               answer.Size != sizeof answer || answer.CommandEntry == nullptr)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    return status;
+}
+
+NTSTATUS Client::State::open() {
+    std::u16string target;
+    {
+        const std::lock_guard guard(lock);
+        if (phase != Phase::Closed) {
+            return STATUS_INVALID_DEVICE_STATE;
+        }
+        if (link.empty()) {
+            return STATUS_NO_SUCH_DEVICE;
+        }
+        phase = Phase::Opening;
+        target = link;
+    }
+    std::shared_ptr<platform::InterfaceHandle> opened;
+    INTERFACE_RECORD answer{};
+    NTSTATUS status = machine.open(target, opened);
+    if (NT_SUCCESS(status)) {
+        status = exchange(*opened, answer);
+        if (!NT_SUCCESS(status)) {
+            machine.close(opened);
+        }
+    }
+    bool departed = false;
+    {
+        const std::lock_guard guard(lock);
+        phase = NT_SUCCESS(status) ? Phase::Open : Phase::Closed;
+        if (NT_SUCCESS(status)) {
+            handle = opened;
+            driver = answer;
+            departed = link.empty() && options.releaseOnDeparture;
+        }
+    }
+    // The interface may have gone while it was being opened; its departure found nothing to release then.
+    if (departed && askToClose()) {
+        handBack();
+    }
+    return status;
+}
+
+// True when the caller is to hand the interface back now; otherwise the last command does, or nobody holds
+// it.
+bool Client::State::askToClose() {
+    const std::lock_guard guard(lock);
+    if (phase != Phase::Open) {
+        return false;
+    }
+    phase = Phase::Closing;
+    return commands == 0;
+}
+
+void Client::State::handBack() {
+    INTERFACE_RECORD record{};
+    std::shared_ptr<platform::InterfaceHandle> opened;
+    {
+        const std::lock_guard guard(lock);
+        record = driver;
+        driver = {};
+        opened.swap(handle);
+    }
+    kernel::callDriver("ReleaseEntry", record.ReleaseEntry, record.Context);
+    machine.close(opened);
+    {
+        const std::lock_guard guard(lock);
+        phase = Phase::Closed;
+    }
+    kernel::wakeChannel(this);
+}
+
+bool Client::State::beginCommand(INTERFACE_RECORD& record) {
+    const std::lock_guard guard(lock);
+    if (phase != Phase::Open) {
+        return false;
+    }
+    commands++;
+    record = driver;
+    return true;
+}
+
+void Client::State::endCommand() {
+    bool last = false;
+    {
+        const std::lock_guard guard(lock);
+        commands--;
+        last = commands == 0 && phase == Phase::Closing;
+    }
+    if (last) {
+        handBack();
+    }
+}
+
+// The frame buffer has the frame's width, without padding, because this client creates it so.
+NTSTATUS Client::State::fill(const FRAME_FILL_REQUEST& request) {
+    const FillJob* job = reinterpret_cast<const FillJob*>(request.ClientValue);
+    if (job == nullptr || job->identifier != request.Identifier || request.PixelBuffer == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    const std::uint64_t begin = threadCpuTime();
+    const std::size_t frameBytes = job->frame->pixels.size() * kBytesPerPixel;
+    std::memcpy(request.PixelBuffer, job->frame->pixels.data(),
+                std::min<std::size_t>(frameBytes, request.ByteSize));
+    fillNanoseconds += threadCpuTime() - begin;
+    framesFilled++;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Client::State::commandEntry(VOID* context, ULONG code, VOID* input, ULONGLONG inputLength, VOID*,
+                                     ULONGLONG, ULONG* bytesReturned) {
+    *bytesReturned = 0;
+    if (code != CLIENT_CMD_FILL_FRAME_BUFFER) {
+        return STATUS_NOT_SUPPORTED;
+    }
+    if (inputLength < sizeof(FRAME_FILL_REQUEST)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    return static_cast<State*>(context)->fill(*static_cast<const FRAME_FILL_REQUEST*>(input));
+}
+
+Client::Client(platform::Machine& machine, const ClientOptions& options)
+    : state_(std::make_shared<State>(machine, options)) {
+    machine.onInterfaceChange(GUID_DEVINTERFACE_DISPLAY_ADAPTER,
+                              [state = std::weak_ptr(state_)](const platform::InterfaceChange& change) {
+                                  if (const std::shared_ptr<State> client = state.lock()) {
+                                      client->interfaceChanged(change);
+                                  }
+                              });
+    const std::vector<std::u16string> present = machine.interfaces(GUID_DEVINTERFACE_DISPLAY_ADAPTER);
+    const std::lock_guard guard(state_->lock);
+    if (!present.empty() && state_->link.empty()) {
+        state_->link = present.front();
+    }
+}
+
+Client::~Client() {
+    const std::lock_guard guard(state_->lock);
+    state_->detached = true;
+}
+
+bool Client::interfaceArrived() const {
+    return state_->arrived();
+}
+
+bool Client::waitForArrival(usb::Time timeout) {
+    return state_->waitFor("Client::waitForArrival", kernel::now() + timeout,
+                           [this] { return state_->arrived(); });
+}
+
+bool Client::waitForDeparture(usb::Time timeout) {
+    return state_->waitFor("Client::waitForDeparture", kernel::now() + timeout,
+                           [this] { return !state_->arrived(); });
+}
+
+NTSTATUS Client::open() {
+    return state_->open();
+}
+
+void Client::close() {
+    if (state_->askToClose()) {
+        state_->handBack();
+        return;
+    }
+    state_->waitFor("Client::close", kernel::kForever, [this] {
+        const std::lock_guard guard(state_->lock);
+        return state_->phase != State::Phase::Closing;
+    });
+}
+
+bool Client::isOpen() const {
+    const std::lock_guard guard(state_->lock);
+    return state_->phase == State::Phase::Open;
+}
+
+INTERFACE_RECORD Client::driverRecord() const {
+    const std::lock_guard guard(state_->lock);
+    return state_->driver;
+}
+
+NTSTATUS Client::queryEdid(std::span<std::uint8_t, EDID_BLOCK_SIZE> edid) {
+    std::ranges::fill(edid, std::uint8_t{0});
+    return command(CMD_QUERY_EDID, {}, edid);
+}
+
+NTSTATUS Client::createFrameBuffer(std::uint64_t identifier, unsigned width, unsigned height) {
+    FRAME_BUFFER_REQUEST request{};
+    request.Identifier = identifier;
+    request.ByteSize = std::uint64_t{width} * height * kBytesPerPixel;
+    request.Width = width;
+    request.Height = height;
+    request.Pitch = width * kBytesPerPixel;
+    return command(CMD_CREATE_FRAME_BUFFER, bytesOf(request), {});
+}
+
+NTSTATUS Client::destroyFrameBuffer(std::uint64_t identifier) {
+    FRAME_BUFFER_REQUEST request{};
+    request.Identifier = identifier;
+    return command(CMD_DESTROY_FRAME_BUFFER, bytesOf(request), {});
+}
+
+NTSTATUS Client::present(std::uint64_t identifier, const Surface& frame) {
+    const FillJob job = {&frame, identifier};
+    PRESENT_REQUEST request{};
+    request.Identifier = identifier;
+    request.ClientValue = reinterpret_cast<ULONGLONG>(&job);
+    request.ByteSize = frame.pixels.size() * kBytesPerPixel;
+    request.Width = frame.width;
+    request.Height = frame.height;
+    request.Pitch = frame.width * kBytesPerPixel;
+    {
+        const std::lock_guard guard(state_->lock);
+        state_->frameKey += state_->frameKey == MAXULONG ? 2 : 1;
+        request.FrameKey = state_->frameKey;
+    }
+    return command(CMD_PRESENT_FRAME, bytesOf(request), {});
+}
+
+NTSTATUS Client::setPointer(const PointerImage& image) {
+    POINTER_SHAPE shape{};
+    shape.Type = image.type;
+    shape.Width = image.width;
+    shape.Height = image.height;
+    shape.Pitch = image.pitch;
+    shape.Bits = image.bits.data();
+    POINTER_REQUEST request = {.Position = nullptr, .Shape = &shape};
+    return command(CMD_SET_POINTER, bytesOf(request), {});
+}
+
+NTSTATUS Client::movePointer(int x, int y, bool visible) {
+    POINTER_POSITION position{};
+    position.X = static_cast<ULONG>(x);
+    position.Y = static_cast<ULONG>(y);
+    position.Flags = visible ? 1 : 0;
+    POINTER_REQUEST request = {.Position = &position, .Shape = nullptr};
+    return command(CMD_SET_POINTER, bytesOf(request), {});
+}
+
+NTSTATUS Client::setRotation(DISPLAY_ROTATION rotation) {
+    ROTATION_REQUEST request{};
+    request.Rotation = rotation;
+    return command(CMD_SET_ROTATION, bytesOf(request), {});
+}
+
+NTSTATUS Client::setDisplayPower(bool on) {
+    DISPLAY_POWER_REQUEST request{};
+    request.On = on ? 1 : 0;
+    return command(CMD_SET_DISPLAY_POWER, bytesOf(request), {});
+}
+
+NTSTATUS Client::command(ULONG code, std::span<std::uint8_t> input, std::span<std::uint8_t> output) {
+    INTERFACE_RECORD record{};
+    if (!state_->beginCommand(record)) {
+        return STATUS_DEVICE_REMOVED;
+    }
+    ULONG bytesReturned = 0;
+    const NTSTATUS status = kernel::callDriver(
+        "CommandEntry", record.CommandEntry, record.Context, code, static_cast<VOID*>(input.data()),
+        ULONGLONG{input.size()}, static_cast<VOID*>(output.data()), ULONGLONG{output.size()}, &bytesReturned);
+    state_->endCommand();
+    return status;
+}
+
+std::uint64_t Client::fillNanoseconds() const {
+    return state_->fillNanoseconds;
+}
+
+std::uint64_t Client::framesFilled() const {
+    return state_->framesFilled;
+}
+
+} // namespace desktop
