@@ -19,29 +19,34 @@ struct CLIENT_CONTEXT {
     INTERFACE_RECORD ClientInterface;
     LONG ClientCount; // interlocked; 0 or 1 outside an exchange
 
-    // Guarded by FrameBufferListLock, with the reference counts and keys of what it holds.
+    // Guarded by FrameBufferListLock, with the links, reference counts and keys of what the list holds.
     DEVICE_SPIN_LOCK FrameBufferListLock;
-    LIST_ENTRY FrameBufferList;
-    VOID* PendingFrameBuffer; // pixel buffer of the newest frame
-    ULONGLONG PendingFrameSize;
-    ULONG CurrentFrameKey; // key of the last present
+    LIST_ENTRY FrameBufferList TSA_GUARDED_BY(FrameBufferListLock);
+    VOID* PendingFrameBuffer TSA_GUARDED_BY(FrameBufferListLock); // pixel buffer of the newest frame, while
+                                                                  // it exists
+    ULONGLONG PendingFrameSize TSA_GUARDED_BY(FrameBufferListLock);
+    ULONG CurrentFrameKey TSA_GUARDED_BY(FrameBufferListLock); // key of the last present
 
-    // Last words of the client, written by its commands and read across threads (shared fields).
+    // Last words of the client, written by its commands and read across threads (shared fields). DisplayOn is
+    // written under DisplayPowerMutex only.
     ULONG Rotation;
-    BOOLEAN DisplayOn;
+    UCHAR DisplayOn;
     ULONG DesktopWidth; // of the last CMD_CREATE_FRAME_BUFFER
     ULONG DesktopHeight;
 
-    // The pointer. CursorMutex serialises pointer updates and guards all of this against a compose on another
-    // thread; a fast mutex would do, but the driver has one kind. PASSIVE_LEVEL; taken before a frame
-    // buffer's lock.
-    DEVICE_MUTEX CursorMutex;
-    ULONG LastPointerX;
-    ULONG LastPointerY;
-    BOOLEAN LastPointerVisible;
-    LONG CursorX; // after rotation
-    LONG CursorY;
-    BOOLEAN CursorVisible;
-    CURSOR_IMAGE PointerShape; // in the client's orientation
-    CURSOR_IMAGE RotatedShape;
+    // Held while the display is switched on or off, so that two commands at once leave the state of the later
+    // one. D0 exit takes it to let a switch under way finish before power goes. PASSIVE_LEVEL.
+    DEVICE_MUTEX DisplayPowerMutex;
+
+    // Serialises hand-offs of frames to the frame update thread, so that the newest frame is the one handed
+    // over last, and guards the pointer that is drawn into them. PASSIVE_LEVEL.
+    DEVICE_MUTEX SubmitMutex;
+    ULONG LastPointerX TSA_GUARDED_BY(SubmitMutex); // as the client gave them
+    ULONG LastPointerY TSA_GUARDED_BY(SubmitMutex);
+    BOOLEAN LastPointerVisible TSA_GUARDED_BY(SubmitMutex);
+    LONG CursorX TSA_GUARDED_BY(SubmitMutex); // after rotation
+    LONG CursorY TSA_GUARDED_BY(SubmitMutex);
+    BOOLEAN CursorVisible TSA_GUARDED_BY(SubmitMutex);
+    CURSOR_IMAGE PointerShape TSA_GUARDED_BY(SubmitMutex); // in the client's orientation
+    CURSOR_IMAGE RotatedShape TSA_GUARDED_BY(SubmitMutex);
 };

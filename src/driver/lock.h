@@ -2,14 +2,16 @@
 //
 // Order, outermost first; a task takes a lock only while it holds none that stands below it:
 //
-//   MonitorMutex -> RenderStartStopMutex -> DisplayStateMutex -> DropFrameCheckMutex -> SerialMasterMutex
-//   -> RegisterMutex;  RenderBufferIndexMutex is taken alone.
-//   PendingListLock -> AvailableListLock;  PendingListLock -> SendQueueLock, SentRequestsLock (never both).
-//   FrameBufferListLock, a frame buffer's own lock and CompressionLevelLock are taken alone.
+//   DisplayPowerMutex -> MonitorMutex -> RenderStartStopMutex -> DisplayStateMutex -> DropFrameCheckMutex
+//   -> SerialMasterMutex -> RegisterMutex;  RenderBufferIndexMutex is taken alone.
+//   SubmitMutex -> FrameBufferListLock. The pixels of a frame buffer (client/frame_buffer.h) come before
+//   both. PendingListLock -> AvailableListLock;  PendingListLock -> SendQueueLock, SentRequestsLock (never
+//   both). CompressionLevelLock is taken alone.
 //
-// Monitor handling is outermost because a detach stops the pipeline while it holds MonitorMutex, and stopping
-// the pipeline ends with a change of the display state. Whoever needs DisplayStateMutex for the whole of a
-// stop takes RenderStartStopMutex first; kernel mutexes may be taken again by their owner.
+// Monitor handling stands outside the pipeline because a detach stops the pipeline while it holds
+// MonitorMutex, and stopping the pipeline ends with a change of the display state. Whoever needs
+// DisplayStateMutex for the whole of a stop takes RenderStartStopMutex first; kernel mutexes may be taken
+// again by their owner.
 #pragma once
 
 #include "driver/annotations.h"
