@@ -137,6 +137,11 @@ constexpr auto kPatterns = [] {
     return list;
 }();
 
+const DrawnPattern& drawnPattern(const Pattern& pattern) {
+    return *std::ranges::find(kDrawn, pattern.name,
+                              [](const DrawnPattern& entry) { return entry.pattern.name; });
+}
+
 class StillSource final : public FrameSource {
   public:
     explicit StillSource(Surface picture) : picture_(std::move(picture)) {}
@@ -232,11 +237,16 @@ const Pattern* findPattern(std::string_view name) {
     return found == kPatterns.end() ? nullptr : &*found;
 }
 
+Surface drawPattern(const Pattern& pattern, unsigned width, unsigned height, std::uint64_t frame,
+                    std::uint64_t seed) {
+    Surface picture(width, height);
+    drawnPattern(pattern).draw(picture, {frame, seed});
+    return picture;
+}
+
 std::unique_ptr<FrameSource> patternSource(const Pattern& pattern, unsigned width, unsigned height,
                                            std::uint64_t seed) {
-    const DrawnPattern& drawn = *std::ranges::find(
-        kDrawn, pattern.name, [](const DrawnPattern& entry) { return entry.pattern.name; });
-    return std::make_unique<PatternSource>(drawn, width, height, seed);
+    return std::make_unique<PatternSource>(drawnPattern(pattern), width, height, seed);
 }
 
 std::unique_ptr<FrameSource> rawVideoSource(const std::string& file, unsigned width, unsigned height) {

@@ -30,6 +30,8 @@ struct Pattern {
 };
 std::span<const Pattern> patterns();
 const Pattern* findPattern(std::string_view name); // null when there is none
+Surface drawPattern(const Pattern& pattern, unsigned width, unsigned height, std::uint64_t frame,
+                    std::uint64_t seed);
 std::unique_ptr<FrameSource> patternSource(const Pattern& pattern, unsigned width, unsigned height,
                                            std::uint64_t seed);
 

@@ -1,0 +1,52 @@
+// What a command prints: a short table for people, one JSON object for machines.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tool {
+
+using Json = nlohmann::ordered_json;
+
+class Report {
+  public:
+    // `key` and `value` go to the JSON object, `label` and `text` to the table. A row with an empty label is
+    // for machines only.
+    void add(std::string key, Json value, std::string label = {}, std::string text = {});
+
+    std::string table() const;
+    const Json& json() const { return json_; }
+
+    // To standard output.
+    void print(bool asJson) const;
+
+  private:
+    std::vector<std::pair<std::string, std::string>> rows_;
+    Json json_ = Json::object();
+};
+
+// Rows of columns, each as wide as its widest cell; the first row is the heading. Columns whose heading
+// starts with '>' are set to the right.
+std::string formatColumns(std::vector<std::vector<std::string>> rows);
+
+// One line on standard error that is written over again and again, when it is a terminal.
+class Progress {
+  public:
+    explicit Progress(bool wanted);
+    ~Progress();
+    Progress(const Progress&) = delete;
+    Progress& operator=(const Progress&) = delete;
+
+    void show(const std::string& line);
+    void clear();
+
+  private:
+    bool enabled_;
+    bool shown_ = false;
+    std::int64_t lastMs_ = 0;
+};
+
+} // namespace tool
