@@ -1,0 +1,49 @@
+// Notices that the link does not carry the frames as fast as the screen needs them.
+#pragma once
+
+#include <cstdint>
+
+#include "platform/usb/clock.h"
+
+namespace model {
+
+// Rule: over `kFrames` consecutive frames of one stream, the frames took on average more than `kTolerance`
+// refresh periods each. The stream is one as long as no more than `kPause` passes between two frames: a host
+// that stops sending is not starved by its link. After a verdict the count starts afresh, so a starved stream
+// is reported once in `kFrames` frames.
+class StreamPace {
+  public:
+    static constexpr unsigned kFrames = 8;
+    static constexpr double kTolerance = 1.25;
+    static constexpr usb::Time kPause = usb::kSecond;
+
+    void reset() {
+        frames_ = 0;
+        last_ = -1;
+    }
+
+    // A frame is complete. Whether the stream has now proved too slow for `refresh` (Hz).
+    bool isTooSlow(usb::Time now, double refresh) {
+        if (last_ < 0 || now - last_ > kPause) {
+            begin_ = now;
+            frames_ = 0;
+        } else {
+            ++frames_;
+        }
+        last_ = now;
+        if (frames_ < kFrames)
+            return false;
+        const double allowed = kFrames * kTolerance * usb::kSecond / refresh;
+        const bool slow = static_cast<double>(now - begin_) > allowed;
+        begin_ = now;
+        frames_ = 0;
+        return slow;
+    }
+
+  private:
+    unsigned frames_ = 0; // since begin_
+    usb::Time begin_ = 0;
+    usb::Time last_ = -1;
+};
+
+} // namespace model
