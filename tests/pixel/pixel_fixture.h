@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <new>
 #include <random>
@@ -45,8 +46,41 @@ inline Bytes noise(size_t size, unsigned seed) {
     return bytes;
 }
 
+// A device context whose group encoder tables lie where the render pipeline puts them.
 inline std::unique_ptr<DEVICE_CONTEXT> makeContext() {
-    return std::make_unique<DEVICE_CONTEXT>();
+    auto context = std::make_unique<DEVICE_CONTEXT>();
+    const auto align = [](unsigned char* area) {
+        return reinterpret_cast<unsigned char*>((reinterpret_cast<uintptr_t>(area) + 31) & ~uintptr_t{31});
+    };
+    PIXEL_CONTEXT& pixel = context->Pixel;
+    pixel.Tables.PackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
+    pixel.Tables.CountShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea1));
+    pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
+    pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
+    return context;
+}
+
+inline Bytes words(std::initializer_list<unsigned> values) {
+    Bytes bytes;
+    for (const unsigned value : values) {
+        bytes.push_back(static_cast<unsigned char>(value));
+        bytes.push_back(static_cast<unsigned char>(value >> 8));
+    }
+    return bytes;
+}
+
+// `count` pixels of `bytesPerPixel` bytes, each the low bytes of `value`.
+inline Bytes run(size_t count, unsigned value, size_t bytesPerPixel) {
+    Bytes bytes;
+    for (size_t at = 0; at < count * bytesPerPixel; at++) {
+        bytes.push_back(static_cast<unsigned char>(value >> (8 * (at % bytesPerPixel))));
+    }
+    return bytes;
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
 }
 
 } // namespace test
