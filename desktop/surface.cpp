@@ -5,6 +5,9 @@
 namespace desktop {
 
 Surface scale(const Surface& source, unsigned width, unsigned height) {
+    if (source.width == width && source.height == height) {
+        return source;
+    }
     Surface result(width, height);
     for (unsigned y = 0; y < height; y++) {
         const std::span<const Pixel> from =

@@ -17,6 +17,9 @@ class Report {
     // for machines only.
     void add(std::string key, Json value, std::string label = {}, std::string text = {});
 
+    // A line of the table that belongs to the row above.
+    void addLine(std::string text) { rows_.emplace_back("", std::move(text)); }
+
     std::string table() const;
     const Json& json() const { return json_; }
 

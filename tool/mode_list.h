@@ -1,0 +1,29 @@
+// The display modes that the driver carries.
+#pragma once
+
+#include "tool/parse.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct ModeInfo {
+    Size size;
+    unsigned refresh = 0;         // Hz, nominal
+    double exactRefresh = 0;      // Hz, of the pixel clock that the PLL makes
+    std::uint64_t pixelClock = 0; // Hz, of the timing at the nominal refresh
+    std::uint64_t pllClock = 0;   // Hz
+    unsigned horizontalTotal = 0;
+    unsigned verticalTotal = 0;
+    bool offered = false; // a monitor may offer it, and a client can show it
+};
+
+// In the order of the driver's table, a mode that is listed twice once.
+std::vector<ModeInfo> modeList();
+
+// Throws `InputError` unless a client can show frames of this size.
+void requireShowable(Size size, std::string_view what);
+
+} // namespace tool

@@ -1,0 +1,248 @@
+#include "tool/show.h"
+
+#include "desktop/file.h"
+#include "desktop/frame_source.h"
+#include "desktop/input_error.h"
+#include "desktop/png_image.h"
+#include "tool/builtin_edid.h"
+#include "tool/driver_probe.h"
+#include "tool/mode_list.h"
+#include "tool/report.h"
+#include "tool/screen_check.h"
+#include "tool/session.h"
+#include "tool/stream_meter.h"
+#include "tool/transmitter_report.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fmt/format.h>
+#include <memory>
+
+namespace tool {
+
+namespace {
+
+using desktop::FrameSource;
+using desktop::InputError;
+using desktop::Surface;
+
+constexpr Size kDefaultSize = {1920, 1080};
+constexpr unsigned kMovingFrames = 60;
+
+// Frames go to two frame buffers in turn, so that the next can be filled while the last is on its way.
+constexpr std::uint64_t kFrameBuffers = 2;
+
+struct Source {
+    std::unique_ptr<FrameSource> frames;
+    Size size;
+    std::optional<unsigned> count; // none: to the end of the source
+};
+
+Source imageSource(const ShowOptions& options) {
+    Surface picture = desktop::readPng(options.image);
+    const Size size = options.size.value_or(Size{picture.width, picture.height});
+    if (size != Size{picture.width, picture.height}) {
+        picture = desktop::scale(picture, size.width, size.height);
+    }
+    return {desktop::stillSource(std::move(picture)), size, options.frames.value_or(1)};
+}
+
+Source videoSource(const ShowOptions& options) {
+    if (!options.size) {
+        throw InputError("--video needs --size WIDTHxHEIGHT: raw frames do not tell their own");
+    }
+    return {desktop::rawVideoSource(options.video, options.size->width, options.size->height), *options.size,
+            options.frames};
+}
+
+Source patternSource(const ShowOptions& options) {
+    const desktop::Pattern* pattern =
+        desktop::findPattern(options.pattern.empty() ? "bars" : options.pattern);
+    if (pattern == nullptr) {
+        std::string allowed;
+        for (const desktop::Pattern& known : desktop::patterns()) {
+            allowed += fmt::format("{}{}", allowed.empty() ? "" : ", ", known.name);
+        }
+        throw InputError(fmt::format("--pattern is \"{}\"; allowed are {}", options.pattern, allowed));
+    }
+    const Size size = options.size.value_or(options.mode.value_or(kDefaultSize));
+    return {desktop::patternSource(*pattern, size.width, size.height, options.seed), size,
+            options.frames.value_or(pattern->moves ? kMovingFrames : 1)};
+}
+
+Source makeSource(const ShowOptions& options) {
+    const int given = !options.image.empty() + !options.pattern.empty() + !options.video.empty();
+    if (given > 1) {
+        throw InputError("--image, --pattern and --video exclude each other");
+    }
+    return !options.image.empty()   ? imageSource(options)
+           : !options.video.empty() ? videoSource(options)
+                                    : patternSource(options);
+}
+
+SessionOptions sessionOptions(const ShowOptions& options) {
+    SessionOptions session;
+    session.scheduler.mode = options.free ? kernel::Mode::Free : kernel::Mode::Sim;
+    session.scheduler.seed = options.seed;
+    session.cpuFeatures = options.cpuFeatures;
+    session.settings = options.settings;
+    return session;
+}
+
+// One run: plug in, switch on, stream, wait for the last picture.
+class ShowRun {
+  public:
+    ShowRun(const ShowOptions& options, Source source, Size mode, std::vector<std::uint8_t> edid)
+        : options_(options), source_(std::move(source)), mode_(mode), edid_(std::move(edid)),
+          session_(sessionOptions(options)) {}
+
+    ExitStatus run() {
+        session_.run([this] {
+            bringUp();
+            stream();
+            checkLastPicture();
+            summarise();
+        });
+        // Taking the adapter away is part of what must go right.
+        reportViolations();
+        if (screen_) {
+            desktop::writePng(options_.out, *screen_);
+        }
+        report_.print(options_.json);
+        return problem_.empty() && session_.violationCount() == 0 ? ExitStatus::Right : ExitStatus::Wrong;
+    }
+
+  private:
+    void bringUp() {
+        session_.attachMonitor(edid_);
+        session_.plug({options_.adapter, options_.bandwidth, options_.capture});
+        session_.openClient();
+        for (std::uint64_t identifier = 1; identifier <= kFrameBuffers; identifier++) {
+            session_.createFrameBuffer(identifier, mode_.width, mode_.height);
+        }
+        session_.setDisplayPower(true);
+        if (!session_.adapter().outputMode()) {
+            throw DeviceError(fmt::format("the driver did not set the mode {}x{}: {}", mode_.width,
+                                          mode_.height, session_.adapter().darkReason()));
+        }
+        if (options_.pointer) {
+            session_.setPointer(desktop::builtinPointer("arrow"));
+            session_.movePointer(options_.pointer->first, options_.pointer->second, true);
+        }
+    }
+
+    void stream() {
+        Progress progress(!options_.json || options_.free);
+        meter_ = std::make_unique<StreamMeter>(session_);
+        const usb::Time begin = session_.machine().clock().now();
+        Surface frame;
+        unsigned presented = 0;
+        while ((!source_.count || presented < *source_.count) && source_.frames->next(frame)) {
+            waitUntil(begin + presented * usb::kSecond / options_.rate);
+            const bool fits = frame.width == mode_.width && frame.height == mode_.height;
+            session_.present(1 + presented % kFrameBuffers,
+                             fits ? frame : desktop::center(frame, mode_.width, mode_.height));
+            presented++;
+            meter_->framePresented();
+            progress.show(fmt::format("frame {}{}", presented,
+                                      source_.count ? fmt::format(" of {}", *source_.count) : ""));
+        }
+        if (presented == 0) {
+            throw InputError(fmt::format("{} holds no frame", desktop::inputName(options_.video)));
+        }
+    }
+
+    void waitUntil(usb::Time due) {
+        const usb::Time now = session_.machine().clock().now();
+        if (now < due) {
+            session_.machine().sleep(due - now);
+        }
+    }
+
+    void checkLastPicture() {
+        // A slow link has to finish the frames in flight before the last one gets its turn.
+        const std::uint64_t frameBytes = std::uint64_t{mode_.width} * mode_.height * 3;
+        const usb::Time transfers = static_cast<usb::Time>(
+            8 * frameBytes * usb::kSecond / std::max<std::uint64_t>(session_.link().bandwidth(), 1));
+        ScreenCheck check(session_, *session_.reference().picture());
+        if (!check.waitForMatch(kDriverTimeout + transfers)) {
+            problem_ = check.problem();
+        }
+        meter_->finish();
+        if (options_.out.empty()) {
+            return;
+        }
+        if (const std::optional<model::Picture> picture = session_.adapter().picture()) {
+            screen_.emplace(picture->width, picture->height);
+            std::memcpy(screen_->pixels.data(), picture->pixels.data(), picture->pixels.size());
+        }
+    }
+
+    void summarise() {
+        report_.add("picture", problem_.empty() ? "right" : "wrong", "picture",
+                    problem_.empty() ? "right" : "WRONG");
+        if (!problem_.empty()) {
+            report_.add("problem", problem_);
+            report_.addLine(problem_);
+        }
+        reportMode();
+        meter_->report(report_, options_.free);
+        if (const std::optional<model::TransmitterReport> transmitter = session_.adapter().transmitter()) {
+            report_.add("transmitter", transmitterJson(*transmitter), "transmitter",
+                        describeTransmitter(*transmitter));
+        }
+        report_.add("seed", options_.seed);
+    }
+
+    void reportMode() {
+        const std::optional<model::OutputMode> mode = session_.adapter().outputMode();
+        if (!mode) {
+            return;
+        }
+        report_.add("mode",
+                    {{"width", mode->width},
+                     {"height", mode->height},
+                     {"refresh", mode->refresh},
+                     {"format", model::name(mode->format)},
+                     {"bits_per_pixel", 8 * model::bytesPerPixel(mode->format)},
+                     {"compressed", mode->compressed}},
+                    "mode",
+                    fmt::format("{}x{} at {:.2f} Hz, {}{}", mode->width, mode->height, mode->refresh,
+                                model::name(mode->format), mode->compressed ? ", compressed" : ""));
+    }
+
+    void reportViolations() {
+        const std::vector<std::string> violations = session_.violations();
+        const std::uint64_t count = session_.violationCount();
+        report_.add("violations", violations, "violations", count == 0 ? "none" : std::to_string(count));
+        for (const std::string& violation : violations) {
+            report_.addLine(violation);
+        }
+    }
+
+    const ShowOptions& options_;
+    Source source_;
+    Size mode_;
+    std::vector<std::uint8_t> edid_;
+    Session session_;
+    std::unique_ptr<StreamMeter> meter_;
+    std::optional<Surface> screen_;
+    std::string problem_;
+    Report report_;
+};
+
+} // namespace
+
+ExitStatus show(const ShowOptions& options) {
+    Source source = makeSource(options);
+    const Size mode = options.mode.value_or(source.size);
+    requireShowable(mode, options.mode ? "--mode" : "the size of the frames");
+    for (const std::string& file : {options.out, options.capture}) {
+        if (!file.empty()) {
+            desktop::requireWritable(file);
+        }
+    }
+    return ShowRun(options, std::move(source), mode, loadEdid(options.edid)).run();
+}
+
+} // namespace tool

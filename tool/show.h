@@ -1,0 +1,40 @@
+// `usbdisplay show`: frames onto the monitor, and whether they arrived.
+#pragma once
+
+#include "model/adapter.h"
+#include "tool/exit_status.h"
+#include "tool/parse.h"
+#include "tool/settings.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tool {
+
+struct ShowOptions {
+    std::string image; // at most one of these three; none shows the pattern "bars"
+    std::string pattern;
+    std::string video;
+    std::optional<Size> size; // of the frames; by default the image's, or 1920x1080
+    std::optional<Size> mode; // of the display; by default `size`
+    model::AdapterOptions adapter;
+    std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
+    std::string edid = "default";
+    std::vector<Setting> settings;
+    std::optional<unsigned> frames; // by default 1, 60 for what moves, and the whole of a video
+    unsigned rate = 60;             // frames a second
+    std::optional<std::pair<int, int>> pointer;
+    std::string out;     // PNG of the monitor
+    std::string capture; // pcapng
+    std::uint64_t seed = 1;
+    bool free = false; // real threads and the real clock
+    std::uint32_t cpuFeatures = 0xFFFFFFFF;
+    bool json = false;
+};
+
+ExitStatus show(const ShowOptions& options);
+
+} // namespace tool
