@@ -15,8 +15,11 @@
 
 namespace kernel {
 
+// Whose code a task executes.
+enum class Domain : std::uint8_t { Host, Driver, Platform };
+
 // Notes level and locks on entry; on exit compares them and reports a driver that leaves with another level
-// or with a lock it took inside. Entering the driver again from a platform call that the driver made is fine.
+// or with a lock it took inside. A platform call that the driver made may enter the driver again.
 class DriverCall {
   public:
     explicit DriverCall(const char* callback);
@@ -25,10 +28,10 @@ class DriverCall {
     DriverCall& operator=(const DriverCall&) = delete;
 
   private:
-    const char* callback_;
-    unsigned irql_;
-    unsigned locks_;
-    bool entered_; // from outside the driver
+    Domain outerDomain_ = Domain::Host;
+    const char* outerCallback_ = "";
+    unsigned irql_ = 0;
+    unsigned locks_ = 0;
 };
 
 template <typename Function, typename... Arguments>
@@ -37,8 +40,8 @@ auto callDriver(const char* callback, Function* function, Arguments... arguments
     return function(arguments...);
 }
 
-// The driver called out: into the platform, or into a client's callback. No effect on a task that is not in
-// the driver. Costs two reads of the time stamp counter.
+// Control left the driver, or the host program, for the platform; or the driver for a callback of its client.
+// Costs two reads of the time stamp counter; nothing inside another platform call.
 class PlatformCall {
   public:
     PlatformCall();
@@ -47,7 +50,7 @@ class PlatformCall {
     PlatformCall& operator=(const PlatformCall&) = delete;
 
   private:
-    bool left_;
+    Domain outer_ = Domain::Platform;
 };
 
 // Processor time that each task, living or ended, spent inside the driver since the machine started.

@@ -75,13 +75,16 @@ void requireIrql(std::string_view call, unsigned limit);
 // `lockAcquiring` checks the order before the task may block; recursion is allowed for mutexes only.
 enum class LockKind : std::uint8_t { Spin, Mutex };
 void lockAcquiring(const void* lock, LockKind kind, std::string_view name, std::string_view call);
-void lockAcquired(const void* lock);
+void lockAcquired(const void* lock, LockKind kind);
 void lockReleased(const void* lock, std::string_view call);
 void lockDestroyed(const void* lock);
 unsigned locksHeld();
 
 // Gives a lock a name for reports; without one its address is shown.
 void nameLock(const void* lock, std::string name);
+
+// The lock's name, or the address of any other object, for reports.
+std::string describeObject(const void* object);
 
 // Forgets the observed lock order and every name; called when a machine starts.
 void reset();

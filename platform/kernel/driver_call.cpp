@@ -1,0 +1,190 @@
+#include "platform/kernel/driver_call.h"
+
+#include "platform/kernel/core.h"
+#include "platform/kernel/sanitizer.h"
+#include "platform/verifier/verifier.h"
+
+#include <fmt/format.h>
+
+// A thread's processor time stands still while it sleeps, but asking for it is a system call. So it is asked
+// for only where a task enters the driver from outside and leaves it again; the many platform calls between
+// are measured in time stamp ticks and taken off, sleep excepted, because the processor time did not count
+// it.
+
+namespace kernel {
+
+namespace {
+
+std::uint64_t ticks() {
+    return __builtin_ia32_rdtsc();
+}
+
+std::uint64_t nanosecondsOf(const timespec& time) {
+    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000 + static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+std::uint64_t monotonic() {
+    timespec time{};
+    clock_gettime(CLOCK_MONOTONIC, &time);
+    return nanosecondsOf(time);
+}
+
+// The rate of the time stamp counter, measured against the clock since the process started.
+class TickRate {
+  public:
+    TickRate() : startTicks_(ticks()), start_(monotonic()) {}
+
+    double nanosecondsPerTick() const {
+        const std::uint64_t passed = ticks() - startTicks_;
+        return passed == 0 ? 0.0 : static_cast<double>(monotonic() - start_) / static_cast<double>(passed);
+    }
+
+  private:
+    std::uint64_t startTicks_;
+    std::uint64_t start_;
+};
+
+const TickRate tickRate;
+
+// Ticks awake since the platform call under way began.
+std::uint64_t ticksSinceLeft(const Account& account) {
+    const std::uint64_t end = account.sleepingSince != 0 ? account.sleepingSince : ticks();
+    const std::uint64_t slept = account.sleptTicks - account.sleptWhenLeft;
+    const std::uint64_t passed = end - account.leftAt;
+    return passed > slept ? passed - slept : 0;
+}
+
+void leaveDriver(Account& account) {
+    account.leftAt = ticks();
+    account.sleptWhenLeft = account.sleptTicks;
+}
+
+void returnToDriver(Account& account) {
+    account.platformTicks += ticksSinceLeft(account);
+}
+
+} // namespace
+
+std::uint64_t threadCpuTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return nanosecondsOf(time);
+}
+
+void accountSleepBegins(Task& task) {
+    task.account.sleepingSince = ticks();
+}
+
+void accountSleepEnds(Task& task) {
+    task.account.sleptTicks += ticks() - task.account.sleepingSince;
+    task.account.sleepingSince = 0;
+}
+
+std::uint64_t driverNanoseconds(const Task& task) {
+    const Account& account = task.account;
+    std::uint64_t cpu = account.driverCpu;
+    std::uint64_t platform = account.platformTicks;
+    if (account.depth != 0) {
+        cpu += taskCpuTime(task) - account.enteredCpu;
+        if (account.domain == Domain::Platform) {
+            platform += ticksSinceLeft(account);
+        }
+    }
+    const auto outside =
+        static_cast<std::uint64_t>(static_cast<double>(platform) * tickRate.nanosecondsPerTick());
+    return cpu > outside ? cpu - outside : 0;
+}
+
+std::uint64_t driverTime() {
+    const Task* task = currentTaskOrNull();
+    return task != nullptr ? driverNanoseconds(*task) : 0;
+}
+
+std::vector<DriverTime> driverTimes() {
+    return currentCore() != nullptr ? currentCore()->driverTimes() : std::vector<DriverTime>{};
+}
+
+const char* currentCallback() {
+    const Task* task = currentTaskOrNull();
+    return task != nullptr ? task->account.callback : "";
+}
+
+void enterDomain(Task& task, Domain domain) {
+    if (domain == Domain::Platform && task.account.domain != Domain::Platform) {
+        sanitizer::ignoreBegin();
+    } else if (domain != Domain::Platform && task.account.domain == Domain::Platform) {
+        sanitizer::ignoreEnd();
+    }
+    task.account.domain = domain;
+}
+
+DriverCall::DriverCall(const char* callback) {
+    Task* task = currentTaskOrNull();
+    if (task == nullptr) {
+        return;
+    }
+    Account& account = task->account;
+    irql_ = task->irql;
+    locks_ = verifier::locksHeld();
+    outerDomain_ = account.domain;
+    outerCallback_ = account.callback;
+    account.callback = callback;
+    if (account.depth++ == 0) {
+        account.enteredCpu = threadCpuTime();
+    } else if (outerDomain_ == Domain::Platform) {
+        returnToDriver(account);
+    }
+    enterDomain(*task, Domain::Driver);
+}
+
+DriverCall::~DriverCall() {
+    Task* task = currentTaskOrNull();
+    if (task == nullptr) {
+        return;
+    }
+    Account& account = task->account;
+    enterDomain(*task, outerDomain_);
+    if (--account.depth == 0) {
+        account.driverCpu += threadCpuTime() - account.enteredCpu;
+    } else if (outerDomain_ == Domain::Platform) {
+        leaveDriver(account);
+    }
+    const char* callback = account.callback;
+    account.callback = outerCallback_;
+    if (task->irql != irql_) {
+        verifier::fail(
+            verifier::Rule::IrqlChanged, callback, callback,
+            fmt::format("the callback was entered at level {} and returned at {}", irql_, task->irql));
+    }
+    if (verifier::locksHeld() != locks_) {
+        verifier::fail(verifier::Rule::LockLeftHeld, callback,
+                       task->locks.empty() ? "" : verifier::describeObject(task->locks.back().lock),
+                       fmt::format("the callback was entered with {} locks held and returned with {}", locks_,
+                                   verifier::locksHeld()));
+    }
+}
+
+PlatformCall::PlatformCall() {
+    Task* task = currentTaskOrNull();
+    if (task == nullptr || task->account.domain == Domain::Platform) {
+        return;
+    }
+    outer_ = task->account.domain;
+    if (outer_ == Domain::Driver) {
+        leaveDriver(task->account);
+    }
+    enterDomain(*task, Domain::Platform);
+}
+
+PlatformCall::~PlatformCall() {
+    Task* task = currentTaskOrNull();
+    if (task == nullptr || outer_ == Domain::Platform) {
+        return;
+    }
+    enterDomain(*task, outer_);
+    if (outer_ == Domain::Driver) {
+        returnToDriver(task->account);
+    }
+}
+
+} // namespace kernel

@@ -1,0 +1,72 @@
+#include "platform/kernel/fault_points.h"
+
+#include "platform/kernel/core.h"
+#include "platform/verifier/verifier.h"
+
+#include <fmt/format.h>
+
+namespace kernel {
+
+namespace {
+
+// Guarded by the kernel lock.
+struct Faults {
+    std::uint64_t armed = 0; // 0: none
+    FaultMode mode = FaultMode::Once;
+    std::uint64_t reached = 0;
+    bool fired = false;
+    FaultKind kind = FaultKind::Allocation; // of the point that fired
+    std::string description;
+};
+Faults faults;
+
+} // namespace
+
+void armFault(std::uint64_t k, FaultMode mode) {
+    KernelLockIfFree guard;
+    faults = Faults();
+    faults.armed = k;
+    faults.mode = mode;
+}
+
+void disarmFault() {
+    KernelLockIfFree guard;
+    faults.armed = 0;
+}
+
+std::uint64_t faultPointsReached() {
+    KernelLockIfFree guard;
+    return faults.reached;
+}
+
+bool faultFired() {
+    KernelLockIfFree guard;
+    return faults.fired;
+}
+
+std::string faultDescription() {
+    KernelLockIfFree guard;
+    return faults.description;
+}
+
+bool faultPoint(FaultKind kind, std::string_view what) {
+    KernelLockIfFree guard;
+    ++faults.reached;
+    if (faults.armed == 0) {
+        return false;
+    }
+    if (faults.fired) {
+        return faults.mode == FaultMode::Sticky && kind == faults.kind;
+    }
+    if (faults.reached != faults.armed) {
+        return false;
+    }
+    faults.fired = true;
+    faults.kind = kind;
+    const char* callback = currentCallback();
+    faults.description = fmt::format("{} {}: {}{}{}", kFaultKindNames[static_cast<std::size_t>(kind)],
+                                     faults.reached, what, *callback != 0 ? " in " : "", callback);
+    return true;
+}
+
+} // namespace kernel

@@ -1,0 +1,423 @@
+// The blocks' records stand apart from the memory, so that a driver that writes past a block damages guard
+// bytes and nothing that the report needs. Large blocks go back to a cache and come out of it again: a
+// machine is plugged and unplugged thousands of times in one process, with tens of megabytes of buffers each
+// time.
+
+#include "platform/kernel/pool.h"
+
+#include "platform/kernel/core.h"
+#include "platform/kernel/fault_points.h"
+#include "platform/kernel/sanitizer.h"
+#include "platform/verifier/locks.h"
+#include "platform/verifier/verifier.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <fmt/format.h>
+#include <map>
+
+namespace kernel {
+
+namespace {
+
+constexpr std::size_t kPage = 4096;
+constexpr std::size_t kGuard = 16;
+constexpr std::uint8_t kGuardByte = 0xFB;
+constexpr std::size_t kLargest = std::size_t{1} << 30;
+constexpr std::size_t kCachedFrom = 64 * 1024;         // freed blocks of this size on are reused as they are
+constexpr std::size_t kCacheLimit = 256 * 1024 * 1024; // bytes of them kept
+constexpr std::size_t kQuarantineLimit = 4 * 1024 * 1024;
+constexpr std::size_t kCheckedEnds = kPage; // of a large freed block, this much at each end is watched
+
+struct Block {
+    std::uint8_t* base = nullptr; // what the C library gave
+    std::size_t baseSize = 0;
+    std::uint8_t* data = nullptr;
+    std::size_t size = 0;
+    ULONG tag = 0;
+    POOL_TYPE type = NonPagedPool;
+
+    std::uint8_t* frontGuard() const { return data - kGuard; }
+    std::uint8_t* end() const { return data + size; }
+    std::size_t rearGuardSize() const { return static_cast<std::size_t>(base + baseSize - end()); }
+};
+
+struct Use {
+    BufferUse id;
+    const std::uint8_t* begin;
+    const std::uint8_t* end;
+    std::string what;
+};
+
+// All guarded by the kernel lock.
+std::map<const std::uint8_t*, Block> live; // by `data`
+std::deque<Block> quarantine;
+std::size_t quarantineBytes = 0;
+std::multimap<std::size_t, Block> cache; // by `baseSize`
+std::size_t cacheBytes = 0;
+std::map<const MDL*, std::size_t> mdls;
+std::vector<Use> uses;
+BufferUse lastUse = 0;
+std::uint64_t allocations = 0;
+
+std::string describe(const Block& block) {
+    return fmt::format("block {} of {} bytes, tag {}", fmt::ptr(block.data), block.size, tagText(block.tag));
+}
+
+bool allEqual(const std::uint8_t* bytes, std::size_t count, std::uint8_t value) {
+    return count == 0 || (bytes[0] == value && std::memcmp(bytes, bytes + 1, count - 1) == 0);
+}
+
+// Applies `visit(begin, size)` to the parts of a freed block that are watched.
+template <typename Visit>
+void forWatched(const Block& block, Visit visit) {
+    if (block.size <= 2 * kCheckedEnds || block.baseSize < kCachedFrom) {
+        visit(block.data, block.size);
+    } else {
+        visit(block.data, kCheckedEnds);
+        visit(block.end() - kCheckedEnds, kCheckedEnds);
+    }
+}
+
+void release(const Block& block) {
+    sanitizer::unpoison(block.base, block.baseSize);
+    std::free(block.base);
+}
+
+void requireUntouched(const Block& block, std::string_view call) {
+    forWatched(block, [&](const std::uint8_t* begin, std::size_t size) {
+        sanitizer::unpoison(begin, size);
+        if (!allEqual(begin, size, kFreedFill)) {
+            verifier::fail(verifier::Rule::PoolOverrun, call, describe(block),
+                           "the block was written to after it was freed");
+        }
+        sanitizer::poison(begin, size);
+    });
+}
+
+// Memory for `size` bytes with guards around them; null when the process has none left.
+Block obtain(std::size_t size, std::string_view call) {
+    const bool paged = size >= kPage;
+    const std::size_t front = paged ? kPage : kGuard;
+    const std::size_t alignment = paged ? kPage : kGuard;
+    Block block;
+    block.baseSize = (front + size + kGuard + alignment - 1) / alignment * alignment;
+    auto cached = cache.find(block.baseSize);
+    if (cached != cache.end()) {
+        block = cached->second;
+        cache.erase(cached);
+        cacheBytes -= block.baseSize;
+        requireUntouched(block, call);
+        sanitizer::unpoison(block.base, block.baseSize);
+    } else {
+        block.base = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, block.baseSize));
+    }
+    if (block.base != nullptr) {
+        block.data = block.base + front;
+        block.size = size;
+    }
+    return block;
+}
+
+void putAway(const Block& block, std::string_view call) {
+    forWatched(block, [](std::uint8_t* begin, std::size_t size) { std::memset(begin, kFreedFill, size); });
+    sanitizer::poison(block.base, block.baseSize);
+    if (block.baseSize >= kCachedFrom) {
+        if (cacheBytes + block.baseSize > kCacheLimit) {
+            release(block);
+            return;
+        }
+        cache.emplace(block.baseSize, block);
+        cacheBytes += block.baseSize;
+        return;
+    }
+    quarantine.push_back(block);
+    quarantineBytes += block.baseSize;
+    while (quarantineBytes > kQuarantineLimit) {
+        const Block oldest = quarantine.front();
+        quarantine.pop_front();
+        quarantineBytes -= oldest.baseSize;
+        requireUntouched(oldest, call);
+        release(oldest);
+    }
+}
+
+bool wasFreed(const void* data) {
+    const auto isBlock = [data](const Block& block) { return block.data == data; };
+    return std::any_of(quarantine.begin(), quarantine.end(), isBlock) ||
+           std::any_of(cache.begin(), cache.end(), [&](const auto& entry) { return isBlock(entry.second); });
+}
+
+void requireGuardsIntact(const Block& block, std::string_view call) {
+    sanitizer::unpoison(block.base, block.baseSize);
+    if (!allEqual(block.frontGuard(), kGuard, kGuardByte)) {
+        verifier::fail(verifier::Rule::PoolOverrun, call, describe(block),
+                       "the bytes before the block were overwritten");
+    }
+    if (!allEqual(block.end(), block.rearGuardSize(), kGuardByte)) {
+        verifier::fail(verifier::Rule::PoolOverrun, call, describe(block),
+                       "the bytes behind the block were overwritten");
+    }
+}
+
+const Block* findLive(const void* address) {
+    const auto* byte = static_cast<const std::uint8_t*>(address);
+    auto next = live.upper_bound(byte);
+    if (next == live.begin()) {
+        return nullptr;
+    }
+    const Block& block = std::prev(next)->second;
+    return byte < block.end() ? &block : nullptr;
+}
+
+void requireNotInUse(const void* address, std::size_t size, std::string_view call) {
+    const auto* begin = static_cast<const std::uint8_t*>(address);
+    for (const Use& use : uses) {
+        if (begin < use.end && use.begin < begin + size) {
+            verifier::fail(verifier::Rule::BufferLifetime, call, fmt::format("{}", address),
+                           fmt::format("still in use by {}", use.what));
+        }
+    }
+}
+
+} // namespace
+
+std::string tagText(ULONG tag) {
+    std::string text;
+    for (unsigned shift = 0; shift < 32; shift += 8) {
+        const auto character = static_cast<char>((tag >> shift) & 0xFF);
+        text += character >= 0x20 && character < 0x7F ? character : '.';
+    }
+    return text;
+}
+
+void* allocatePool(POOL_TYPE type, std::size_t size, ULONG tag, std::string_view call) {
+    verifier::requireIrql(call, type == PagedPool ? kApcLevel : kDispatchLevel);
+    if (tag == 0 || tagText(tag) == "    ") {
+        verifier::fail(verifier::Rule::PoolTag, call, fmt::format("{:#x}", tag), "an allocation needs a tag");
+    }
+    if (size == 0) {
+        verifier::fail(verifier::Rule::Argument, call, "0 bytes", "an empty allocation");
+    }
+    if (faultPoint(FaultKind::Allocation, call) || size > kLargest) {
+        return nullptr;
+    }
+    KernelLockIfFree guard;
+    Block block = obtain(size, call);
+    if (block.base == nullptr) {
+        return nullptr;
+    }
+    block.tag = tag;
+    block.type = type;
+    std::memset(block.frontGuard(), kGuardByte, kGuard);
+    std::memset(block.data, kFreshFill, size);
+    std::memset(block.end(), kGuardByte, block.rearGuardSize());
+    sanitizer::poison(block.base, static_cast<std::size_t>(block.data - block.base));
+    sanitizer::poison(block.end(), block.rearGuardSize());
+    announceAcquire(block.data);
+    live[block.data] = block;
+    ++allocations;
+    return block.data;
+}
+
+void freePool(void* address, ULONG tag, std::string_view call) {
+    verifier::requireIrql(call, kDispatchLevel);
+    KernelLockIfFree guard;
+    auto found = live.find(static_cast<std::uint8_t*>(address));
+    if (found == live.end()) {
+        verifier::fail(verifier::Rule::PoolFreedTwice, call, fmt::format("{}", address),
+                       wasFreed(address) ? "the block was freed before" : "no block of pool begins here");
+    }
+    const Block block = found->second;
+    if (block.type == PagedPool) {
+        verifier::requireIrql(call, kApcLevel);
+    }
+    if (block.tag != tag && tag != 0) {
+        verifier::fail(verifier::Rule::PoolTag, call, describe(block),
+                       fmt::format("freed with tag {}", tagText(tag)));
+    }
+    requireNotInUse(block.data, block.size, call);
+    requireGuardsIntact(block, call);
+    verifier::locksDestroyed(block.data, block.end());
+    announceRelease(block.data);
+    live.erase(found);
+    putAway(block, call);
+}
+
+std::optional<PoolBlock> findPoolBlock(const void* address) {
+    KernelLockIfFree guard;
+    const Block* block = findLive(address);
+    if (block == nullptr) {
+        return std::nullopt;
+    }
+    return PoolBlock{block->data, block->size, block->tag, block->type};
+}
+
+std::uint64_t poolAllocations() {
+    KernelLockIfFree guard;
+    return allocations;
+}
+
+std::vector<PoolUse> poolInUse() {
+    KernelLockIfFree guard;
+    std::map<ULONG, PoolUse> byTag;
+    for (const auto& [address, block] : live) {
+        PoolUse& use = byTag[block.tag];
+        use.tag = block.tag;
+        ++use.blocks;
+        use.bytes += block.size;
+    }
+    std::vector<PoolUse> result;
+    for (const auto& [tag, use] : byTag) {
+        result.push_back(use);
+    }
+    return result;
+}
+
+void requirePoolEmpty(std::string_view call) {
+    KernelLockIfFree guard;
+    for (const Block& block : quarantine) {
+        requireUntouched(block, call);
+    }
+    for (const auto& [size, block] : cache) {
+        requireUntouched(block, call);
+    }
+    if (!live.empty()) {
+        const Block& first = live.begin()->second;
+        verifier::fail(verifier::Rule::PoolLeak, call, describe(first),
+                       fmt::format("{} blocks were never freed", live.size()));
+    }
+    if (!mdls.empty()) {
+        verifier::fail(verifier::Rule::PoolLeak, call, fmt::format("{}", fmt::ptr(mdls.begin()->first)),
+                       fmt::format("{} MDLs were never freed", mdls.size()));
+    }
+}
+
+BufferUse beginBufferUse(const void* address, std::size_t size, std::string what) {
+    KernelLockIfFree guard;
+    const auto* begin = static_cast<const std::uint8_t*>(address);
+    uses.push_back({++lastUse, begin, begin + size, std::move(what)});
+    return lastUse;
+}
+
+void endBufferUse(BufferUse use) {
+    KernelLockIfFree guard;
+    std::erase_if(uses, [use](const Use& entry) { return entry.id == use; });
+}
+
+void requireUnused(const void* address, std::size_t size, std::string_view call) {
+    KernelLockIfFree guard;
+    requireNotInUse(address, size, call);
+}
+
+bool isLiveMdl(const MDL* mdl) {
+    KernelLockIfFree guard;
+    return mdls.contains(mdl);
+}
+
+void resetPool() {
+    KernelLockIfFree guard;
+    uses.clear();
+    for (const auto& [address, block] : live) {
+        sanitizer::unpoison(block.base, block.baseSize);
+        putAway(block, "resetPool");
+    }
+    live.clear();
+    for (const auto& [mdl, size] : mdls) {
+        std::free(const_cast<MDL*>(mdl));
+    }
+    mdls.clear();
+    allocations = 0;
+}
+
+} // namespace kernel
+
+using namespace kernel;
+
+extern "C" {
+
+PVOID ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag) {
+    PlatformCall call;
+    return allocatePool(PoolType, NumberOfBytes, Tag, "ExAllocatePoolWithTag");
+}
+
+VOID ExFreePoolWithTag(PVOID P, ULONG Tag) {
+    PlatformCall call;
+    freePool(P, Tag, "ExFreePoolWithTag");
+}
+
+PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN, PIRP Irp) {
+    PlatformCall call;
+    verifier::requireIrql("IoAllocateMdl", kDispatchLevel);
+    if (Length == 0 || SecondaryBuffer || Irp != nullptr) {
+        verifier::fail(verifier::Rule::Argument, "IoAllocateMdl", fmt::format("{} bytes", Length),
+                       "this platform offers MDLs of at least one byte that belong to no request");
+    }
+    if (faultPoint(FaultKind::Allocation, "IoAllocateMdl")) {
+        return nullptr;
+    }
+    const auto offset = reinterpret_cast<std::uintptr_t>(VirtualAddress) % kPage;
+    const std::size_t pages = (offset + Length + kPage - 1) / kPage;
+    const std::size_t size = sizeof(MDL) + pages * sizeof(std::uintptr_t); // the page numbers follow
+    auto* mdl = static_cast<MDL*>(std::calloc(1, size));
+    if (mdl == nullptr) {
+        return nullptr;
+    }
+    mdl->Size = static_cast<CSHORT>(std::min<std::size_t>(size, INT16_MAX));
+    mdl->StartVa = static_cast<char*>(VirtualAddress) - offset;
+    mdl->ByteOffset = static_cast<ULONG>(offset);
+    mdl->ByteCount = Length;
+    KernelGuard guard;
+    mdls[mdl] = size;
+    return mdl;
+}
+
+VOID IoFreeMdl(PMDL Mdl) {
+    PlatformCall call;
+    verifier::requireIrql("IoFreeMdl", kDispatchLevel);
+    KernelGuard guard;
+    auto found = mdls.find(Mdl);
+    if (found == mdls.end()) {
+        verifier::fail(verifier::Rule::PoolFreedTwice, "IoFreeMdl", fmt::format("{}", fmt::ptr(Mdl)),
+                       "this is no MDL, or one that was freed before");
+    }
+    requireNotInUse(Mdl, found->second, "IoFreeMdl");
+    mdls.erase(found);
+    std::free(Mdl);
+}
+
+VOID MmBuildMdlForNonPagedPool(PMDL Mdl) {
+    PlatformCall call;
+    verifier::requireIrql("MmBuildMdlForNonPagedPool", kDispatchLevel);
+    KernelGuard guard;
+    if (!mdls.contains(Mdl)) {
+        verifier::fail(verifier::Rule::HandleStale, "MmBuildMdlForNonPagedPool",
+                       fmt::format("{}", fmt::ptr(Mdl)), "this is no MDL, or one that was freed");
+    }
+    auto* begin = static_cast<std::uint8_t*>(MmGetMdlVirtualAddress(Mdl));
+    // Memory of the machine's other drivers is not known here and taken for non-paged.
+    if (const Block* block = findLive(begin)) {
+        if (block->type == PagedPool) {
+            verifier::fail(verifier::Rule::Argument, "MmBuildMdlForNonPagedPool", describe(*block),
+                           "the block is from paged pool");
+        }
+        if (begin + Mdl->ByteCount > block->end()) {
+            verifier::fail(verifier::Rule::BufferTooShort, "MmBuildMdlForNonPagedPool", describe(*block),
+                           fmt::format("the MDL describes {} bytes from offset {}", Mdl->ByteCount,
+                                       begin - block->data));
+        }
+    }
+    Mdl->MappedSystemVa = begin;
+    Mdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
+}
+
+PVOID MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE, MEMORY_CACHING_TYPE, PVOID, ULONG, ULONG) {
+    PlatformCall call;
+    verifier::requireIrql("MmMapLockedPagesSpecifyCache", kDispatchLevel);
+    verifier::fail(verifier::Rule::Argument, "MmMapLockedPagesSpecifyCache", fmt::format("{}", fmt::ptr(Mdl)),
+                   "the MDL's pages are not locked: it was not built for non-paged pool");
+}
+
+} // extern "C"

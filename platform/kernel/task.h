@@ -1,0 +1,87 @@
+// A task's record. Private to the kernel layer and the verifier.
+#pragma once
+
+#include "platform/kernel/driver_call.h"
+#include "platform/kernel/futex.h"
+#include "platform/kernel/scheduler.h"
+#include "platform/verifier/verifier.h"
+
+#include <cstdint>
+#include <functional>
+#include <pthread.h>
+#include <string>
+#include <vector>
+
+struct _KTHREAD;
+
+namespace verifier {
+
+// A lock that a task holds, in the order taken.
+struct HeldLock {
+    const void* lock = nullptr;
+    LockKind kind = LockKind::Mutex;
+    unsigned depth = 0; // mutexes may be taken again by their owner
+};
+
+} // namespace verifier
+
+namespace kernel {
+
+// Where the task's processor time went. Written by the task alone.
+struct Account {
+    Domain domain = Domain::Host;
+    unsigned depth = 0;              // nested entries into the driver
+    std::uint64_t enteredCpu = 0;    // thread's processor time at the outermost entry
+    std::uint64_t driverCpu = 0;     // nanoseconds in the driver and what it called, entries that ended
+    std::uint64_t platformTicks = 0; // of those, time stamp ticks in the platform, without sleep
+    std::uint64_t leftAt = 0;        // when the platform call under way began
+    std::uint64_t sleptTicks = 0;    // asleep, since the task began
+    std::uint64_t sleptWhenLeft = 0; // `sleptTicks` when the platform call under way began
+    std::uint64_t sleepingSince = 0; // 0 while awake
+    const char* callback = "";       // the driver's callback under way
+};
+
+class Task {
+  public:
+    enum class State : std::uint8_t { Ready, Running, Blocked, Ended };
+
+    Task(std::string taskName, TaskKind taskKind, std::function<void()> taskBody)
+        : name(std::move(taskName)), kind(taskKind), body(std::move(taskBody)) {}
+
+    // Constant once the task runs.
+    std::string name;
+    TaskKind kind;
+    std::function<void()> body;
+    std::uint64_t number = 0; // order of creation
+    bool detached = false;    // nobody joins it
+    pthread_t thread{};
+
+    // Guarded by the kernel lock.
+    State state = State::Ready;
+    WaitReason reason;
+    Time deadline = kForever;
+    bool woken = false;
+    bool idle = false; // blocked because there is nothing to do: no part of a deadlock
+    Task* joiner = nullptr;
+    std::function<void()> work; // workers: the body to run next
+    std::string workName;
+    std::uint64_t workNumber = 0;
+
+    // Used by the scheduler that runs the task.
+    Baton baton;
+    std::uint64_t deadlineTimer = 0;
+    std::uint64_t priority = 0;
+
+    // Written by the task itself.
+    unsigned irql = kPassiveLevel;
+    unsigned processor = 0;
+    std::vector<verifier::HeldLock> locks;
+    Account account;
+    _KTHREAD* threadObject = nullptr;
+    std::uint64_t endedCpu = 0; // processor time of the whole thread, once it has ended
+};
+
+// The current task, or null on a thread that is none.
+Task* currentTaskOrNull();
+
+} // namespace kernel

@@ -1,0 +1,236 @@
+#include "platform/kernel/threads.h"
+
+#include "platform/kernel/core.h"
+#include "platform/kernel/fault_points.h"
+#include "platform/kernel/thread_object.h"
+#include "platform/verifier/verifier.h"
+
+#include <fmt/format.h>
+#include <map>
+#include <set>
+
+struct _OBJECT_TYPE {
+    const char* name;
+};
+
+namespace kernel {
+
+namespace {
+
+_OBJECT_TYPE threadType = {"Thread"};
+POBJECT_TYPE threadTypePointer = &threadType;
+
+// All guarded by the kernel lock.
+std::set<_KTHREAD*> threadObjects;
+std::map<HANDLE, _KTHREAD*> handles;
+std::uintptr_t lastHandle = 0;
+unsigned threadsStarted = 0;
+unsigned threadsRunning = 0;
+
+const int runningChannel = 0; // woken whenever a driver thread ends
+
+// Leaves the start routine of a system thread from wherever it is.
+struct ThreadExit {};
+
+void dropReference(_KTHREAD& thread) {
+    if (--thread.references == 0) {
+        threadObjects.erase(&thread);
+        delete &thread;
+    }
+}
+
+_KTHREAD& createThreadObject(unsigned references) {
+    auto* thread = new _KTHREAD;
+    thread->Header = {};
+    thread->Header.Type = kThread;
+    InitializeListHead(&thread->Header.WaitListHead);
+    thread->references = references;
+    threadObjects.insert(thread);
+    return *thread;
+}
+
+_KTHREAD* findThread(HANDLE handle) {
+    auto found = handles.find(handle);
+    return found != handles.end() ? found->second : nullptr;
+}
+
+_KTHREAD* checkedHandle(HANDLE handle, std::string_view call) {
+    _KTHREAD* thread = findThread(handle);
+    if (thread == nullptr) {
+        verifier::fail(verifier::Rule::HandleStale, call, fmt::format("{}", handle),
+                       "this is no open handle");
+    }
+    return thread;
+}
+
+_KTHREAD& checkedObject(PVOID object, std::string_view call) {
+    auto* thread = static_cast<_KTHREAD*>(object);
+    if (!threadObjects.contains(thread)) {
+        verifier::fail(verifier::Rule::HandleStale, call, fmt::format("{}", object),
+                       "this is no thread object, or one whose last reference is gone");
+    }
+    return *thread;
+}
+
+void runDriverThread(PKSTART_ROUTINE routine, PVOID context) {
+    try {
+        callDriver("system thread", routine, context);
+    } catch (const ThreadExit&) {
+    }
+}
+
+} // namespace
+
+_KTHREAD& threadObjectOf(Task& task) {
+    KernelLockIfFree guard;
+    if (task.threadObject == nullptr) {
+        task.threadObject = &createThreadObject(1);
+        task.threadObject->task = &task;
+    }
+    return *task.threadObject;
+}
+
+void endThreadObject(Task& task) {
+    if (task.threadObject == nullptr) {
+        return;
+    }
+    _KTHREAD& thread = *task.threadObject;
+    const bool system = thread.system;
+    task.threadObject = nullptr;
+    thread.task = nullptr;
+    thread.Header.SignalState = 1;
+    announceRelease(&thread);
+    satisfyWaiters(thread.Header);
+    dropReference(thread);
+    if (system) {
+        --threadsRunning;
+        wakeChannel(&runningChannel);
+    }
+}
+
+unsigned runningSystemThreads() {
+    KernelLockIfFree guard;
+    return threadsRunning;
+}
+
+bool waitForSystemThreads(LONGLONG deadline) {
+    return waitUntil(&runningChannel, {"waitForSystemThreads", nullptr, nullptr}, deadline,
+                     [] { return runningSystemThreads() == 0; });
+}
+
+void requireThreadsEnded(std::string_view call) {
+    KernelLockIfFree guard;
+    if (threadsRunning != 0) {
+        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{} threads", threadsRunning),
+                       "a driver thread still runs");
+    }
+    if (!handles.empty()) {
+        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{}", handles.begin()->first),
+                       "a thread handle was never closed");
+    }
+    for (const _KTHREAD* thread : threadObjects) {
+        if (thread->system && thread->task == nullptr) {
+            verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{}", fmt::ptr(thread)),
+                           "a thread object is still referenced");
+        }
+    }
+}
+
+void resetThreads() {
+    // Objects that an earlier machine left are still pointed to by its tasks, which never run again.
+    threadObjects.clear();
+    handles.clear();
+    lastHandle = 0;
+    threadsStarted = 0;
+    threadsRunning = 0;
+}
+
+} // namespace kernel
+
+using namespace kernel;
+
+extern "C" {
+
+POBJECT_TYPE* PsThreadType = &threadTypePointer;
+
+PKTHREAD KeGetCurrentThread() {
+    PlatformCall call;
+    return &threadObjectOf(currentTask());
+}
+
+NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PCLIENT_ID,
+                              PKSTART_ROUTINE StartRoutine, PVOID StartContext) {
+    PlatformCall call;
+    verifier::requireIrql("PsCreateSystemThread", kPassiveLevel);
+    if (faultPoint(FaultKind::Creation, "PsCreateSystemThread")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    {
+        KernelGuard guard;
+        _KTHREAD& thread = createThreadObject(2); // the handle and the running thread
+        thread.system = true;
+        ++threadsRunning;
+        *ThreadHandle = reinterpret_cast<HANDLE>(lastHandle += 4);
+        handles[*ThreadHandle] = &thread;
+        Task& task =
+            spawnDetached(fmt::format("system thread {}", ++threadsStarted), TaskKind::System,
+                          [StartRoutine, StartContext] { runDriverThread(StartRoutine, StartContext); });
+        task.threadObject = &thread;
+        thread.task = &task;
+    }
+    schedulingPoint(Point::Queue);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS PsTerminateSystemThread(NTSTATUS) {
+    verifier::requireIrql("PsTerminateSystemThread", kPassiveLevel);
+    if (taskKind(currentTask()) != TaskKind::System) {
+        verifier::fail(verifier::Rule::Argument, "PsTerminateSystemThread", taskName(currentTask()),
+                       "the caller is no system thread of the driver");
+    }
+    throw ThreadExit();
+}
+
+NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE ObjectType, KPROCESSOR_MODE,
+                                   PVOID* Object, POBJECT_HANDLE_INFORMATION) {
+    PlatformCall call;
+    verifier::requireIrql("ObReferenceObjectByHandle", kPassiveLevel);
+    if (ObjectType != nullptr && ObjectType != *PsThreadType) {
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    KernelGuard guard;
+    _KTHREAD* thread = checkedHandle(Handle, "ObReferenceObjectByHandle");
+    ++thread->references;
+    *Object = thread;
+    return STATUS_SUCCESS;
+}
+
+LONG_PTR ObfReferenceObject(PVOID Object) {
+    PlatformCall call;
+    verifier::requireIrql("ObReferenceObject", kDispatchLevel);
+    KernelGuard guard;
+    return ++checkedObject(Object, "ObReferenceObject").references;
+}
+
+LONG_PTR ObfDereferenceObject(PVOID Object) {
+    PlatformCall call;
+    // Dropping the last reference of a thread object at DISPATCH_LEVEL is deferred by the kernel.
+    verifier::requireIrql("ObDereferenceObject", kDispatchLevel);
+    KernelGuard guard;
+    _KTHREAD& thread = checkedObject(Object, "ObDereferenceObject");
+    const LONG_PTR left = static_cast<LONG_PTR>(thread.references) - 1;
+    dropReference(thread);
+    return left;
+}
+
+NTSTATUS ZwClose(HANDLE Handle) {
+    PlatformCall call;
+    verifier::requireIrql("ZwClose", kPassiveLevel);
+    KernelGuard guard;
+    _KTHREAD* thread = checkedHandle(Handle, "ZwClose");
+    handles.erase(Handle);
+    dropReference(*thread);
+    return STATUS_SUCCESS;
+}
+
+} // extern "C"
