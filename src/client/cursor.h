@@ -11,7 +11,7 @@ struct FRAME_BUFFER_CONTEXT;
 void CURSOR_Update(DEVICE_CONTEXT* context, const POINTER_POSITION* position, const POINTER_SHAPE* shape);
 
 // Copies a client's shape into `image`. FALSE, with `image` as it was, when the bits do not fit into it or
-// the rows are shorter than the width needs.
+// the rows are shorter than the width needs, or when the turned shape would not fit.
 [[nodiscard]] BOOLEAN CURSOR_StoreShape(CURSOR_IMAGE* image, const POINTER_SHAPE* shape);
 
 // Turns `source`, in the client's orientation, by `rotation` (DISPLAY_ROTATION; any other value: none).

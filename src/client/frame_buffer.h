@@ -8,9 +8,7 @@
 // is an event and not a lock, because the client is called while its present has it.
 #pragma once
 
-#include "client/client_context.h"
-
-struct DEVICE_CONTEXT;
+#include "driver/device_context.h"
 
 struct FRAME_BUFFER_CONTEXT {
     LIST_ENTRY Link; // guarded by FrameBufferListLock
@@ -40,6 +38,9 @@ struct FRAME_BUFFER_CONTEXT {
     ULONG SavedHeight;                // rows
     UCHAR SaveArea[CURSOR_BITS_SIZE]; // rows packed SavedWidth x 4 bytes apart
 };
+
+// At device add: an empty list.
+void FRAMEBUFFER_InitializeList(DEVICE_CONTEXT* context);
 
 // Allocates a frame buffer with `initialCount` references and lists it. STATUS_INSUFFICIENT_RESOURCES leaves
 // nothing behind. Up to DISPATCH_LEVEL.
@@ -74,8 +75,9 @@ void FRAMEBUFFER_EndRead(FRAME_BUFFER_CONTEXT* frameBuffer);
 
 // Draws the cursor and makes the frame the newest one, while the pipeline runs and the display is on. The
 // caller owns the pixels and holds SubmitMutex.
-void FRAMEBUFFER_SubmitToRender(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer);
+void FRAMEBUFFER_SubmitToRender(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer)
+    TSA_REQUIRES(context->Client.SubmitMutex);
 
 // Shows pointer changes: hands the current frame over again, unless its client is filling it: that present
 // then draws the pointer as it stands by that time. PASSIVE_LEVEL; the caller does not hold SubmitMutex.
-void FRAMEBUFFER_ResubmitCurrent(DEVICE_CONTEXT* context);
+void FRAMEBUFFER_ResubmitCurrent(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Client.SubmitMutex);

@@ -12,6 +12,9 @@
 constexpr ULONG USB_INTERFACE_COUNT = 3; // 0 unused, 1 streaming, 2 status
 constexpr ULONG USB_STREAMING_INTERFACE = 1;
 constexpr ULONG USB_STATUS_INTERFACE = 2;
+// The board with the transmitter's video inputs in reverse.
+constexpr USHORT ADAPTER_ALT_PRODUCT_ID = ADAPTER_PRODUCT_ID - 2;
+
 constexpr USHORT USB_BCD_HIGH_SPEED_LINK = 0x0210; // bcdUSB of an adapter on a USB 2.0 link
 constexpr USHORT USB_BCD_SUPER_SPEED_LINK = 0x0300;
 

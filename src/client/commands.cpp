@@ -1,0 +1,219 @@
+#include "client/commands.h"
+
+#include "client/cursor.h"
+#include "client/frame_buffer.h"
+#include "display/mode_setting.h"
+#include "driver/device_context.h"
+#include "hdmi/transmitter.h"
+#include "render/start_stop.h"
+
+namespace {
+
+constexpr ULONG PRESENT_MAX_WIDTH = 2048;
+constexpr ULONG PRESENT_MAX_HEIGHT = 1152;
+
+constexpr ULONG D0_POLL_MS = 10;
+constexpr ULONG D0_LIMIT_MS = 5000;
+
+// A command's input is the caller's memory, which may change under our hands: it is copied once and only the
+// copy is looked at. FALSE when it is shorter than the record.
+template <typename Record>
+[[nodiscard]] BOOLEAN CopyInput(const VOID* input, ULONGLONG inputLength, Record* record) {
+    if (input == nullptr || inputLength < sizeof(Record)) {
+        return FALSE;
+    }
+    RtlCopyMemory(record, input, sizeof(Record));
+    return TRUE;
+}
+
+// The base block twice, as far as whole copies fit. Under MonitorMutex, although reading a monitor's EDID
+// holds it for up to a second: a client that asks in the middle gets the new EDID then, and never half of it.
+NTSTATUS QueryEdid(DEVICE_CONTEXT* context, VOID* output, ULONGLONG outputLength) {
+    if (output == nullptr || outputLength < EDID_BLOCK_SIZE) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    UCHAR* bytes = static_cast<UCHAR*>(output);
+    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
+    RtlCopyMemory(bytes, context->Display.EdidBlocks[0], EDID_BLOCK_SIZE);
+    if (outputLength >= 2 * EDID_BLOCK_SIZE) {
+        RtlCopyMemory(bytes + EDID_BLOCK_SIZE, context->Display.EdidBlocks[0], EDID_BLOCK_SIZE);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CreateFrameBuffer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    FRAME_BUFFER_REQUEST request;
+    if (!CopyInput(input, inputLength, &request)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    FRAME_BUFFER_CONTEXT* frameBuffer;
+    const NTSTATUS status = FRAMEBUFFER_Create(context, &request, 1, &frameBuffer);
+
+    // The size counts even without memory for it: a present may create the frame buffer later.
+    SHARED_Write(context->Client.DesktopWidth, request.Width);
+    SHARED_Write(context->Client.DesktopHeight, request.Height);
+    return status;
+}
+
+NTSTATUS DestroyFrameBuffer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    FRAME_BUFFER_REQUEST request;
+    if (!CopyInput(input, inputLength, &request)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    FRAMEBUFFER_Destroy(context, request.Identifier);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS PresentFrame(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    PRESENT_REQUEST request;
+    if (!CopyInput(input, inputLength, &request)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    // Larger than any mode: dropped without an error. Both dimensions must be too large, because what counts
+    // is the number of pixels, and that is what the byte size says.
+    if (request.ByteSize > PRESENT_MAX_BYTES ||
+        (request.Width > PRESENT_MAX_WIDTH && request.Height > PRESENT_MAX_HEIGHT)) {
+        return STATUS_SUCCESS;
+    }
+    return FRAMEBUFFER_Present(context, &request);
+}
+
+NTSTATUS SetPointer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    POINTER_REQUEST request;
+    if (!CopyInput(input, inputLength, &request)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    CURSOR_Update(context, request.Position, request.Shape);
+    return STATUS_SUCCESS;
+}
+
+// The caller holds DisplayPowerMutex.
+void SwitchDisplayOff(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Display.FrameErrorHandlingSuspended, TRUE);
+    {
+        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+        if (SHARED_Read(context->Hdmi.HdmiTransmitterPresent) &&
+            SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
+            (void)HDMI_PowerDown(context);
+        }
+    }
+    RENDER_Stop(context);
+    MODE_DisableOutput(context);
+    SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
+}
+
+// The caller holds DisplayPowerMutex.
+void SwitchDisplayOn(DEVICE_CONTEXT* context) {
+    MODE_REQUEST request = {};
+    request.Width = SHARED_Read(context->Client.DesktopWidth);
+    request.Height = SHARED_Read(context->Client.DesktopHeight);
+    request.Refresh = 60;
+    request.SourceBytesPerPixel = 4;
+    request.OutputColorMode = OUTPUT_COLOR_24_BIT;
+    // A mode that cannot be set leaves the display dark until the next switch; the client is not told.
+    (void)MODE_SetMode(context, &request);
+}
+
+// TRUE when the display was switched or needs no switch any more, FALSE while the device is out of D0.
+BOOLEAN TrySwitchDisplayOn(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
+    if (context->Client.DisplayOn == 0) {
+        return TRUE; // Another command has switched off while this one waited.
+    }
+    if (SHARED_Read(context->Power.CurrentPowerState) != WdfPowerDeviceD0) {
+        return FALSE;
+    }
+    SwitchDisplayOn(context);
+    return TRUE;
+}
+
+// Waits without the mutex: D0 exit needs it, and a later display-off must not wait behind a sleeping device.
+NTSTATUS SwitchDisplayOnInD0(DEVICE_CONTEXT* context) {
+    ULONG elapsedMs = 0;
+    while (!TrySwitchDisplayOn(context)) {
+        if (SHARED_Read(context->DeviceRemoved)) {
+            return STATUS_DEVICE_REMOVED;
+        }
+        UTIL_DelayMs(D0_POLL_MS);
+        elapsedMs += D0_POLL_MS;
+        if (elapsedMs > D0_LIMIT_MS) {
+            return STATUS_DRIVER_CANCEL_TIMEOUT;
+        }
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS SetDisplayPower(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    DISPLAY_POWER_REQUEST request;
+    if (!CopyInput(input, inputLength, &request)) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    {
+        MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
+        if (context->Client.DisplayOn == request.On) {
+            return STATUS_SUCCESS;
+        }
+        SHARED_Write(context->Client.DisplayOn, request.On);
+        if (request.On == 0) {
+            SwitchDisplayOff(context);
+            return STATUS_SUCCESS;
+        }
+    }
+    return SwitchDisplayOnInD0(context);
+}
+
+NTSTATUS SetRotation(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputLength) {
+    ROTATION_REQUEST request;
+    if (inputLength != sizeof(request) || !CopyInput(input, inputLength, &request)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    SHARED_Write(context->Client.Rotation, request.Rotation);
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS CLIENT_Command(VOID* clientContext, ULONG code, VOID* input, ULONGLONG inputLength, VOID* output,
+                        ULONGLONG outputLength, ULONG* bytesReturned) {
+    DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
+    if (SHARED_Read(context->DeviceRemoved)) {
+        return STATUS_DEVICE_REMOVED;
+    }
+    if (bytesReturned != nullptr) {
+        *bytesReturned = 0;
+    }
+    switch (code) {
+    case CMD_QUERY_EDID:
+        return QueryEdid(context, output, outputLength);
+    case CMD_CREATE_FRAME_BUFFER:
+        return CreateFrameBuffer(context, input, inputLength);
+    case CMD_DESTROY_FRAME_BUFFER:
+        return DestroyFrameBuffer(context, input, inputLength);
+    case CMD_PRESENT_FRAME:
+        return PresentFrame(context, input, inputLength);
+    case CMD_SET_POINTER:
+        return SetPointer(context, input, inputLength);
+    case CMD_SET_DISPLAY_POWER:
+        return SetDisplayPower(context, input, inputLength);
+    case CMD_SET_CLIENT_VALUE:
+        return STATUS_SUCCESS;
+    case CMD_SET_ROTATION:
+        return SetRotation(context, input, inputLength);
+    default:
+        return STATUS_NOT_SUPPORTED;
+    }
+}
+
+void CLIENT_ReleaseInterface(VOID* clientContext) {
+    DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
+    FRAMEBUFFER_DestroyAll(context);
+    {
+        // The next client starts with the display off, or its first display-on would change nothing.
+        MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
+        SHARED_Write(context->Client.DisplayOn, 0);
+    }
+    if (InterlockedDecrement(&context->Client.ClientCount) < 0) {
+        // Released twice, or after a restart that had ended the tenure: nothing was held.
+        InterlockedIncrement(&context->Client.ClientCount);
+    }
+}

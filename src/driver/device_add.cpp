@@ -1,0 +1,164 @@
+#include "driver/device_add.h"
+
+#include "client/exchange.h"
+#include "client/frame_buffer.h"
+#include "driver/device_context.h"
+#include "driver/hardware.h"
+#include "driver/power.h"
+
+#include <intrin.h>
+
+namespace {
+
+constexpr ULONG RENDER_BUFFER_ALIGNMENT = 16;
+
+void RegisterPnpPowerCallbacks(PWDFDEVICE_INIT deviceInit) {
+    WDF_PNPPOWER_EVENT_CALLBACKS callbacks;
+    WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&callbacks);
+    callbacks.EvtDevicePrepareHardware = DEVICE_EvtPrepareHardware;
+    callbacks.EvtDeviceReleaseHardware = DEVICE_EvtReleaseHardware;
+    callbacks.EvtDeviceD0Entry = DEVICE_EvtD0Entry;
+    callbacks.EvtDeviceD0Exit = DEVICE_EvtD0Exit;
+    callbacks.EvtDeviceSelfManagedIoSuspend = DEVICE_EvtSelfManagedIoSuspend;
+    callbacks.EvtDeviceSelfManagedIoRestart = DEVICE_EvtSelfManagedIoRestart;
+    callbacks.EvtDeviceSurpriseRemoval = DEVICE_EvtSurpriseRemoval;
+    WdfDeviceInitSetPnpPowerEventCallbacks(deviceInit, &callbacks);
+}
+
+void RegisterFileCallbacks(PWDFDEVICE_INIT deviceInit) {
+    WDF_FILEOBJECT_CONFIG config;
+    WDF_FILEOBJECT_CONFIG_INIT(&config, DEVICE_EvtFileCreate, WDF_NO_EVENT_CALLBACK, DEVICE_EvtFileCleanup);
+    config.FileObjectClass = WdfFileObjectWdfCannotUseFsContexts;
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    WdfDeviceInitSetFileObjectConfig(deviceInit, &config, &attributes);
+}
+
+NTSTATUS CreateDevice(PWDFDEVICE_INIT deviceInit, DEVICE_CONTEXT** context) {
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, DEVICE_CONTEXT);
+    WDFDEVICE device = nullptr;
+    const NTSTATUS status = WdfDeviceCreate(&deviceInit, &attributes, &device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    *context = DEVICE_GetContext(device);
+    (*context)->Device = device;
+
+    // The adapter is meant to be pulled: no warning to the user when it is.
+    WDF_DEVICE_PNP_CAPABILITIES capabilities;
+    WDF_DEVICE_PNP_CAPABILITIES_INIT(&capabilities);
+    capabilities.SurpriseRemovalOK = WdfTrue;
+    WdfDeviceSetPnpCapabilities(device, &capabilities);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CreateDefaultQueue(DEVICE_CONTEXT* context) {
+    WDF_IO_QUEUE_CONFIG config;
+    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&config, WdfIoQueueDispatchParallel);
+    config.EvtIoInternalDeviceControl = CLIENT_EvtIoInternalDeviceControl;
+    return WdfIoQueueCreate(context->Device, &config, WDF_NO_OBJECT_ATTRIBUTES, &context->DefaultQueue);
+}
+
+} // namespace
+
+NTSTATUS DEVICE_EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit) {
+    RegisterPnpPowerCallbacks(deviceInit);
+    RegisterFileCallbacks(deviceInit);
+    WdfDeviceInitSetIoType(deviceInit, WdfDeviceIoNeither);
+
+    UCHAR minorFunctions[] = {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE};
+    NTSTATUS status = WdfDeviceInitAssignWdmIrpPreprocessCallback(
+        deviceInit, DEVICE_PreprocessPnpIrp, IRP_MJ_PNP, minorFunctions, ARRAYSIZE(minorFunctions));
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+
+    DEVICE_CONTEXT* context = nullptr;
+    status = CreateDevice(deviceInit, &context);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = CreateDefaultQueue(context);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    DEVICE_InitMutexes(context);
+    FRAMEBUFFER_InitializeList(context);
+    REGISTRY_ReadConfiguration(context);
+    DEVICE_DetectCpuFeatures(context);
+
+    return DEVICE_CreateRenderBuffers(context);
+}
+
+void DEVICE_InitMutexes(DEVICE_CONTEXT* context) {
+    MUTEXES* locks = &context->Locks;
+    MUTEX_Initialize(&locks->DropFrameCheckMutex);
+    MUTEX_Initialize(&locks->RenderBufferIndexMutex);
+    MUTEX_Initialize(&locks->MonitorMutex);
+    MUTEX_Initialize(&locks->SpareMutex);
+    MUTEX_Initialize(&locks->DisplayStateMutex);
+    MUTEX_Initialize(&locks->RegisterMutex);
+    MUTEX_Initialize(&locks->RenderStartStopMutex);
+    MUTEX_Initialize(&context->Usb.SerialMasterMutex);
+    MUTEX_Initialize(&context->Client.DisplayPowerMutex);
+    MUTEX_Initialize(&context->Client.SubmitMutex);
+}
+
+void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
+    CPU_FEATURES* cpu = &context->Cpu;
+    int registers[4] = {};
+    __cpuidex(registers, 1, 0);
+    for (ULONG i = 0; i < ARRAYSIZE(registers); i++) {
+        cpu->CpuInfo[i] = static_cast<ULONG>(registers[i]);
+    }
+    const ULONG ecx = cpu->CpuInfo[2];
+    cpu->CpuHasSsse3 = (ecx >> 9) & 1;
+    cpu->CpuHasSse41 = (ecx >> 19) & 1;
+    cpu->CpuHasSse42 = (ecx >> 20) & 1;
+}
+
+void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, WDF_OBJECT_ATTRIBUTES* attributes) {
+    WDF_OBJECT_ATTRIBUTES_INIT(attributes);
+    attributes->ParentObject = context->Device;
+}
+
+NTSTATUS DEVICE_CreateRenderBuffers(DEVICE_CONTEXT* context) {
+    RENDER_BUFFERS* buffers = &context->Render.RenderBuffer;
+    WDF_OBJECT_ATTRIBUTES attributes;
+    DEVICE_InitChildAttributes(context, &attributes);
+    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
+        PVOID address = nullptr;
+        const NTSTATUS status = WdfMemoryCreate(&attributes, DriverPoolType, POOL_TAG_DRIVER,
+                                                RENDER_BUFFER_ALLOCATION, &buffers->Memory[i], &address);
+        if (!NT_SUCCESS(status)) {
+            buffers->Memory[i] = nullptr;
+            DEVICE_DeleteRenderBuffers(context);
+            return status;
+        }
+        RtlFillMemory(address, RENDER_BUFFER_ALLOCATION, 0xFF);
+        buffers->NonAligned[i] = static_cast<UCHAR*>(address);
+        buffers->Aligned[i] = reinterpret_cast<UCHAR*>(ALIGN_UP_BY(address, RENDER_BUFFER_ALIGNMENT));
+    }
+    context->Render.NextRenderBufferIndex = 0;
+    return STATUS_SUCCESS;
+}
+
+void DEVICE_DeleteRenderBuffers(DEVICE_CONTEXT* context) {
+    RENDER_BUFFERS* buffers = &context->Render.RenderBuffer;
+    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
+        if (buffers->Memory[i] != nullptr) {
+            WdfObjectDelete(buffers->Memory[i]);
+        }
+        buffers->Memory[i] = nullptr;
+        buffers->NonAligned[i] = nullptr;
+        buffers->Aligned[i] = nullptr;
+    }
+}
+
+// Every open succeeds; what it is good for is decided by the exchange of entry points.
+void DEVICE_EvtFileCreate(WDFDEVICE, WDFREQUEST request, WDFFILEOBJECT) {
+    WdfRequestCompleteWithInformation(request, STATUS_SUCCESS, 0);
+}
+
+void DEVICE_EvtFileCleanup(WDFFILEOBJECT) {}

@@ -1,0 +1,171 @@
+#include "usb/configuration.h"
+
+#include "driver/device_context.h"
+
+namespace {
+
+constexpr UCHAR ENDPOINT_DIRECTION_IN = 0x80;
+constexpr ULONG CONTROL_BUFFER_SIZE = sizeof(ULONG);
+
+NTSTATUS CreateControlRequest(USB_CONTEXT* usb) {
+    NTSTATUS status = WdfRequestCreate(WDF_NO_OBJECT_ATTRIBUTES, usb->UsbIoTarget, &usb->ControlRequest);
+    if (!NT_SUCCESS(status)) {
+        usb->ControlRequest = nullptr;
+        return status;
+    }
+    PVOID buffer = nullptr;
+    status = WdfMemoryCreate(WDF_NO_OBJECT_ATTRIBUTES, DriverPoolType, POOL_TAG_DRIVER, CONTROL_BUFFER_SIZE,
+                             &usb->ControlMemory, &buffer);
+    if (!NT_SUCCESS(status)) {
+        usb->ControlMemory = nullptr;
+        buffer = nullptr;
+    }
+    usb->ControlBuffer = static_cast<ULONG*>(buffer);
+    return status;
+}
+
+} // namespace
+
+NTSTATUS USB_CreateTarget(DEVICE_CONTEXT* context) {
+    USB_CONTEXT* usb = &context->Usb;
+    if (usb->UsbDevice == nullptr) {
+        const NTSTATUS status =
+            WdfUsbTargetDeviceCreate(context->Device, WDF_NO_OBJECT_ATTRIBUTES, &usb->UsbDevice);
+        if (!NT_SUCCESS(status)) {
+            usb->UsbDevice = nullptr;
+            return status;
+        }
+        usb->UsbIoTarget = WdfUsbTargetDeviceGetIoTarget(usb->UsbDevice);
+    }
+    {
+        MUTEX_GUARD transfer(context->Locks.RegisterMutex);
+        const NTSTATUS status = CreateControlRequest(usb);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    WdfUsbTargetDeviceGetDeviceDescriptor(usb->UsbDevice, &usb->DeviceDescriptor);
+    USB_ClassifyChip(context);
+    return USB_RetrieveConfigDescriptor(context);
+}
+
+void USB_DeleteControlRequest(DEVICE_CONTEXT* context) {
+    USB_CONTEXT* usb = &context->Usb;
+    MUTEX_GUARD transfer(context->Locks.RegisterMutex);
+    if (usb->ControlRequest != nullptr) {
+        WdfObjectDelete(usb->ControlRequest);
+        usb->ControlRequest = nullptr;
+    }
+    if (usb->ControlMemory != nullptr) {
+        WdfObjectDelete(usb->ControlMemory);
+        usb->ControlMemory = nullptr;
+        usb->ControlBuffer = nullptr;
+    }
+}
+
+ULONG USB_RevisionOf(const USB_DEVICE_DESCRIPTOR* descriptor) {
+    const USHORT vendor = descriptor->idVendor;
+    const USHORT product = descriptor->idProduct;
+    const USHORT release = descriptor->bcdDevice;
+    if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0100) {
+        return 1;
+    }
+    if (vendor == ADAPTER_VENDOR_ID && release == 0x0200) {
+        return product == ADAPTER_PRODUCT_ID || product == ADAPTER_ALT_PRODUCT_ID ? 2 : 0;
+    }
+    if (vendor == PARTNER_VENDOR_ID && product == PARTNER_PRODUCT_ID && release == 0x0200) {
+        return 2;
+    }
+    if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0300) {
+        return 3;
+    }
+    return 0;
+}
+
+void USB_ClassifyChip(DEVICE_CONTEXT* context) {
+    USB_CONTEXT* usb = &context->Usb;
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    usb->ChipRevision = USB_RevisionOf(&usb->DeviceDescriptor);
+    if (usb->ChipRevision == 1) {
+        usb->NoInterruptPipe = TRUE;
+    }
+}
+
+NTSTATUS USB_RetrieveConfigDescriptor(DEVICE_CONTEXT* context) {
+    const WDFUSBDEVICE usbDevice = context->Usb.UsbDevice;
+    USHORT length = 0;
+    NTSTATUS status = WdfUsbTargetDeviceRetrieveConfigDescriptor(usbDevice, nullptr, &length);
+    if (status != STATUS_BUFFER_TOO_SMALL || length == 0) {
+        // A success without a size is an adapter without a configuration: of no use.
+        return NT_SUCCESS(status) ? STATUS_UNSUCCESSFUL : status;
+    }
+
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+    attributes.ParentObject = usbDevice;
+    WDFMEMORY memory = nullptr;
+    PVOID buffer = nullptr;
+    status = WdfMemoryCreate(&attributes, DriverPoolType, POOL_TAG_DRIVER, length, &memory, &buffer);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = WdfUsbTargetDeviceRetrieveConfigDescriptor(usbDevice, buffer, &length);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    return USB_SelectConfiguration(context);
+}
+
+NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context) {
+    USB_CONTEXT* usb = &context->Usb;
+    if (usb->ChipRevision == 3) {
+        return STATUS_UNSUCCESSFUL;
+    }
+
+    const UCHAR interfaceCount = WdfUsbTargetDeviceGetNumInterfaces(usb->UsbDevice);
+    if (interfaceCount < USB_INTERFACE_COUNT) {
+        // Streaming and status interface are missing; better no adapter than one that shows nothing.
+        return STATUS_UNSUCCESSFUL;
+    }
+    for (UCHAR i = 0; i < USB_INTERFACE_COUNT; i++) {
+        usb->UsbInterfaces[i] = WdfUsbTargetDeviceGetInterface(usb->UsbDevice, i);
+    }
+
+    WDF_USB_DEVICE_SELECT_CONFIG_PARAMS params;
+    WDF_USB_DEVICE_SELECT_CONFIG_PARAMS_INIT_MULTIPLE_INTERFACES(&params, 0, nullptr);
+    return WdfUsbTargetDeviceSelectConfig(usb->UsbDevice, WDF_NO_OBJECT_ATTRIBUTES, &params);
+}
+
+WDFUSBPIPE USB_FindPipe(WDFUSBINTERFACE usbInterface, WDF_USB_PIPE_TYPE type, ULONG direction) {
+    const UCHAR pipeCount = WdfUsbInterfaceGetNumConfiguredPipes(usbInterface);
+    for (UCHAR i = 0; i < pipeCount; i++) {
+        WDF_USB_PIPE_INFORMATION information;
+        WDF_USB_PIPE_INFORMATION_INIT(&information);
+        const WDFUSBPIPE pipe = WdfUsbInterfaceGetConfiguredPipe(usbInterface, i, &information);
+        const ULONG pipeDirection =
+            (information.EndpointAddress & ENDPOINT_DIRECTION_IN) != 0 ? USB_DIRECTION_IN : USB_DIRECTION_OUT;
+        if (information.PipeType == type && pipeDirection == direction) {
+            return pipe;
+        }
+    }
+    return nullptr;
+}
+
+NTSTATUS USB_SelectAlternateSetting(DEVICE_CONTEXT*, WDFUSBINTERFACE usbInterface) {
+    WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
+    WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, 0);
+    const NTSTATUS status = WdfUsbInterfaceSelectSetting(usbInterface, WDF_NO_OBJECT_ATTRIBUTES, &params);
+    return NT_SUCCESS(status) ? STATUS_SUCCESS : status;
+}
+
+NTSTATUS USB_ConfigurePipes(DEVICE_CONTEXT* context) {
+    USB_CONTEXT* usb = &context->Usb;
+    usb->BulkOutPipeHandle = nullptr;
+    usb->BulkOutPipe =
+        USB_FindPipe(usb->UsbInterfaces[USB_STREAMING_INTERFACE], WdfUsbPipeTypeBulk, USB_DIRECTION_OUT);
+    if (usb->BulkOutPipe == nullptr) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    usb->BulkOutPipeHandle = WdfUsbTargetPipeWdmGetPipeHandle(usb->BulkOutPipe);
+    return usb->BulkOutPipeHandle != nullptr ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
