@@ -115,13 +115,15 @@ void Board::writeSerialControl(std::uint32_t value, usb::Time now) {
     if ((value & reg::kSerialDone) != 0)
         return;
 
-    ++statistics.serialCommands;
     if (options_.revision >= 2 && (value & reg::kPowerStage2) == 0) {
+        // Taking the power away rewrites the word as it is read: after an unanswered command, with bit 31 clear.
+        if (((value ^ old) & reg::kSerialCommandMask) != 0)
+            violations.add(now, ViolationKind::SerialUnpowered,
+                           fmt::format("serial command 0x{:08X} without power bit 28", value));
         serial.refuse();
-        violations.add(now, ViolationKind::SerialUnpowered,
-                       fmt::format("serial command 0x{:08X} without power bit 28", value));
         return;
     }
+    ++statistics.serialCommands;
     if (transmitter)
         transmitter->setInput(videoInput());
     serial.start(value, registers_.get(reg::kSerialWriteData), now);
