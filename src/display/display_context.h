@@ -18,8 +18,10 @@ struct MONITOR_MODE {
 struct DISPLAY_CONTEXT {
     MODE_PARAMETERS Mode;
 
-    // Set at hardware preparation, freed at release.
+    // Set at hardware preparation.
     DEVICE_OBJECT* PhysicalDeviceObject;
+
+    // Guarded by MonitorMutex; of length 0 while no device interface is registered.
     UNICODE_STRING InterfaceSymbolicLinkName;
 
     // Guarded by MonitorMutex.

@@ -16,6 +16,7 @@ constexpr ULONG RENDER_BUFFER_COUNT = 4;
 constexpr ULONG RENDER_BUFFER_CAPACITY = 0x6C0036;   // from the aligned address: 2048 x 1152 x 3 + 54
 constexpr ULONG RENDER_BUFFER_ALLOCATION = 0x6C0046; // capacity + 16
 constexpr ULONG COMPRESSION_STAGING_ALLOCATION = 0x6C0056;
+constexpr ULONG RENDER_BUFFER_NONE = ~0u; // no frame was queued since the stream started
 
 // One transfer. A context is on AvailableList (FRAME_CLEARED), on no list and owned by the frame update
 // (FRAME_TAKEN), on PendingList (FRAME_UPDATED), or in flight; the list that holds it is its state.
@@ -24,7 +25,9 @@ struct RENDER_CONTEXT {
     DEVICE_CONTEXT* DeviceContext;
     ULONG TransferLength;
     ULONG RenderBufferIndex;  // the render buffer it sends
-    LONG OutstandingRequests; // interlocked: sent and not completed
+    LONG OutstandingRequests; // interlocked: queued or sent, and not finished
+    BOOLEAN Abandoned;        // a request was not sent; written before that request's OutstandingRequests is
+                              // given back, read once none is left
     _URB_BULK_OR_INTERRUPT_TRANSFER RenderUrb;
     WDFMEMORY RenderUrbMemory;
     WDFREQUEST RenderRequest;
@@ -72,19 +75,23 @@ struct RENDER_PIPELINE {
 
     // Guarded by AvailableListLock; the count is interlocked and may lag the list.
     DEVICE_SPIN_LOCK AvailableListLock;
-    LIST_ENTRY AvailableList;
+    LIST_ENTRY AvailableList TSA_GUARDED_BY(AvailableListLock);
     LONG AvailableCount;
 
     // Guarded by PendingListLock; the count is interlocked.
     DEVICE_SPIN_LOCK PendingListLock;
-    LIST_ENTRY PendingList;
+    LIST_ENTRY PendingList TSA_GUARDED_BY(PendingListLock);
     LONG PendingCount;
-    ULONG LatestRenderBufferIndex; // render buffer of the newest frame queued
-    BOOLEAN Dispatching;           // somebody is sending; new work is left to it
+    ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued in this run
+    BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // somebody is sending; new work is left to it
+    KEVENT DispatchIdleEvent;                            // notification; signalled while Dispatching is clear
+    KEVENT DispatchRequestEvent; // synchronization; a dispatch that took too long leaves the rest to the
+                                 // frame update thread
 
     LONG RenderContextsInFlight; // interlocked
 
-    // Created at device add. NextRenderBufferIndex is guarded by RenderBufferIndexMutex and never reset.
+    // Created at device add; they outlive the rest. NextRenderBufferIndex is guarded by
+    // RenderBufferIndexMutex and never reset.
     RENDER_BUFFERS RenderBuffer;
     ULONG NextRenderBufferIndex;
     ULONG RenderBufferLength[RENDER_BUFFER_COUNT]; // bytes to send; written before the buffer is queued
@@ -95,8 +102,8 @@ struct RENDER_PIPELINE {
     UCHAR* CompressionStagingAligned; // 32-byte boundary
 
     // The frame update thread.
-    HANDLE FrameUpdateThreadHandle;
-    PVOID FrameUpdateThreadObject; // referenced: shutdown waits for it
+    HANDLE FrameUpdateThreadHandle; // closed as soon as the object is referenced
+    PVOID FrameUpdateThreadObject;  // referenced from creation until shutdown has waited for it
     THREAD_START_CONTEXT ThreadStartContext;
     KEVENT FrameUpdateRequestEvent;
     KEVENT ThreadStartStopEvent;
@@ -105,13 +112,17 @@ struct RENDER_PIPELINE {
     // Shared fields, each written by one side and polled by the other.
     ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE, by the thread
     BOOLEAN StopAcknowledged;     // set by the thread, cleared by a stop
-    ULONG RenderRunning;          // under RenderStartStopMutex, polled by the thread and by completions
+
+    // Changed under RenderStartStopMutex and PendingListLock. Who holds either knows that it stays; a poll
+    // without them (shared field) only saves work that would be thrown away.
+    ULONG RenderRunning;
 
     // Guarded by RenderStartStopMutex.
     BOOLEAN ShutDown;              // the pipeline is being torn down and starts no more
     BOOLEAN SuspendedWhileRunning; // the stream paused for a sleep and resumes after it
 
-    // Signalled while the thread is not filling a render buffer; a stop waits for it after it cleared
+    // Notification; signalled while the thread is not filling a render buffer. The thread clears it under
+    // PendingListLock, and only while RenderRunning is set; a stop waits for it after it cleared
     // RenderRunning.
     KEVENT FrameFillIdleEvent;
 

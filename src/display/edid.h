@@ -1,0 +1,65 @@
+// EDID (VESA E-EDID 1.3/1.4, CEA-861 extensions): checking it, collecting the modes it offers, and rewriting
+// its base block so that it offers only what the adapter can drive.
+//
+// Pure functions on EdidBlocks, MonitorModeCount and MonitorModes of a DISPLAY_CONTEXT. In the driver the
+// caller holds MonitorMutex. The blocks come from outside: nothing in them is trusted, and nothing outside
+// the block at hand is read.
+#pragma once
+
+#include "display/display_context.h"
+
+#include <ntddk.h>
+
+constexpr ULONG EDID_EXTENSION_COUNT_OFFSET = 126;
+constexpr ULONG EDID_CHECKSUM_OFFSET = 127;
+constexpr ULONG EDID_DETAILED_TIMING_OFFSET = 54;
+constexpr ULONG EDID_DETAILED_TIMING_SIZE = 18;
+constexpr ULONG EDID_DETAILED_TIMING_COUNT = 4;
+constexpr ULONG EDID_STANDARD_TIMING_OFFSET = 38;
+constexpr ULONG EDID_STANDARD_TIMING_COUNT = 8;
+constexpr ULONG EDID_LAST_BLOCK = EDID_BLOCK_COUNT - 1;
+
+// FilterEdidTableEnable on links slower than USB 3: the one mode that is offered.
+enum EDID_FILTER : ULONG {
+    EDID_FILTER_OFF = 0,
+    EDID_FILTER_800X600 = 1,
+    EDID_FILTER_640X480 = 2,
+    EDID_FILTER_1024X768 = 3,
+};
+
+// Empties all blocks, so that nothing of an earlier monitor is ever looked at.
+void EDID_Clear(DISPLAY_CONTEXT* display);
+
+// Whether header and CEA extensions make sense. Checksums are not looked at.
+[[nodiscard]] BOOLEAN EDID_Validate(const DISPLAY_CONTEXT* display);
+
+// The first extension block that is CEA-861 revision 3, or 0 when there is none.
+ULONG EDID_FindCeaBlock(const DISPLAY_CONTEXT* display);
+
+// Adds the modes of a CEA block's video descriptors that the adapter can drive. `block`: 1 to
+// EDID_LAST_BLOCK.
+void EDID_AddCeaModes(DISPLAY_CONTEXT* display, ULONG block);
+
+// Rewrites the base block for a link of that bcdUSB under a FilterEdidTableEnable that is not 0, and makes
+// its checksum right.
+void EDID_Rewrite(DISPLAY_CONTEXT* display, USHORT bcdUsb, ULONG filter);
+
+// A standard timing's size from its first byte and the top two bits of its second.
+void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, ULONG* width, ULONG* height);
+
+// What a detailed timing in use describes, its clock in units of 10 kHz.
+struct EDID_DETAILED_TIMING {
+    ULONG PixelClock; // 0: the slot holds no timing
+    ULONG HorizontalActive;
+    ULONG HorizontalBlanking;
+    ULONG VerticalActive;
+    ULONG VerticalBlanking;
+};
+void EDID_ReadDetailedTiming(const DISPLAY_CONTEXT* display, ULONG slot, EDID_DETAILED_TIMING* timing);
+
+// Describes a mode at 60 Hz in a detailed timing slot (0 to 3), without blanking. What else the slot holds
+// stays.
+void EDID_WriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, ULONG width, ULONG height);
+
+// Lists a mode unless it is listed, too large, or the list is full.
+void MONITOR_AddMode(DISPLAY_CONTEXT* display, ULONG width, ULONG height, ULONG refresh);

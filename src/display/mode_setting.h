@@ -1,0 +1,35 @@
+// From "switch the display on" to a running stream. PASSIVE_LEVEL; blocks for up to seconds.
+#pragma once
+
+#include "display/mode_parameters.h"
+
+#include <ntddk.h>
+
+struct DEVICE_CONTEXT;
+
+struct MODE_REQUEST {
+    ULONG Width;
+    ULONG Height;
+    ULONG Refresh;             // Hz; anything but 50 and 60 is replaced by 60, in the request, too
+    ULONG SourceBytesPerPixel; // of the client's frames
+    ULONG OutputColorMode;     // OUTPUT_COLOR_MODE, before the transfer policy
+    ULONG CompressionEnabled;  // not 0: the mode is programmed but the stream is not started
+    ULONG Unused;
+    ULONG TransferScheme; // 0: bulk
+};
+static_assert(sizeof(MODE_REQUEST) == 32);
+
+// Stops the stream, programs the mode and starts the stream again. On failure the stream stays stopped and
+// the monitor dark until the next mode set that succeeds. Takes RenderStartStopMutex for the whole change.
+[[nodiscard]] NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request);
+
+// Turns the adapter's video output off if it is on. Takes DisplayStateMutex.
+void MODE_DisableOutput(DEVICE_CONTEXT* context);
+
+// Chooses bytes per pixel and compression by link speed and settings. `severalDevices` becomes TRUE when
+// their number alone made the frames compressed. Changes `parameters` only, and this device's copy of
+// CurrentNumberOfDevices.
+void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices);
+
+// Powers an HDMI transmitter up and programs it when `modeChanged`. Takes DisplayStateMutex.
+void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged);

@@ -1,0 +1,42 @@
+// The display modes that the adapter can be programmed for.
+#pragma once
+
+#include <ntddk.h>
+
+// What the adapter must be told of one mode. Totals, syncs and porches are in pixels and in lines.
+struct VIDEO_MODE_ENTRY {
+    ULONG Width;
+    ULONG Height;
+    ULONG Refresh; // Hz
+    ULONG HorizontalTotal;
+    ULONG HorizontalSync;
+    ULONG HorizontalBackPorch;
+    ULONG VerticalTotal;
+    ULONG VerticalSync;
+    ULONG VerticalBackPorch;
+    ULONG HorizontalSizeImage; // the four timing register images follow from the values above
+    ULONG HorizontalSyncImage;
+    ULONG VerticalSizeImage;
+    ULONG VerticalSyncImage;
+    ULONG PllWord; // 10 MHz x bits 16..23 / bits 0..7 is the pixel clock, or twice it when bit 9 is set
+};
+
+constexpr ULONG MODE_TABLE_ENTRIES = 73;
+constexpr ULONG MODE_TABLE_COUNT = 6;
+constexpr ULONG MODE_MAX_PIXELS = 0x240000; // 2048 x 1152: what a frame can have at most
+
+// Table numbers by bytes per pixel on the wire.
+constexpr ULONG MODE_TABLE_24_BIT = 0;
+constexpr ULONG MODE_TABLE_16_BIT = 2;
+constexpr ULONG MODE_TABLE_8_BIT = 4;
+
+// Copies the first entry whose width, height and refresh all match. FALSE when there is none, or no such
+// table.
+[[nodiscard]] BOOLEAN MODE_LookupTable(ULONG table, ULONG width, ULONG height, ULONG refresh,
+                                       VIDEO_MODE_ENTRY* entry);
+
+// Copies entry `index`, 0 to MODE_TABLE_ENTRIES - 1. FALSE beyond.
+[[nodiscard]] BOOLEAN MODE_GetEntry(ULONG index, VIDEO_MODE_ENTRY* entry);
+
+// Whether a monitor may offer the mode: 60 Hz, in the tables, and small enough for a frame.
+[[nodiscard]] BOOLEAN MODE_IsSupported(ULONG width, ULONG height, ULONG refresh);
