@@ -4,7 +4,7 @@
 #include "tool/parse.h"
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 #include <vector>
 
 namespace tool {
@@ -22,6 +22,9 @@ struct ModeInfo {
 
 // In the order of the driver's table, a mode that is listed twice once.
 std::vector<ModeInfo> modeList();
+
+// A monitor may offer the mode to the client.
+bool isOffered(Size size, unsigned refresh);
 
 // Throws `InputError` unless a client can show frames of this size.
 void requireShowable(Size size, std::string_view what);

@@ -1,13 +1,11 @@
 #include "tool/session.h"
 
+#include "driver/device_add.h"
 #include "tool/exit_status.h"
 
 #include <exception>
 #include <fmt/format.h>
 #include <utility>
-
-// The entry routine by which the system loads a driver; no header of the driver declares it.
-extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING registryPath);
 
 namespace tool {
 

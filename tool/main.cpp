@@ -1,0 +1,239 @@
+// The command line. Reads options, calls one command, and turns what it throws into an exit status.
+#include "desktop/frame_source.h"
+#include "desktop/input_error.h"
+#include "tool/edid.h"
+#include "tool/exit_status.h"
+#include "tool/modes.h"
+#include "tool/parse.h"
+#include "tool/script.h"
+#include "tool/script_actions.h"
+#include "tool/settings.h"
+#include "tool/show.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <fmt/format.h>
+#include <map>
+
+namespace {
+
+using desktop::InputError;
+using tool::ExitStatus;
+
+constexpr const char* kAbout =
+    "Shows desktops on the modelled adapter's monitor, through the real driver.\n"
+    "\n"
+    "  usbdisplay show --image F.png --link usb3 --out monitor.png\n"
+    "  usbdisplay show --pattern scroll --frames 120 --link usb2\n"
+    "  ffmpeg -i film.mkv -f rawvideo -pix_fmt bgr0 -s 1280x720 - | usbdisplay show --video - --size "
+    "1280x720\n"
+    "  usbdisplay run demo/scripts/sleep-resume.txt\n"
+    "  usbdisplay edid monitor.bin --link usb2\n"
+    "\n"
+    "Exit status: 0 right; 1 wrong picture, or something the adapter could not understand (a violation);\n"
+    "2 bad usage or bad input, nothing written; 3 the driver or the device failed, or the driver broke a "
+    "rule\n"
+    "of the kernel.";
+
+const std::map<std::string, usb::Speed> kLinks = {{"usb2", usb::Speed::High}, {"usb3", usb::Speed::Super}};
+const std::map<std::string, std::uint32_t> kProcessors = {
+    {"sse41", 0xFFFFFFFF}, {"ssse3", ~(1u << 19 | 1u << 20)}, {"none", ~(1u << 9 | 1u << 19 | 1u << 20)}};
+
+// Values that need more than CLI11's own checks are kept as text and read by these.
+template <typename Value, typename Parse>
+void addParsed(CLI::App* command, const std::string& name, Value& value, const std::string& help,
+               const std::string& type, Parse parse) {
+    command
+        ->add_option_function<std::string>(
+            name, [&value, name, parse](const std::string& text) { value = parse(text, name); }, help)
+        ->type_name(type);
+}
+
+std::pair<int, int> parsePoint(const std::string& text, const std::string& name) {
+    const std::size_t comma = text.find(',');
+    if (comma == std::string::npos) {
+        throw InputError(fmt::format("{} is \"{}\"; allowed is X,Y", name, text));
+    }
+    return {tool::parseCoordinate(text.substr(0, comma), name),
+            tool::parseCoordinate(text.substr(comma + 1), name)};
+}
+
+void addSettings(CLI::App* command, std::vector<tool::Setting>& settings) {
+    command
+        ->add_option_function<std::vector<std::string>>(
+            "--set",
+            [&settings](const std::vector<std::string>& list) {
+                for (const std::string& text : list) {
+                    settings.push_back(tool::parseAssignment(text));
+                }
+            },
+            "A value under the driver's Parameters key; again for more. Binary values: NAME=@FILE")
+        ->type_name("NAME=VALUE")
+        ->allow_extra_args(false);
+}
+
+void addLink(CLI::App* command, usb::Speed& link) {
+    command->add_option("--link", link, "The link: usb2 (high speed) or usb3 (SuperSpeed, the default)")
+        ->transform(CLI::CheckedTransformer(kLinks).description(""))
+        ->type_name("usb2|usb3");
+}
+
+void addSeed(CLI::App* command, std::uint64_t& seed) {
+    addParsed(command, "--seed", seed, "Chooses the schedule: which task runs when. A failure names it", "N",
+              [](const std::string& text, const std::string& name) {
+                  return tool::parseNumber(text, name, 0, UINT64_MAX);
+              });
+    command->get_option("--seed")->envname("SIM_SEED");
+}
+
+void addAdapter(CLI::App* command, model::AdapterOptions& adapter) {
+    addLink(command, adapter.link);
+    command->add_option("--revision", adapter.revision, "The adapter's chip: 0, 1 or 2 (the default)")
+        ->check(CLI::IsMember({0, 1, 2}).description(""))
+        ->type_name("N");
+    command->add_flag("--transmitter", adapter.transmitter, "The adapter carries an HDMI transmitter");
+}
+
+std::string patternHelp() {
+    std::string help = "A test pattern instead of a picture:";
+    for (const desktop::Pattern& pattern : desktop::patterns()) {
+        help += fmt::format("\n  {:<11} {}", pattern.name, pattern.description);
+    }
+    return help;
+}
+
+// Every command registers its options and leaves what is to be done in `action`.
+using CommandBody = std::function<ExitStatus()>;
+
+void addShow(CLI::App& app, CommandBody& action) {
+    auto options = std::make_shared<tool::ShowOptions>();
+    CLI::App* command = app.add_subcommand(
+        "show",
+        "Present frames, wait until the monitor shows the last one, and compare it with what its mode "
+        "must show.\nWithout a source it shows the pattern \"bars\" in 1920x1080.");
+    command->add_option("--image", options->image, "A PNG picture; - reads standard input")
+        ->type_name("F.png");
+    command->add_option("--pattern", options->pattern, patternHelp())->type_name("NAME");
+    command
+        ->add_option("--video", options->video,
+                     "Raw frames of 4 bytes per pixel (blue, green, red, unused); - reads standard input. "
+                     "Needs --size")
+        ->type_name("F|-");
+    addParsed(command, "--size", options->size, "Size of the frames; a picture is scaled to it", "WxH",
+              tool::parseSize);
+    addParsed(command, "--mode", options->mode,
+              "Display mode; frames of another size stand in its middle. By default the size of the frames",
+              "WxH", tool::parseSize);
+    addAdapter(command, options->adapter);
+    addParsed(command, "--bandwidth", options->bandwidth,
+              "What the link carries, by default 40 (usb2) or 400 (usb3)", "MB/S", tool::parseBandwidth);
+    command
+        ->add_option("--edid", options->edid,
+                     "The monitor's EDID; by default one of 1920x1080, none for a monitor without")
+        ->type_name("F.bin|none");
+    addSettings(command, options->settings);
+    addParsed(command, "--frames", options->frames,
+              "Frames to present, by default 1, or 60 for a pattern that moves, or the whole video", "N",
+              [](const std::string& text, const std::string& name) {
+                  return static_cast<unsigned>(tool::parseNumber(text, name, 1, 10'000'000));
+              });
+    addParsed(command, "--rate", options->rate, "Frames presented a second, by default 60", "N",
+              [](const std::string& text, const std::string& name) {
+                  return static_cast<unsigned>(tool::parseNumber(text, name, 1, 1000));
+              });
+    addParsed(command, "--pointer", options->pointer, "Show an arrow with its top-left corner there", "X,Y",
+              parsePoint);
+    command->add_option("--out", options->out, "Write what the monitor shows as PNG")->type_name("F.png");
+    command
+        ->add_option("--capture", options->capture, "Write everything on the wire, for tshark and Wireshark")
+        ->type_name("F.pcapng");
+    addSeed(command, options->seed);
+    command->add_flag("--free", options->free,
+                      "Real threads and the real clock instead of the simulated machine");
+    command
+        ->add_option("--cpu", options->cpuFeatures,
+                     "Highest vector extension the driver may use, by default sse41")
+        ->transform(CLI::CheckedTransformer(kProcessors).description(""))
+        ->type_name("sse41|ssse3|none");
+    command->add_flag("--json", options->json,
+                      "Print one JSON object, with a series of samples, for machines");
+    command->callback([options, &action] { action = [options] { return tool::show(*options); }; });
+}
+
+void addRun(CLI::App& app, CommandBody& action) {
+    auto options = std::make_shared<tool::RunOptions>();
+    CLI::App* command = app.add_subcommand("run", "Carry a script out.\n\n" + tool::scriptHelp());
+    command->add_option("SCRIPT", options->script, "The script; - reads standard input")->required();
+    command
+        ->add_option("--capture", options->capture, "Write everything on the wire, for tshark and Wireshark")
+        ->type_name("F.pcapng");
+    addSeed(command, options->seed);
+    command->add_flag("--free", options->free,
+                      "Real threads and the real clock instead of the simulated machine");
+    command->add_flag("--json", options->json, "Print one JSON object for machines");
+    command->callback([options, &action] { action = [options] { return tool::runScript(*options); }; });
+}
+
+void addModes(CLI::App& app, CommandBody& action) {
+    auto json = std::make_shared<bool>(false);
+    CLI::App* command = app.add_subcommand(
+        "modes",
+        "List every mode the driver carries, with its pixel clock, and whether a monitor may offer it.");
+    command->add_flag("--json", *json, "Print a JSON list for machines");
+    command->callback([json, &action] { action = [json] { return tool::showModes(*json); }; });
+}
+
+void addEdid(CLI::App& app, CommandBody& action) {
+    auto options = std::make_shared<tool::EdidOptions>();
+    CLI::App* command = app.add_subcommand(
+        "edid",
+        "Attach a monitor with this EDID, let the driver read and rewrite it, and say mode by mode what the "
+        "client is offered and why.");
+    command->add_option("F.bin", options->file, "The EDID: blocks of 128 bytes; - reads standard input")
+        ->required();
+    addAdapter(command, options->adapter);
+    addSettings(command, options->settings);
+    command->add_option("--out", options->out, "Write the block that the client reads")->type_name("F2.bin");
+    addSeed(command, options->seed);
+    command->add_flag("--json", options->json, "Print one JSON object for machines");
+    command->callback([options, &action] { action = [options] { return tool::showEdid(*options); }; });
+}
+
+int fail(ExitStatus status, const char* message) {
+    std::fprintf(stderr, "usbdisplay: %s\n", message);
+    return static_cast<int>(status);
+}
+
+int runTool(int argc, char** argv) {
+    CLI::App app(kAbout, "usbdisplay");
+    app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return fmt::format("usbdisplay: {} (--help tells what is allowed)\n", error.what());
+    });
+    CommandBody action;
+    addShow(app, action);
+    addRun(app, action);
+    addModes(app, action);
+    addEdid(app, action);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitStatus::BadInput);
+    }
+    return static_cast<int>(action());
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return runTool(argc, argv);
+    } catch (const InputError& error) {
+        return fail(ExitStatus::BadInput, error.what());
+    } catch (const tool::WrongResult& error) {
+        return fail(ExitStatus::Wrong, error.what());
+    } catch (const std::exception& error) {
+        return fail(ExitStatus::Failed, error.what());
+    }
+}

@@ -1,0 +1,69 @@
+#include "tool/mode_list.h"
+
+#include "desktop/input_error.h"
+#include "display/mode_tables.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <iterator>
+
+namespace tool {
+
+namespace {
+
+constexpr unsigned kDesktopRefresh = 60; // at which the driver sets every mode that a client asks for
+
+// 10 MHz times the multiplier over the divider; half of it when bit 9 is set.
+std::uint64_t pllClock(ULONG word) {
+    const std::uint64_t divider = word & 0xFF;
+    const std::uint64_t clock = divider == 0 ? 0 : 10'000'000u * std::uint64_t{word >> 16 & 0xFF} / divider;
+    return (word & 0x200) != 0 ? clock / 2 : clock;
+}
+
+ModeInfo infoOf(const VIDEO_MODE_ENTRY& entry) {
+    const std::uint64_t total = std::uint64_t{entry.HorizontalTotal} * entry.VerticalTotal;
+    return {.size = {entry.Width, entry.Height},
+            .refresh = entry.Refresh,
+            .exactRefresh = static_cast<double>(pllClock(entry.PllWord)) / static_cast<double>(total),
+            .pixelClock = total * entry.Refresh,
+            .pllClock = pllClock(entry.PllWord),
+            .horizontalTotal = entry.HorizontalTotal,
+            .verticalTotal = entry.VerticalTotal,
+            .offered = isOffered({entry.Width, entry.Height}, entry.Refresh)};
+}
+
+} // namespace
+
+std::vector<ModeInfo> modeList() {
+    std::vector<ModeInfo> list;
+    for (ULONG index = 0; const VIDEO_MODE_ENTRY* entry = MODE_GetEntry(index); index++) {
+        const ModeInfo mode = infoOf(*entry);
+        const bool listed = std::ranges::any_of(list, [&](const ModeInfo& other) {
+            return other.size == mode.size && other.refresh == mode.refresh;
+        });
+        if (!listed) {
+            list.push_back(mode);
+        }
+    }
+    return list;
+}
+
+bool isOffered(Size size, unsigned refresh) {
+    return MODE_IsSupported(size.width, size.height, refresh) != 0;
+}
+
+void requireShowable(Size size, std::string_view what) {
+    if (isOffered(size, kDesktopRefresh)) {
+        return;
+    }
+    std::string allowed;
+    for (const ModeInfo& mode : modeList()) {
+        if (mode.offered) {
+            allowed += fmt::format("{}{}x{}", allowed.empty() ? "" : ", ", mode.size.width, mode.size.height);
+        }
+    }
+    throw desktop::InputError(
+        fmt::format("{} is {}x{}; the adapter can show {}", what, size.width, size.height, allowed));
+}
+
+} // namespace tool
