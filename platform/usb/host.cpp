@@ -1,0 +1,191 @@
+#include "platform/usb/host.h"
+
+#include "platform/kernel/scheduler.h"
+#include "platform/usb/completion_hook.h"
+
+#include <algorithm>
+#include <deque>
+#include <optional>
+#include <vector>
+
+namespace usb {
+
+namespace {
+
+// A transfer while its submission to the layers below has not returned.
+struct Passage {
+    Transfer* transfer;
+    bool submitting = true;
+    bool done = false;
+    bool cancelWanted = false;
+};
+using PassagePointer = std::shared_ptr<Passage>;
+
+} // namespace
+
+struct Host::State : std::enable_shared_from_this<State> {
+    State(Device& device, Clock& clock, const HostOptions& options)
+        : link(device, clock, options.link), inlineCompletion(options.inlineCompletion) {
+        if (!options.capture.empty()) {
+            capture.emplace(link, clock, options.capture);
+        }
+    }
+
+    Device& below() { return capture ? static_cast<Device&>(*capture) : link; }
+
+    LinkTiming link;
+    std::optional<Capture> capture;
+    const InlineCompletion inlineCompletion;
+
+    // Guarded by the kernel lock.
+    bool gone = false;
+    bool suspended = false;
+    std::deque<Transfer*> held; // submitted while suspended
+    std::vector<PassagePointer> passing;
+
+    void submit(Transfer& transfer) {
+        {
+            kernel::KernelGuard guard;
+            if (suspended && !gone) {
+                held.push_back(&transfer);
+                return;
+            }
+        }
+        pass(transfer);
+    }
+
+    void pass(Transfer& transfer) {
+        auto passage = std::make_shared<Passage>();
+        passage->transfer = &transfer;
+        {
+            kernel::KernelGuard guard;
+            passing.push_back(passage);
+        }
+        hookCompletion(transfer, [self = shared_from_this(), passage](Transfer& done) {
+            self->completed(*passage, done);
+        });
+        below().submit(transfer);
+        bool cancelNow = false;
+        {
+            kernel::KernelGuard guard;
+            std::erase(passing, passage);
+            passage->submitting = false;
+            cancelNow = passage->cancelWanted && !passage->done;
+        }
+        if (cancelNow) {
+            below().cancel(transfer);
+        }
+    }
+
+    void completed(Passage& passage, Transfer& transfer) {
+        bool inside = false;
+        {
+            kernel::KernelGuard guard;
+            passage.done = true;
+            inside = passage.submitting;
+        }
+        if (inside && inlineCompletion == InlineCompletion::Explored && kernel::choose(2) == 1) {
+            completeTransfer(transfer);
+        } else {
+            kernel::queueDpc([&transfer] { completeTransfer(transfer); });
+        }
+    }
+
+    // True for a transfer that never went below. Kernel lock held.
+    bool takeHeld(const Transfer& transfer) {
+        auto found = std::find(held.begin(), held.end(), &transfer);
+        if (found == held.end()) {
+            return false;
+        }
+        held.erase(found);
+        return true;
+    }
+
+    void cancel(Transfer& transfer) {
+        bool wasHeld = false;
+        {
+            kernel::KernelGuard guard;
+            for (const PassagePointer& passage : passing) {
+                if (passage->transfer == &transfer) {
+                    passage->cancelWanted = true;
+                    return;
+                }
+            }
+            wasHeld = takeHeld(transfer);
+        }
+        if (wasHeld) {
+            kernel::queueDpc([&transfer] { completeTransfer(transfer, Status::Cancelled); });
+        } else {
+            below().cancel(transfer);
+        }
+    }
+
+    void disconnect() {
+        std::deque<Transfer*> cutOff;
+        {
+            kernel::KernelGuard guard;
+            gone = true;
+            cutOff.swap(held);
+        }
+        below().disconnect();
+        for (Transfer* transfer : cutOff) {
+            kernel::queueDpc([transfer] { completeTransfer(*transfer, Status::Gone); });
+        }
+    }
+
+    void resume() {
+        for (;;) {
+            Transfer* next = nullptr;
+            {
+                kernel::KernelGuard guard;
+                suspended = false;
+                if (held.empty()) {
+                    return;
+                }
+                next = held.front();
+                held.pop_front();
+            }
+            pass(*next);
+        }
+    }
+};
+
+Host::Host(Device& device, Clock& clock, const HostOptions& options)
+    : state_(std::make_shared<State>(device, clock, options)) {}
+
+Host::~Host() = default;
+
+Speed Host::speed() const {
+    return state_->link.speed();
+}
+void Host::submit(Transfer& transfer) {
+    state_->submit(transfer);
+}
+void Host::cancel(Transfer& transfer) {
+    state_->cancel(transfer);
+}
+void Host::disconnect() {
+    state_->disconnect();
+}
+void Host::resume() {
+    state_->resume();
+}
+
+void Host::suspend() {
+    kernel::KernelGuard guard;
+    state_->suspended = true;
+}
+
+bool Host::connected() const {
+    kernel::KernelGuard guard;
+    return !state_->gone;
+}
+
+LinkTiming& Host::link() {
+    return state_->link;
+}
+const LinkTiming& Host::link() const {
+    return state_->link;
+}
+
+} // namespace usb
