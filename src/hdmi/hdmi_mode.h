@@ -1,7 +1,7 @@
 // What the HDMI transmitter is told at a mode set: InfoFrames, video path and audio.
 //
-// Each operation returns TRUE on success. They run under SerialMasterMutex, which HDMI_SetMode takes for the
-// whole programme; the single steps take it again. PASSIVE_LEVEL.
+// HDMI_SetMode takes SerialMasterMutex for the whole programme; its single steps rely on that, and return
+// TRUE on success. PASSIVE_LEVEL.
 #pragma once
 
 #include <ntddk.h>
@@ -12,6 +12,7 @@ struct DEVICE_CONTEXT;
 // video muted then. The caller holds DisplayStateMutex.
 void HDMI_SetMode(DEVICE_CONTEXT* context);
 
+BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute);
 BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context);
 BOOLEAN HDMI_SetupVideo(DEVICE_CONTEXT* context);
 BOOLEAN HDMI_SetAudioInfoFrame(DEVICE_CONTEXT* context);

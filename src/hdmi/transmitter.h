@@ -1,4 +1,4 @@
-// The external HDMI transmitter on the adapter's I2C bus: identification, reset, power and mute.
+// The external HDMI transmitter on the adapter's I2C bus: identification, reset and power.
 //
 // Every operation takes SerialMasterMutex for its whole sequence, because the transmitter has one bank
 // selection and a byte write is a read and a write of its group of four registers. PASSIVE_LEVEL; they block
@@ -23,6 +23,3 @@ BOOLEAN HDMI_PowerDown(DEVICE_CONTEXT* context);
 
 // Sets bit `bit` (0 to 7) of a register.
 BOOLEAN HDMI_SetBit(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR bit);
-
-// Mutes or unmutes audio and video.
-BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute);
