@@ -117,7 +117,7 @@ NTSTATUS DEVICE_PreprocessPnpIrp(WDFDEVICE device, PIRP irp) {
 
 void DEVICE_WaitForClientRelease(DEVICE_CONTEXT* context) {
     ULONG elapsedMs = 0;
-    while (ReadAcquire(&context->Client.ClientCount) != 0 && elapsedMs <= CLIENT_RELEASE_LIMIT_MS) {
+    while (SHARED_Read(context->Client.ClientCount) != 0 && elapsedMs <= CLIENT_RELEASE_LIMIT_MS) {
         UTIL_DelayMs(CLIENT_RELEASE_POLL_MS);
         elapsedMs += CLIENT_RELEASE_POLL_MS;
     }

@@ -56,6 +56,7 @@ void INT_StopStatusPipe(DEVICE_CONTEXT* context) {
     USB_CONTEXT* usb = &context->Usb;
     if (usb->InterruptPipe != nullptr) {
         WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(usb->InterruptPipe), WdfIoTargetCancelSentIo);
+        usb->InterruptPipe = nullptr; // The next configuration makes pipes anew.
     }
 }
 
