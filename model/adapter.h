@@ -127,7 +127,7 @@ class Adapter final : public usb::Device {
   public:
     // Throws std::invalid_argument for a revision that the product never had.
     Adapter(usb::Clock& clock, const AdapterOptions& options);
-    ~Adapter() override;
+    ~Adapter() override; // as `disconnect`: transfers that are still pending complete with `Gone`
     Adapter(const Adapter&) = delete;
     Adapter& operator=(const Adapter&) = delete;
 

@@ -116,7 +116,8 @@ void Board::writeSerialControl(std::uint32_t value, usb::Time now) {
         return;
 
     if (options_.revision >= 2 && (value & reg::kPowerStage2) == 0) {
-        // Taking the power away rewrites the word as it is read: after an unanswered command, with bit 31 clear.
+        // Taking the power away rewrites the word as it is read: after an unanswered command, with bit 31
+        // clear.
         if (((value ^ old) & reg::kSerialCommandMask) != 0)
             violations.add(now, ViolationKind::SerialUnpowered,
                            fmt::format("serial command 0x{:08X} without power bit 28", value));

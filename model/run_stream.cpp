@@ -31,13 +31,31 @@ void storePixel(std::uint8_t* at, std::uint32_t literal) {
         at[2] = static_cast<std::uint8_t>(literal >> 16 << 1);
 }
 
-// Copies the `Unit` bytes before `at` forward until `bytes` bytes are written. The source doubles with each
-// step, so a run over a whole frame is a handful of large copies.
+// Repeats the pixel in the `Unit` bytes before `at` until `bytes` bytes are written; `room` is what may be
+// overwritten. Short runs are by far the most frequent: they go in blocks of eight pixels made in registers,
+// the last of which may reach into the bytes that the next unit writes. Long ones copy what is there already,
+// twice as much with each step.
 template <unsigned Unit>
-void repeatPixel(std::uint8_t* at, std::size_t bytes) {
+void repeatPixel(std::uint8_t* at, std::size_t bytes, std::size_t room) {
+    constexpr std::size_t kBlock = 8 * Unit;
+    constexpr std::size_t kShort = 8 * kBlock;
+    if (bytes <= kShort && bytes + kBlock <= room) {
+        const std::uint64_t pixel = loadUnit<Unit>(at - Unit);
+        std::uint64_t block[Unit];
+        for (unsigned word = 0; word < Unit; ++word) {
+            // The first whole pixel of this word begins `skip` bits into it; what is before belongs to its
+            // tail.
+            const unsigned skip = (Unit - word * 8 % Unit) % Unit * 8;
+            block[word] = skip == 0 ? 0 : pixel >> (8 * Unit - skip);
+            for (unsigned bit = skip; bit < 64; bit += 8 * Unit)
+                block[word] |= pixel << bit;
+        }
+        for (std::size_t done = 0; done < bytes; done += kBlock)
+            std::memcpy(at + done, block, kBlock);
+        return;
+    }
     const std::uint8_t* const pixel = at - Unit;
-    std::size_t have = Unit;
-    while (bytes > 0) {
+    for (std::size_t have = Unit; bytes > 0;) {
         const std::size_t step = std::min(have, bytes);
         std::memcpy(at, pixel, step);
         at += step;
@@ -73,7 +91,7 @@ std::string expand(std::span<const std::uint8_t> stream, std::span<std::uint8_t>
             if (value > room)
                 return fmt::format("a count of {} at byte {} runs past the frame, which has room for {}",
                                    value, position(), room);
-            repeatPixel<Unit>(out, std::size_t{value} * Unit);
+            repeatPixel<Unit>(out, std::size_t{value} * Unit, room * Unit);
             out += std::size_t{value} * Unit;
         }
         in += Unit;

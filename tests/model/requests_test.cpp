@@ -250,6 +250,7 @@ TEST(Requests, ACompletionMaySubmitAgain) {
     for (unsigned i = 0; i < 5; ++i)
         host.adapter.reportFrameError();
     EXPECT_EQ(reports, 5u);
+    host.adapter.cancel(read);
 }
 
 TEST(Requests, ADeafAdapterAnswersNothingUntilTheHostGivesUp) {
