@@ -261,6 +261,18 @@ TEST_F(Stream, DecodesEveryLayoutOfTheFormatRegister) {
     }
 }
 
+TEST_F(Stream, EqualBytesOfAnotherLayoutAreAnotherPicture) {
+    start(kRgb565);
+    const Bytes bytes = noise(pixels(mode) * 2, 1);
+    host.sendFrame(bytes);
+    const Bytes before = host.adapter.picture()->pixels;
+    host.displayOff();
+    host.setMode(mode, kRgb555);
+    host.sendFrame(bytes);
+    EXPECT_FALSE(host.adapter.picture()->pixels == before);
+    EXPECT_EQ(host.adapter.statistics().framesRepeated, 0u);
+}
+
 TEST_F(Stream, TellsTheListenerOfNewPicturesOnly) {
     start();
     unsigned calls = 0;
