@@ -1,0 +1,261 @@
+// Conversions and encoders on 1920 x 1080 frames, one core. The source of each iteration is freshly written,
+// as a client's present leaves it, and the output goes to four buffers in turn, as render buffers do.
+#include "benchmarks/medians.h"
+
+#include "desktop/frame_source.h"
+#include "desktop/png_image.h"
+#include "driver/device_context.h"
+#include "pixel/exact_encoder.h"
+#include "pixel/group_encoder.h"
+#include "pixel/run_encoder.h"
+#include "pixel/transform.h"
+
+#include <fmt/core.h>
+#include <libyuv.h>
+#include <lz4.h>
+
+#include <cstring>
+#include <memory>
+#include <new>
+#include <random>
+
+namespace {
+
+constexpr ULONG kWidth = 1920;
+constexpr ULONG kHeight = 1080;
+constexpr ULONG kPixels = kWidth * kHeight;
+constexpr size_t kFrameBytes = size_t{kPixels} * 4;
+constexpr size_t kBufferBytes = RENDER_BUFFER_CAPACITY;
+
+struct AlignedDelete {
+    void operator()(UCHAR* memory) const { ::operator delete (memory, std::align_val_t{4096}); }
+};
+using Buffer = std::unique_ptr<UCHAR, AlignedDelete>;
+
+Buffer makeBuffer(size_t size) {
+    Buffer buffer(static_cast<UCHAR*>(::operator new (size, std::align_val_t{4096})));
+    std::memset(buffer.get(), 0, size);
+    return buffer;
+}
+
+// What the frames of one run pass through.
+struct Stage {
+    Buffer frame = makeBuffer(kFrameBytes);
+    Buffer staging = makeBuffer(kBufferBytes);
+    Buffer copies[4] = {makeBuffer(kFrameBytes), makeBuffer(kFrameBytes), makeBuffer(kFrameBytes),
+                        makeBuffer(kFrameBytes)};
+    unsigned turn = 0;
+
+    UCHAR* nextOutput() { return copies[turn++ % 4].get(); }
+};
+
+struct Picture {
+    std::string name;
+    std::vector<desktop::Pixel> pixels;
+    std::unique_ptr<DEVICE_CONTEXT> context; // with the level at which the group encoder settles
+    ULONGLONG groupStream = 0;
+    Buffer rgb565 = makeBuffer(size_t{kPixels} * 2);
+};
+
+std::unique_ptr<DEVICE_CONTEXT> makeContext() {
+    auto context = std::make_unique<DEVICE_CONTEXT>();
+    const auto align = [](UCHAR* area) {
+        return reinterpret_cast<UCHAR*>((reinterpret_cast<uintptr_t>(area) + 31) & ~uintptr_t{31});
+    };
+    PIXEL_CONTEXT& pixel = context->Pixel;
+    pixel.Tables.PackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
+    pixel.Tables.CountShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea1));
+    pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
+    pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
+    context->Display.Mode.CompressionLevel = 5;
+    return context;
+}
+
+Picture makePicture(Stage& stage, std::string name, std::vector<desktop::Pixel> pixels) {
+    Picture picture{std::move(name), std::move(pixels), makeContext(), 0, makeBuffer(size_t{kPixels} * 2)};
+    const auto* source = reinterpret_cast<const UCHAR*>(picture.pixels.data());
+    PIXEL_Bgrx32ToRgb565Blocks(picture.rgb565.get(), source, kPixels);
+    PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), source, kPixels);
+    UCHAR* output = stage.nextOutput();
+    picture.groupStream = COMPRESSION_EncodeRgb555Groups(picture.context.get(), stage.staging.get(), output,
+                                                         output + kBufferBytes, kPixels, GROUP_TARGET_SIZE);
+    return picture;
+}
+
+std::vector<Picture> makePictures(Stage& stage) {
+    const auto load = [](const char* file) { return desktop::readPng(file).pixels; };
+    std::vector<desktop::Pixel> noise(kPixels);
+    std::mt19937 random(1);
+    for (desktop::Pixel& pixel : noise) {
+        pixel = static_cast<desktop::Pixel>(random());
+    }
+    std::vector<Picture> pictures;
+    pictures.push_back(makePicture(stage, "desktop-office", load(DEMO_DATA "/desktop-office.png")));
+    pictures.push_back(makePicture(stage, "desktop-sheet", load(DEMO_DATA "/desktop-sheet.png")));
+    pictures.push_back(makePicture(stage, "photo", load(TEST_DATA "/photo.png")));
+    pictures.push_back(makePicture(stage, "solid", std::vector<desktop::Pixel>(kPixels, 0xFF336699)));
+    pictures.push_back(makePicture(stage, "noise", std::move(noise)));
+    return pictures;
+}
+
+struct Conversion {
+    const char* name;
+    const char* other; // libyuv's routine; it keeps red and blue where the adapter wants them
+    void (*convert)(UCHAR* destination, const UCHAR* source);
+    void (*convertByLibyuv)(UCHAR* destination, const UCHAR* source);
+};
+
+constexpr int kSourceStride = kWidth * 4;
+
+const Conversion kConversions[] = {
+    {"BGRX32 to BGR24", "ARGBToRGB24",
+     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToBgr24Blocks(out, in, kPixels); },
+     [](UCHAR* out, const UCHAR* in) {
+         libyuv::ARGBToRGB24(in, kSourceStride, out, kWidth * 3, kWidth, kHeight);
+     }},
+    {"BGRX32 to RGB565", "ARGBToRGB565",
+     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb565Blocks(out, in, kPixels); },
+     [](UCHAR* out, const UCHAR* in) {
+         libyuv::ARGBToRGB565(in, kSourceStride, out, kWidth * 2, kWidth, kHeight);
+     }},
+    {"BGRX32 to RGB555", "ARGBToARGB1555",
+     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb555Blocks(out, in, kPixels); },
+     [](UCHAR* out, const UCHAR* in) {
+         libyuv::ARGBToARGB1555(in, kSourceStride, out, kWidth * 2, kWidth, kHeight);
+     }},
+};
+
+void addConversions(Stage& stage, const Picture& picture) {
+    const auto present = [&] { std::memcpy(stage.frame.get(), picture.pixels.data(), kFrameBytes); };
+    bench::add("memcpy", present, [&] { std::memcpy(stage.nextOutput(), stage.frame.get(), kFrameBytes); });
+    for (const Conversion& one : kConversions) {
+        bench::add(one.name, present, [&] { one.convert(stage.nextOutput(), stage.frame.get()); });
+        bench::add(std::string("libyuv ") + one.other, present,
+                   [&] { one.convertByLibyuv(stage.nextOutput(), stage.frame.get()); });
+    }
+}
+
+void printConversions(const bench::Medians& medians) {
+    const double memcpyMs = medians.milliseconds("memcpy");
+    fmt::print("\nConversion of a 1920 x 1080 frame; memcpy of the source frame: {:.3f} ms\n\n", memcpyMs);
+    fmt::print("{:<18} {:>9} {:>14} {:>10} {:>10}\n", "", "ms", "GB/s source", "x memcpy", "x libyuv");
+    for (const Conversion& one : kConversions) {
+        const double ms = medians.milliseconds(one.name);
+        const double libyuvMs = medians.milliseconds(std::string("libyuv ") + one.other);
+        fmt::print("{:<18} {:>9.3f} {:>14.1f} {:>10.2f} {:>10.2f}\n", one.name, ms, kFrameBytes / ms * 1e-6,
+                   memcpyMs / ms, libyuvMs / ms);
+    }
+}
+
+struct EncoderForm {
+    const char* name;
+    size_t inputBytes; // per pixel
+    ULONGLONG (*encode)(Stage& stage, const Picture& picture, UCHAR* output, bool vectors);
+};
+
+const EncoderForm kEncoders[] = {
+    {"groups, staged 16-bit", 2,
+     [](Stage& stage, const Picture& picture, UCHAR* output, bool vectors) {
+         const ULONG level = picture.context->Pixel.QuantLevel;
+         return vectors ? COMPRESSION_EncodeGroupsByTable(picture.context.get(), stage.staging.get(), output,
+                                                          output + kBufferBytes, kPixels, level)
+                        : COMPRESSION_EncodeGroupsByPixel(stage.staging.get(), output, output + kBufferBytes,
+                                                          kPixels, level);
+     }},
+    {"tolerant, staged 16-bit", 2,
+     [](Stage& stage, const Picture& picture, UCHAR* output, bool vectors) {
+         return (vectors ? COMPRESSION_EncodeRuns : COMPRESSION_EncodeRunsByPixel)(
+             picture.context.get(), stage.staging.get(), kFrameBytes, kPixels, 2, output,
+             output + kBufferBytes, FALSE);
+     }},
+    {"exact, BGRX32", 4,
+     [](Stage& stage, const Picture&, UCHAR* output, bool vectors) {
+         return (vectors ? COMPRESSION_EncodeBgrx32ExactBlocks : COMPRESSION_EncodeBgrx32Exact)(
+             stage.frame.get(), output, output + kBufferBytes, kPixels);
+     }},
+};
+
+std::string encoderName(const EncoderForm& encoder, const Picture& picture, bool vectors) {
+    return fmt::format("{} {}{}", encoder.name, picture.name, vectors ? "" : " scalar");
+}
+
+std::string frameName(const Picture& picture) {
+    return "frame " + picture.name;
+}
+
+std::string lz4Name(const Picture& picture) {
+    return "LZ4 " + picture.name;
+}
+
+void addEncoders(Stage& stage, const Picture& picture) {
+    const auto present = [&] { std::memcpy(stage.frame.get(), picture.pixels.data(), kFrameBytes); };
+    const auto presentAndStage = [&stage, present] {
+        present();
+        PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
+    };
+    for (const EncoderForm& encoder : kEncoders) {
+        for (const bool vectors : {true, false}) {
+            bench::add(encoderName(encoder, picture, vectors), presentAndStage,
+                       [&stage, &picture, &encoder, vectors] {
+                           benchmark::DoNotOptimize(
+                               encoder.encode(stage, picture, stage.nextOutput(), vectors));
+                       });
+        }
+    }
+    bench::add(frameName(picture), present, [&] {
+        UCHAR* output = stage.nextOutput();
+        PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
+        benchmark::DoNotOptimize(COMPRESSION_EncodeGroupsByTable(picture.context.get(), stage.staging.get(),
+                                                                 output, output + kBufferBytes, kPixels,
+                                                                 picture.context->Pixel.QuantLevel));
+    });
+    bench::add(
+        lz4Name(picture),
+        [&] { std::memcpy(stage.staging.get(), picture.rgb565.get(), size_t{kPixels} * 2); },
+        [&] {
+            benchmark::DoNotOptimize(LZ4_compress_default(reinterpret_cast<const char*>(stage.staging.get()),
+                                                          reinterpret_cast<char*>(stage.nextOutput()),
+                                                          kPixels * 2, static_cast<int>(kFrameBytes)));
+        });
+}
+
+void printEncoders(const bench::Medians& medians, Stage& stage, const std::vector<Picture>& pictures) {
+    fmt::print("\nEncoders; groups at the level where the level control settles, tolerant at level 5\n\n");
+    fmt::print("{:<25} {:<15} {:>9} {:>9} {:>13} {:>10}\n", "", "", "stream KB", "ms", "GB/s input",
+               "x scalar");
+    for (const EncoderForm& encoder : kEncoders) {
+        for (const Picture& picture : pictures) {
+            std::memcpy(stage.frame.get(), picture.pixels.data(), kFrameBytes);
+            PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
+            const ULONGLONG length = encoder.encode(stage, picture, stage.nextOutput(), true);
+            const double ms = medians.milliseconds(encoderName(encoder, picture, true));
+            const double scalarMs = medians.milliseconds(encoderName(encoder, picture, false));
+            fmt::print("{:<25} {:<15} {:>9.0f} {:>9.3f} {:>13.1f} {:>10.2f}\n", encoder.name, picture.name,
+                       static_cast<double>(length) * 1e-3, ms,
+                       static_cast<double>(kPixels * encoder.inputBytes) / ms * 1e-6, scalarMs / ms);
+        }
+    }
+    fmt::print("\nFrame from BGRX32 to compressed stream, beside LZ4 of the RGB565 frame alone\n\n");
+    fmt::print("{:<15} {:>6} {:>9} {:>9} {:>9} {:>9}\n", "", "level", "stream KB", "ms", "LZ4 ms", "x LZ4");
+    for (const Picture& picture : pictures) {
+        const double ms = medians.milliseconds(frameName(picture));
+        const double lz4Ms = medians.milliseconds(lz4Name(picture));
+        fmt::print("{:<15} {:>6} {:>9.0f} {:>9.3f} {:>9.3f} {:>9.2f}\n", picture.name,
+                   unsigned{picture.context->Pixel.QuantLevel},
+                   static_cast<double>(picture.groupStream) * 1e-3, ms, lz4Ms, lz4Ms / ms);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Stage stage;
+    const std::vector<Picture> pictures = makePictures(stage);
+    addConversions(stage, pictures[0]);
+    for (const Picture& picture : pictures) {
+        addEncoders(stage, picture);
+    }
+    const bench::Medians medians = bench::run(argc, argv);
+    printConversions(medians);
+    printEncoders(medians, stage, pictures);
+}
