@@ -80,19 +80,25 @@ void accountSleepEnds(Task& task) {
     task.account.sleepingSince = 0;
 }
 
-std::uint64_t driverNanoseconds(const Task& task) {
-    const Account& account = task.account;
-    std::uint64_t cpu = account.driverCpu;
-    std::uint64_t platform = account.platformTicks;
-    if (account.depth != 0) {
-        cpu += taskCpuTime(task) - account.enteredCpu;
-        if (account.domain == Domain::Platform) {
-            platform += ticksSinceLeft(account);
-        }
-    }
+namespace {
+
+// Nanoseconds of the entry under way, of which `cpu` is the thread's processor time and `platform` are ticks
+// spent elsewhere. Ticks also count what other programs take from the thread, so they can exceed it.
+std::uint64_t driverPart(std::uint64_t cpu, std::uint64_t platform) {
     const auto outside =
         static_cast<std::uint64_t>(static_cast<double>(platform) * tickRate.nanosecondsPerTick());
     return cpu > outside ? cpu - outside : 0;
+}
+
+} // namespace
+
+std::uint64_t driverNanoseconds(const Task& task) {
+    const Account& account = task.account;
+    if (account.depth == 0) {
+        return account.driver;
+    }
+    const std::uint64_t open = account.domain == Domain::Platform ? ticksSinceLeft(account) : 0;
+    return account.driver + driverPart(taskCpuTime(task) - account.enteredCpu, account.platformTicks + open);
 }
 
 std::uint64_t driverTime() {
@@ -130,6 +136,7 @@ DriverCall::DriverCall(const char* callback) {
     outerCallback_ = account.callback;
     account.callback = callback;
     if (account.depth++ == 0) {
+        account.platformTicks = 0;
         account.enteredCpu = threadCpuTime();
     } else if (outerDomain_ == Domain::Platform) {
         returnToDriver(account);
@@ -145,7 +152,7 @@ DriverCall::~DriverCall() {
     Account& account = task->account;
     enterDomain(*task, outerDomain_);
     if (--account.depth == 0) {
-        account.driverCpu += threadCpuTime() - account.enteredCpu;
+        account.driver += driverPart(threadCpuTime() - account.enteredCpu, account.platformTicks);
     } else if (outerDomain_ == Domain::Platform) {
         leaveDriver(account);
     }

@@ -32,8 +32,8 @@ struct Account {
     Domain domain = Domain::Host;
     unsigned depth = 0;              // nested entries into the driver
     std::uint64_t enteredCpu = 0;    // thread's processor time at the outermost entry
-    std::uint64_t driverCpu = 0;     // nanoseconds in the driver and what it called, entries that ended
-    std::uint64_t platformTicks = 0; // of those, time stamp ticks in the platform, without sleep
+    std::uint64_t platformTicks = 0; // time stamp ticks in the platform since then, without sleep
+    std::uint64_t driver = 0;        // nanoseconds in the driver, entries that ended
     std::uint64_t leftAt = 0;        // when the platform call under way began
     std::uint64_t sleptTicks = 0;    // asleep, since the task began
     std::uint64_t sleptWhenLeft = 0; // `sleptTicks` when the platform call under way began
