@@ -43,6 +43,11 @@ typedef struct _WDF_DRIVER_GLOBALS {
     BOOLEAN DisplaceDriverUnload;
 } WDF_DRIVER_GLOBALS, *PWDF_DRIVER_GLOBALS;
 
+extern "C" PWDF_DRIVER_GLOBALS WdfDriverGlobals;
+
+// The driver object, or null before WdfDriverCreate has succeeded.
+inline WDFDRIVER WdfGetDriver() { return WdfDriverGlobals->Driver; }
+
 typedef struct _WDF_DRIVER_CONFIG {
     ULONG Size;
     PFN_WDF_DRIVER_DEVICE_ADD EvtDriverDeviceAdd;

@@ -18,7 +18,6 @@
     X(33, PDEVICE_OBJECT, WdfDeviceWdmGetPhysicalDevice, (WDFDEVICE Device), (Device))                       \
     X(34, NTSTATUS, WdfDeviceWdmDispatchPreprocessedIrp, (WDFDEVICE Device, PIRP Irp), (Device, Irp))        \
     X(39, WDFDRIVER, WdfDeviceGetDriver, (WDFDEVICE Device), (Device))                                       \
-    X(42, WDFIOTARGET, WdfDeviceGetIoTarget, (WDFDEVICE Device), (Device))                                   \
     X(55, VOID, WdfDeviceInitSetPnpPowerEventCallbacks,                                                      \
       (PWDFDEVICE_INIT DeviceInit, PWDF_PNPPOWER_EVENT_CALLBACKS PnpPowerEventCallbacks),                    \
       (DeviceInit, PnpPowerEventCallbacks))                                                                  \

@@ -1,0 +1,323 @@
+#include "platform/framework/device.h"
+
+#include "platform/framework/driver.h"
+#include "platform/framework/node_state.h"
+#include "platform/framework/queue.h"
+#include "platform/framework/request.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace framework {
+
+using kernel::callDriver;
+using kernel::KernelGuard;
+
+Device::Device(DevNode& node, DeviceSettings settings)
+    : Object(Kind::Device), node_(node), settings_(std::move(settings)) {
+    WDF_DEVICE_PNP_CAPABILITIES_INIT(&capabilities);
+    fdo_.Type = 3; // IO_TYPE_DEVICE
+    fdo_.Size = sizeof(DEVICE_OBJECT);
+    fdo_.StackSize = 2;
+    fdo_.DeviceExtension = this;
+    fdo_.DeviceType = FILE_DEVICE_UNKNOWN;
+    if (Driver* driver = currentDriver()) {
+        fdo_.DriverObject = driver->driverObject;
+    }
+    InitializeListHead(&fdo_.DeviceLock.Header.WaitListHead);
+}
+
+PnpState Device::pnpState() const {
+    KernelGuard guard;
+    return pnpState_;
+}
+
+void Device::setPnpState(PnpState state) {
+    KernelGuard guard;
+    pnpState_ = state;
+}
+
+bool Device::setDefaultQueue(Queue& queue) {
+    KernelGuard guard;
+    if (defaultQueue_ != nullptr) {
+        return false;
+    }
+    defaultQueue_ = &queue;
+    return true;
+}
+
+const PreprocessEntry* Device::preprocessorOf(const IO_STACK_LOCATION& location) const {
+    for (const PreprocessEntry& entry : settings_.preprocess) {
+        const bool minorMatches =
+            entry.minors.empty() ||
+            std::find(entry.minors.begin(), entry.minors.end(), location.MinorFunction) != entry.minors.end();
+        if (entry.major == location.MajorFunction && minorMatches) {
+            return &entry;
+        }
+    }
+    return nullptr;
+}
+
+void Device::dispatch(PIRP irp) {
+    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
+    const PreprocessEntry* entry = preprocessorOf(location);
+    if (entry == nullptr) {
+        dispatchToFramework(irp);
+        return;
+    }
+    const bool pnp = location.MajorFunction == IRP_MJ_PNP;
+    DevNode::State& node = node_.state();
+    node.preprocessed = false;
+    callDriver("EvtDeviceWdmIrpPreprocess", entry->callback, wdf(), irp);
+    if (pnp && !node.preprocessed) {
+        verifier::fail(Rule::PnpOrder, "EvtDeviceWdmIrpPreprocess", name(),
+                       "The packet was neither passed on nor completed.");
+    }
+}
+
+void Device::dispatchToFramework(PIRP irp) {
+    switch (IoGetCurrentIrpStackLocation(irp)->MajorFunction) {
+    case IRP_MJ_PNP:
+        // The steps of a DevNode carry the packet's meaning out after it has passed the driver.
+        node_.state().preprocessed = true;
+        Irp::complete(irp, STATUS_SUCCESS, 0);
+        break;
+    case IRP_MJ_CREATE:
+        dispatchCreate(irp);
+        break;
+    case IRP_MJ_CLEANUP:
+        dispatchCleanup(irp);
+        break;
+    case IRP_MJ_CLOSE:
+        dispatchClose(irp);
+        break;
+    default:
+        dispatchIo(irp);
+        break;
+    }
+}
+
+void Device::dispatchCreate(PIRP irp) {
+    const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
+    if (!settings_.fileConfig || settings_.fileConfig->FileObjectClass == WdfFileObjectNotRequired) {
+        Irp::complete(irp, STATUS_SUCCESS, 0);
+        return;
+    }
+    auto* object = new FileObject(file);
+    const NTSTATUS status =
+        adoptObject(*object, this, settings_.fileAttributes ? &*settings_.fileAttributes : nullptr);
+    if (!NT_SUCCESS(status)) {
+        object->release();
+        Irp::complete(irp, status, 0);
+        return;
+    }
+    file->FsContext2 = object;
+    const auto create = settings_.fileConfig->EvtDeviceFileCreate;
+    if (create == nullptr) {
+        Irp::complete(irp, STATUS_SUCCESS, 0);
+        return;
+    }
+    auto* request = new Request(irp, nullptr, object);
+    if (NT_SUCCESS(adoptObject(*request, this, nullptr))) {
+        callDriver("EvtDeviceFileCreate", create, wdf(), request->wdf(),
+                   static_cast<WDFFILEOBJECT>(object->handle()));
+    } else {
+        request->release();
+        Irp::complete(irp, STATUS_DELETE_PENDING, 0);
+    }
+}
+
+void Device::dispatchCleanup(PIRP irp) {
+    auto* object = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
+    if (object != nullptr && settings_.fileConfig->EvtFileCleanup != nullptr) {
+        callDriver("EvtFileCleanup", settings_.fileConfig->EvtFileCleanup,
+                   static_cast<WDFFILEOBJECT>(object->handle()));
+    }
+    Irp::complete(irp, STATUS_SUCCESS, 0);
+}
+
+void Device::dispatchClose(PIRP irp) {
+    auto* object = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
+    if (object != nullptr) {
+        if (settings_.fileConfig->EvtFileClose != nullptr) {
+            callDriver("EvtFileClose", settings_.fileConfig->EvtFileClose,
+                       static_cast<WDFFILEOBJECT>(object->handle()));
+        }
+        object->remove();
+    }
+    Irp::complete(irp, STATUS_SUCCESS, 0);
+}
+
+void Device::dispatchIo(PIRP irp) {
+    Ref<Queue> queue;
+    {
+        KernelGuard guard;
+        if (defaultQueue_ != nullptr) {
+            queue = refLocked(defaultQueue_);
+        }
+    }
+    if (!queue) {
+        Irp::complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
+        return;
+    }
+    auto* file = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
+    auto* request = new Request(irp, queue.get(), file);
+    const NTSTATUS status = adoptObject(*request, queue.get(), nullptr);
+    if (!NT_SUCCESS(status)) {
+        request->release();
+        Irp::complete(irp, status, 0);
+        return;
+    }
+    queue->deliver(Ref<Request>(request));
+}
+
+Device* deviceOf(Object* object) {
+    for (; object != nullptr; object = object->parent()) {
+        if (object->kind() == Kind::Device) {
+            return static_cast<Device*>(object);
+        }
+    }
+    return nullptr;
+}
+
+namespace {
+
+// The initialisation record of a device-add callback under way; another pointer is not one.
+WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
+    if (init == nullptr || init->node == nullptr || init->device) {
+        call.fail(Rule::PnpOrder, nullptr,
+                  "The initialisation record is used outside EvtDriverDeviceAdd or "
+                  "after the device was created.");
+    }
+    return *init;
+}
+
+} // namespace
+
+} // namespace framework
+
+using framework::Call;
+using framework::Ref;
+using framework::Rule;
+using kernel::kDispatchLevel;
+using kernel::kPassiveLevel;
+
+VOID WdfDeviceInitSetPnpPowerEventCallbacks(PWDFDEVICE_INIT DeviceInit,
+                                            PWDF_PNPPOWER_EVENT_CALLBACKS PnpPowerEventCallbacks) {
+    Call call("WdfDeviceInitSetPnpPowerEventCallbacks", kDispatchLevel);
+    WDFDEVICE_INIT& init = framework::requireInit(call, DeviceInit);
+    if (PnpPowerEventCallbacks->Size != sizeof(WDF_PNPPOWER_EVENT_CALLBACKS)) {
+        call.fail(Rule::Argument, nullptr, "WDF_PNPPOWER_EVENT_CALLBACKS has a wrong size.");
+    }
+    init.settings.callbacks = *PnpPowerEventCallbacks;
+}
+
+VOID WdfDeviceInitSetIoType(PWDFDEVICE_INIT DeviceInit, WDF_DEVICE_IO_TYPE IoType) {
+    Call call("WdfDeviceInitSetIoType", kDispatchLevel);
+    WDFDEVICE_INIT& init = framework::requireInit(call, DeviceInit);
+    if (IoType < WdfDeviceIoNeither || IoType > WdfDeviceIoDirect) {
+        call.fail(Rule::Argument, nullptr, fmt::format("{} is no I/O type.", static_cast<int>(IoType)));
+    }
+    init.settings.ioType = IoType;
+}
+
+VOID WdfDeviceInitSetFileObjectConfig(PWDFDEVICE_INIT DeviceInit, PWDF_FILEOBJECT_CONFIG FileObjectConfig,
+                                      PWDF_OBJECT_ATTRIBUTES FileObjectAttributes) {
+    Call call("WdfDeviceInitSetFileObjectConfig", kDispatchLevel);
+    WDFDEVICE_INIT& init = framework::requireInit(call, DeviceInit);
+    if (FileObjectConfig->Size != sizeof(WDF_FILEOBJECT_CONFIG)) {
+        call.fail(Rule::Argument, nullptr, "WDF_FILEOBJECT_CONFIG has a wrong size.");
+    }
+    Ref<framework::Object> parent;
+    if (!NT_SUCCESS(checkAttributes(call, FileObjectAttributes,
+                                    {.parentAllowed = false, .levelAllowed = true}, nullptr, parent))) {
+        call.fail(Rule::Argument, nullptr, "The file object attributes are not valid.");
+    }
+    init.settings.fileConfig = *FileObjectConfig;
+    if (FileObjectAttributes != nullptr) {
+        init.settings.fileAttributes = *FileObjectAttributes;
+    }
+}
+
+NTSTATUS WdfDeviceInitAssignWdmIrpPreprocessCallback(
+    PWDFDEVICE_INIT DeviceInit, PFN_WDFDEVICE_WDM_IRP_PREPROCESS EvtDeviceWdmIrpPreprocess,
+    UCHAR MajorFunction, PUCHAR MinorFunctions, ULONG NumMinorFunctions) {
+    Call call("WdfDeviceInitAssignWdmIrpPreprocessCallback", kDispatchLevel);
+    WDFDEVICE_INIT& init = framework::requireInit(call, DeviceInit);
+    if (EvtDeviceWdmIrpPreprocess == nullptr || MajorFunction > IRP_MJ_MAXIMUM_FUNCTION ||
+        (NumMinorFunctions != 0 && MinorFunctions == nullptr)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (call.fault(kernel::FaultKind::Allocation)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    framework::PreprocessEntry entry{EvtDeviceWdmIrpPreprocess, MajorFunction, {}};
+    if (NumMinorFunctions != 0) {
+        entry.minors.assign(MinorFunctions, MinorFunctions + NumMinorFunctions);
+    }
+    init.settings.preprocess.push_back(std::move(entry));
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES DeviceAttributes,
+                         WDFDEVICE* Device) {
+    Call call("WdfDeviceCreate", kPassiveLevel);
+    if (DeviceInit == nullptr || Device == nullptr) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    *Device = nullptr;
+    WDFDEVICE_INIT& init = framework::requireInit(call, *DeviceInit);
+    Ref<framework::Device> device;
+    const NTSTATUS status = createObject(
+        call, DeviceAttributes, {.parentAllowed = false, .levelAllowed = true}, &requireDriver(call), device,
+        [&](framework::Object*) { return new framework::Device(*init.node, init.settings); });
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    init.device = device;
+    *DeviceInit = nullptr;
+    *Device = device->wdf();
+    return STATUS_SUCCESS;
+}
+
+VOID WdfDeviceSetPnpCapabilities(WDFDEVICE Device, PWDF_DEVICE_PNP_CAPABILITIES PnpCapabilities) {
+    Call call("WdfDeviceSetPnpCapabilities", kPassiveLevel);
+    auto device = call.object<framework::Device>(Device);
+    if (PnpCapabilities->Size != sizeof(WDF_DEVICE_PNP_CAPABILITIES)) {
+        call.fail(Rule::Argument, device.get(), "WDF_DEVICE_PNP_CAPABILITIES has a wrong size.");
+    }
+    device->capabilities = *PnpCapabilities;
+}
+
+PDEVICE_OBJECT WdfDeviceWdmGetDeviceObject(WDFDEVICE Device) {
+    Call call("WdfDeviceWdmGetDeviceObject", kDispatchLevel);
+    return call.object<framework::Device>(Device)->deviceObject();
+}
+
+PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device) {
+    Call call("WdfDeviceWdmGetPhysicalDevice", kDispatchLevel);
+    return call.object<framework::Device>(Device)->node().pdo();
+}
+
+// Nothing stands between the driver's device object and the bus driver's.
+PDEVICE_OBJECT WdfDeviceWdmGetAttachedDevice(WDFDEVICE Device) {
+    Call call("WdfDeviceWdmGetAttachedDevice", kDispatchLevel);
+    return call.object<framework::Device>(Device)->node().pdo();
+}
+
+NTSTATUS WdfDeviceWdmDispatchPreprocessedIrp(WDFDEVICE Device, PIRP Irp) {
+    Call call("WdfDeviceWdmDispatchPreprocessedIrp", kDispatchLevel);
+    auto device = call.object<framework::Device>(Device);
+    if (!framework::Irp::restoreTop(Irp)) {
+        call.fail(Rule::PnpOrder, device.get(), "The driver has not skipped its stack location.");
+    }
+    device->dispatchToFramework(Irp);
+    return Irp->IoStatus.Status;
+}
+
+WDFDRIVER WdfDeviceGetDriver(WDFDEVICE Device) {
+    Call call("WdfDeviceGetDriver", kDispatchLevel);
+    auto device = call.object<framework::Device>(Device);
+    return static_cast<WDFDRIVER>(device->parent()->handle());
+}

@@ -1,0 +1,108 @@
+// The framework's device object and what the driver settled before it was created.
+#pragma once
+
+#include "platform/framework/irp.h"
+#include "platform/framework/object.h"
+#include "platform/framework/pnp.h"
+
+#include <wdfusb.h>
+
+#include <optional>
+#include <vector>
+
+namespace framework {
+
+class Queue;
+class Request;
+
+// Where the device stands with the PnP manager. Written by the steps of a DevNode, which exclude each other.
+enum class PnpState : std::uint8_t {
+    Added,
+    Preparing, // EvtDevicePrepareHardware runs
+    Prepared,
+    Started,
+    Stopped,
+    SurpriseRemoved,
+    Failed,
+    Removed,
+};
+
+struct PreprocessEntry {
+    PFN_WDFDEVICE_WDM_IRP_PREPROCESS callback = nullptr;
+    UCHAR major = 0;
+    std::vector<UCHAR> minors; // empty for all
+};
+
+struct DeviceSettings {
+    WDF_PNPPOWER_EVENT_CALLBACKS callbacks = {};
+    std::optional<WDF_FILEOBJECT_CONFIG> fileConfig;
+    std::optional<WDF_OBJECT_ATTRIBUTES> fileAttributes;
+    WDF_DEVICE_IO_TYPE ioType = WdfDeviceIoBuffered;
+    std::vector<PreprocessEntry> preprocess;
+};
+
+class Device final : public Object {
+  public:
+    Device(DevNode& node, DeviceSettings settings);
+
+    WDFDEVICE wdf() const { return static_cast<WDFDEVICE>(handle()); }
+    PDEVICE_OBJECT deviceObject() { return &fdo_; }
+    DevNode& node() { return node_; }
+    const DeviceSettings& settings() const { return settings_; }
+    const WDF_PNPPOWER_EVENT_CALLBACKS& callbacks() const { return settings_.callbacks; }
+
+    PnpState pnpState() const;
+    void setPnpState(PnpState state);
+
+    static Ref<Device> referenceLocked(Device* device) { return refLocked(device); }
+
+    // Takes a packet that arrives at the device: the driver's preprocess callback first, if it asked for this
+    // one.
+    void dispatch(PIRP irp);
+
+    // The framework's own handling of a packet.
+    void dispatchToFramework(PIRP irp);
+
+    // The default queue; the first one that asks to be. Guarded by the kernel lock.
+    bool setDefaultQueue(Queue& queue);
+
+    WDF_DEVICE_PNP_CAPABILITIES capabilities = {};
+
+  protected:
+    bool driverMayDelete() const override { return false; }
+
+  private:
+    const PreprocessEntry* preprocessorOf(const IO_STACK_LOCATION& location) const;
+    void dispatchCreate(PIRP irp);
+    void dispatchCleanup(PIRP irp);
+    void dispatchClose(PIRP irp);
+    void dispatchIo(PIRP irp);
+
+    DevNode& node_;
+    const DeviceSettings settings_;
+    DEVICE_OBJECT fdo_ = {};
+    PnpState pnpState_ = PnpState::Added; // guarded by the kernel lock
+    Queue* defaultQueue_ = nullptr;       // guarded by the kernel lock
+};
+
+// An open file of a device.
+class FileObject final : public Object {
+  public:
+    explicit FileObject(PFILE_OBJECT file) : Object(Kind::FileObject), file(file) {}
+    const PFILE_OBJECT file;
+
+  protected:
+    bool driverMayDelete() const override { return false; }
+};
+
+// The device that an object belongs to by its parents; null above any device.
+Device* deviceOf(Object* object);
+
+} // namespace framework
+
+// What the driver's device-add callback receives; alive until WdfDeviceCreate or the callback's end.
+struct WDFDEVICE_INIT {
+    framework::DevNode* node = nullptr;
+    framework::DeviceSettings settings;
+    framework::Ref<framework::Device> device; // once created
+};

@@ -1,0 +1,136 @@
+#include "platform/framework/driver.h"
+
+#include "platform/framework/pnp.h"
+#include "platform/kernel/registry.h"
+
+#include <fmt/format.h>
+
+#include <optional>
+
+namespace framework {
+
+namespace {
+
+// What is loaded. Changed only by loading and unloading, which the machine serialises.
+struct Loaded {
+    DRIVER_OBJECT driverObject = {};
+    std::u16string service;
+    std::u16string path;
+    UNICODE_STRING registryPath = {};
+    Driver* driver = nullptr;
+};
+std::unique_ptr<Loaded> loaded;
+
+WDF_DRIVER_GLOBALS globals = {};
+
+UNICODE_STRING unicodeString(std::u16string& text) {
+    const auto bytes = static_cast<USHORT>(text.size() * sizeof(char16_t));
+    return {bytes, static_cast<USHORT>(bytes + sizeof(char16_t)), text.data()};
+}
+
+void deleteDriver() {
+    if (loaded->driver != nullptr) {
+        loaded->driver->remove();
+        loaded->driver = nullptr;
+        globals.Driver = nullptr;
+    }
+    // Callbacks that outlive their object, such as that of a work item that deleted itself, still run the
+    // driver's code.
+    kernel::waitForWorkers();
+}
+
+} // namespace
+
+Driver* currentDriver() {
+    return loaded ? loaded->driver : nullptr;
+}
+
+Driver& requireDriver(const Call& call) {
+    Driver* driver = currentDriver();
+    if (driver == nullptr)
+        call.fail(Rule::PnpOrder, nullptr, "There is no driver object yet.");
+    return *driver;
+}
+
+void reset() {
+    resetObjects();
+    loaded.reset();
+    globals = {};
+}
+
+bool driverLoaded() {
+    return loaded != nullptr;
+}
+
+NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service) {
+    loaded = std::make_unique<Loaded>();
+    loaded->service = service;
+    loaded->path = kernel::servicePath(service);
+    loaded->registryPath = unicodeString(loaded->path);
+    loaded->driverObject.Size = sizeof(DRIVER_OBJECT);
+    kernel::serviceKey(service);
+    const NTSTATUS status =
+        kernel::callDriver("DriverEntry", entry, &loaded->driverObject, &loaded->registryPath);
+    if (!NT_SUCCESS(status)) {
+        deleteDriver();
+        loaded.reset();
+    }
+    return status;
+}
+
+void unloadDriver() {
+    if (loaded->driver != nullptr && loaded->driver->config.EvtDriverUnload != nullptr)
+        kernel::callDriver("EvtDriverUnload", loaded->driver->config.EvtDriverUnload,
+                           static_cast<WDFDRIVER>(loaded->driver->handle()));
+    deleteDriver();
+    const std::vector<std::string> left = liveObjects();
+    if (!left.empty())
+        verifier::fail(Rule::PoolLeak, "DriverUnload", left.front(),
+                       fmt::format("{} objects are still referenced at unload.", left.size()));
+    loaded.reset();
+}
+
+} // namespace framework
+
+using framework::Call;
+using kernel::kDispatchLevel;
+using kernel::kPassiveLevel;
+
+PWDF_DRIVER_GLOBALS WdfDriverGlobals = &framework::globals;
+
+NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryPath,
+                         PWDF_OBJECT_ATTRIBUTES DriverAttributes, PWDF_DRIVER_CONFIG DriverConfig,
+                         WDFDRIVER* Driver) {
+    Call call("WdfDriverCreate", kPassiveLevel);
+    if (Driver != nullptr)
+        *Driver = nullptr;
+    if (DriverObject == nullptr || RegistryPath == nullptr || DriverConfig == nullptr ||
+        framework::loaded == nullptr || DriverObject != &framework::loaded->driverObject)
+        return STATUS_INVALID_PARAMETER;
+    if (DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG))
+        return STATUS_INFO_LENGTH_MISMATCH;
+    if (framework::loaded->driver != nullptr)
+        return STATUS_INVALID_DEVICE_REQUEST;
+    framework::Ref<framework::Driver> driver;
+    const NTSTATUS status =
+        createObject(call, DriverAttributes, {.parentAllowed = false, .levelAllowed = true}, nullptr, driver,
+                     [&](framework::Object*) {
+                         std::u16string path(RegistryPath->Buffer, RegistryPath->Length / sizeof(WCHAR));
+                         return new framework::Driver(DriverObject, *DriverConfig, std::move(path),
+                                                      framework::loaded->service);
+                     });
+    if (!NT_SUCCESS(status))
+        return status;
+    framework::loaded->driver = driver.get();
+    framework::globals.Driver = static_cast<WDFDRIVER>(driver->handle());
+    framework::globals.DriverFlags = DriverConfig->DriverInitFlags;
+    framework::globals.DriverTag = DriverConfig->DriverPoolTag;
+    if (Driver != nullptr)
+        *Driver = framework::globals.Driver;
+    return STATUS_SUCCESS;
+}
+
+PWSTR WdfDriverGetRegistryPath(WDFDRIVER Driver) {
+    Call call("WdfDriverGetRegistryPath", kPassiveLevel);
+    return call.object<framework::Driver>(Driver)->registryPath.data();
+}

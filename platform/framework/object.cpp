@@ -1,0 +1,358 @@
+#include "platform/framework/object.h"
+
+#include "platform/framework/object_table.h"
+#include "platform/kernel/pool.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+namespace framework {
+
+namespace {
+
+using kernel::KernelGuard;
+
+constexpr std::size_t kContextAlignment = 64;
+
+void freeContext(unsigned char* memory) {
+    std::free(memory);
+}
+
+} // namespace
+
+std::string_view kindName(Kind kind) {
+    constexpr std::string_view names[] = {"WDFDRIVER",     "WDFDEVICE",    "WDFQUEUE",        "WDFREQUEST",
+                                          "WDFFILEOBJECT", "WDFUSBDEVICE", "WDFUSBINTERFACE", "WDFUSBPIPE",
+                                          "WDFMEMORY",     "WDFLOOKASIDE", "WDFCOLLECTION",   "WDFSPINLOCK",
+                                          "WDFWAITLOCK",   "WDFTIMER",     "WDFWORKITEM",     "WDFKEY"};
+    return names[static_cast<std::size_t>(kind)];
+}
+
+Object::Object(Kind kind) : kind_(kind) {
+    KernelGuard guard;
+    handle_ = objectTable().add(*this);
+}
+
+Object::~Object() = default;
+
+std::string Object::name() const {
+    return fmt::format("{} {}", kindName(kind_), handle_);
+}
+
+void Object::reference() {
+    KernelGuard guard;
+    ++references_;
+}
+
+void Object::release() {
+    {
+        KernelGuard guard;
+        if (--references_ != 0)
+            return;
+    }
+    destroy();
+}
+
+void Object::driverReference() {
+    KernelGuard guard;
+    ++references_;
+    ++driverReferences_;
+}
+
+void Object::driverDereference(std::string_view call) {
+    bool tooOften = false;
+    {
+        KernelGuard guard;
+        tooOften = driverReferences_ == 0;
+        if (!tooOften)
+            --driverReferences_;
+    }
+    if (tooOften)
+        verifier::fail(Rule::ObjectTree, call, name(), "A reference is dropped that was never taken.");
+    release();
+}
+
+void* Object::context(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const {
+    return type != nullptr && context_.type == type ? context_.memory.get() : nullptr;
+}
+
+bool Object::deleting() const {
+    KernelGuard guard;
+    return deleting_;
+}
+
+bool Object::remove() {
+    {
+        KernelGuard guard;
+        if (deleting_)
+            return false;
+        deleting_ = true;
+        if (parent_ != nullptr)
+            std::erase(parent_->children_, this);
+    }
+    removeTree();
+    return true;
+}
+
+void Object::removeForDriver(std::string_view call) {
+    if (!driverMayDelete())
+        verifier::fail(Rule::ObjectTree, call, name(), "This object is deleted by the framework only.");
+    bool twice = false;
+    bool underWay = false;
+    bool deferred = false;
+    {
+        KernelGuard guard;
+        twice = deletedByDriver_;
+        deletedByDriver_ = true;
+        // A parent that is being deleted may have got here first, for example while the callback of a work
+        // item that deletes itself was still running.
+        underWay = deleting_;
+        if (!twice && !underWay) {
+            deleting_ = true;
+            if (parent_ != nullptr)
+                std::erase(parent_->children_, this);
+            deferred = treeWaitsLocked();
+        }
+    }
+    if (twice)
+        verifier::fail(Rule::HandleDeletedTwice, call, name(), "The driver has deleted this object before.");
+    if (underWay)
+        return;
+    if (deferred && kernel::currentIrql() > kernel::kPassiveLevel) {
+        kernel::queueWork("deferred deletion", [this] { removeTree(); });
+        return;
+    }
+    removeTree();
+}
+
+void Object::removeTree() {
+    for (;;) {
+        Object* child = nullptr;
+        {
+            KernelGuard guard;
+            if (!children_.empty()) {
+                child = children_.front();
+                children_.erase(children_.begin());
+                child->deleting_ = true;
+            }
+        }
+        if (child == nullptr)
+            break;
+        child->removeTree();
+    }
+    dispose();
+    if (context_.cleanup != nullptr)
+        kernel::callDriver("EvtCleanupCallback", context_.cleanup, static_cast<WDFOBJECT>(handle_));
+    release();
+}
+
+bool Object::treeWaitsLocked() const {
+    return disposeWaits() || std::any_of(children_.begin(), children_.end(),
+                                         [](Object* child) { return child->treeWaitsLocked(); });
+}
+
+void Object::destroy() {
+    if (context_.destroy != nullptr)
+        kernel::callDriver("EvtDestroyCallback", context_.destroy, static_cast<WDFOBJECT>(handle_));
+    if (context_.memory)
+        kernel::requireUnused(context_.memory.get(), context_.size, "EvtDestroyCallback");
+    Object* parent = nullptr;
+    {
+        KernelGuard guard;
+        if (context_.memory)
+            objectTable().removeContext(context_.memory.get());
+        objectTable().remove(*this, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
+        parent = std::exchange(parent_, nullptr);
+    }
+    delete this;
+    if (parent != nullptr)
+        parent->release();
+}
+
+Call::Call(const char* name, unsigned maximumIrql) : name_(name) {
+    if (kernel::currentIrql() > maximumIrql)
+        verifier::requireIrql(name, maximumIrql);
+}
+
+Ref<Object> Call::any(const void* handle) const {
+    ObjectTable::Found found;
+    {
+        KernelGuard guard;
+        found = objectTable().find(handle);
+        if (found.object != nullptr) {
+            return Object::refLocked(found.object);
+        }
+    }
+    if (!found.known)
+        verifier::fail(Rule::HandleStale, name_, fmt::format("{}", handle), "This is no handle.");
+    const bool deletedAgain =
+        found.fate == Fate::DeletedByDriver && std::string_view(name_) == "WdfObjectDelete";
+    verifier::fail(deletedAgain ? Rule::HandleDeletedTwice : Rule::HandleStale, name_,
+                   fmt::format("{} {}", kindName(found.kind), handle), "The object has been deleted.");
+}
+
+void Call::requireNotCompleted(const void* handle) const {
+    bool completed = false;
+    {
+        KernelGuard guard;
+        completed = objectTable().find(handle).fate == Fate::Completed;
+    }
+    if (completed)
+        verifier::fail(Rule::RequestCompletedTwice, name_, fmt::format("WDFREQUEST {}", handle),
+                       "The request has been completed before.");
+}
+
+void Call::fail(Rule rule, const Object* object, std::string detail) const {
+    verifier::fail(rule, name_, object != nullptr ? object->name() : std::string(), std::move(detail));
+}
+
+void Call::wrongType(const Object& object) const {
+    fail(Rule::HandleStale, &object, "The handle is of another type than this call takes.");
+}
+
+NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
+                         const CreationRules& rules, Object* defaultParent, Ref<Object>& parent) {
+    if (attributes == nullptr) {
+        if (rules.parentRequired)
+            return STATUS_WDF_PARENT_NOT_SPECIFIED;
+        parent = Ref<Object>(defaultParent);
+        return STATUS_SUCCESS;
+    }
+    if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES))
+        return STATUS_INFO_LENGTH_MISMATCH;
+    if (const auto* type = attributes->ContextTypeInfo; type != nullptr) {
+        if (type->Size != sizeof(WDF_OBJECT_CONTEXT_TYPE_INFO))
+            return STATUS_INFO_LENGTH_MISMATCH;
+        if (type->ContextSize != 0 && type->ContextName == nullptr)
+            return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+        if (attributes->ContextSizeOverride != 0 && attributes->ContextSizeOverride < type->ContextSize)
+            return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+    } else if (attributes->ContextSizeOverride != 0) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    const auto level = attributes->ExecutionLevel;
+    if (level == WdfExecutionLevelInvalid || level > WdfExecutionLevelDispatch ||
+        (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed))
+        return STATUS_WDF_EXECUTION_LEVEL_INVALID;
+    // Callbacks serialised by a lock of the device or queue are not offered here.
+    const auto scope = attributes->SynchronizationScope;
+    if (scope != WdfSynchronizationScopeInheritFromParent && scope != WdfSynchronizationScopeNone)
+        return STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID;
+    if (attributes->ParentObject != nullptr) {
+        if (!rules.parentAllowed)
+            return STATUS_WDF_PARENT_ASSIGNMENT_NOT_ALLOWED;
+        parent = call.any(attributes->ParentObject);
+    } else if (rules.parentRequired) {
+        return STATUS_WDF_PARENT_NOT_SPECIFIED;
+    } else {
+        parent = Ref<Object>(defaultParent);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES* attributes) {
+    Object::Context context;
+    if (attributes != nullptr) {
+        context.cleanup = attributes->EvtCleanupCallback;
+        context.destroy = attributes->EvtDestroyCallback;
+        if (const auto* type = attributes->ContextTypeInfo; type != nullptr) {
+            const std::size_t size = std::max(type->ContextSize, attributes->ContextSizeOverride);
+            const std::size_t rounded = (size + kContextAlignment) / kContextAlignment * kContextAlignment;
+            auto* memory = static_cast<unsigned char*>(std::aligned_alloc(kContextAlignment, rounded));
+            if (memory == nullptr)
+                return STATUS_INSUFFICIENT_RESOURCES;
+            std::memset(memory, 0, rounded);
+            context.memory = {memory, freeContext};
+            context.size = size;
+            context.type = type->UniqueType;
+        }
+    }
+    KernelGuard guard;
+    if (parent != nullptr) {
+        if (parent->deleting_)
+            return STATUS_DELETE_PENDING;
+        parent->children_.push_back(&object);
+        object.parent_ = parent;
+        object.executionLevel_ = parent->executionLevel_;
+        ++parent->references_;
+    }
+    if (attributes != nullptr && attributes->ExecutionLevel != WdfExecutionLevelInheritFromParent) {
+        object.executionLevel_ = attributes->ExecutionLevel;
+    }
+    if (context.memory)
+        objectTable().addContext(context.memory.get(), object);
+    object.context_ = std::move(context);
+    return STATUS_SUCCESS;
+}
+
+std::uint64_t objectCreations() {
+    KernelGuard guard;
+    return objectTable().creations();
+}
+
+std::vector<std::string> liveObjects() {
+    std::vector<std::string> names;
+    KernelGuard guard;
+    for (Object* object : objectTable().alive())
+        names.push_back(object->name());
+    return names;
+}
+
+void resetObjects() {
+    // Objects of a run that was stopped are still on the stacks of its tasks, so they are kept, out of reach.
+    static std::vector<Object*> abandoned;
+    KernelGuard guard;
+    for (Object* object : objectTable().alive())
+        abandoned.push_back(object);
+    objectTable().clear();
+}
+
+void noteCompleted(const void* handle) {
+    KernelGuard guard;
+    objectTable().setFate(handle, Fate::Completed);
+}
+
+} // namespace framework
+
+// Functions of the driver.
+
+using framework::Call;
+using framework::Ref;
+using kernel::kDispatchLevel;
+
+PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO TypeInfo) {
+    Call call("WdfObjectGetTypedContext", kDispatchLevel);
+    return call.any(Handle)->context(TypeInfo);
+}
+
+WDFOBJECT WdfObjectContextGetObject(PVOID ContextPointer) {
+    Call call("WdfObjectContextGetObject", kDispatchLevel);
+    framework::Object* owner = nullptr;
+    {
+        kernel::KernelGuard guard;
+        owner = framework::objectTable().ownerOf(ContextPointer);
+    }
+    if (owner == nullptr)
+        call.fail(framework::Rule::HandleStale, nullptr,
+                  fmt::format("{} is no object context.", ContextPointer));
+    return owner->handle();
+}
+
+VOID WdfObjectReferenceActual(WDFOBJECT Handle, PVOID, LONG, PCHAR) {
+    Call call("WdfObjectReference", kDispatchLevel);
+    call.any(Handle)->driverReference();
+}
+
+VOID WdfObjectDereferenceActual(WDFOBJECT Handle, PVOID, LONG, PCHAR) {
+    Call call("WdfObjectDereference", kDispatchLevel);
+    call.any(Handle)->driverDereference(call.name());
+}
+
+VOID WdfObjectDelete(WDFOBJECT Object) {
+    Call call("WdfObjectDelete", kDispatchLevel);
+    call.any(Object)->removeForDriver(call.name());
+}

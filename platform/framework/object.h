@@ -1,0 +1,256 @@
+// Framework objects: handles that know when they are stale, the tree of parents and children, references,
+// driver contexts, and the order in which all of it is taken down.
+//
+// Tree, references and handles are guarded by the kernel lock. An object lives while somebody holds a
+// reference: the creation reference until its deletion has finished, the driver's references, and `Ref`s of
+// the framework itself.
+#pragma once
+
+#include "platform/kernel/driver_call.h"
+#include "platform/kernel/fault_points.h"
+#include "platform/kernel/scheduler.h"
+#include "platform/verifier/verifier.h"
+
+#include <wdf.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace framework {
+
+using verifier::Rule;
+
+enum class Kind : std::uint8_t {
+    Driver,
+    Device,
+    Queue,
+    Request,
+    FileObject,
+    UsbDevice,
+    UsbInterface,
+    UsbPipe,
+    Memory,
+    Lookaside,
+    Collection,
+    SpinLock,
+    WaitLock,
+    Timer,
+    WorkItem,
+    Key,
+};
+std::string_view kindName(Kind kind); // "WDFREQUEST"
+
+class Object;
+
+// A counted reference of the framework's own.
+template <typename T>
+class Ref {
+  public:
+    Ref() = default;
+    explicit Ref(T* object) : object_(object) {
+        if (object_ != nullptr)
+            object_->reference();
+    }
+    Ref(const Ref& other) : Ref(other.object_) {}
+    Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
+    Ref& operator=(Ref other) noexcept {
+        std::swap(object_, other.object_);
+        return *this;
+    }
+    ~Ref() {
+        if (object_ != nullptr)
+            object_->release();
+    }
+
+    // Takes over a reference that was counted already.
+    static Ref adopt(T* object) {
+        Ref ref;
+        ref.object_ = object;
+        return ref;
+    }
+
+    T* get() const { return object_; }
+    T* operator->() const { return object_; }
+    T& operator*() const { return *object_; }
+    explicit operator bool() const { return object_ != nullptr; }
+
+  private:
+    T* object_ = nullptr;
+};
+
+class Object {
+  public:
+    explicit Object(Kind kind);
+    virtual ~Object();
+    Object(const Object&) = delete;
+    Object& operator=(const Object&) = delete;
+
+    Kind kind() const { return kind_; }
+    void* handle() const { return handle_; }
+    Object* parent() const { return parent_; }
+    std::string name() const; // "WDFREQUEST 0xdf..."
+
+    void reference();
+    void release(); // destroys the object when it was the last reference
+
+    // The driver's own references, counted apart so that one dropped too often is found.
+    void driverReference();
+    void driverDereference(std::string_view call);
+
+    // Context of the given type, or null.
+    void* context(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const;
+
+    // Deletes the children, oldest first and each with its own children before it; then the framework's own
+    // part of the object goes (`dispose`), the driver's clean-up callback runs, and the creation reference is
+    // dropped. Returns false when the object was being deleted already.
+    bool remove();
+
+    // The same on behalf of WdfObjectDelete.
+    void removeForDriver(std::string_view call);
+
+    // That of the attributes or, when they inherit, of the parent.
+    WDF_EXECUTION_LEVEL executionLevel() const { return executionLevel_; }
+
+    bool deleting() const; // takes the kernel lock
+    bool deletingLocked() const { return deleting_; }
+
+    // Runs `visit` for a snapshot of the children.
+    template <typename T>
+    std::vector<Ref<T>> childrenOf(Kind kind) const {
+        std::vector<Ref<T>> result;
+        kernel::KernelGuard guard;
+        for (Object* child : children_)
+            if (child->kind_ == kind)
+                result.push_back(refLocked(static_cast<T*>(child)));
+        return result;
+    }
+
+  protected:
+    // Ends what the framework does with the object: cancels, waits for callbacks under way.
+    virtual void dispose() {}
+
+    // True when `dispose` may have to wait, so that a deletion at DISPATCH_LEVEL goes to a worker.
+    virtual bool disposeWaits() const { return false; }
+
+    // Objects that belong to the framework alone.
+    virtual bool driverMayDelete() const { return true; }
+
+    friend class Call;
+
+    template <typename T>
+    static Ref<T> refLocked(T* object) {
+        ++object->references_;
+        return Ref<T>::adopt(object);
+    }
+
+  private:
+    friend class ObjectTable;
+    friend NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES* attributes);
+
+    struct Context {
+        PCWDF_OBJECT_CONTEXT_TYPE_INFO type = nullptr;
+        std::unique_ptr<unsigned char, void (*)(unsigned char*)> memory{nullptr, nullptr};
+        std::size_t size = 0;
+        PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr;
+        PFN_WDF_OBJECT_CONTEXT_DESTROY destroy = nullptr;
+    };
+
+    void removeTree();
+    bool treeWaitsLocked() const;
+    void destroy();
+
+    const Kind kind_;
+    void* handle_ = nullptr; // set once
+    Object* parent_ = nullptr;
+    std::vector<Object*> children_;
+    long references_ = 1;
+    long driverReferences_ = 0;
+    bool deleting_ = false;
+    bool deletedByDriver_ = false;
+
+    // Set at creation.
+    Context context_;
+    WDF_EXECUTION_LEVEL executionLevel_ = WdfExecutionLevelDispatch;
+};
+
+// The prologue of a framework function: leaves the driver, checks the IRQL limit, looks handles up.
+class Call {
+  public:
+    Call(const char* name, unsigned maximumIrql);
+
+    const char* name() const { return name_; }
+
+    // The object behind a handle of the driver; a stale handle or one of another type ends the run.
+    template <typename T>
+    Ref<T> object(const void* handle) const {
+        Ref<Object> object = any(handle);
+        T* typed = dynamic_cast<T*>(object.get());
+        if (typed == nullptr)
+            wrongType(*object);
+        return Ref<T>(typed);
+    }
+    Ref<Object> any(const void* handle) const;
+
+    // A request that was completed and is gone with that: completing it again has a rule of its own.
+    void requireNotCompleted(const void* handle) const;
+
+    bool fault(kernel::FaultKind kind) const { return kernel::faultPoint(kind, name_); }
+    [[noreturn]] void fail(Rule rule, const Object* object, std::string detail) const;
+
+  private:
+    [[noreturn]] void wrongType(const Object& object) const;
+
+    kernel::PlatformCall platformCall_;
+    const char* name_;
+};
+
+// What a kind of object accepts in its attributes.
+struct CreationRules {
+    bool parentAllowed = true;
+    bool parentRequired = false; // attributes must name one
+    bool levelAllowed = false;   // an execution level or synchronisation scope of its own
+};
+
+// Checks attributes as the framework does: status of the first thing wrong, and the parent to use.
+NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
+                         const CreationRules& rules, Object* defaultParent, Ref<Object>& parent);
+
+// Puts a new object under its parent and gives it its context. On failure the object must be destroyed with
+// `release`; no callback of the driver runs for it.
+NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES* attributes);
+
+// The common part of every creation.
+template <typename T, typename Make>
+NTSTATUS createObject(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes, const CreationRules& rules,
+                      Object* defaultParent, Ref<T>& result, Make make) {
+    Ref<Object> parent;
+    NTSTATUS status = checkAttributes(call, attributes, rules, defaultParent, parent);
+    if (!NT_SUCCESS(status))
+        return status;
+    if (call.fault(kernel::FaultKind::Creation))
+        return STATUS_INSUFFICIENT_RESOURCES;
+    T* object = make(parent.get());
+    status = adoptObject(*object, parent.get(), attributes);
+    if (!NT_SUCCESS(status)) {
+        object->release();
+        return status;
+    }
+    result = Ref<T>(object);
+    return STATUS_SUCCESS;
+}
+
+// Objects created since the machine started, and those alive now.
+std::uint64_t objectCreations();
+std::vector<std::string> liveObjects();
+
+// Forgets every object an earlier machine left; called when a machine starts.
+void resetObjects();
+
+// Notes that the object behind `handle` was a request that has been completed (see `requireNotCompleted`).
+void noteCompleted(const void* handle);
+
+} // namespace framework

@@ -1,0 +1,172 @@
+#include "platform/framework/queue.h"
+
+#include "platform/framework/device.h"
+
+namespace framework {
+
+using kernel::callDriver;
+using kernel::KernelGuard;
+
+Queue::Queue(Device& device, const WDF_IO_QUEUE_CONFIG& config)
+    : Object(Kind::Queue), device_(device), config_(config), powerManaged_(config.PowerManaged != WdfFalse),
+      limit_(config.DispatchType == WdfIoQueueDispatchSequential
+                 ? 1
+                 : config.Settings.Parallel.NumberOfPresentedRequests),
+      state_(powerManaged_ && device.pnpState() != PnpState::Started ? State::Stopped : State::Started) {}
+
+void Queue::deliver(Ref<Request> request) {
+    bool refused = false;
+    {
+        KernelGuard guard;
+        refused = state_ == State::Purged;
+        if (!refused) {
+            waiting_.push_back(request);
+        }
+    }
+    if (refused) {
+        request->complete(STATUS_INVALID_DEVICE_STATE, 0);
+        return;
+    }
+    presentWaiting();
+}
+
+void Queue::presentWaiting() {
+    for (;;) {
+        Ref<Request> next;
+        {
+            KernelGuard guard;
+            if (state_ != State::Started || waiting_.empty() || presented_ >= limit_) {
+                return;
+            }
+            next = std::move(waiting_.front());
+            waiting_.pop_front();
+            ++presented_;
+        }
+        present(std::move(next));
+    }
+}
+
+void Queue::present(Ref<Request> request) {
+    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(request->irp());
+    const auto& control = location.Parameters.DeviceIoControl;
+    request->setPresented();
+    if (location.MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL &&
+        config_.EvtIoInternalDeviceControl != nullptr) {
+        callDriver("EvtIoInternalDeviceControl", config_.EvtIoInternalDeviceControl, wdf(), request->wdf(),
+                   size_t{control.OutputBufferLength}, size_t{control.InputBufferLength},
+                   control.IoControlCode);
+    } else if (location.MajorFunction == IRP_MJ_DEVICE_CONTROL && config_.EvtIoDeviceControl != nullptr) {
+        callDriver("EvtIoDeviceControl", config_.EvtIoDeviceControl, wdf(), request->wdf(),
+                   size_t{control.OutputBufferLength}, size_t{control.InputBufferLength},
+                   control.IoControlCode);
+    } else if (config_.EvtIoDefault != nullptr) {
+        callDriver("EvtIoDefault", config_.EvtIoDefault, wdf(), request->wdf());
+    } else {
+        request->complete(STATUS_INVALID_DEVICE_REQUEST, 0);
+    }
+}
+
+void Queue::requestDone() {
+    {
+        KernelGuard guard;
+        --presented_;
+    }
+    kernel::wakeChannel(this);
+    presentWaiting();
+}
+
+void Queue::start() {
+    {
+        KernelGuard guard;
+        if (!powerManaged_ || state_ == State::Purged) {
+            return;
+        }
+        state_ = State::Started;
+    }
+    presentWaiting();
+}
+
+void Queue::stop() {
+    {
+        KernelGuard guard;
+        if (!powerManaged_ || state_ != State::Started) {
+            return;
+        }
+        state_ = State::Stopped;
+    }
+    waitUntilIdle();
+}
+
+void Queue::purge() {
+    std::deque<Ref<Request>> cancelled;
+    {
+        KernelGuard guard;
+        state_ = State::Purged;
+        cancelled.swap(waiting_);
+    }
+    for (const Ref<Request>& request : cancelled) {
+        request->complete(STATUS_CANCELLED, 0);
+    }
+    waitUntilIdle();
+}
+
+void Queue::waitUntilIdle() {
+    kernel::waitUntil(this, {"I/O queue", this, nullptr}, kernel::kForever, [this] {
+        KernelGuard guard;
+        return presented_ == 0;
+    });
+}
+
+void Queue::dispose() {
+    purge();
+}
+
+} // namespace framework
+
+using framework::Call;
+using kernel::kDispatchLevel;
+
+NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
+                          PWDF_OBJECT_ATTRIBUTES QueueAttributes, WDFQUEUE* Queue) {
+    Call call("WdfIoQueueCreate", kDispatchLevel);
+    if (Queue != nullptr) {
+        *Queue = nullptr;
+    }
+    auto device = call.object<framework::Device>(Device);
+    if (Config->Size != sizeof(WDF_IO_QUEUE_CONFIG)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    // Manual queues need the retrieval calls, which are not offered here.
+    if (Config->DispatchType == WdfIoQueueDispatchManual) {
+        return STATUS_NOT_SUPPORTED;
+    }
+    if (Config->DispatchType != WdfIoQueueDispatchSequential &&
+        (Config->DispatchType != WdfIoQueueDispatchParallel ||
+         Config->Settings.Parallel.NumberOfPresentedRequests == 0)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (Config->EvtIoDefault == nullptr && Config->EvtIoRead == nullptr && Config->EvtIoWrite == nullptr &&
+        Config->EvtIoDeviceControl == nullptr && Config->EvtIoInternalDeviceControl == nullptr) {
+        return STATUS_WDF_NO_CALLBACK;
+    }
+    framework::Ref<framework::Queue> queue;
+    NTSTATUS status =
+        createObject(call, QueueAttributes, {.levelAllowed = true}, device.get(), queue,
+                     [&](framework::Object*) { return new framework::Queue(*device, *Config); });
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (Config->DefaultQueue && !device->setDefaultQueue(*queue)) {
+        queue->remove();
+        return STATUS_UNSUCCESSFUL;
+    }
+    if (Queue != nullptr) {
+        *Queue = queue->wdf();
+    }
+    return STATUS_SUCCESS;
+}
+
+WDFDEVICE WdfIoQueueGetDevice(WDFQUEUE Queue) {
+    Call call("WdfIoQueueGetDevice", kDispatchLevel);
+    return call.object<framework::Queue>(Queue)->device().wdf();
+}

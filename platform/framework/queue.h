@@ -1,0 +1,56 @@
+// I/O queues: they hold back requests while the device is not in D0 and present the others to the driver.
+#pragma once
+
+#include "platform/framework/object.h"
+#include "platform/framework/request.h"
+
+#include <deque>
+
+namespace framework {
+
+class Device;
+
+class Queue final : public Object {
+  public:
+    Queue(Device& device, const WDF_IO_QUEUE_CONFIG& config);
+
+    Device& device() { return device_; }
+    WDFQUEUE wdf() const { return static_cast<WDFQUEUE>(handle()); }
+
+    // Takes a request that arrived: presents it on the calling task, keeps it, or completes it when the queue
+    // accepts nothing any more.
+    void deliver(Ref<Request> request);
+
+    // A presented request has been completed.
+    void requestDone();
+
+    // Power transitions; no effect on a queue that is not power-managed. `stop` returns when the driver has
+    // completed what it was presented, `purge` cancels what waits as well.
+    void start();
+    void stop();
+    void purge();
+
+  protected:
+    bool driverMayDelete() const override { return false; }
+    void dispose() override;
+    bool disposeWaits() const override { return true; }
+
+  private:
+    enum class State : std::uint8_t { Started, Stopped, Purged };
+
+    void present(Ref<Request> request);
+    void presentWaiting();
+    void waitUntilIdle();
+
+    Device& device_;
+    const WDF_IO_QUEUE_CONFIG config_;
+    const bool powerManaged_;
+    const ULONG limit_; // requests presented at a time
+
+    // Guarded by the kernel lock.
+    State state_;
+    ULONG presented_ = 0;
+    std::deque<Ref<Request>> waiting_;
+};
+
+} // namespace framework

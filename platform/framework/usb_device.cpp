@@ -1,0 +1,285 @@
+#include "platform/framework/usb_device.h"
+
+#include "platform/framework/device.h"
+#include "platform/framework/request.h"
+#include "platform/kernel/pool.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace framework {
+
+using kernel::KernelGuard;
+
+namespace {
+
+// Standard requests, USB 2.0, table 9-4.
+constexpr UCHAR kGetDescriptor = 0x06;
+constexpr UCHAR kSetConfiguration = 0x09;
+constexpr UCHAR kSetInterface = 0x0B;
+constexpr UCHAR kDeviceToHost = 0x80;
+constexpr UCHAR kToInterface = 0x01;
+
+constexpr kernel::Time kStandardRequestTimeout = 5 * usb::kSecond;
+
+// The setup packet goes out as it lies in memory.
+usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
+    return {packet.Packet.bm.Byte, packet.Packet.bRequest, packet.Packet.wValue.Value,
+            packet.Packet.wIndex.Value, packet.Packet.wLength};
+}
+
+} // namespace
+
+UsbDevice::UsbDevice(Device& device) : IoTarget(Kind::UsbDevice, device) {}
+
+usb::Device& UsbDevice::host() {
+    return device().node().host();
+}
+
+TransferResult UsbDevice::standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index,
+                                          void* data, USHORT length) {
+    return controlTransfer(host(), {requestType, request, value, index, length}, data, length,
+                           kernel::now() + kStandardRequestTimeout);
+}
+
+NTSTATUS UsbDevice::readDescriptor(UCHAR type, void* data, USHORT length) {
+    const TransferResult result =
+        standardRequest(kDeviceToHost, kGetDescriptor, static_cast<USHORT>(type << 8), 0, data, length);
+    if (!NT_SUCCESS(result.status)) {
+        return result.status;
+    }
+    return result.actual == length ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
+NTSTATUS UsbDevice::enumerate(const Call& call) {
+    NTSTATUS status = readDescriptor(USB_DEVICE_DESCRIPTOR_TYPE, &descriptor_, sizeof(descriptor_));
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    USB_CONFIGURATION_DESCRIPTOR header = {};
+    status = readDescriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, &header, sizeof(header));
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (header.wTotalLength < sizeof(header)) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    configuration_.resize(header.wTotalLength);
+    status = readDescriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, configuration_.data(), header.wTotalLength);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    auto layouts = parseConfiguration(configuration_);
+    if (!layouts) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    for (InterfaceLayout& layout : *layouts) {
+        Ref<UsbInterface> interface;
+        status = createObject(call, nullptr, {}, this, interface,
+                              [&](Object*) { return new UsbInterface(*this, std::move(layout)); });
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        interfaces_.push_back(interface.get());
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS UsbDevice::setInterface(UsbInterface& interface, UCHAR setting) {
+    return standardRequest(kToInterface, kSetInterface, setting, interface.number(), nullptr, 0).status;
+}
+
+NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* pipeAttributes,
+                                 WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params) {
+    if (params.Size != sizeof(params)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    std::vector<UCHAR> settings(interfaces_.size(), 0);
+    switch (params.Type) {
+    case WdfUsbTargetDeviceSelectConfigTypeSingleInterface:
+        if (interfaces_.size() != 1) {
+            return STATUS_INVALID_DEVICE_REQUEST;
+        }
+        break;
+    case WdfUsbTargetDeviceSelectConfigTypeMultiInterface:
+        break;
+    case WdfUsbTargetDeviceSelectConfigTypeInterfacesPairs:
+        for (UCHAR i = 0; i < params.Types.MultiInterface.NumberInterfaces; ++i) {
+            const WDF_USB_INTERFACE_SETTING_PAIR& pair = params.Types.MultiInterface.Pairs[i];
+            const auto interface = call.object<UsbInterface>(pair.UsbInterface);
+            const auto found = std::find(interfaces_.begin(), interfaces_.end(), interface.get());
+            if (found == interfaces_.end() || pair.SettingIndex >= interface->settingCount()) {
+                return STATUS_INVALID_PARAMETER;
+            }
+            settings[static_cast<std::size_t>(found - interfaces_.begin())] = pair.SettingIndex;
+        }
+        break;
+    default:
+        return STATUS_NOT_SUPPORTED;
+    }
+    for (UsbInterface* interface : interfaces_) {
+        interface->requireNothingOut(call);
+    }
+    const auto& header = *reinterpret_cast<const USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data());
+    NTSTATUS status = standardRequest(0, kSetConfiguration, header.bConfigurationValue, 0, nullptr, 0).status;
+    for (std::size_t i = 0; NT_SUCCESS(status) && i < interfaces_.size(); ++i) {
+        // The configuration starts with setting 0 everywhere (USB 2.0, 9.4.7).
+        if (settings[i] != 0) {
+            status = setInterface(*interfaces_[i], settings[i]);
+        }
+        if (NT_SUCCESS(status)) {
+            status = interfaces_[i]->buildPipes(call, settings[i], pipeAttributes);
+        }
+    }
+    configured_ = NT_SUCCESS(status);
+    if (!configured_) {
+        for (UsbInterface* interface : interfaces_) {
+            interface->dropPipes();
+        }
+        return status;
+    }
+    if (params.Type == WdfUsbTargetDeviceSelectConfigTypeSingleInterface) {
+        params.Types.SingleInterface.NumberConfiguredPipes = static_cast<UCHAR>(interfaces_[0]->pipeCount());
+        params.Types.SingleInterface.ConfiguredUsbInterface = interfaces_[0]->wdf();
+    } else {
+        params.Types.MultiInterface.NumberOfConfiguredInterfaces = static_cast<UCHAR>(interfaces_.size());
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS UsbDevice::selectSetting(const Call& call, UsbInterface& interface, UCHAR setting,
+                                  const WDF_OBJECT_ATTRIBUTES* pipeAttributes) {
+    if (!configured_) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    if (setting >= interface.settingCount()) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    interface.requireNothingOut(call);
+    const NTSTATUS status = setInterface(interface, setting);
+    return NT_SUCCESS(status) ? interface.buildPipes(call, setting, pipeAttributes) : status;
+}
+
+void UsbDevice::shutDownAll() {
+    for (UsbInterface* interface : interfaces_) {
+        for (const Ref<UsbPipe>& pipe : interface->pipes()) {
+            pipe->shutDown();
+        }
+    }
+    shutDown();
+}
+
+std::shared_ptr<Submission> UsbDevice::controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup,
+                                                         void* data, std::size_t size, Done done) {
+    auto submission = std::make_shared<Submission>(host(), "control transfer", std::move(done));
+    submission->transfer().type = usb::TransferType::Control;
+    submission->transfer().setup = setupPacket(setup);
+    submission->transfer().data = {static_cast<std::uint8_t*>(data), size};
+    if (size != 0) {
+        submission->use(data, size, "control transfer");
+    }
+    return submission;
+}
+
+namespace {
+
+// The bytes that an URB sends or fills, after checking that they are there.
+void* urbData(const Call& call, const Object& request, const _URB_BULK_OR_INTERRUPT_TRANSFER& urb) {
+    if (urb.TransferBufferLength == 0) {
+        return nullptr;
+    }
+    if (urb.TransferBufferMDL == nullptr) {
+        if (urb.TransferBuffer == nullptr) {
+            call.fail(Rule::BufferTooShort, &request, "The URB has a length and no buffer.");
+        }
+        return urb.TransferBuffer;
+    }
+    if (!kernel::isLiveMdl(urb.TransferBufferMDL)) {
+        call.fail(Rule::BufferLifetime, &request, "The URB's MDL has been freed.");
+    }
+    if (MmGetMdlByteCount(urb.TransferBufferMDL) < urb.TransferBufferLength) {
+        call.fail(Rule::BufferTooShort, &request,
+                  fmt::format("The URB sends {} bytes of an MDL of {}.", urb.TransferBufferLength,
+                              MmGetMdlByteCount(urb.TransferBufferMDL)));
+    }
+    void* data = MmGetSystemAddressForMdlSafe(urb.TransferBufferMDL, NormalPagePriority);
+    if (data == nullptr) {
+        call.fail(Rule::BufferLifetime, &request, "The URB's MDL was never built.");
+    }
+    return data;
+}
+
+// Counts an URB on its pipe until the transfer has ended or was not sent after all.
+class UrbOut {
+  public:
+    explicit UrbOut(Ref<UsbPipe> pipe) : pipe_(std::move(pipe)) { pipe_->urbStarted(); }
+    ~UrbOut() { pipe_->urbEnded(); }
+    UrbOut(const UrbOut&) = delete;
+    UrbOut& operator=(const UrbOut&) = delete;
+
+  private:
+    Ref<UsbPipe> pipe_;
+};
+
+} // namespace
+
+std::shared_ptr<Submission> UsbDevice::urbSubmission(const Call& call, const Object& request,
+                                                     const Memory& memory, std::size_t offset, Done done) {
+    const auto& urb = *reinterpret_cast<const _URB_BULK_OR_INTERRUPT_TRANSFER*>(
+        static_cast<const std::uint8_t*>(memory.buffer()) + offset);
+    if (memory.size() - offset < sizeof(urb) || urb.Hdr.Length != sizeof(urb)) {
+        call.fail(Rule::BufferTooShort, &request, "The URB is shorter than a bulk or interrupt transfer's.");
+    }
+    if (urb.Hdr.Function != URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER || urb.UrbLink != nullptr) {
+        call.fail(Rule::Argument, &request, fmt::format("URB function 0x{:04x}.", urb.Hdr.Function));
+    }
+    Ref<UsbPipe> pipe;
+    for (UsbInterface* interface : interfaces_) {
+        if (!pipe) {
+            pipe = interface->pipeOf(urb.PipeHandle);
+        }
+    }
+    if (!pipe) {
+        call.fail(Rule::UsbPipeHandle, &request,
+                  fmt::format("{} is no pipe of the current configuration.", urb.PipeHandle));
+    }
+    const bool in = USBD_TRANSFER_DIRECTION(urb.TransferFlags) == USBD_TRANSFER_DIRECTION_IN;
+    if (in != pipe->isIn()) {
+        call.fail(Rule::Argument, &request, "The URB's direction is not the pipe's.");
+    }
+    void* data = urbData(call, request, urb);
+
+    const bool mayBeShort = !in || (urb.TransferFlags & USBD_SHORT_TRANSFER_OK) != 0;
+    auto submission = std::make_shared<Submission>(
+        host(), in ? "IN transfer" : "bulk OUT transfer",
+        [pipe, out = std::make_shared<UrbOut>(pipe), mayBeShort, wanted = urb.TransferBufferLength,
+         done = std::move(done)](const TransferResult& result) mutable {
+            TransferResult seen = result;
+            if (NT_SUCCESS(seen.status) && !mayBeShort && seen.actual < wanted) {
+                seen.status = STATUS_UNSUCCESSFUL;
+                seen.usbdStatus = USBD_STATUS_ERROR_SHORT_TRANSFER;
+            }
+            pipe->noteResult(seen);
+            out.reset();
+            done(seen);
+        });
+    if (pipe->halted()) {
+        submission->endAtOnce({STATUS_UNSUCCESSFUL, USBD_STATUS_ENDPOINT_HALTED, 0});
+    }
+    usb::Transfer& transfer = submission->transfer();
+    transfer.type = pipe->transferType();
+    transfer.endpoint = pipe->address();
+    transfer.data = {static_cast<std::uint8_t*>(data), urb.TransferBufferLength};
+    submission->use(&urb, sizeof(urb), "URB");
+    if (data != nullptr) {
+        submission->use(data, urb.TransferBufferLength, "transfer buffer");
+    }
+    if (urb.TransferBufferMDL != nullptr) {
+        submission->use(urb.TransferBufferMDL, sizeof(MDL), "transfer MDL");
+    }
+    return submission;
+}
+
+} // namespace framework

@@ -1,0 +1,145 @@
+// USB targets: the device, its interfaces and their pipes.
+#pragma once
+
+#include "platform/framework/io_target.h"
+#include "platform/framework/memory.h"
+#include "platform/framework/usb_descriptors.h"
+#include "platform/framework/usb_submission.h"
+
+#include <wdfusb.h>
+
+#include <memory>
+#include <vector>
+
+namespace framework {
+
+class Reader;
+class UsbInterface;
+
+class UsbPipe final : public IoTarget {
+  public:
+    UsbPipe(UsbInterface& owner, const USB_ENDPOINT_DESCRIPTOR& endpoint, UCHAR settingIndex);
+    ~UsbPipe() override;
+
+    WDFUSBPIPE wdf() const { return static_cast<WDFUSBPIPE>(handle()); }
+    UsbDevice& usbDevice() override;
+    USBD_PIPE_HANDLE pipeHandle() const { return pipeHandle_; }
+    UCHAR address() const { return endpoint_.bEndpointAddress; }
+    bool isIn() const { return (address() & USB_ENDPOINT_DIRECTION_MASK) != 0; }
+    usb::TransferType transferType() const;
+    ULONG maximumPacketSize() const { return endpoint_.wMaxPacketSize & 0x7FFu; }
+    WDF_USB_PIPE_INFORMATION information() const;
+
+    // A pipe that ended a transfer with a stall or an error answers ENDPOINT_HALTED until it is reset or
+    // selected anew.
+    bool halted() const;
+    void noteResult(const TransferResult& result);
+
+    // Clears the halt on both ends. PASSIVE_LEVEL.
+    NTSTATUS reset();
+
+    // URBs of the driver that are out on this pipe.
+    void urbStarted();
+    void urbEnded();
+    unsigned urbsOut() const;
+
+    void skipPacketSizeCheck() { packetSizeCheck_ = false; }
+    NTSTATUS configureReader(const Call& call, const WDF_USB_CONTINUOUS_READER_CONFIG& config);
+
+    // For the reader, after something changed that a stop may be waiting for.
+    void readerChanged() { wakeWaiters(); }
+
+  protected:
+    bool driverMayDelete() const override { return false; }
+    void startReader() override;
+    void stopReader() override;
+    bool readerIdleLocked() const override;
+
+  private:
+    UsbInterface& owner_;
+    const USB_ENDPOINT_DESCRIPTOR endpoint_;
+    const UCHAR settingIndex_;
+    const USBD_PIPE_HANDLE pipeHandle_;
+    bool packetSizeCheck_ = true;    // PnP callbacks only
+    std::unique_ptr<Reader> reader_; // PnP callbacks only
+
+    // Guarded by the kernel lock.
+    bool halted_ = false;
+    unsigned urbsOut_ = 0;
+};
+
+class UsbInterface final : public Object {
+  public:
+    UsbInterface(UsbDevice& device, InterfaceLayout layout);
+
+    WDFUSBINTERFACE wdf() const { return static_cast<WDFUSBINTERFACE>(handle()); }
+    UsbDevice& device() { return device_; }
+    std::size_t settingCount() const { return layout_.settings.size(); }
+    UCHAR number() const { return layout_.settings.front().descriptor.bInterfaceNumber; }
+
+    // Replaces the pipes by those of a setting; old pipe handles are void from here on.
+    NTSTATUS buildPipes(const Call& call, std::size_t setting, const WDF_OBJECT_ATTRIBUTES* attributes);
+    void dropPipes();
+    void requireNothingOut(const Call& call) const;
+
+    std::size_t pipeCount() const;
+    Ref<UsbPipe> pipe(std::size_t index) const;
+    Ref<UsbPipe> pipeOf(USBD_PIPE_HANDLE handle) const;
+    std::vector<Ref<UsbPipe>> pipes() const;
+
+  protected:
+    bool driverMayDelete() const override { return false; }
+
+  private:
+    UsbDevice& device_;
+    const InterfaceLayout layout_;
+    std::vector<UsbPipe*> pipes_; // children; guarded by the kernel lock
+};
+
+class UsbDevice final : public IoTarget {
+  public:
+    explicit UsbDevice(Device& device);
+
+    WDFUSBDEVICE wdf() const { return static_cast<WDFUSBDEVICE>(handle()); }
+    UsbDevice& usbDevice() override { return *this; }
+    usb::Device& host();
+
+    // Reads the descriptors and makes the interfaces.
+    NTSTATUS enumerate(const Call& call);
+
+    const USB_DEVICE_DESCRIPTOR& descriptor() const { return descriptor_; }
+    const std::vector<std::uint8_t>& configuration() const { return configuration_; }
+    std::size_t interfaceCount() const { return interfaces_.size(); }
+    UsbInterface& interface(std::size_t index) { return *interfaces_[index]; }
+
+    NTSTATUS selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* pipeAttributes,
+                          WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params);
+    NTSTATUS selectSetting(const Call& call, UsbInterface& interface, UCHAR setting,
+                           const WDF_OBJECT_ATTRIBUTES* pipeAttributes);
+
+    // The device is gone for good: nothing goes out to it or to its pipes any more.
+    void shutDownAll();
+
+    // What a request formatted for an URB, or for a control transfer, puts on the wire.
+    using Done = std::function<void(const TransferResult&)>;
+    std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,
+                                              std::size_t offset, Done done);
+    std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,
+                                                  std::size_t size, Done done);
+
+    // A standard request of the framework's own. PASSIVE_LEVEL.
+    TransferResult standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index, void* data,
+                                   USHORT length);
+
+  private:
+    NTSTATUS readDescriptor(UCHAR type, void* data, USHORT length);
+    NTSTATUS setInterface(UsbInterface& interface, UCHAR setting);
+
+    // Written by PnP callbacks of the driver, which exclude each other.
+    USB_DEVICE_DESCRIPTOR descriptor_ = {};
+    std::vector<std::uint8_t> configuration_;
+    std::vector<UsbInterface*> interfaces_; // children, alive as long as the device
+    bool configured_ = false;
+};
+
+} // namespace framework

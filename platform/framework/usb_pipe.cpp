@@ -1,0 +1,270 @@
+#include "platform/framework/device.h"
+#include "platform/framework/usb_device.h"
+#include "platform/framework/usb_reader.h"
+
+#include <algorithm>
+
+namespace framework {
+
+using kernel::KernelGuard;
+
+namespace {
+
+constexpr UCHAR kRequestToEndpoint = 0x02;
+constexpr UCHAR kClearFeature = 0x01;
+constexpr USHORT kEndpointHalt = 0;
+
+// Pipe handles look like kernel addresses and are never used twice, so that one from before the last
+// selection is recognised.
+USBD_PIPE_HANDLE nextPipeHandle() {
+    static std::uint64_t last = 0xFFFFE000'00000000;
+    KernelGuard guard;
+    last += 0x10;
+    return reinterpret_cast<USBD_PIPE_HANDLE>(last);
+}
+
+} // namespace
+
+UsbPipe::UsbPipe(UsbInterface& owner, const USB_ENDPOINT_DESCRIPTOR& endpoint, UCHAR settingIndex)
+    : IoTarget(Kind::UsbPipe, owner.device().device()), owner_(owner), endpoint_(endpoint),
+      settingIndex_(settingIndex), pipeHandle_(nextPipeHandle()) {}
+
+UsbPipe::~UsbPipe() = default;
+
+UsbDevice& UsbPipe::usbDevice() {
+    return owner_.device();
+}
+
+usb::TransferType UsbPipe::transferType() const {
+    return (endpoint_.bmAttributes & USB_ENDPOINT_TYPE_MASK) == USB_ENDPOINT_TYPE_INTERRUPT
+               ? usb::TransferType::Interrupt
+               : usb::TransferType::Bulk;
+}
+
+WDF_USB_PIPE_INFORMATION UsbPipe::information() const {
+    // What the host controller's driver takes in one transfer.
+    constexpr ULONG kMaximumTransferSize = 0x400000;
+    WDF_USB_PIPE_INFORMATION information;
+    WDF_USB_PIPE_INFORMATION_INIT(&information);
+    information.MaximumPacketSize = maximumPacketSize();
+    information.EndpointAddress = address();
+    information.Interval = endpoint_.bInterval;
+    information.SettingIndex = settingIndex_;
+    information.PipeType =
+        static_cast<WDF_USB_PIPE_TYPE>((endpoint_.bmAttributes & USB_ENDPOINT_TYPE_MASK) + 1);
+    information.MaximumTransferSize = kMaximumTransferSize;
+    return information;
+}
+
+bool UsbPipe::halted() const {
+    KernelGuard guard;
+    return halted_;
+}
+
+void UsbPipe::noteResult(const TransferResult& result) {
+    if (result.usbdStatus == USBD_STATUS_STALL_PID || result.usbdStatus == USBD_STATUS_XACT_ERROR) {
+        KernelGuard guard;
+        halted_ = true;
+    }
+}
+
+NTSTATUS UsbPipe::reset() {
+    const NTSTATUS status =
+        usbDevice()
+            .standardRequest(kRequestToEndpoint, kClearFeature, kEndpointHalt, address(), nullptr, 0)
+            .status;
+    if (NT_SUCCESS(status)) {
+        KernelGuard guard;
+        halted_ = false;
+    }
+    return status;
+}
+
+void UsbPipe::urbStarted() {
+    KernelGuard guard;
+    ++urbsOut_;
+}
+
+void UsbPipe::urbEnded() {
+    KernelGuard guard;
+    --urbsOut_;
+}
+
+unsigned UsbPipe::urbsOut() const {
+    KernelGuard guard;
+    return urbsOut_;
+}
+
+NTSTATUS UsbPipe::configureReader(const Call& call, const WDF_USB_CONTINUOUS_READER_CONFIG& config) {
+    if (config.Size != sizeof(config)) {
+        return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (device().pnpState() != PnpState::Preparing) {
+        call.fail(Rule::UsbTarget, this, "A continuous reader is configured in EvtDevicePrepareHardware.");
+    }
+    if (!isIn() ||
+        (transferType() != usb::TransferType::Interrupt && transferType() != usb::TransferType::Bulk)) {
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    if (config.EvtUsbTargetPipeReadComplete == nullptr || config.TransferLength == 0) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    // An IN transfer that is no multiple of the packet size can be overrun by a device that sends more.
+    if (packetSizeCheck_ && (maximumPacketSize() == 0 || config.TransferLength % maximumPacketSize() != 0)) {
+        return STATUS_INVALID_BUFFER_SIZE;
+    }
+    if (reader_) {
+        return STATUS_INVALID_DEVICE_STATE;
+    }
+    if (call.fault(kernel::FaultKind::Creation)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    auto reader = std::make_unique<Reader>(*this, config);
+    const NTSTATUS status = reader->prepare(call);
+    if (NT_SUCCESS(status)) {
+        reader_ = std::move(reader);
+    }
+    return status;
+}
+
+void UsbPipe::startReader() {
+    if (reader_) {
+        reader_->start();
+    }
+}
+
+void UsbPipe::stopReader() {
+    if (reader_) {
+        reader_->stop();
+    }
+}
+
+bool UsbPipe::readerIdleLocked() const {
+    return !reader_ || reader_->idleLocked();
+}
+
+// Interfaces.
+
+UsbInterface::UsbInterface(UsbDevice& device, InterfaceLayout layout)
+    : Object(Kind::UsbInterface), device_(device), layout_(std::move(layout)) {}
+
+NTSTATUS UsbInterface::buildPipes(const Call& call, std::size_t setting,
+                                  const WDF_OBJECT_ATTRIBUTES* attributes) {
+    std::vector<UsbPipe*> pipes;
+    for (const USB_ENDPOINT_DESCRIPTOR& endpoint : layout_.settings[setting].endpoints) {
+        Ref<UsbPipe> pipe;
+        const NTSTATUS status =
+            createObject(call, attributes, {.parentAllowed = false}, this, pipe,
+                         [&](Object*) { return new UsbPipe(*this, endpoint, static_cast<UCHAR>(setting)); });
+        if (!NT_SUCCESS(status)) {
+            for (UsbPipe* built : pipes) {
+                built->remove();
+            }
+            return status;
+        }
+        pipes.push_back(pipe.get());
+    }
+    dropPipes();
+    KernelGuard guard;
+    pipes_ = std::move(pipes);
+    return STATUS_SUCCESS;
+}
+
+void UsbInterface::dropPipes() {
+    std::vector<UsbPipe*> old;
+    {
+        KernelGuard guard;
+        old.swap(pipes_);
+    }
+    for (UsbPipe* pipe : old) {
+        pipe->remove();
+    }
+}
+
+std::vector<Ref<UsbPipe>> UsbInterface::pipes() const {
+    std::vector<Ref<UsbPipe>> pipes;
+    KernelGuard guard;
+    for (UsbPipe* pipe : pipes_) {
+        pipes.push_back(refLocked(pipe));
+    }
+    return pipes;
+}
+
+void UsbInterface::requireNothingOut(const Call& call) const {
+    for (const Ref<UsbPipe>& pipe : pipes()) {
+        if (pipe->urbsOut() != 0) {
+            call.fail(Rule::UsbPipeHandle, pipe.get(),
+                      "The pipe is selected anew while transfers are out on it.");
+        }
+    }
+}
+
+std::size_t UsbInterface::pipeCount() const {
+    KernelGuard guard;
+    return pipes_.size();
+}
+
+Ref<UsbPipe> UsbInterface::pipe(std::size_t index) const {
+    KernelGuard guard;
+    return index < pipes_.size() ? refLocked(pipes_[index]) : Ref<UsbPipe>();
+}
+
+Ref<UsbPipe> UsbInterface::pipeOf(USBD_PIPE_HANDLE handle) const {
+    KernelGuard guard;
+    const auto found = std::find_if(pipes_.begin(), pipes_.end(),
+                                    [handle](UsbPipe* pipe) { return pipe->pipeHandle() == handle; });
+    return found != pipes_.end() ? refLocked(*found) : Ref<UsbPipe>();
+}
+
+} // namespace framework
+
+using framework::Call;
+using framework::Rule;
+using kernel::kDispatchLevel;
+using kernel::kPassiveLevel;
+
+BYTE WdfUsbInterfaceGetNumConfiguredPipes(WDFUSBINTERFACE UsbInterface) {
+    Call call("WdfUsbInterfaceGetNumConfiguredPipes", kDispatchLevel);
+    return static_cast<BYTE>(call.object<framework::UsbInterface>(UsbInterface)->pipeCount());
+}
+
+WDFUSBPIPE WdfUsbInterfaceGetConfiguredPipe(WDFUSBINTERFACE UsbInterface, UCHAR PipeIndex,
+                                            PWDF_USB_PIPE_INFORMATION PipeInfo) {
+    Call call("WdfUsbInterfaceGetConfiguredPipe", kDispatchLevel);
+    auto interface = call.object<framework::UsbInterface>(UsbInterface);
+    if (PipeInfo != nullptr && PipeInfo->Size != sizeof(WDF_USB_PIPE_INFORMATION)) {
+        call.fail(Rule::Argument, interface.get(), "WDF_USB_PIPE_INFORMATION has a wrong size.");
+    }
+    const auto pipe = interface->pipe(PipeIndex);
+    if (!pipe) {
+        return nullptr;
+    }
+    if (PipeInfo != nullptr) {
+        *PipeInfo = pipe->information();
+    }
+    return pipe->wdf();
+}
+
+VOID WdfUsbTargetPipeGetInformation(WDFUSBPIPE Pipe, PWDF_USB_PIPE_INFORMATION PipeInformation) {
+    Call call("WdfUsbTargetPipeGetInformation", kDispatchLevel);
+    auto pipe = call.object<framework::UsbPipe>(Pipe);
+    if (PipeInformation->Size != sizeof(WDF_USB_PIPE_INFORMATION)) {
+        call.fail(Rule::Argument, pipe.get(), "WDF_USB_PIPE_INFORMATION has a wrong size.");
+    }
+    *PipeInformation = pipe->information();
+}
+
+VOID WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(WDFUSBPIPE Pipe) {
+    Call call("WdfUsbTargetPipeSetNoMaximumPacketSizeCheck", kDispatchLevel);
+    call.object<framework::UsbPipe>(Pipe)->skipPacketSizeCheck();
+}
+
+NTSTATUS WdfUsbTargetPipeConfigContinuousReader(WDFUSBPIPE Pipe, PWDF_USB_CONTINUOUS_READER_CONFIG Config) {
+    Call call("WdfUsbTargetPipeConfigContinuousReader", kPassiveLevel);
+    return call.object<framework::UsbPipe>(Pipe)->configureReader(call, *Config);
+}
+
+USBD_PIPE_HANDLE WdfUsbTargetPipeWdmGetPipeHandle(WDFUSBPIPE UsbPipe) {
+    Call call("WdfUsbTargetPipeWdmGetPipeHandle", kDispatchLevel);
+    return call.object<framework::UsbPipe>(UsbPipe)->pipeHandle();
+}
