@@ -85,7 +85,7 @@ void Core::join(Task& task) {
         while (task.state != Task::State::Ended) {
             Task& self = currentTask();
             task.joiner = &self;
-            block(self, {"join", &task, &task}, kForever);
+            block(self, {"join", &task, nullptr}, kForever);
         }
     }
     pthread_join(task.thread, nullptr);
@@ -267,11 +267,12 @@ void Core::wakeChannel(const void* channel) {
 
 // Reports.
 
-namespace {
-
-std::string describeWait(const Task& task) {
+std::string Core::describeWait(const Task& task) const {
     std::string text = fmt::format("waits in {}", task.reason.call);
-    if (task.reason.object != nullptr) {
+    auto joined = std::find(tasks_.begin(), tasks_.end(), task.reason.object);
+    if (joined != tasks_.end()) {
+        text += fmt::format(" for {}", (*joined)->name);
+    } else if (task.reason.object != nullptr) {
         text += fmt::format(" for {}", verifier::describeObject(task.reason.object));
     }
     if (task.reason.owner != nullptr) {
@@ -282,8 +283,6 @@ std::string describeWait(const Task& task) {
     }
     return text;
 }
-
-} // namespace
 
 std::string Core::describeTasks() const {
     std::string text;
@@ -308,7 +307,8 @@ void Core::requireNoWaitCycle(Task& self) {
                            verifier::describeObject(self.reason.object),
                            "the tasks wait for each other: " + cycle);
         }
-        if (next->state != Task::State::Blocked) {
+        // A task that was woken but has not run yet waits for nobody any more.
+        if (next->state != Task::State::Blocked || next->woken) {
             return;
         }
         cycle += fmt::format("; {} {}", next->name, describeWait(*next));
