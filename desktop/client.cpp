@@ -64,6 +64,7 @@ struct Client::State {
     void interfaceChanged(const platform::InterfaceChange& change);
     bool waitFor(const char* what, usb::Time deadline, const std::function<bool()>& done) const;
     bool arrived() const;
+    void waitWhileClosing(const char* what) const;
 
     NTSTATUS exchange(platform::InterfaceHandle& opened, INTERFACE_RECORD& answer);
     NTSTATUS open();
@@ -126,6 +127,7 @@ NTSTATUS Client::State::exchange(platform::InterfaceHandle& opened, INTERFACE_RE
 }
 
 NTSTATUS Client::State::open() {
+    waitWhileClosing("Client::open");
     std::u16string target;
     {
         const std::lock_guard guard(lock);
@@ -162,6 +164,13 @@ NTSTATUS Client::State::open() {
         handBack();
     }
     return status;
+}
+
+void Client::State::waitWhileClosing(const char* what) const {
+    waitFor(what, kernel::kForever, [this] {
+        const std::lock_guard guard(lock);
+        return phase != Phase::Closing;
+    });
 }
 
 // True when the caller is to hand the interface back now; otherwise the last command does, or nobody holds
@@ -283,12 +292,9 @@ NTSTATUS Client::open() {
 void Client::close() {
     if (state_->askToClose()) {
         state_->handBack();
-        return;
+    } else {
+        state_->waitWhileClosing("Client::close");
     }
-    state_->waitFor("Client::close", kernel::kForever, [this] {
-        const std::lock_guard guard(state_->lock);
-        return state_->phase != State::Phase::Closing;
-    });
 }
 
 bool Client::isOpen() const {

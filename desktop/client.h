@@ -36,7 +36,7 @@ class Client {
     bool waitForArrival(usb::Time timeout);
     bool waitForDeparture(usb::Time timeout);
 
-    // Opens the interface that arrived and exchanges records.
+    // Opens the interface that arrived and exchanges records, once an earlier tenure has come to its end.
     NTSTATUS open();
     // Waits for commands under way, hands the interface back and closes it. No effect while not open.
     void close();

@@ -3,7 +3,6 @@
 #include "desktop/file.h"
 #include "desktop/input_error.h"
 
-#include <algorithm>
 #include <array>
 #include <fmt/format.h>
 #include <numeric>
@@ -48,10 +47,9 @@ void putTiming(Block& block, std::size_t at, const DetailedTiming& t) {
 // A display descriptor with text: 13 characters, ended by a line feed and padded with spaces.
 void putText(Block& block, std::size_t at, unsigned tag, std::string_view text) {
     put(block, at, {0, 0, 0, tag, 0});
-    std::fill_n(block.begin() + static_cast<std::ptrdiff_t>(at) + 5, 13, ' ');
-    std::ranges::copy(text, block.begin() + static_cast<std::ptrdiff_t>(at) + 5);
-    if (text.size() < 13) {
-        block[at + 5 + text.size()] = '\n';
+    for (std::size_t i = 0; i < 13; i++) {
+        const char character = i < text.size() ? text[i] : i == text.size() ? '\n' : ' ';
+        block[at + 5 + i] = static_cast<std::uint8_t>(character);
     }
 }
 

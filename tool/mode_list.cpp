@@ -36,8 +36,9 @@ ModeInfo infoOf(const VIDEO_MODE_ENTRY& entry) {
 
 std::vector<ModeInfo> modeList() {
     std::vector<ModeInfo> list;
-    for (ULONG index = 0; const VIDEO_MODE_ENTRY* entry = MODE_GetEntry(index); index++) {
-        const ModeInfo mode = infoOf(*entry);
+    VIDEO_MODE_ENTRY entry{};
+    for (ULONG index = 0; MODE_GetEntry(index, &entry); index++) {
+        const ModeInfo mode = infoOf(entry);
         const bool listed = std::ranges::any_of(list, [&](const ModeInfo& other) {
             return other.size == mode.size && other.refresh == mode.refresh;
         });

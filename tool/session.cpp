@@ -79,8 +79,10 @@ void Session::plug(const PlugOptions& options) {
     usb::HostOptions host;
     host.link.bytesPerSecond = options.bandwidth;
     host.capture = options.capture;
+    host.inlineCompletion = options.inlineCompletion;
+    usb::Device& adapter = *adapters_.back();
     reference_ = {};
-    node_ = &machine_.plug(*adapters_.back(), host);
+    node_ = &machine_.plug(options.inFront ? options.inFront(adapter) : adapter, host);
     require(machine_.startStatus(*node_), "starting the adapter");
 }
 
@@ -94,6 +96,11 @@ model::Adapter& Session::adapter() {
 usb::LinkTiming& Session::link() {
     adapter();
     return machine_.host(*node_).link();
+}
+
+platform::DeviceNode& Session::node() {
+    adapter();
+    return *node_;
 }
 
 void Session::surpriseRemove() {

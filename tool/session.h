@@ -28,6 +28,9 @@ struct PlugOptions {
     model::AdapterOptions adapter;
     std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
     std::string capture;         // pcapng file; empty for none
+    usb::InlineCompletion inlineCompletion = usb::InlineCompletion::Never;
+    // Puts a device of the caller's between link and adapter; it outlives the session.
+    std::function<usb::Device&(usb::Device& adapter)> inFront;
 };
 
 class Session {
@@ -47,6 +50,7 @@ class Session {
     void plug(const PlugOptions& options);
     model::Adapter& adapter();
     usb::LinkTiming& link();
+    platform::DeviceNode& node();
     bool plugged() const { return node_ != nullptr; }
     void surpriseRemove();
     void remove();
