@@ -90,6 +90,7 @@ class Core {
 
   private:
     void workerLoop(Task& self);
+    std::string describeWait(const Task& task) const;
     void accountEnded(const Task& task);
 
     // Guarded by the kernel lock.

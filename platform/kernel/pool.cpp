@@ -121,9 +121,13 @@ Block obtain(std::size_t size, std::string_view call) {
     return block;
 }
 
-void putAway(const Block& block, std::string_view call) {
+void fillFreed(const Block& block) {
     forWatched(block, [](std::uint8_t* begin, std::size_t size) { std::memset(begin, kFreedFill, size); });
     sanitizer::poison(block.base, block.baseSize);
+}
+
+void putAway(const Block& block, std::string_view call) {
+    fillFreed(block);
     if (block.baseSize >= kCachedFrom) {
         if (cacheBytes + block.baseSize > kCacheLimit) {
             release(block);
@@ -320,6 +324,16 @@ bool isLiveMdl(const MDL* mdl) {
 void resetPool() {
     KernelLockIfFree guard;
     uses.clear();
+    // What an earlier driver did to freed blocks is no fault of the next one.
+    for (const Block& block : quarantine) {
+        release(block);
+    }
+    quarantine.clear();
+    quarantineBytes = 0;
+    for (const auto& [size, block] : cache) {
+        sanitizer::unpoison(block.base, block.baseSize);
+        fillFreed(block);
+    }
     for (const auto& [address, block] : live) {
         sanitizer::unpoison(block.base, block.baseSize);
         putAway(block, "resetPool");

@@ -44,23 +44,28 @@ struct Host::State : std::enable_shared_from_this<State> {
     std::vector<PassagePointer> passing;
 
     void submit(Transfer& transfer) {
+        PassagePointer passage;
         {
             kernel::KernelGuard guard;
             if (suspended && !gone) {
                 held.push_back(&transfer);
                 return;
             }
+            passage = beginPassage(transfer);
         }
-        pass(transfer);
+        pass(passage);
     }
 
-    void pass(Transfer& transfer) {
+    // Kernel lock held: from here on a cancellation finds the transfer among those that pass.
+    PassagePointer beginPassage(Transfer& transfer) {
         auto passage = std::make_shared<Passage>();
         passage->transfer = &transfer;
-        {
-            kernel::KernelGuard guard;
-            passing.push_back(passage);
-        }
+        passing.push_back(passage);
+        return passage;
+    }
+
+    void pass(const PassagePointer& passage) {
+        Transfer& transfer = *passage->transfer;
         hookCompletion(transfer, [self = shared_from_this(), passage](Transfer& done) {
             self->completed(*passage, done);
         });
@@ -135,17 +140,17 @@ struct Host::State : std::enable_shared_from_this<State> {
 
     void resume() {
         for (;;) {
-            Transfer* next = nullptr;
+            PassagePointer next;
             {
                 kernel::KernelGuard guard;
                 suspended = false;
                 if (held.empty()) {
                     return;
                 }
-                next = held.front();
+                next = beginPassage(*held.front());
                 held.pop_front();
             }
-            pass(*next);
+            pass(next);
         }
     }
 };
