@@ -15,8 +15,9 @@ void REQUEST_RemoveFromSendQueue(DEVICE_CONTEXT* context, WDFREQUEST request);
 WDFREQUEST REQUEST_TakeNextToSend(DEVICE_CONTEXT* context); // the oldest, or null
 
 // Sends what is queued, oldest first. A request that the framework refuses is finished with its status, as if
-// it had completed. Only the running dispatcher calls it.
-void REQUEST_SendQueued(DEVICE_CONTEXT* context);
+// it had completed, and so is the rest of its frame. FALSE when that happened. Only the running dispatcher
+// calls it.
+BOOLEAN REQUEST_SendQueued(DEVICE_CONTEXT* context);
 
 // FALSE: the request was refused, is not tracked and will not complete. *status then says why.
 [[nodiscard]] BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* status);

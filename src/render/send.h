@@ -27,6 +27,9 @@ void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context);
 // Whether a transfer may still read that render buffer, now or by being sent again.
 BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index);
 
+// Returns everything on PendingList to AvailableList. After RenderRunning was cleared.
+void RENDER_ClearPending(DEVICE_CONTEXT* context);
+
 // Context: the RENDER_CONTEXT. Up to DISPATCH_LEVEL.
 EVT_WDF_REQUEST_COMPLETION_ROUTINE RENDER_RenderRequestCompleted;
 EVT_WDF_REQUEST_COMPLETION_ROUTINE RENDER_ZeroLengthRequestCompleted;

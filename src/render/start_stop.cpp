@@ -1,0 +1,196 @@
+#include "render/start_stop.h"
+
+#include "driver/device_context.h"
+#include "render/request_pool.h"
+#include "render/send.h"
+#include "usb/registers.h"
+
+namespace {
+
+constexpr ULONG STOP_ACKNOWLEDGE_MS = 100;
+constexpr ULONG CONTEXT_RETURN_POLL_MS = 1;
+constexpr ULONG CONTEXT_RETURN_POLL_COUNT = 100;
+constexpr ULONG CANCEL_POLL_MS = 10;
+
+// Under PendingListLock: the frame update thread and each completion have either finished what they began
+// while the stream ran, or find it stopped. The caller holds RenderStartStopMutex.
+void SetStopped(DEVICE_CONTEXT* context) {
+    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+    SHARED_Write(context->Render.RenderRunning, 0u);
+}
+
+// The caller holds RenderStartStopMutex.
+void SetRunning(DEVICE_CONTEXT* context) {
+    {
+        SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+        // What the render buffers hold is from before the stop, in another mode perhaps.
+        context->Render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
+        SHARED_Write(context->Render.RenderRunning, 1u);
+    }
+    // The newest presented frame goes out now: a client that has nothing to redraw would leave the monitor
+    // dark.
+    KeSetEvent(&context->Render.FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+}
+
+BOOLEAN IsFrameUpdateThread(const RENDER_PIPELINE* render) {
+    return KeGetCurrentThread() == render->FrameUpdateThreadObject;
+}
+
+// Wakes the thread out of whatever it waits for, and lets it consume a frame request that is now void.
+void AwaitAcknowledgement(RENDER_PIPELINE* render) {
+    KeSetEvent(&render->FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+    if (!IsFrameUpdateThread(render) && !SHARED_Read(render->StopAcknowledged) &&
+        SHARED_Read(render->FrameUpdateThreadState) == THREAD_RUNNING) {
+        UTIL_DelayMs(STOP_ACKNOWLEDGE_MS);
+        KeSetEvent(&render->FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+    }
+    SHARED_Write(render->StopAcknowledged, FALSE);
+}
+
+void WaitForEvent(KEVENT* event) {
+    (void)KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr);
+}
+
+// The thread finishes or drops the frame at hand; all its waits in between end once RenderRunning is clear.
+void AwaitFillEnd(RENDER_PIPELINE* render) {
+    if (!IsFrameUpdateThread(render)) {
+        WaitForEvent(&render->FrameFillIdleEvent);
+    }
+}
+
+POLL_RESULT ProbeContextsReturned(DEVICE_CONTEXT* context) {
+    return RENDER_CountAvailable(context) == RENDER_CONTEXT_COUNT ? POLL_RESULT::Done : POLL_RESULT::Again;
+}
+
+// Brings everything home that was queued or sent. The stream is stopped and the thread fills nothing.
+void DrainTransfers(DEVICE_CONTEXT* context) {
+    // A dispatch under way owns the send queue until it ends; a new one finds the stream stopped.
+    WaitForEvent(&context->Render.DispatchIdleEvent);
+    REQUEST_DiscardQueued(context);
+    RENDER_ClearPending(context);
+
+    REQUEST_WaitSentCompleted(context);
+    if (REQUEST_AllSentCompleted(context)) {
+        // The completion that came last is still on its way to the available list, a few instructions long.
+        (void)UTIL_Poll(CONTEXT_RETURN_POLL_MS, CONTEXT_RETURN_POLL_COUNT, ProbeContextsReturned, context);
+    }
+    REQUEST_DiscardSent(context);
+}
+
+// Nothing that a transfer uses may be deleted before the transfer is back, so there is no limit: the USB
+// stack completes whatever is cancelled.
+void CancelOutstanding(DEVICE_CONTEXT* context) {
+    while (RENDER_CountAvailable(context) != RENDER_CONTEXT_COUNT) {
+        for (const RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
+            if (ReadAcquire(&renderContext->OutstandingRequests) != 0) {
+                WdfRequestCancelSentRequest(renderContext->RenderRequest);
+                WdfRequestCancelSentRequest(renderContext->ZeroLengthRequest);
+            }
+        }
+        UTIL_DelayMs(CANCEL_POLL_MS);
+    }
+}
+
+// The fallback to 16 bits lasts as long as the stream that dropped frames.
+void ForgetDroppedFrames(DEVICE_CONTEXT* context) {
+    if (context->Settings.UseDynamicPixelBytesAdjustmentEnable != 0) {
+        SHARED_Write(context->Settings.UseUsb3OutputRGB565Enable, 0u);
+    }
+    SHARED_Write(context->Render.DropFrameEventReceived, FALSE);
+}
+
+// FALSE when there is no thread to end.
+BOOLEAN RequestThreadEnd(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    render->ShutDown = TRUE;
+    render->SuspendedWhileRunning = FALSE;
+    SetStopped(context);
+    ForgetDroppedFrames(context);
+    if (!render->FrameUpdateThreadCreated) {
+        return FALSE;
+    }
+    KeResetEvent(&render->ThreadStartStopEvent);
+    KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
+    return TRUE;
+}
+
+} // namespace
+
+NTSTATUS RENDER_Start(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    const MODE_PARAMETERS& mode = context->Display.Mode;
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    if (render->ShutDown) {
+        return STATUS_SUCCESS;
+    }
+    if (mode.CompressionEnabled == 0) {
+        for (ULONG& length : render->RenderBufferLength) {
+            length = mode.Width * mode.Height * mode.SourceBytesPerPixel;
+        }
+    }
+    {
+        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+        context->Display.OutputActive = TRUE;
+    }
+    SetRunning(context);
+    return STATUS_SUCCESS;
+}
+
+void RENDER_Stop(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    render->SuspendedWhileRunning = FALSE;
+    SHARED_Write(render->StopAcknowledged, FALSE);
+    SetStopped(context);
+
+    if (render->FrameUpdateThreadCreated) {
+        AwaitAcknowledgement(render);
+        AwaitFillEnd(render);
+        if (context->Display.Mode.BandwidthFlag != 0) {
+            REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_BANDWIDTH_BIT);
+        }
+        DrainTransfers(context);
+    }
+
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    ForgetDroppedFrames(context);
+}
+
+void RENDER_Suspend(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    if (render->RenderRunning == 0) {
+        return;
+    }
+    SetStopped(context);
+    render->SuspendedWhileRunning = TRUE;
+    AwaitFillEnd(render);
+    DrainTransfers(context);
+}
+
+void RENDER_Resume(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    if (render->SuspendedWhileRunning && !render->ShutDown) {
+        render->SuspendedWhileRunning = FALSE;
+        SetRunning(context);
+    }
+}
+
+void RENDER_Shutdown(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    if (!RequestThreadEnd(context)) {
+        return;
+    }
+    // The object and not the thread's own word for it: the driver must not be unloaded, nor its records
+    // deleted, under the last instructions of the thread.
+    (void)KeWaitForSingleObject(render->FrameUpdateThreadObject, Executive, KernelMode, FALSE, nullptr);
+
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    ObDereferenceObject(render->FrameUpdateThreadObject);
+    render->FrameUpdateThreadObject = nullptr;
+    render->FrameUpdateThreadCreated = FALSE;
+    DrainTransfers(context);
+    CancelOutstanding(context);
+}
