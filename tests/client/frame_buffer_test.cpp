@@ -284,7 +284,7 @@ TEST(FrameBuffers, DestroyedInUseTheyLastUntilTheLastUserAndNoLonger) {
     });
 }
 
-TEST(FrameBuffers, AnIdentifierInDestructionIsFreeForAnotherSize) {
+TEST(FrameBuffers, AnIdentifierInDestructionCanBeReusedForAnotherSize) {
     onMachine([] {
         ClientSide side;
         side.fill = [&](const FRAME_FILL_REQUEST&) {
