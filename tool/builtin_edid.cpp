@@ -108,10 +108,10 @@ Block ceaBlock() {
 } // namespace
 
 std::vector<std::uint8_t> builtinEdid() {
-    const Block base = baseBlock();
-    const Block cea = ceaBlock();
-    std::vector<std::uint8_t> edid(base.begin(), base.end());
-    edid.insert(edid.end(), cea.begin(), cea.end());
+    std::vector<std::uint8_t> edid;
+    for (const Block& block : {baseBlock(), ceaBlock()}) {
+        edid.insert(edid.end(), block.begin(), block.end());
+    }
     return edid;
 }
 

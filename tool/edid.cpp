@@ -23,7 +23,7 @@ Block readThroughDriver(Session& session, const EdidOptions& options, const std:
     Block block{};
     session.run([&] {
         session.attachMonitor(edid);
-        session.plug({options.adapter, 0, ""});
+        session.plug({.adapter = options.adapter});
         session.openClient();
         Session::require(session.client().queryEdid(block), "reading the EDID");
     });

@@ -121,7 +121,7 @@ class Performer {
     }
 
     void perform(const PlugAction& a) {
-        session_.plug({a.adapter, a.bandwidth, captureFile()});
+        session_.plug({.adapter = a.adapter, .bandwidth = a.bandwidth, .capture = captureFile()});
         sizes_.clear();
         pointerX_ = pointerY_ = 0;
     }

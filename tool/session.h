@@ -27,10 +27,10 @@ struct SessionOptions {
 struct PlugOptions {
     model::AdapterOptions adapter;
     std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
-    std::string capture;         // pcapng file; empty for none
+    std::string capture = {};    // pcapng file; empty for none
     usb::InlineCompletion inlineCompletion = usb::InlineCompletion::Never;
     // Puts a device of the caller's between link and adapter; it outlives the session.
-    std::function<usb::Device&(usb::Device& adapter)> inFront;
+    std::function<usb::Device&(usb::Device& adapter)> inFront = nullptr;
 };
 
 class Session {

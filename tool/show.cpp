@@ -115,7 +115,8 @@ class ShowRun {
   private:
     void bringUp() {
         session_.attachMonitor(edid_);
-        session_.plug({options_.adapter, options_.bandwidth, options_.capture});
+        session_.plug(
+            {.adapter = options_.adapter, .bandwidth = options_.bandwidth, .capture = options_.capture});
         session_.openClient();
         for (std::uint64_t identifier = 1; identifier <= kFrameBuffers; identifier++) {
             session_.createFrameBuffer(identifier, mode_.width, mode_.height);
