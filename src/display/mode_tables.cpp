@@ -153,6 +153,10 @@ BOOLEAN MODE_IsSupported(ULONG width, ULONG height, ULONG refresh) {
            MODE_LookupTable(MODE_TABLE_24_BIT, width, height, refresh, &entry);
 }
 
-const VIDEO_MODE_ENTRY* MODE_GetEntry(ULONG index) {
-    return index < MODE_COUNT ? &MODES[index] : nullptr;
+BOOLEAN MODE_GetEntry(ULONG index, VIDEO_MODE_ENTRY* entry) {
+    if (index >= MODE_TABLE_ENTRIES) {
+        return FALSE;
+    }
+    *entry = MODES[index];
+    return TRUE;
 }
