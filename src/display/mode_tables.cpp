@@ -107,8 +107,7 @@ constexpr VIDEO_MODE_ENTRY MODES[] = {
 };
 // clang-format on
 
-constexpr ULONG MODE_COUNT = ARRAYSIZE(MODES);
-static_assert(MODE_COUNT == 73);
+static_assert(ARRAYSIZE(MODES) == MODE_TABLE_ENTRIES);
 
 constexpr BOOLEAN HasImages(const VIDEO_MODE_ENTRY& mode, ULONG horizontalSize, ULONG horizontalSync,
                             ULONG verticalSize, ULONG verticalSync) {

@@ -22,10 +22,11 @@ struct VIDEO_MODE_ENTRY {
 };
 
 constexpr ULONG MODE_TABLE_ENTRIES = 73;
-constexpr ULONG MODE_TABLE_COUNT = 6;
-constexpr ULONG MODE_MAX_PIXELS = 0x240000; // 2048 x 1152: what a frame can have at most
+constexpr ULONG MODE_MAX_PIXELS = 0x240000; // 2048 x 1152: what a render buffer holds at 3 bytes per pixel
 
-// Table numbers by bytes per pixel on the wire.
+// Tables 0, 2 and 4 serve 3, 2 and 1 bytes per pixel; 1, 3 and 5 are variants that nobody selects. They
+// differ only in transfer budgets that this driver does not need, so all six are one list here.
+constexpr ULONG MODE_TABLE_COUNT = 6;
 constexpr ULONG MODE_TABLE_24_BIT = 0;
 constexpr ULONG MODE_TABLE_16_BIT = 2;
 constexpr ULONG MODE_TABLE_8_BIT = 4;
