@@ -23,6 +23,9 @@ std::unique_ptr<Loaded> loaded;
 
 WDF_DRIVER_GLOBALS globals = {};
 
+// One millisecond each.
+constexpr int kLastReleasePolls = 100;
+
 UNICODE_STRING unicodeString(std::u16string& text) {
     const auto bytes = static_cast<USHORT>(text.size() * sizeof(char16_t));
     return {bytes, static_cast<USHORT>(bytes + sizeof(char16_t)), text.data()};
@@ -47,8 +50,9 @@ Driver* currentDriver() {
 
 Driver& requireDriver(const Call& call) {
     Driver* driver = currentDriver();
-    if (driver == nullptr)
+    if (driver == nullptr) {
         call.fail(Rule::PnpOrder, nullptr, "There is no driver object yet.");
+    }
     return *driver;
 }
 
@@ -79,14 +83,21 @@ NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service) {
 }
 
 void unloadDriver() {
-    if (loaded->driver != nullptr && loaded->driver->config.EvtDriverUnload != nullptr)
+    if (loaded->driver != nullptr && loaded->driver->config.EvtDriverUnload != nullptr) {
         kernel::callDriver("EvtDriverUnload", loaded->driver->config.EvtDriverUnload,
                            static_cast<WDFDRIVER>(loaded->driver->handle()));
+    }
     deleteDriver();
+    // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
+    for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
+        kernel::waitUntil(&loaded, {"driver unload", nullptr, nullptr}, kernel::now() + usb::kMillisecond,
+                          [] { return false; });
+    }
     const std::vector<std::string> left = liveObjects();
-    if (!left.empty())
+    if (!left.empty()) {
         verifier::fail(Rule::PoolLeak, "DriverUnload", left.front(),
                        fmt::format("{} objects are still referenced at unload.", left.size()));
+    }
     loaded.reset();
 }
 
@@ -102,15 +113,19 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
                          PWDF_OBJECT_ATTRIBUTES DriverAttributes, PWDF_DRIVER_CONFIG DriverConfig,
                          WDFDRIVER* Driver) {
     Call call("WdfDriverCreate", kPassiveLevel);
-    if (Driver != nullptr)
+    if (Driver != nullptr) {
         *Driver = nullptr;
+    }
     if (DriverObject == nullptr || RegistryPath == nullptr || DriverConfig == nullptr ||
-        framework::loaded == nullptr || DriverObject != &framework::loaded->driverObject)
+        framework::loaded == nullptr || DriverObject != &framework::loaded->driverObject) {
         return STATUS_INVALID_PARAMETER;
-    if (DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG))
+    }
+    if (DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
-    if (framework::loaded->driver != nullptr)
+    }
+    if (framework::loaded->driver != nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;
+    }
     framework::Ref<framework::Driver> driver;
     const NTSTATUS status =
         createObject(call, DriverAttributes, {.parentAllowed = false, .levelAllowed = true}, nullptr, driver,
@@ -119,14 +134,16 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
                          return new framework::Driver(DriverObject, *DriverConfig, std::move(path),
                                                       framework::loaded->service);
                      });
-    if (!NT_SUCCESS(status))
+    if (!NT_SUCCESS(status)) {
         return status;
+    }
     framework::loaded->driver = driver.get();
     framework::globals.Driver = static_cast<WDFDRIVER>(driver->handle());
     framework::globals.DriverFlags = DriverConfig->DriverInitFlags;
     framework::globals.DriverTag = DriverConfig->DriverPoolTag;
-    if (Driver != nullptr)
+    if (Driver != nullptr) {
         *Driver = framework::globals.Driver;
+    }
     return STATUS_SUCCESS;
 }
 

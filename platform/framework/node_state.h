@@ -22,7 +22,8 @@ struct DevNode::State {
     std::vector<std::unique_ptr<FILE_OBJECT>> files;
 
     // Written by the steps, which exclude each other.
-    bool prepared = false;      // EvtDevicePrepareHardware was called, EvtDeviceReleaseHardware not yet
+    bool prepared = false; // EvtDevicePrepareHardware was called, EvtDeviceReleaseHardware not yet
+    bool everStarted = false;
     bool selfManagedIo = false; // initialised once
     bool inD0 = false;          // read by others under the kernel lock
     bool preprocessed = false;  // the driver has handed the packet under way back

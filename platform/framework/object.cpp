@@ -51,8 +51,9 @@ void Object::reference() {
 void Object::release() {
     {
         KernelGuard guard;
-        if (--references_ != 0)
+        if (--references_ != 0) {
             return;
+        }
     }
     destroy();
 }
@@ -68,11 +69,13 @@ void Object::driverDereference(std::string_view call) {
     {
         KernelGuard guard;
         tooOften = driverReferences_ == 0;
-        if (!tooOften)
+        if (!tooOften) {
             --driverReferences_;
+        }
     }
-    if (tooOften)
+    if (tooOften) {
         verifier::fail(Rule::ObjectTree, call, name(), "A reference is dropped that was never taken.");
+    }
     release();
 }
 
@@ -88,19 +91,22 @@ bool Object::deleting() const {
 bool Object::remove() {
     {
         KernelGuard guard;
-        if (deleting_)
+        if (deleting_) {
             return false;
+        }
         deleting_ = true;
-        if (parent_ != nullptr)
+        if (parent_ != nullptr) {
             std::erase(parent_->children_, this);
+        }
     }
     removeTree();
     return true;
 }
 
 void Object::removeForDriver(std::string_view call) {
-    if (!driverMayDelete())
+    if (!driverMayDelete()) {
         verifier::fail(Rule::ObjectTree, call, name(), "This object is deleted by the framework only.");
+    }
     bool twice = false;
     bool underWay = false;
     bool deferred = false;
@@ -113,15 +119,18 @@ void Object::removeForDriver(std::string_view call) {
         underWay = deleting_;
         if (!twice && !underWay) {
             deleting_ = true;
-            if (parent_ != nullptr)
+            if (parent_ != nullptr) {
                 std::erase(parent_->children_, this);
+            }
             deferred = treeWaitsLocked();
         }
     }
-    if (twice)
+    if (twice) {
         verifier::fail(Rule::HandleDeletedTwice, call, name(), "The driver has deleted this object before.");
-    if (underWay)
+    }
+    if (underWay) {
         return;
+    }
     if (deferred && kernel::currentIrql() > kernel::kPassiveLevel) {
         kernel::queueWork("deferred deletion", [this] { removeTree(); });
         return;
@@ -140,13 +149,15 @@ void Object::removeTree() {
                 child->deleting_ = true;
             }
         }
-        if (child == nullptr)
+        if (child == nullptr) {
             break;
+        }
         child->removeTree();
     }
     dispose();
-    if (context_.cleanup != nullptr)
+    if (context_.cleanup != nullptr) {
         kernel::callDriver("EvtCleanupCallback", context_.cleanup, static_cast<WDFOBJECT>(handle_));
+    }
     release();
 }
 
@@ -156,26 +167,36 @@ bool Object::treeWaitsLocked() const {
 }
 
 void Object::destroy() {
-    if (context_.destroy != nullptr)
+    if (context_.destroy != nullptr) {
+        {
+            // The callback may still use the handle, which takes references that it gives back.
+            KernelGuard guard;
+            references_ = 1;
+        }
         kernel::callDriver("EvtDestroyCallback", context_.destroy, static_cast<WDFOBJECT>(handle_));
-    if (context_.memory)
+    }
+    if (context_.memory) {
         kernel::requireUnused(context_.memory.get(), context_.size, "EvtDestroyCallback");
+    }
     Object* parent = nullptr;
     {
         KernelGuard guard;
-        if (context_.memory)
+        if (context_.memory) {
             objectTable().removeContext(context_.memory.get());
+        }
         objectTable().remove(*this, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
         parent = std::exchange(parent_, nullptr);
     }
     delete this;
-    if (parent != nullptr)
+    if (parent != nullptr) {
         parent->release();
+    }
 }
 
 Call::Call(const char* name, unsigned maximumIrql) : name_(name) {
-    if (kernel::currentIrql() > maximumIrql)
+    if (kernel::currentIrql() > maximumIrql) {
         verifier::requireIrql(name, maximumIrql);
+    }
 }
 
 Ref<Object> Call::any(const void* handle) const {
@@ -187,8 +208,9 @@ Ref<Object> Call::any(const void* handle) const {
             return Object::refLocked(found.object);
         }
     }
-    if (!found.known)
+    if (!found.known) {
         verifier::fail(Rule::HandleStale, name_, fmt::format("{}", handle), "This is no handle.");
+    }
     const bool deletedAgain =
         found.fate == Fate::DeletedByDriver && std::string_view(name_) == "WdfObjectDelete";
     verifier::fail(deletedAgain ? Rule::HandleDeletedTwice : Rule::HandleStale, name_,
@@ -201,9 +223,10 @@ void Call::requireNotCompleted(const void* handle) const {
         KernelGuard guard;
         completed = objectTable().find(handle).fate == Fate::Completed;
     }
-    if (completed)
+    if (completed) {
         verifier::fail(Rule::RequestCompletedTwice, name_, fmt::format("WDFREQUEST {}", handle),
                        "The request has been completed before.");
+    }
 }
 
 void Call::fail(Rule rule, const Object* object, std::string detail) const {
@@ -217,34 +240,42 @@ void Call::wrongType(const Object& object) const {
 NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
                          const CreationRules& rules, Object* defaultParent, Ref<Object>& parent) {
     if (attributes == nullptr) {
-        if (rules.parentRequired)
+        if (rules.parentRequired) {
             return STATUS_WDF_PARENT_NOT_SPECIFIED;
+        }
         parent = Ref<Object>(defaultParent);
         return STATUS_SUCCESS;
     }
-    if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES))
+    if (attributes->Size != sizeof(WDF_OBJECT_ATTRIBUTES)) {
         return STATUS_INFO_LENGTH_MISMATCH;
+    }
     if (const auto* type = attributes->ContextTypeInfo; type != nullptr) {
-        if (type->Size != sizeof(WDF_OBJECT_CONTEXT_TYPE_INFO))
+        if (type->Size != sizeof(WDF_OBJECT_CONTEXT_TYPE_INFO)) {
             return STATUS_INFO_LENGTH_MISMATCH;
-        if (type->ContextSize != 0 && type->ContextName == nullptr)
+        }
+        if (type->ContextSize != 0 && type->ContextName == nullptr) {
             return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
-        if (attributes->ContextSizeOverride != 0 && attributes->ContextSizeOverride < type->ContextSize)
+        }
+        if (attributes->ContextSizeOverride != 0 && attributes->ContextSizeOverride < type->ContextSize) {
             return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+        }
     } else if (attributes->ContextSizeOverride != 0) {
         return STATUS_OBJECT_NAME_INVALID;
     }
     const auto level = attributes->ExecutionLevel;
     if (level == WdfExecutionLevelInvalid || level > WdfExecutionLevelDispatch ||
-        (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed))
+        (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed)) {
         return STATUS_WDF_EXECUTION_LEVEL_INVALID;
+    }
     // Callbacks serialised by a lock of the device or queue are not offered here.
     const auto scope = attributes->SynchronizationScope;
-    if (scope != WdfSynchronizationScopeInheritFromParent && scope != WdfSynchronizationScopeNone)
+    if (scope != WdfSynchronizationScopeInheritFromParent && scope != WdfSynchronizationScopeNone) {
         return STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID;
+    }
     if (attributes->ParentObject != nullptr) {
-        if (!rules.parentAllowed)
+        if (!rules.parentAllowed) {
             return STATUS_WDF_PARENT_ASSIGNMENT_NOT_ALLOWED;
+        }
         parent = call.any(attributes->ParentObject);
     } else if (rules.parentRequired) {
         return STATUS_WDF_PARENT_NOT_SPECIFIED;
@@ -263,8 +294,9 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
             const std::size_t size = std::max(type->ContextSize, attributes->ContextSizeOverride);
             const std::size_t rounded = (size + kContextAlignment) / kContextAlignment * kContextAlignment;
             auto* memory = static_cast<unsigned char*>(std::aligned_alloc(kContextAlignment, rounded));
-            if (memory == nullptr)
+            if (memory == nullptr) {
                 return STATUS_INSUFFICIENT_RESOURCES;
+            }
             std::memset(memory, 0, rounded);
             context.memory = {memory, freeContext};
             context.size = size;
@@ -273,8 +305,9 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
     }
     KernelGuard guard;
     if (parent != nullptr) {
-        if (parent->deleting_)
+        if (parent->deleting_) {
             return STATUS_DELETE_PENDING;
+        }
         parent->children_.push_back(&object);
         object.parent_ = parent;
         object.executionLevel_ = parent->executionLevel_;
@@ -283,8 +316,9 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
     if (attributes != nullptr && attributes->ExecutionLevel != WdfExecutionLevelInheritFromParent) {
         object.executionLevel_ = attributes->ExecutionLevel;
     }
-    if (context.memory)
+    if (context.memory) {
         objectTable().addContext(context.memory.get(), object);
+    }
     object.context_ = std::move(context);
     return STATUS_SUCCESS;
 }
@@ -297,8 +331,9 @@ std::uint64_t objectCreations() {
 std::vector<std::string> liveObjects() {
     std::vector<std::string> names;
     KernelGuard guard;
-    for (Object* object : objectTable().alive())
+    for (Object* object : objectTable().alive()) {
         names.push_back(object->name());
+    }
     return names;
 }
 
@@ -306,8 +341,9 @@ void resetObjects() {
     // Objects of a run that was stopped are still on the stacks of its tasks, so they are kept, out of reach.
     static std::vector<Object*> abandoned;
     KernelGuard guard;
-    for (Object* object : objectTable().alive())
+    for (Object* object : objectTable().alive()) {
         abandoned.push_back(object);
+    }
     objectTable().clear();
 }
 
@@ -336,9 +372,10 @@ WDFOBJECT WdfObjectContextGetObject(PVOID ContextPointer) {
         kernel::KernelGuard guard;
         owner = framework::objectTable().ownerOf(ContextPointer);
     }
-    if (owner == nullptr)
+    if (owner == nullptr) {
         call.fail(framework::Rule::HandleStale, nullptr,
                   fmt::format("{} is no object context.", ContextPointer));
+    }
     return owner->handle();
 }
 

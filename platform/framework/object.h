@@ -52,8 +52,9 @@ class Ref {
   public:
     Ref() = default;
     explicit Ref(T* object) : object_(object) {
-        if (object_ != nullptr)
+        if (object_ != nullptr) {
             object_->reference();
+        }
     }
     Ref(const Ref& other) : Ref(other.object_) {}
     Ref(Ref&& other) noexcept : object_(std::exchange(other.object_, nullptr)) {}
@@ -62,8 +63,9 @@ class Ref {
         return *this;
     }
     ~Ref() {
-        if (object_ != nullptr)
+        if (object_ != nullptr) {
             object_->release();
+        }
     }
 
     // Takes over a reference that was counted already.
@@ -123,9 +125,11 @@ class Object {
     std::vector<Ref<T>> childrenOf(Kind kind) const {
         std::vector<Ref<T>> result;
         kernel::KernelGuard guard;
-        for (Object* child : children_)
-            if (child->kind_ == kind)
+        for (Object* child : children_) {
+            if (child->kind_ == kind) {
                 result.push_back(refLocked(static_cast<T*>(child)));
+            }
+        }
         return result;
     }
 
@@ -189,8 +193,9 @@ class Call {
     Ref<T> object(const void* handle) const {
         Ref<Object> object = any(handle);
         T* typed = dynamic_cast<T*>(object.get());
-        if (typed == nullptr)
+        if (typed == nullptr) {
             wrongType(*object);
+        }
         return Ref<T>(typed);
     }
     Ref<Object> any(const void* handle) const;
@@ -229,10 +234,12 @@ NTSTATUS createObject(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
                       Object* defaultParent, Ref<T>& result, Make make) {
     Ref<Object> parent;
     NTSTATUS status = checkAttributes(call, attributes, rules, defaultParent, parent);
-    if (!NT_SUCCESS(status))
+    if (!NT_SUCCESS(status)) {
         return status;
-    if (call.fault(kernel::FaultKind::Creation))
+    }
+    if (call.fault(kernel::FaultKind::Creation)) {
         return STATUS_INSUFFICIENT_RESOURCES;
+    }
     T* object = make(parent.get());
     status = adoptObject(*object, parent.get(), attributes);
     if (!NT_SUCCESS(status)) {

@@ -49,22 +49,25 @@ void ObjectTable::remove(Object& object, Fate fate) {
     const auto index = static_cast<std::uint32_t>(indexOf(object.handle()));
     Slot& slot = slots_[index];
     slot.object = nullptr;
-    if (slot.fate != Fate::Completed)
+    if (slot.fate != Fate::Completed) {
         slot.fate = fate;
+    }
     free_.push_back(index);
 }
 
 ObjectTable::Found ObjectTable::find(const void* handle) const {
     const std::uint64_t index = indexOf(handle);
-    if (index >= slots_.size() || handle != encode(index, slots_[index].generation))
+    if (index >= slots_.size() || handle != encode(index, slots_[index].generation)) {
         return {};
+    }
     const Slot& slot = slots_[index];
     return {slot.object, true, slot.fate, slot.kind};
 }
 
 void ObjectTable::setFate(const void* handle, Fate fate) {
-    if (find(handle).known)
+    if (find(handle).known) {
         slots_[indexOf(handle)].fate = fate;
+    }
 }
 
 Object* ObjectTable::ownerOf(const void* context) const {
@@ -74,9 +77,11 @@ Object* ObjectTable::ownerOf(const void* context) const {
 
 std::vector<Object*> ObjectTable::alive() const {
     std::vector<Object*> objects;
-    for (const Slot& slot : slots_)
-        if (slot.object != nullptr)
+    for (const Slot& slot : slots_) {
+        if (slot.object != nullptr) {
             objects.push_back(slot.object);
+        }
+    }
     return objects;
 }
 

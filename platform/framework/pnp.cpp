@@ -254,6 +254,7 @@ NTSTATUS DevNode::start() {
         return status;
     }
     device->setPnpState(PnpState::Started);
+    state_->everStarted = true;
     return status;
 }
 
@@ -328,7 +329,8 @@ void DevNode::cancelRemove() {
 void DevNode::surpriseRemove() {
     Step step(*state_, "surprise removal");
     const Ref<Device> device = deviceOfNode(*state_);
-    if (!device || device->pnpState() == PnpState::SurpriseRemoved) {
+    // A device that never started is removed without further notice.
+    if (!device || !state_->everStarted || device->pnpState() == PnpState::SurpriseRemoved) {
         return;
     }
     passPacket(*device, IRP_MN_SURPRISE_REMOVAL);

@@ -51,6 +51,7 @@ class UsbPipe final : public IoTarget {
 
   protected:
     bool driverMayDelete() const override { return false; }
+    void dispose() override;
     void startReader() override;
     void stopReader() override;
     bool readerIdleLocked() const override;

@@ -127,6 +127,13 @@ NTSTATUS UsbPipe::configureReader(const Call& call, const WDF_USB_CONTINUOUS_REA
     return status;
 }
 
+void UsbPipe::dispose() {
+    IoTarget::dispose();
+    if (reader_) {
+        reader_->dropBuffers();
+    }
+}
+
 void UsbPipe::startReader() {
     if (reader_) {
         reader_->start();

@@ -75,6 +75,12 @@ bool Reader::idleLocked() const {
     return out_ == 0 && !recovering_;
 }
 
+void Reader::dropBuffers() {
+    for (Read& read : reads_) {
+        read.buffer = {};
+    }
+}
+
 void Reader::submit(Read& read) {
     auto submission = std::make_shared<Submission>(
         pipe_.usbDevice().host(), "continuous reader",

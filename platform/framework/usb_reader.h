@@ -18,6 +18,9 @@ class Reader {
     void stop(); // does not wait; see `idleLocked`
     bool idleLocked() const;
 
+    // Buffers are children of the pipe and keep it alive; an idle reader that starts no more lets them go.
+    void dropBuffers();
+
   private:
     struct Read {
         Ref<Memory> buffer;

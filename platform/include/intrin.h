@@ -26,14 +26,16 @@ inline void __cpuid(int registers[4], int leaf) {
 #define _ReadWriteBarrier() __asm__ __volatile__("" ::: "memory")
 
 inline UCHAR _BitScanForward(ULONG* index, ULONG mask) {
-    if (mask == 0)
+    if (mask == 0) {
         return 0;
+    }
     *index = (ULONG)__builtin_ctz(mask);
     return 1;
 }
 inline UCHAR _BitScanReverse(ULONG* index, ULONG mask) {
-    if (mask == 0)
+    if (mask == 0) {
         return 0;
+    }
     *index = 31 - (ULONG)__builtin_clz(mask);
     return 1;
 }

@@ -46,7 +46,9 @@ typedef struct _WDF_DRIVER_GLOBALS {
 extern "C" PWDF_DRIVER_GLOBALS WdfDriverGlobals;
 
 // The driver object, or null before WdfDriverCreate has succeeded.
-inline WDFDRIVER WdfGetDriver() { return WdfDriverGlobals->Driver; }
+inline WDFDRIVER WdfGetDriver() {
+    return WdfDriverGlobals->Driver;
+}
 
 typedef struct _WDF_DRIVER_CONFIG {
     ULONG Size;
@@ -157,8 +159,9 @@ inline VOID WDF_IO_QUEUE_CONFIG_INIT(PWDF_IO_QUEUE_CONFIG config, WDF_IO_QUEUE_D
     config->Size = sizeof(*config);
     config->PowerManaged = WdfUseDefault;
     config->DispatchType = dispatchType;
-    if (dispatchType == WdfIoQueueDispatchParallel)
+    if (dispatchType == WdfIoQueueDispatchParallel) {
         config->Settings.Parallel.NumberOfPresentedRequests = MAXULONG;
+    }
 }
 inline VOID WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(PWDF_IO_QUEUE_CONFIG config,
                                                    WDF_IO_QUEUE_DISPATCH_TYPE dispatchType) {

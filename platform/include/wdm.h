@@ -366,14 +366,16 @@ extern "C" DECLSPEC_NORETURN void KernelAssertionFailed(const char* condition, c
 // The number of bytes that are equal before the first difference.
 inline SIZE_T RtlCompareMemory(const VOID* first, const VOID* second, SIZE_T length) {
     SIZE_T equal = 0;
-    while (equal < length && ((const UCHAR*)first)[equal] == ((const UCHAR*)second)[equal])
+    while (equal < length && ((const UCHAR*)first)[equal] == ((const UCHAR*)second)[equal]) {
         ++equal;
+    }
     return equal;
 }
 
 inline PVOID MmGetSystemAddressForMdlSafe(PMDL mdl, ULONG priority) {
-    if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0)
+    if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0) {
         return mdl->MappedSystemVa;
+    }
     return MmMapLockedPagesSpecifyCache(mdl, KernelMode, MmCached, nullptr, FALSE, priority);
 }
 
@@ -402,8 +404,9 @@ inline BOOLEAN IsListEmpty(const LIST_ENTRY* head) {
 inline BOOLEAN RemoveEntryList(PLIST_ENTRY entry) {
     PLIST_ENTRY next = entry->Flink;
     PLIST_ENTRY previous = entry->Blink;
-    if (next->Blink != entry || previous->Flink != entry)
+    if (next->Blink != entry || previous->Flink != entry) {
         RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    }
     previous->Flink = next;
     next->Blink = previous;
     return next == previous;
@@ -423,8 +426,9 @@ inline PLIST_ENTRY RemoveTailList(PLIST_ENTRY head) {
 
 inline VOID InsertHeadList(PLIST_ENTRY head, PLIST_ENTRY entry) {
     PLIST_ENTRY next = head->Flink;
-    if (next->Blink != head)
+    if (next->Blink != head) {
         RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    }
     entry->Flink = next;
     entry->Blink = head;
     next->Blink = entry;
@@ -433,8 +437,9 @@ inline VOID InsertHeadList(PLIST_ENTRY head, PLIST_ENTRY entry) {
 
 inline VOID InsertTailList(PLIST_ENTRY head, PLIST_ENTRY entry) {
     PLIST_ENTRY previous = head->Blink;
-    if (previous->Flink != head)
+    if (previous->Flink != head) {
         RtlFailFast(FAST_FAIL_CORRUPT_LIST_ENTRY);
+    }
     entry->Flink = head;
     entry->Blink = previous;
     previous->Flink = entry;

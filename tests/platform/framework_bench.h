@@ -1,0 +1,356 @@
+// A machine with a small device in its port and a driver whose callbacks a test fills in.
+#pragma once
+
+#include "platform/machine.h"
+#include "platform/usb/device.h"
+
+#include <ntddk.h>
+#include <wdf.h>
+#include <wdfusb.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace platform_test {
+
+constexpr UCHAR kOutEndpoint = 0x02;
+constexpr UCHAR kReportEndpoint = 0x83;
+
+// Three interfaces as the adapter has them: nothing, bulk OUT, interrupt IN. Vendor requests
+// read and write four bytes at wIndex.
+class SmallDevice final : public usb::Device {
+  public:
+    enum class Bulk { Accept, Hold, Stall };
+
+    usb::Speed speed() const override { return usb::Speed::Super; }
+
+    void submit(usb::Transfer& transfer) override {
+        if (gone) {
+            finish(transfer, usb::Status::Gone, 0);
+        } else if (transfer.type == usb::TransferType::Control) {
+            control(transfer);
+        } else if (transfer.endpoint == kReportEndpoint) {
+            reads.push_back(&transfer);
+            report();
+        } else if (bulk == Bulk::Hold) {
+            held.push_back(&transfer);
+        } else if (bulk == Bulk::Stall) {
+            finish(transfer, usb::Status::Stalled, 0);
+        } else {
+            sent.emplace_back(transfer.data.begin(), transfer.data.end());
+            finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(transfer.data.size()));
+        }
+    }
+
+    void cancel(usb::Transfer& transfer) override {
+        for (auto* list : {&held, &reads}) {
+            if (std::erase(*list, &transfer) != 0) {
+                finish(transfer, usb::Status::Cancelled, 0);
+                return;
+            }
+        }
+    }
+
+    void disconnect() override {
+        gone = true;
+        for (auto* list : {&held, &reads}) {
+            for (usb::Transfer* transfer : std::exchange(*list, {})) {
+                finish(*transfer, usb::Status::Gone, 0);
+            }
+        }
+    }
+
+    // Sends a report to the oldest read, now or when there is one.
+    void report(std::uint8_t value) {
+        reports.push_back(value);
+        report();
+    }
+
+    // Ends the oldest read.
+    void failRead(usb::Status status) {
+        usb::Transfer* read = reads.front();
+        reads.erase(reads.begin());
+        finish(*read, status, 0);
+    }
+
+    static std::vector<std::uint8_t> configuration() {
+        return {9, 2, 50, 0, 3, 1,    0, 0x80, 50,                                    // configuration
+                9, 4, 0,  0, 0, 0xFF, 0, 0,    0,                                     // interface 0
+                9, 4, 1,  0, 1, 0xFF, 0, 0,    0,  7, 5, kOutEndpoint,    2, 0, 4, 0, // interface 1
+                9, 4, 2,  0, 1, 0xFF, 0, 0,    0,  7, 5, kReportEndpoint, 3, 8, 0, 4};
+    }
+
+    Bulk bulk = Bulk::Accept;
+    bool gone = false;
+    bool deaf = false; // vendor requests stay unanswered
+    std::vector<std::uint8_t> configurationDescriptor = configuration();
+    std::map<std::uint16_t, std::array<std::uint8_t, 4>> registers;
+    std::vector<std::vector<std::uint8_t>> sent;
+    std::vector<std::string> standardRequests; // those that change something
+    std::vector<usb::Transfer*> held;
+    std::vector<usb::Transfer*> reads;
+    std::vector<std::uint8_t> reports;
+
+  private:
+    static void finish(usb::Transfer& transfer, usb::Status status, std::uint32_t actual) {
+        transfer.status = status;
+        transfer.actual = actual;
+        transfer.complete(transfer);
+    }
+
+    void report() {
+        while (!reports.empty() && !reads.empty()) {
+            usb::Transfer* read = reads.front();
+            reads.erase(reads.begin());
+            read->data[0] = reports.front();
+            reports.erase(reports.begin());
+            finish(*read, usb::Status::Success, 1);
+        }
+    }
+
+    void answer(usb::Transfer& transfer, const std::vector<std::uint8_t>& bytes) {
+        const std::size_t size = std::min(bytes.size(), transfer.data.size());
+        std::memcpy(transfer.data.data(), bytes.data(), size);
+        finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(size));
+    }
+
+    void control(usb::Transfer& transfer) {
+        const usb::SetupPacket& setup = transfer.setup;
+        if ((setup.requestType & 0x60) == 0x40) {
+            vendor(transfer);
+        } else if (setup.request == 6 && setup.value >> 8 == 1) {
+            answer(transfer, {18, 1, 0, 3, 0xFF, 0, 0, 9, 0x09, 0x12, 3, 0, 0, 2, 0, 0, 0, 1});
+        } else if (setup.request == 6 && setup.value >> 8 == 2) {
+            answer(transfer, configurationDescriptor);
+        } else {
+            constexpr std::pair<int, const char*> names[] = {
+                {1, "clear halt"}, {9, "set configuration"}, {11, "set interface"}};
+            for (const auto& [request, name] : names) {
+                if (request == setup.request) {
+                    standardRequests.emplace_back(name);
+                }
+            }
+            finish(transfer, usb::Status::Success, 0);
+        }
+    }
+
+    void vendor(usb::Transfer& transfer) {
+        auto& value = registers[transfer.setup.index];
+        if (deaf) {
+            held.push_back(&transfer);
+        } else if (transfer.isIn()) {
+            answer(transfer, {value.begin(), value.end()});
+        } else {
+            std::copy_n(transfer.data.begin(), std::min<std::size_t>(4, transfer.data.size()), value.begin());
+            finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(transfer.data.size()));
+        }
+    }
+};
+
+// What the driver does in its callbacks, and the order in which they came.
+struct DriverScript {
+    std::vector<std::string> trace;
+    std::function<NTSTATUS(WDFDRIVER)> entry;
+    std::function<NTSTATUS(WDFDEVICE)> add;
+    std::function<NTSTATUS(WDFDEVICE)> prepare;
+    std::function<NTSTATUS(WDFDEVICE)> d0Entry;
+    std::function<NTSTATUS(WDFDEVICE)> selfManagedIoInit;
+    std::function<void(WDFREQUEST, ULONG)> control;
+    WDFDEVICE device = nullptr;
+
+    void note(std::string what) {
+        const std::lock_guard lock(mutex_);
+        trace.push_back(std::move(what));
+    }
+
+  private:
+    std::mutex mutex_;
+};
+inline DriverScript* script = nullptr;
+
+namespace callbacks {
+
+inline std::string state(const char* name, WDF_POWER_DEVICE_STATE value) {
+    return std::string(name) + (value == WdfPowerDeviceD3Final ? "(D3Final)"
+                                : value == WdfPowerDeviceD3    ? "(D3)"
+                                                               : "(?)");
+}
+inline NTSTATUS prepare(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST) {
+    script->note("prepare");
+    return script->prepare ? script->prepare(device) : STATUS_SUCCESS;
+}
+inline NTSTATUS release(WDFDEVICE, WDFCMRESLIST) {
+    script->note("release");
+    return STATUS_SUCCESS;
+}
+inline NTSTATUS d0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previous) {
+    script->note(state("d0 entry", previous));
+    return script->d0Entry ? script->d0Entry(device) : STATUS_SUCCESS;
+}
+inline NTSTATUS d0Exit(WDFDEVICE, WDF_POWER_DEVICE_STATE target) {
+    script->note(state("d0 exit", target));
+    return STATUS_SUCCESS;
+}
+inline NTSTATUS init(WDFDEVICE device) {
+    script->note("init");
+    return script->selfManagedIoInit ? script->selfManagedIoInit(device) : STATUS_SUCCESS;
+}
+inline NTSTATUS suspend(WDFDEVICE) {
+    script->note("suspend");
+    return STATUS_SUCCESS;
+}
+inline NTSTATUS restart(WDFDEVICE) {
+    script->note("restart");
+    return STATUS_SUCCESS;
+}
+inline void flush(WDFDEVICE) {
+    script->note("flush");
+}
+inline void cleanup(WDFDEVICE) {
+    script->note("cleanup");
+}
+inline void surprise(WDFDEVICE) {
+    script->note("surprise");
+}
+inline NTSTATUS preprocess(WDFDEVICE device, PIRP irp) {
+    script->note("irp " + std::to_string(IoGetCurrentIrpStackLocation(irp)->MinorFunction));
+    IoSkipCurrentIrpStackLocation(irp);
+    return WdfDeviceWdmDispatchPreprocessedIrp(device, irp);
+}
+inline void fileCreate(WDFDEVICE, WDFREQUEST request, WDFFILEOBJECT) {
+    script->note("create");
+    WdfRequestComplete(request, STATUS_SUCCESS);
+}
+inline void fileCleanup(WDFFILEOBJECT) {
+    script->note("file cleanup");
+}
+inline void fileClose(WDFFILEOBJECT) {
+    script->note("file close");
+}
+inline void control(WDFQUEUE, WDFREQUEST request, size_t, size_t, ULONG code) {
+    script->note("control");
+    script->control(request, code);
+}
+
+inline NTSTATUS deviceAdd(WDFDRIVER, PWDFDEVICE_INIT init) {
+    WDF_PNPPOWER_EVENT_CALLBACKS pnp;
+    WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&pnp);
+    pnp.EvtDevicePrepareHardware = prepare;
+    pnp.EvtDeviceReleaseHardware = release;
+    pnp.EvtDeviceD0Entry = d0Entry;
+    pnp.EvtDeviceD0Exit = d0Exit;
+    pnp.EvtDeviceSelfManagedIoInit = callbacks::init;
+    pnp.EvtDeviceSelfManagedIoSuspend = suspend;
+    pnp.EvtDeviceSelfManagedIoRestart = restart;
+    pnp.EvtDeviceSelfManagedIoFlush = flush;
+    pnp.EvtDeviceSelfManagedIoCleanup = cleanup;
+    pnp.EvtDeviceSurpriseRemoval = surprise;
+    WdfDeviceInitSetPnpPowerEventCallbacks(init, &pnp);
+    WDF_FILEOBJECT_CONFIG file;
+    WDF_FILEOBJECT_CONFIG_INIT(&file, fileCreate, fileClose, fileCleanup);
+    WdfDeviceInitSetFileObjectConfig(init, &file, WDF_NO_OBJECT_ATTRIBUTES);
+    WdfDeviceInitSetIoType(init, WdfDeviceIoNeither);
+    UCHAR minors[] = {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_CANCEL_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE};
+    NTSTATUS status = WdfDeviceInitAssignWdmIrpPreprocessCallback(init, preprocess, IRP_MJ_PNP, minors, 3);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = WdfDeviceCreate(&init, WDF_NO_OBJECT_ATTRIBUTES, &script->device);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    WDF_IO_QUEUE_CONFIG queue;
+    WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queue, WdfIoQueueDispatchParallel);
+    queue.EvtIoInternalDeviceControl = control;
+    status = WdfIoQueueCreate(script->device, &queue, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    return script->add ? script->add(script->device) : STATUS_SUCCESS;
+}
+
+inline NTSTATUS driverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING path) {
+    WDF_DRIVER_CONFIG config;
+    WDF_DRIVER_CONFIG_INIT(&config, deviceAdd);
+    WDFDRIVER driver;
+    const NTSTATUS status = WdfDriverCreate(driverObject, path, WDF_NO_OBJECT_ATTRIBUTES, &config, &driver);
+    return NT_SUCCESS(status) && script->entry ? script->entry(driver) : status;
+}
+
+} // namespace callbacks
+
+// The schedule that the environment variable SIM_SEED names; the first one otherwise.
+inline std::uint64_t seedOfRun() {
+    const char* text = std::getenv("SIM_SEED");
+    return text != nullptr ? std::strtoull(text, nullptr, 10) : 1;
+}
+
+// One machine, one device, one driver: `body` runs with the driver loaded, which is unloaded afterwards.
+class FrameworkBench {
+  public:
+    explicit FrameworkBench(std::uint64_t seed = seedOfRun(), const usb::HostOptions& host = {})
+        : host_(host) {
+        platform::MachineOptions options;
+        options.scheduler.seed = seed;
+        machine_ = std::make_unique<platform::Machine>(options);
+        script = &driver;
+    }
+
+    void run(const std::function<void()>& body) {
+        machine_->run([&] {
+            ASSERT_EQ(machine_->loadDriver(callbacks::driverEntry), STATUS_SUCCESS);
+            body();
+            machine_->unloadDriver();
+        });
+    }
+
+    platform::Machine& machine() { return *machine_; }
+    platform::DeviceNode& plug() { return machine_->plug(device, host_); }
+
+    SmallDevice device;
+    DriverScript driver;
+
+  private:
+    usb::HostOptions host_;
+    std::unique_ptr<platform::Machine> machine_;
+};
+
+// A USB target with its configuration selected, as a prepare-hardware callback makes it.
+struct Target {
+    WDFUSBDEVICE usb = nullptr;
+    WDFUSBPIPE out = nullptr;
+    WDFUSBPIPE reports = nullptr;
+
+    NTSTATUS create(WDFDEVICE device) {
+        NTSTATUS status = WdfUsbTargetDeviceCreate(device, WDF_NO_OBJECT_ATTRIBUTES, &usb);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        WDF_USB_DEVICE_SELECT_CONFIG_PARAMS params;
+        WDF_USB_DEVICE_SELECT_CONFIG_PARAMS_INIT_MULTIPLE_INTERFACES(&params, 0, nullptr);
+        status = WdfUsbTargetDeviceSelectConfig(usb, WDF_NO_OBJECT_ATTRIBUTES, &params);
+        if (NT_SUCCESS(status)) {
+            findPipes();
+        }
+        return status;
+    }
+
+    void findPipes() {
+        out = WdfUsbInterfaceGetConfiguredPipe(WdfUsbTargetDeviceGetInterface(usb, 1), 0, nullptr);
+        reports = WdfUsbInterfaceGetConfiguredPipe(WdfUsbTargetDeviceGetInterface(usb, 2), 0, nullptr);
+    }
+};
+
+} // namespace platform_test

@@ -1,0 +1,369 @@
+// Transfers: control, bulk and the continuous reader, with their time-outs, cancellations and failures.
+#include "tests/platform/framework_bench.h"
+
+#include "platform/kernel/fault_points.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace platform_test;
+using verifier::Rule;
+
+constexpr ULONG kTag = 0x74736554;
+
+// One bulk transfer of the driver: request, URB, buffer, MDL and what its completion saw.
+struct BulkTransfer {
+    WDFREQUEST request = nullptr;
+    WDFMEMORY urbMemory = nullptr;
+    PMDL mdl = nullptr;
+    _URB_BULK_OR_INTERRUPT_TRANSFER urb = {};
+    std::array<std::uint8_t, 4096> bytes = {};
+    int completions = 0;
+    WDF_REQUEST_COMPLETION_PARAMS params = {};
+    WDF_USB_REQUEST_COMPLETION_PARAMS usb = {};
+    kernel::Time completedAt = 0;
+    unsigned completedIrql = 0;
+    std::function<void()> onCompletion;
+
+    void create(const Target& target) {
+        ASSERT_EQ(WdfRequestCreate(nullptr, WdfUsbTargetDeviceGetIoTarget(target.usb), &request),
+                  STATUS_SUCCESS);
+        ASSERT_EQ(WdfMemoryCreatePreallocated(nullptr, &urb, sizeof(urb), &urbMemory), STATUS_SUCCESS);
+        mdl = IoAllocateMdl(bytes.data(), static_cast<ULONG>(bytes.size()), FALSE, FALSE, nullptr);
+        ASSERT_NE(mdl, nullptr);
+        MmBuildMdlForNonPagedPool(mdl);
+    }
+
+    void destroy() {
+        WdfObjectDelete(request);
+        WdfObjectDelete(urbMemory);
+        IoFreeMdl(mdl);
+    }
+
+    NTSTATUS format(const Target& target, ULONG length) {
+        WDF_REQUEST_REUSE_PARAMS reuse;
+        WDF_REQUEST_REUSE_PARAMS_INIT(&reuse, WDF_REQUEST_REUSE_NO_FLAGS, STATUS_SUCCESS);
+        EXPECT_EQ(WdfRequestReuse(request, &reuse), STATUS_SUCCESS);
+        UsbBuildInterruptOrBulkTransferRequest(
+            reinterpret_cast<PURB>(&urb), sizeof(urb), WdfUsbTargetPipeWdmGetPipeHandle(target.out), nullptr,
+            length != 0 ? mdl : nullptr, length, USBD_TRANSFER_DIRECTION_OUT, nullptr);
+        const NTSTATUS status =
+            WdfUsbTargetDeviceFormatRequestForUrb(target.usb, request, urbMemory, nullptr);
+        WdfRequestSetCompletionRoutine(request, completed, this);
+        return status;
+    }
+
+    BOOLEAN send(const Target& target, ULONG length, LONGLONG timeout = 0) {
+        EXPECT_EQ(format(target, length), STATUS_SUCCESS);
+        WDF_REQUEST_SEND_OPTIONS options;
+        WDF_REQUEST_SEND_OPTIONS_INIT(&options, 0);
+        if (timeout != 0) {
+            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, timeout);
+        }
+        return WdfRequestSend(request, WdfUsbTargetDeviceGetIoTarget(target.usb), &options);
+    }
+
+    static void completed(WDFREQUEST, WDFIOTARGET, PWDF_REQUEST_COMPLETION_PARAMS params,
+                          WDFCONTEXT context) {
+        auto& self = *static_cast<BulkTransfer*>(context);
+        self.params = *params;
+        self.usb = *params->Parameters.Usb.Completion;
+        self.completedAt = kernel::now();
+        self.completedIrql = KeGetCurrentIrql();
+        ++self.completions;
+        if (self.onCompletion) {
+            self.onCompletion();
+        }
+    }
+};
+
+class FrameworkIo : public testing::Test {
+  protected:
+    FrameworkIo() {
+        bench.driver.prepare = [this](WDFDEVICE device) { return target.create(device); };
+    }
+
+    // Runs on a started device with one bulk transfer made.
+    void run(const std::function<void(platform::DeviceNode&)>& body) {
+        bench.run([&] {
+            auto& node = bench.plug();
+            ASSERT_EQ(bench.machine().startStatus(node), STATUS_SUCCESS);
+            bulk.create(target);
+            body(node);
+            bulk.destroy();
+        });
+    }
+
+    NTSTATUS control(BYTE request, USHORT index, ULONG& value, LONGLONG timeout = 0) {
+        WDF_MEMORY_DESCRIPTOR memory;
+        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&memory, &value, sizeof(value));
+        WDF_USB_CONTROL_SETUP_PACKET setup;
+        WDF_USB_CONTROL_SETUP_PACKET_INIT_VENDOR(
+            &setup, request == 0x40 ? BmRequestDeviceToHost : BmRequestHostToDevice, BmRequestToDevice,
+            request, 0, index);
+        WDF_REQUEST_SEND_OPTIONS options;
+        WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_SYNCHRONOUS);
+        if (timeout != 0) {
+            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, timeout);
+        }
+        return WdfUsbTargetDeviceSendControlTransferSynchronously(target.usb, nullptr, &options, &setup,
+                                                                  &memory, nullptr);
+    }
+
+    void settle() { bench.machine().sleep(10 * usb::kMillisecond); }
+
+    FrameworkBench bench;
+    Target target;
+    BulkTransfer bulk;
+};
+
+TEST_F(FrameworkIo, ControlTransfersMoveBytesBothWaysAndTimeOut) {
+    run([&](platform::DeviceNode&) {
+        ULONG value = 0x12345678;
+        EXPECT_EQ(control(0x41, 0x8020, value), STATUS_SUCCESS);
+        value = 0;
+        EXPECT_EQ(control(0x40, 0x8020, value), STATUS_SUCCESS);
+        EXPECT_EQ(value, 0x12345678u);
+        bench.device.deaf = true;
+        const kernel::Time before = kernel::now();
+        EXPECT_EQ(control(0x40, 0x8020, value, WDF_REL_TIMEOUT_IN_SEC(2)), STATUS_IO_TIMEOUT);
+        EXPECT_EQ(kernel::now() - before, 2 * usb::kSecond);
+    });
+}
+
+TEST_F(FrameworkIo, ABulkUrbCarriesItsMdlsBytesAndCompletesAtDispatchLevel) {
+    run([&](platform::DeviceNode&) {
+        bulk.bytes[0] = 0xAB;
+        EXPECT_TRUE(bulk.send(target, 600));
+        settle();
+        EXPECT_TRUE(bulk.send(target, 0));
+        settle();
+        ASSERT_EQ(bench.device.sent.size(), 2u);
+        EXPECT_EQ(bench.device.sent[0].size(), 600u);
+        EXPECT_EQ(bench.device.sent[0][0], 0xAB);
+        EXPECT_TRUE(bench.device.sent[1].empty());
+        EXPECT_EQ(bulk.completions, 2);
+        EXPECT_EQ(bulk.completedIrql, unsigned{DISPATCH_LEVEL});
+        EXPECT_EQ(bulk.params.Type, WdfRequestTypeUsb);
+        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_SUCCESS);
+        EXPECT_EQ(bulk.usb.Type, WdfUsbRequestTypeDeviceUrb);
+        EXPECT_EQ(bulk.usb.Parameters.DeviceUrb.Buffer, bulk.urbMemory);
+    });
+}
+
+// How a transfer that the device never answers comes back, by what ended it.
+TEST_F(FrameworkIo, AHeldTransferEndsWithTheStatusOfWhatEndedIt) {
+    run([&](platform::DeviceNode&) {
+        const struct {
+            const char* name;
+            std::function<void()> end;
+            NTSTATUS status;
+            USBD_STATUS usbdStatus;
+            kernel::Time after;
+        } cases[] = {
+            {"time-out", [&] { bench.machine().sleep(3 * usb::kSecond); }, STATUS_IO_TIMEOUT,
+             USBD_STATUS_CANCELED, 2 * usb::kSecond},
+            {"cancel", [&] { EXPECT_TRUE(WdfRequestCancelSentRequest(bulk.request)); }, STATUS_CANCELLED,
+             USBD_STATUS_CANCELED, 0},
+            {"target stop",
+             [&] {
+                 const WDFIOTARGET io = WdfUsbTargetDeviceGetIoTarget(target.usb);
+                 WdfIoTargetStop(io, WdfIoTargetCancelSentIo);
+                 EXPECT_EQ(bulk.completions, 3); // the stop has waited for it
+                 EXPECT_EQ(WdfIoTargetStart(io), STATUS_SUCCESS);
+             },
+             STATUS_CANCELLED, USBD_STATUS_CANCELED, 0},
+            {"cable", [&] { bench.device.disconnect(); }, STATUS_NO_SUCH_DEVICE, USBD_STATUS_DEVICE_GONE, 0},
+        };
+        bench.device.bulk = SmallDevice::Bulk::Hold;
+        int completions = 0;
+        for (const auto& test : cases) {
+            SCOPED_TRACE(test.name);
+            const kernel::Time before = kernel::now();
+            EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
+            EXPECT_EQ(bulk.completions, completions);
+            test.end();
+            settle();
+            EXPECT_EQ(bulk.completions, ++completions);
+            EXPECT_EQ(bulk.params.IoStatus.Status, test.status);
+            EXPECT_EQ(bulk.usb.UsbdStatus, test.usbdStatus);
+            EXPECT_GE(bulk.completedAt - before, test.after);
+            EXPECT_LT(bulk.completedAt - before, test.after + usb::kMillisecond);
+        }
+        EXPECT_FALSE(WdfRequestCancelSentRequest(bulk.request));
+    });
+}
+
+TEST_F(FrameworkIo, AStalledPipeStaysHaltedUntilItIsSelectedAnew) {
+    run([&](platform::DeviceNode&) {
+        bench.device.bulk = SmallDevice::Bulk::Stall;
+        EXPECT_TRUE(bulk.send(target, 100));
+        settle();
+        EXPECT_EQ(bulk.usb.UsbdStatus, USBD_STATUS_STALL_PID);
+        bench.device.bulk = SmallDevice::Bulk::Accept;
+        EXPECT_TRUE(bulk.send(target, 100));
+        settle();
+        EXPECT_EQ(bulk.usb.UsbdStatus, USBD_STATUS_ENDPOINT_HALTED);
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, 0);
+        EXPECT_EQ(
+            WdfUsbInterfaceSelectSetting(WdfUsbTargetDeviceGetInterface(target.usb, 1), nullptr, &params),
+            STATUS_SUCCESS);
+        EXPECT_EQ(bench.device.standardRequests.back(), "set interface");
+        target.findPipes();
+        EXPECT_TRUE(bulk.send(target, 100));
+        settle();
+        EXPECT_EQ(bulk.usb.UsbdStatus, USBD_STATUS_SUCCESS);
+    });
+}
+
+TEST_F(FrameworkIo, ACompletionRoutineMaySendItsRequestAgain) {
+    run([&](platform::DeviceNode&) {
+        bulk.onCompletion = [&] {
+            if (bulk.completions < 5) {
+                EXPECT_TRUE(bulk.send(target, 100));
+            }
+        };
+        EXPECT_TRUE(bulk.send(target, 100));
+        bench.machine().sleep(usb::kSecond);
+        EXPECT_EQ(bulk.completions, 5);
+    });
+}
+
+TEST_F(FrameworkIo, AStoppedTargetKeepsRequestsUntilItStartsOrTheirTimeEnds) {
+    run([&](platform::DeviceNode&) {
+        const WDFIOTARGET io = WdfUsbTargetDeviceGetIoTarget(target.usb);
+        WdfIoTargetStop(io, WdfIoTargetCancelSentIo);
+        EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
+        bench.machine().sleep(usb::kSecond);
+        EXPECT_EQ(bulk.completions, 0);
+        EXPECT_EQ(WdfIoTargetStart(io), STATUS_SUCCESS);
+        settle();
+        EXPECT_EQ(bulk.completions, 1);
+        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_SUCCESS);
+        WdfIoTargetStop(io, WdfIoTargetCancelSentIo);
+        EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
+        bench.machine().sleep(3 * usb::kSecond);
+        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_IO_TIMEOUT);
+        EXPECT_EQ(bench.device.sent.size(), 1u);
+    });
+}
+
+TEST_F(FrameworkIo, ARefusedSendReturnsFalseAndNeverCompletes) {
+    run([&](platform::DeviceNode& node) {
+        ASSERT_EQ(bulk.format(target, 100), STATUS_SUCCESS);
+        kernel::armFault(1, kernel::FaultMode::Once);
+        EXPECT_FALSE(WdfRequestSend(bulk.request, WdfUsbTargetDeviceGetIoTarget(target.usb), nullptr));
+        EXPECT_TRUE(kernel::faultFired());
+        kernel::disarmFault();
+        EXPECT_EQ(WdfRequestGetStatus(bulk.request), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_TRUE(bulk.send(target, 100));
+        settle();
+        EXPECT_EQ(bulk.completions, 1);
+        bench.device.disconnect();
+        bench.machine().host(node).disconnect();
+    });
+}
+
+TEST(FrameworkUsb, ConfigurationDescriptorsThatContradictThemselvesFailTheStart) {
+    const struct {
+        const char* name;
+        std::size_t offset;
+        std::uint8_t value;
+    } cases[] = {
+        {"total length below the header", 2, 8},
+        {"total length above what comes", 2, 60},
+        {"interface count", 4, 2},
+        {"descriptor of length zero", 9, 0},
+        {"endpoint count", 22, 2},
+        {"descriptor beyond the end", 43, 9},
+        {"settings out of order", 21, 1},
+        {"endpoint descriptor too short", 27, 6},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        FrameworkBench broken;
+        Target usbTarget;
+        broken.driver.prepare = [&](WDFDEVICE device) { return usbTarget.create(device); };
+        broken.device.configurationDescriptor[test.offset] = test.value;
+        broken.run([&] { EXPECT_EQ(broken.machine().startStatus(broken.plug()), STATUS_UNSUCCESSFUL); });
+        EXPECT_EQ(usbTarget.usb, nullptr);
+    }
+}
+
+// The continuous reader on the report pipe.
+class FrameworkReader : public FrameworkIo {
+  protected:
+    FrameworkReader() {
+        bench.driver.prepare = [this](WDFDEVICE device) {
+            NTSTATUS status = target.create(device);
+            if (!NT_SUCCESS(status)) {
+                return status;
+            }
+            WDF_USB_CONTINUOUS_READER_CONFIG config;
+            WDF_USB_CONTINUOUS_READER_CONFIG_INIT(&config, readComplete, this, 1);
+            config.NumPendingReads = 1;
+            EXPECT_EQ(WdfUsbTargetPipeConfigContinuousReader(target.reports, &config),
+                      STATUS_INVALID_BUFFER_SIZE);
+            WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(target.reports);
+            status = WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
+            return NT_SUCCESS(status) ? WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(target.reports))
+                                      : status;
+        };
+    }
+
+    static void readComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t bytes, WDFCONTEXT context) {
+        EXPECT_EQ(bytes, 1u);
+        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+        static_cast<FrameworkReader*>(context)->seen.push_back(
+            *static_cast<std::uint8_t*>(WdfMemoryGetBuffer(buffer, nullptr)));
+    }
+
+    WDFIOTARGET pipe() const { return WdfUsbTargetPipeGetIoTarget(target.reports); }
+
+    std::vector<std::uint8_t> seen;
+};
+
+TEST_F(FrameworkReader, EveryReportArrivesOnceAndOnlyWhileTheTargetRuns) {
+    run([&](platform::DeviceNode&) {
+        for (std::uint8_t report : {1, 0, 2}) {
+            bench.device.report(report);
+            settle();
+        }
+        EXPECT_EQ(seen, (std::vector<std::uint8_t>{1, 0, 2}));
+        WdfIoTargetStop(pipe(), WdfIoTargetCancelSentIo);
+        EXPECT_TRUE(bench.device.reads.empty());
+        bench.device.report(3);
+        settle();
+        EXPECT_EQ(seen.size(), 3u);
+        EXPECT_EQ(WdfIoTargetStart(pipe()), STATUS_SUCCESS);
+        settle();
+        EXPECT_EQ(seen.back(), 3);
+        EXPECT_EQ(bench.device.reads.size(), 1u);
+    });
+}
+
+TEST_F(FrameworkReader, AFailedReadResetsThePipeAndGoesOutAgain) {
+    run([&](platform::DeviceNode&) {
+        bench.device.failRead(usb::Status::Stalled);
+        settle();
+        EXPECT_EQ(bench.device.standardRequests.back(), "clear halt");
+        EXPECT_EQ(bench.device.reads.size(), 1u);
+        bench.device.report(7);
+        settle();
+        EXPECT_EQ(seen, (std::vector<std::uint8_t>{7}));
+    });
+}
+
+TEST_F(FrameworkReader, ADeviceThatIsGoneEndsTheReader) {
+    run([&](platform::DeviceNode&) {
+        bench.device.disconnect();
+        settle();
+        EXPECT_TRUE(bench.device.reads.empty());
+        EXPECT_EQ(bench.device.standardRequests.back(), "set configuration");
+        WdfIoTargetStop(pipe(), WdfIoTargetCancelSentIo);
+    });
+}
+
+} // namespace
