@@ -1,0 +1,596 @@
+// The commands of the client: what each answers, and that no record, however hostile, does harm.
+#include "tests/system/rig.h"
+
+#include "platform/kernel/driver_call.h"
+#include "platform/kernel/fault_points.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <fmt/format.h>
+#include <numeric>
+#include <random>
+
+namespace system_test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+template <typename Record>
+std::span<std::uint8_t> bytesOf(Record& record) {
+    return {reinterpret_cast<std::uint8_t*>(&record), sizeof record};
+}
+
+// A running desktop with some picture on the monitor.
+void withDesktop(const std::function<void(Session&)>& body) {
+    runSession(inOrder(), [&](Session& session) {
+        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        body(session);
+        if (session.client().isOpen()) {
+            session.movePointer(0, 0, false);
+            session.present(kDesktop, pattern("gradient", kWidth, kHeight));
+            expectPicture(session);
+        }
+    });
+}
+
+TEST(Commands, AnswerByCodeAndLength) {
+    const struct {
+        ULONG code;
+        std::size_t input;
+        std::size_t output;
+        NTSTATUS status;
+    } cases[] = {
+        {CMD_QUERY_EDID, 0, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_QUERY_EDID, 0, 127, STATUS_BUFFER_TOO_SMALL},
+        {CMD_QUERY_EDID, 0, 256, STATUS_SUCCESS},
+        {CMD_CREATE_FRAME_BUFFER, 39, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_CREATE_FRAME_BUFFER, 0, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_DESTROY_FRAME_BUFFER, 39, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_DESTROY_FRAME_BUFFER, 40, 0, STATUS_SUCCESS}, // nothing has that identifier
+        {CMD_DESTROY_FRAME_BUFFER, 100, 0, STATUS_SUCCESS},
+        {CMD_PRESENT_FRAME, 47, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_SET_POINTER, 15, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_SET_POINTER, 16, 0, STATUS_SUCCESS}, // neither position nor shape
+        {CMD_SET_DISPLAY_POWER, 7, 0, STATUS_BUFFER_TOO_SMALL},
+        {CMD_SET_CLIENT_VALUE, 0, 0, STATUS_SUCCESS},
+        {CMD_SET_CLIENT_VALUE, 8, 0, STATUS_SUCCESS},
+        {7, 32, 32, STATUS_NOT_SUPPORTED},
+        {CMD_SET_ROTATION, 31, 0, STATUS_INVALID_PARAMETER},
+        {CMD_SET_ROTATION, 33, 0, STATUS_INVALID_PARAMETER},
+        {CMD_SET_ROTATION, 0, 0, STATUS_INVALID_PARAMETER},
+        {CMD_SET_ROTATION, 32, 0, STATUS_SUCCESS},
+        {9, 100, 100, STATUS_NOT_SUPPORTED},
+        {0xFFFFFFFF, 100, 100, STATUS_NOT_SUPPORTED},
+    };
+    withDesktop([&](Session& session) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(fmt::format("code {} with {} and {} bytes", c.code, c.input, c.output));
+            Bytes input(c.input, 0);
+            Bytes output(c.output, 0);
+            EXPECT_EQ(c.status, session.client().command(c.code, input, output));
+        }
+    });
+}
+
+TEST(Commands, ClearTheReturnedLength) {
+    withDesktop([](Session& session) {
+        const INTERFACE_RECORD driver = session.client().driverRecord();
+        for (const ULONG code : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 7u, 8u, 9u, 1000u}) {
+            ULONG returned = 77;
+            (void)kernel::callDriver("CommandEntry", driver.CommandEntry, driver.Context, code,
+                                     static_cast<VOID*>(nullptr), ULONGLONG{0}, static_cast<VOID*>(nullptr),
+                                     ULONGLONG{0}, &returned);
+            EXPECT_EQ(0u, returned) << code;
+        }
+    });
+}
+
+TEST(Commands, WriteTheEdidOnceOrTwice) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor(tool::builtinEdid());
+        session.plug(adapter());
+        session.openClient();
+        std::array<std::uint8_t, EDID_BLOCK_SIZE> edid{};
+        require(session.client().queryEdid(edid), "querying the EDID");
+        const std::uint8_t header[] = {0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0};
+        EXPECT_TRUE(std::equal(std::begin(header), std::end(header), edid.begin()));
+        EXPECT_EQ(0, std::accumulate(edid.begin(), edid.end(), 0) % 256);
+        for (const std::size_t length : {128u, 129u, 255u, 256u, 257u, 1000u}) {
+            SCOPED_TRACE(length);
+            Bytes output(length, 0xA5);
+            EXPECT_EQ(STATUS_SUCCESS, session.client().command(CMD_QUERY_EDID, {}, output));
+            const std::size_t copies = length >= 256 ? 2 : 1;
+            for (std::size_t i = 0; i < length; i++) {
+                ASSERT_EQ(i < copies * 128 ? edid[i % 128] : 0xA5, output[i]) << "at " << i;
+            }
+        }
+    });
+}
+
+// A frame too large for any mode is dropped without an error; one at the limit goes its way.
+TEST(Commands, DropFramesThatAreTooLarge) {
+    const struct {
+        ULONGLONG bytes;
+        ULONG width;
+        ULONG height;
+        bool kept;
+    } cases[] = {
+        {PRESENT_MAX_BYTES, 2048, 1152, true},
+        {PRESENT_MAX_BYTES + 1, 2048, 1152, false},
+        {0x100000000, 640, 480, false},
+        {~ULONGLONG{0}, 640, 480, false},
+        {4096, 2049, 1153, false},
+        {4096, 2049, 1152, true},
+        {4096, 2048, 4000, true},
+        {4096, 0xFFFFFFFF, 0xFFFFFFFF, false},
+        {4096, 0xFFFFFFFF, 1, true},
+    };
+    withDesktop([&](Session& session) {
+        std::uint64_t identifier = 100;
+        for (const auto& c : cases) {
+            SCOPED_TRACE(fmt::format("{} bytes of {}x{}", c.bytes, c.width, c.height));
+            PRESENT_REQUEST request{};
+            request.Identifier = ++identifier;
+            request.ByteSize = c.bytes;
+            request.FrameKey = 1000 + static_cast<ULONG>(identifier);
+            request.Width = c.width;
+            request.Height = c.height;
+            request.Pitch = c.width * 4;
+            const std::uint64_t allocations = session.machine().poolAllocations();
+            EXPECT_EQ(STATUS_SUCCESS, session.client().command(CMD_PRESENT_FRAME, bytesOf(request), {}));
+            EXPECT_EQ(c.kept, session.machine().poolAllocations() > allocations)
+                << "a dropped frame makes no frame buffer";
+            EXPECT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(identifier));
+        }
+    });
+}
+
+TEST(Commands, ReportMissingMemory) {
+    withDesktop([](Session& session) {
+        FRAME_BUFFER_REQUEST create{};
+        create.Identifier = 9;
+        create.ByteSize = ~ULONGLONG{0};
+        create.Width = kWidth;
+        create.Height = kHeight;
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES,
+                  session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(create), {}));
+        for (std::uint64_t k = 1; k <= 2; k++) {
+            kernel::armFault(k, kernel::FaultMode::Once);
+            EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, session.client().createFrameBuffer(9, 100, 100));
+            kernel::armFault(k, kernel::FaultMode::Once);
+            EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, session.client().present(9, pattern("bars", 100, 100)));
+            kernel::disarmFault();
+        }
+        EXPECT_EQ(STATUS_SUCCESS, session.client().present(9, pattern("bars", 100, 100)));
+        EXPECT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(9));
+        EXPECT_EQ(STATUS_SUCCESS, session.client().createFrameBuffer(9, kWidth, kHeight));
+        EXPECT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(9));
+    });
+}
+
+// The display is switched only when the byte changes.
+TEST(Commands, SwitchTheDisplayOnlyOnce) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        session.openClient();
+        session.createFrameBuffer(kDesktop, kWidth, kHeight);
+        const auto writesOf = [&](bool on) {
+            const std::uint64_t before = session.adapter().statistics().registerWrites;
+            session.setDisplayPower(on);
+            return session.adapter().statistics().registerWrites - before;
+        };
+        EXPECT_EQ(0u, writesOf(false));
+        EXPECT_GT(writesOf(true), 0u);
+        EXPECT_EQ(0u, writesOf(true));
+        session.present(kDesktop, pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        EXPECT_GT(writesOf(false), 0u);
+        EXPECT_EQ(0u, writesOf(false));
+        session.machine().sleep(100 * kMillisecond);
+        EXPECT_FALSE(session.adapter().picture());
+        EXPECT_GT(writesOf(true), 0u);
+    });
+}
+
+TEST(Commands, KeepTheRotationWhenTheRecordIsWrong) {
+    withDesktop([](Session& session) {
+        session.setRotation(ROTATION_HALF);
+        ROTATION_REQUEST wrong{};
+        wrong.Rotation = ROTATION_QUARTER;
+        Bytes longer(33, 0);
+        std::memcpy(longer.data(), &wrong, sizeof(wrong));
+        EXPECT_EQ(STATUS_INVALID_PARAMETER, session.client().command(CMD_SET_ROTATION, longer, {}));
+        session.setPointer(desktop::builtinPointer("arrow"));
+        session.movePointer(20, 20, true);
+        expectPicture(session); // as a half turn shows it
+        session.setRotation(ROTATION_NONE);
+        session.setPointer(desktop::builtinPointer("arrow"));
+    });
+}
+
+// Display-on while the device sleeps: at most 501 waits of 10 ms for D0.
+
+TEST(DisplayOnInLowPower, TimesOut) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        session.openClient();
+        session.createFrameBuffer(kDesktop, kWidth, kHeight);
+        session.suspend();
+        const usb::Time begin = session.machine().clock().now();
+        EXPECT_EQ(STATUS_DRIVER_CANCEL_TIMEOUT, session.client().setDisplayPower(true));
+        const usb::Time took = session.machine().clock().now() - begin;
+        EXPECT_EQ(5010 * kMillisecond, took);
+        session.resume();
+        session.setDisplayPower(false);
+        session.setDisplayPower(true);
+        session.present(kDesktop, pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+    });
+}
+
+TEST(DisplayOnInLowPower, GoesOnWhenTheDeviceWakes) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        session.openClient();
+        session.createFrameBuffer(kDesktop, kWidth, kHeight);
+        session.suspend();
+        NTSTATUS status = STATUS_PENDING;
+        {
+            ClientThread client("client", [&] { status = session.client().setDisplayPower(true); });
+            session.machine().sleep(2 * kSecond);
+            EXPECT_EQ(STATUS_PENDING, status);
+            session.resume();
+        }
+        EXPECT_EQ(STATUS_SUCCESS, status);
+        session.present(kDesktop, pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+    });
+}
+
+// Records with one field after the other at the ends of its range, on top of one that makes sense. Pool
+// guards, and the sanitizers in builds that have them, see every byte out of place; the picture must be right
+// afterwards.
+
+constexpr std::uint64_t kExtremes[] = {0,          1,          2,          3,          7,         255,
+                                       256,        257,        1023,       65535,      65536,     0x7FFFFFFF,
+                                       0x80000000, 0x80000001, 0xFFFFFFFC, 0xFFFFFFFE, 0xFFFFFFFF};
+constexpr std::uint64_t kWideExtremes[] = {0x100000000,        0x3FFFFFFFFFFFFFFF, 0x7FFFFFFFFFFFFFFF,
+                                           0x8000000000000000, 0xFFFFFFFFFFFFFFF0, 0xFFFFFFFFFFFFFFFF};
+
+struct Field {
+    std::size_t offset;
+    std::size_t width;
+};
+
+// Calls `use` with every variant of `record`.
+template <typename Record>
+void forEachVariant(const Record& record, std::span<const Field> fields,
+                    const std::function<void(Record&)>& use) {
+    const auto put = [&](Record& variant, const Field& field, std::uint64_t value) {
+        std::memcpy(reinterpret_cast<std::uint8_t*>(&variant) + field.offset, &value, field.width);
+    };
+    const auto valuesOf = [](const Field& field) {
+        std::vector<std::uint64_t> values(std::begin(kExtremes), std::end(kExtremes));
+        if (field.width == 8) {
+            values.insert(values.end(), std::begin(kWideExtremes), std::end(kWideExtremes));
+        }
+        return values;
+    };
+    for (const Field& field : fields) {
+        for (const std::uint64_t value : valuesOf(field)) {
+            Record variant = record;
+            put(variant, field, value);
+            SCOPED_TRACE(fmt::format("field at {} is 0x{:X}", field.offset, value));
+            use(variant);
+        }
+    }
+    // And several fields at once: a fixed sample.
+    std::mt19937 random(1);
+    for (int i = 0; i < 300; i++) {
+        Record variant = record;
+        for (const Field& field : fields) {
+            const std::vector<std::uint64_t> values = valuesOf(field);
+            if (random() % 2 == 0) {
+                put(variant, field, values[random() % values.size()]);
+            }
+        }
+        SCOPED_TRACE(fmt::format("sample {}", i));
+        use(variant);
+    }
+}
+
+constexpr Field kFrameBufferFields[] = {{0, 8}, {8, 8}, {16, 8}, {24, 4}, {28, 4}, {32, 4}, {36, 4}};
+constexpr Field kPresentFields[] = {{0, 8}, {16, 8}, {24, 4}, {28, 4}, {32, 4}, {36, 4}, {40, 4}, {44, 4}};
+
+// Sizes that the machine has no memory for are refused by its pool; those between are left out, because the
+// bench would really allocate gigabytes.
+bool wouldFillTheMachine(ULONGLONG bytes) {
+    return bytes > 64 << 20 && bytes < ULONGLONG{1} << 40;
+}
+
+TEST(HostileRecords, FrameBuffersOfAnyShape) {
+    withDesktop([](Session& session) {
+        const FRAME_BUFFER_REQUEST sane = {50, 0, 64 * 64 * 4, 64, 64, 64 * 4, 0};
+        session.setPointer(desktop::builtinPointer("halo"));
+        forEachVariant<FRAME_BUFFER_REQUEST>(sane, kFrameBufferFields, [&](FRAME_BUFFER_REQUEST& request) {
+            if (wouldFillTheMachine(request.ByteSize) || request.Identifier == kDesktop) {
+                return;
+            }
+            const NTSTATUS created = session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(request), {});
+            ASSERT_TRUE(created == STATUS_SUCCESS || created == STATUS_INSUFFICIENT_RESOURCES);
+            // The pointer is drawn into whatever becomes current.
+            PRESENT_REQUEST present{};
+            present.Identifier = request.Identifier;
+            present.FrameKey = 77;
+            ASSERT_EQ(STATUS_SUCCESS, session.client().command(CMD_PRESENT_FRAME, bytesOf(present), {}));
+            ASSERT_EQ(STATUS_SUCCESS, session.client().movePointer(3, 3, true));
+            ASSERT_EQ(STATUS_SUCCESS, session.client().movePointer(-2, -2, true));
+            ASSERT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(request.Identifier));
+        });
+        // The desktop's size is that of the last frame buffer created.
+        require(session.client().createFrameBuffer(60, kWidth, kHeight), "creating a frame buffer");
+    });
+}
+
+TEST(HostileRecords, PresentsOfAnyShape) {
+    withDesktop([](Session& session) {
+        const PRESENT_REQUEST sane = {50, 0, 64 * 64 * 4, 5, 64, 64, 64 * 4, {0, 0}};
+        session.setPointer(desktop::builtinPointer("cross"));
+        session.movePointer(1, 1, true);
+        forEachVariant<PRESENT_REQUEST>(sane, kPresentFields, [&](PRESENT_REQUEST& request) {
+            if (request.Identifier == kDesktop) {
+                return;
+            }
+            const NTSTATUS status = session.client().command(CMD_PRESENT_FRAME, bytesOf(request), {});
+            ASSERT_TRUE(status == STATUS_SUCCESS || status == STATUS_INSUFFICIENT_RESOURCES);
+            ASSERT_EQ(STATUS_SUCCESS, session.client().movePointer(5, 5, true));
+            ASSERT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(request.Identifier));
+        });
+    });
+}
+
+// A display of any size that a client can name.
+TEST(HostileRecords, ModesOfAnySize) {
+    withDesktop([](Session& session) {
+        for (const std::uint64_t width : kExtremes) {
+            for (const std::uint64_t height : {std::uint64_t{480}, std::uint64_t{0}, width}) {
+                FRAME_BUFFER_REQUEST request = {
+                    70, 0, 4096, static_cast<ULONG>(width), static_cast<ULONG>(height), 0, 0};
+                ASSERT_EQ(STATUS_SUCCESS,
+                          session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(request), {}));
+                session.setDisplayPower(false);
+                session.setDisplayPower(true);
+                ASSERT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(70));
+            }
+        }
+        // A frame buffer of the mode's dimensions that holds less than their pixels is never sent.
+        FRAME_BUFFER_REQUEST small = {71, 0, 4096, kWidth, kHeight, kWidth * 4, 0};
+        ASSERT_EQ(STATUS_SUCCESS, session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(small), {}));
+        session.setDisplayPower(false);
+        session.setDisplayPower(true);
+        PRESENT_REQUEST present{};
+        present.Identifier = 71;
+        present.FrameKey = 5;
+        const std::uint64_t frames = session.adapter().statistics().framesReceived;
+        ASSERT_EQ(STATUS_SUCCESS, session.client().command(CMD_PRESENT_FRAME, bytesOf(present), {}));
+        session.machine().sleep(100 * kMillisecond);
+        EXPECT_EQ(frames, session.adapter().statistics().framesReceived);
+        ASSERT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(71));
+    });
+}
+
+TEST(HostileRecords, PointersOfAnyShape) {
+    constexpr Field kFields[] = {{0, 4}, {4, 4}, {8, 4}, {12, 4}, {16, 8}, {32, 4}, {36, 4}};
+    // Exactly what a shape can have: the sanitizer sees any byte that is read beyond.
+    const Bytes bits(262144, 0x3C);
+    withDesktop([&](Session& session) {
+        for (const ULONG type : {1u, 2u, 4u}) {
+            for (const DISPLAY_ROTATION rotation :
+                 {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF, ROTATION_THREE_QUARTERS,
+                  static_cast<DISPLAY_ROTATION>(0xFFFFFFFF)}) {
+                session.setRotation(rotation);
+                POINTER_SHAPE sane{};
+                sane.Type = type;
+                sane.Width = 32;
+                sane.Height = 24;
+                sane.Pitch = type == 1 ? 4 : 128;
+                sane.Bits = bits.data();
+                forEachVariant<POINTER_SHAPE>(sane, kFields, [&](POINTER_SHAPE& shape) {
+                    POINTER_POSITION position{0, 10, 10, 1};
+                    POINTER_REQUEST request{&position, &shape};
+                    ASSERT_EQ(STATUS_SUCCESS,
+                              session.client().command(CMD_SET_POINTER, bytesOf(request), {}));
+                });
+            }
+        }
+        session.setRotation(ROTATION_NONE);
+        session.setPointer(desktop::builtinPointer("arrow"));
+    });
+}
+
+TEST(HostileRecords, PointersAnywhere) {
+    constexpr Field kFields[] = {{0, 4}, {4, 4}, {8, 4}, {12, 4}};
+    withDesktop([&](Session& session) {
+        for (const char* name : {"arrow", "halo", "cross"}) {
+            for (const DISPLAY_ROTATION rotation :
+                 {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF, ROTATION_THREE_QUARTERS}) {
+                session.setRotation(rotation);
+                session.setPointer(desktop::builtinPointer(name));
+                forEachVariant<POINTER_POSITION>({0, 10, 10, 1}, kFields, [&](POINTER_POSITION& position) {
+                    POINTER_REQUEST request{&position, nullptr};
+                    ASSERT_EQ(STATUS_SUCCESS,
+                              session.client().command(CMD_SET_POINTER, bytesOf(request), {}));
+                });
+            }
+        }
+        session.setRotation(ROTATION_NONE);
+        session.setPointer(desktop::builtinPointer("arrow"));
+        session.movePointer(5, 5, true);
+        expectPicture(session);
+    });
+}
+
+// The largest shapes that fit, and the smallest that do not.
+TEST(HostileRecords, PointersAtTheLimit) {
+    const struct {
+        POINTER_TYPE type;
+        unsigned width;
+        unsigned height;
+        unsigned pitch;
+    } cases[] = {
+        {POINTER_COLOR_ALPHA, 256, 256, 1024}, {POINTER_COLOR_MASKED, 256, 256, 1024},
+        {POINTER_COLOR_ALPHA, 1, 256, 1024},   {POINTER_MONOCHROME, 256, 256, 32},
+        {POINTER_MONOCHROME, 1024, 1024, 128},
+    };
+    runSession(inOrder(), [&](Session& session) {
+        showDesktop(session, adapter(), pattern("gradient", 1280, 1024));
+        for (const auto& c : cases) {
+            for (const DISPLAY_ROTATION rotation : {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF}) {
+                SCOPED_TRACE(fmt::format("type {} of {}x{}, rotation {}", static_cast<int>(c.type), c.width,
+                                         c.height, static_cast<int>(rotation)));
+                desktop::PointerImage image{c.type, c.width, c.height, c.pitch, {}};
+                image.bits.resize(std::size_t{c.pitch} * c.height * (c.type == POINTER_MONOCHROME ? 2 : 1));
+                std::uint8_t value = 0;
+                for (std::uint8_t& byte : image.bits) {
+                    byte = value = static_cast<std::uint8_t>(value * 5 + 17);
+                }
+                session.setRotation(rotation);
+                session.setPointer(image);
+                session.movePointer(100, 90, true);
+                // A shape as large as this may be larger than what can be saved under it: then it is not
+                // drawn, but never half drawn, and it leaves no trace.
+                session.machine().sleep(20 * kMillisecond);
+                session.movePointer(120, 100, true);
+                if (c.width * c.height <= 256 * 256) {
+                    expectPicture(session);
+                }
+                session.movePointer(0, 0, false);
+                expectPicture(session);
+            }
+        }
+    });
+}
+
+// Presents from the callback that fills a frame, a client that fills nothing, and one that goes away without
+// a word are other clients than ours: spoken to through the raw entry.
+struct RudeClient {
+    INTERFACE_RECORD driver{};
+    std::function<NTSTATUS(const FRAME_FILL_REQUEST&)> fill;
+
+    static NTSTATUS entry(VOID* context, ULONG code, VOID* input, ULONGLONG, VOID*, ULONGLONG, ULONG*) {
+        EXPECT_EQ(CLIENT_CMD_FILL_FRAME_BUFFER, code);
+        return static_cast<RudeClient*>(context)->fill(*static_cast<const FRAME_FILL_REQUEST*>(input));
+    }
+    static VOID release(VOID*) {}
+
+    NTSTATUS command(ULONG code, VOID* input, ULONGLONG length) {
+        ULONG returned = 0;
+        return kernel::callDriver("CommandEntry", driver.CommandEntry, driver.Context, code, input, length,
+                                  static_cast<VOID*>(nullptr), ULONGLONG{0}, &returned);
+    }
+};
+
+void withRudeClient(const std::function<void(Session&, RudeClient&)>& body) {
+    runSession(inOrder(), [&](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        ASSERT_TRUE(session.client().waitForArrival(kSecond));
+        RudeClient client;
+        INTERFACE_RECORD mine{0xFFFFFFFF, 1, 0, &client, RudeClient::entry, RudeClient::release};
+        std::shared_ptr<platform::InterfaceHandle> handle;
+        const auto links = session.machine().interfaces(GUID_DEVINTERFACE_DISPLAY_ADAPTER);
+        require(session.machine().open(links.front(), handle), "opening");
+        ULONG_PTR information = 0;
+        require(session.machine().internalControl(*handle, IOCTL_EXCHANGE_INTERFACE, bytesOf(mine),
+                                                  bytesOf(client.driver), information),
+                "exchanging");
+        FRAME_BUFFER_REQUEST create = {kDesktop, 0, kWidth * kHeight * 4, kWidth, kHeight, kWidth * 4, 0};
+        require(client.command(CMD_CREATE_FRAME_BUFFER, &create, sizeof(create)), "creating");
+        DISPLAY_POWER_REQUEST on{0, 1, {}};
+        require(client.command(CMD_SET_DISPLAY_POWER, &on, sizeof(on)), "switching on");
+        body(session, client);
+        kernel::callDriver("ReleaseEntry", client.driver.ReleaseEntry, client.driver.Context);
+        session.machine().close(handle);
+    });
+}
+
+TEST(RudeClients, MayPresentFromInsideAFill) {
+    withRudeClient([](Session& session, RudeClient& client) {
+        unsigned depth = 0;
+        PRESENT_REQUEST present = {kDesktop, 0x1234,  kWidth * kHeight * 4, 3,
+                                   kWidth,   kHeight, kWidth * 4,           {0, 0}};
+        client.fill = [&](const FRAME_FILL_REQUEST& request) {
+            EXPECT_EQ(kDesktop, request.Identifier);
+            EXPECT_EQ(0x1234u, request.ClientValue);
+            EXPECT_EQ(std::uint64_t{kWidth} * kHeight * 4, request.ByteSize);
+            EXPECT_EQ(0u, request.Zero);
+            std::memset(request.PixelBuffer, 0x40, request.ByteSize);
+            if (depth++ == 0) {
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+                POINTER_POSITION position{0, 9, 9, 1};
+                POINTER_REQUEST pointer{&position, nullptr};
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_POINTER, &pointer, sizeof(pointer)));
+            }
+            return STATUS_SUCCESS;
+        };
+        EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+        session.machine().sleep(100 * kMillisecond);
+        const std::optional<model::Picture> picture = session.adapter().picture();
+        ASSERT_TRUE(picture);
+        EXPECT_EQ(0x40, picture->pixels[0]);
+    });
+}
+
+TEST(RudeClients, MayDestroyTheFrameTheyFill) {
+    withRudeClient([](Session& session, RudeClient& client) {
+        client.fill = [&](const FRAME_FILL_REQUEST& request) {
+            FRAME_BUFFER_REQUEST destroy{};
+            destroy.Identifier = request.Identifier;
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, &destroy, sizeof(destroy)));
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, &destroy, sizeof(destroy)));
+            std::memset(request.PixelBuffer, 0x60, request.ByteSize);
+            return STATUS_UNSUCCESSFUL; // nobody looks at it
+        };
+        PRESENT_REQUEST present = {kDesktop, 0, kWidth * kHeight * 4, 3, kWidth, kHeight, kWidth * 4, {0, 0}};
+        for (int i = 0; i < 20; i++) {
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+        }
+        session.machine().sleep(100 * kMillisecond);
+    });
+}
+
+TEST(RudeClients, MayTakeTheirTimeFilling) {
+    withRudeClient([](Session& session, RudeClient& client) {
+        client.fill = [&](const FRAME_FILL_REQUEST& request) {
+            session.machine().sleep(3 * kSecond);
+            std::memset(request.PixelBuffer, 0x20, request.ByteSize);
+            return STATUS_SUCCESS;
+        };
+        PRESENT_REQUEST present = {kDesktop, 0, kWidth * kHeight * 4, 3, kWidth, kHeight, kWidth * 4, {0, 0}};
+        {
+            // The display is switched off while the frame is being filled.
+            ClientThread presenter("presenter", [&] {
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+            });
+            session.machine().sleep(kSecond);
+            DISPLAY_POWER_REQUEST off{0, 0, {}};
+            const usb::Time begin = session.machine().clock().now();
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, &off, sizeof(off)));
+            EXPECT_LT(session.machine().clock().now() - begin, kSecond);
+            DISPLAY_POWER_REQUEST on{0, 1, {}};
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, &on, sizeof(on)));
+        }
+        session.machine().sleep(100 * kMillisecond);
+        const std::optional<model::Picture> picture = session.adapter().picture();
+        ASSERT_TRUE(picture);
+        EXPECT_EQ(0x20, picture->pixels[0]);
+    });
+}
+
+} // namespace
+} // namespace system_test

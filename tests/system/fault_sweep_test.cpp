@@ -1,0 +1,143 @@
+// Every point at which the system may refuse something is made to refuse, one run for each: plug in, attach,
+// display on, present, remove. The start fails cleanly or the adapter works; nothing leaks; and once the
+// refusals are over, a replug shows the right picture.
+#include "tests/system/rig.h"
+
+#include "platform/kernel/fault_points.h"
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <fmt/format.h>
+#include <string>
+
+namespace system_test {
+namespace {
+
+using kernel::FaultMode;
+using kernel::kFaultKindNames;
+
+// One block of EDID keeps the number of register accesses, each of them a point, within reason.
+std::vector<std::uint8_t> shortEdid() {
+    std::vector<std::uint8_t> edid = tool::builtinEdid();
+    edid.resize(128);
+    edid[126] = 0;
+    return edid;
+}
+
+struct Tally {
+    unsigned points = 0;
+    unsigned failed = 0; // the scenario ended with an error
+    unsigned dark = 0;   // it ended without one, and without the picture
+    unsigned shown = 0;
+};
+
+// The kind stands first in a fault's description.
+std::size_t kindOf(const std::string& description) {
+    for (std::size_t kind = 0; kind < kFaultKindNames.size(); kind++) {
+        if (description.starts_with(kFaultKindNames[kind])) {
+            return kind;
+        }
+    }
+    return kFaultKindNames.size() - 1;
+}
+
+enum class Result { NotReached, Failed, Dark, Shown };
+
+struct Outcome {
+    Result result = Result::NotReached;
+    std::string fault;
+};
+
+Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
+                     const std::vector<tool::Setting>& settings) {
+    static const Surface picture = pattern("bars", kWidth, kHeight);
+    static const Surface next = pattern("gradient", kWidth, kHeight);
+    Outcome outcome;
+    runSession(inOrder(settings), [&](Session& session) {
+        model::Adapter* victim = nullptr;
+        PlugOptions plugVictim = plug;
+        plugVictim.inFront = [&](usb::Device& device) -> usb::Device& {
+            victim = static_cast<model::Adapter*>(&device);
+            return device;
+        };
+        kernel::armFault(k, mode);
+        Result result = Result::Failed;
+        try {
+            session.plug(plugVictim);
+            session.attachMonitor(shortEdid());
+            switchOn(session);
+            session.present(kDesktop, picture);
+            tool::ScreenCheck check(session, picture);
+            result = check.waitForMatch(30 * kMillisecond) ? Result::Shown : Result::Dark;
+            session.remove();
+        } catch (const std::exception&) {
+            if (session.plugged()) {
+                session.remove();
+            }
+        }
+        if (kernel::faultFired()) {
+            outcome = {result, kernel::faultDescription()};
+        }
+        kernel::disarmFault();
+        session.client().close();
+
+        // An adapter whose driver is refused transfers cannot make sense of the rest; the next one is new.
+        if (victim != nullptr) {
+            victim->clearViolations();
+        }
+        session.plug(plug);
+        switchOn(session);
+        session.present(kDesktop, next);
+        expectPicture(session);
+    });
+    if (outcome.result != Result::NotReached && testing::Test::HasFailure()) {
+        ADD_FAILURE() << "with fault: " << outcome.fault;
+    }
+    return outcome;
+}
+
+void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Setting>& settings = {}) {
+    std::array<Tally, kFaultKindNames.size()> tallies{};
+    const char* only = std::getenv("FAULT_POINT");
+    for (std::uint64_t k = only != nullptr ? std::strtoull(only, nullptr, 0) : 1;; k++) {
+        const Outcome outcome = runWithFault(k, mode, plug, settings);
+        if (testing::Test::HasFailure()) {
+            const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
+            std::printf("replay: FAULT_POINT=%llu system_tests --gtest_filter=%s.%s\n",
+                        static_cast<unsigned long long>(k), test.test_suite_name(), test.name());
+            return;
+        }
+        if (outcome.result == Result::NotReached || only != nullptr) {
+            break;
+        }
+        Tally& tally = tallies[kindOf(outcome.fault)];
+        tally.points++;
+        tally.failed += outcome.result == Result::Failed;
+        tally.dark += outcome.result == Result::Dark;
+        tally.shown += outcome.result == Result::Shown;
+    }
+    std::printf("%-14s %7s %14s %12s %12s\n", mode == FaultMode::Once ? "once" : "sticky", "points",
+                "clean failure", "no picture", "picture");
+    for (std::size_t kind = 0; kind < tallies.size(); kind++) {
+        const Tally& tally = tallies[kind];
+        std::printf("%-14s %7u %14u %12u %12u%s\n", std::string(kFaultKindNames[kind]).c_str(), tally.points,
+                    tally.failed, tally.dark, tally.shown, tally.points == 0 ? "   never reached" : "");
+    }
+}
+
+TEST(FaultSweep, EachPointOnce) {
+    sweep(FaultMode::Once, adapter());
+}
+
+TEST(FaultSweep, EachPointAndAllOfItsKindAfterIt) {
+    sweep(FaultMode::Sticky, adapter());
+}
+
+TEST(FaultSweep, EachPointOnceCompressed) {
+    sweep(FaultMode::Once, adapter(), {setting("Usb3PixelFormatTransformCompressionEnable", 1)});
+}
+
+} // namespace
+} // namespace system_test

@@ -1,0 +1,260 @@
+// The frame that the client hands over is the one that the monitor shows: every revision, link, wire format
+// and encoder, several sizes, and the pointer wherever it can stand.
+#include "tests/system/rig.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+#include <tuple>
+
+namespace system_test {
+namespace {
+
+struct Format {
+    const char* name;
+    std::vector<tool::Setting> settings;
+    std::uint32_t cpuFeatures; // CPUID leaf 1, ECX
+    model::PixelFormat shown;
+    bool compressed;
+};
+
+constexpr std::uint32_t kAll = 0xFFFFFFFF;
+
+std::vector<Format> formatsOf(usb::Speed link) {
+    using enum model::PixelFormat;
+    if (link == usb::Speed::High) {
+        const tool::Setting plain = setting("Usb2PixelFormatTransformCompressionEnable", 0);
+        return {
+            {"RGB555 in groups", {}, kAll, Rgb555, true},
+            {"RGB555 tolerant", {}, 0, Rgb555, true},
+            {"BGR24", {plain}, kAll, Bgr24, false},
+            {"BGR24 without SSSE3", {plain}, 0, Bgr24, false},
+        };
+    }
+    const tool::Setting rgb565 = setting("UseUsb3OutputRGB565Enable", 1);
+    const tool::Setting fixed = setting("UseDynamicPixelBytesAdjustmentEnable", 0);
+    const tool::Setting compressed = setting("Usb3PixelFormatTransformCompressionEnable", 1);
+    const tool::Setting several = setting("CurrentNumberOfDevices", 2);
+    return {
+        {"BGR24", {}, kAll, Bgr24, false},
+        {"BGR24 without SSSE3", {}, 0, Bgr24, false},
+        {"RGB565", {rgb565, fixed}, kAll, Rgb565, false},
+        {"RGB565 without SSSE3", {rgb565, fixed}, 0, Rgb565, false},
+        // The stop inside the mode set clears the wish for 16 bits while they are adjusted at run time.
+        {"RGB565 wished, 24 bits adjusted", {rgb565}, kAll, Bgr24, false},
+        {"RGB555 in groups", {compressed}, kAll, Rgb555, true},
+        {"RGB555 tolerant", {compressed}, 0, Rgb555, true},
+        {"three adapters, 24 bits", {several}, kAll, Bgr24Red7, true},
+        {"three adapters, 16 bits", {several, rgb565, fixed}, kAll, Rgb555, true},
+    };
+}
+
+struct Size {
+    unsigned width;
+    unsigned height;
+};
+
+class Pictures : public testing::TestWithParam<std::tuple<unsigned, usb::Speed>> {
+  protected:
+    static unsigned revision() { return std::get<0>(GetParam()); }
+    static usb::Speed link() { return std::get<1>(GetParam()); }
+};
+
+TEST_P(Pictures, AreShownInEveryFormat) {
+    constexpr Size kSizes[] = {{640, 480}, {1280, 720}, {1920, 1080}};
+    for (const Format& format : formatsOf(link())) {
+        SessionOptions options = inOrder(format.settings);
+        options.cpuFeatures = format.cpuFeatures;
+        runSession(options, [&](Session& session) {
+            session.attachMonitor({});
+            session.plug(adapter(revision(), link()));
+            session.openClient();
+            std::uint64_t identifier = 0;
+            for (const Size& size : kSizes) {
+                SCOPED_TRACE(fmt::format("{} at {}x{}", format.name, size.width, size.height));
+                session.createFrameBuffer(++identifier, size.width, size.height);
+                session.setDisplayPower(false);
+                session.setDisplayPower(true);
+                for (const char* name : {"gradient", "scroll", "noise", "solid"}) {
+                    SCOPED_TRACE(name);
+                    session.present(identifier, pattern(name, size.width, size.height));
+                    expectPicture(session, 5 * kSecond);
+                }
+                const std::optional<model::OutputMode> mode = session.adapter().outputMode();
+                ASSERT_TRUE(mode);
+                EXPECT_EQ(model::name(format.shown), model::name(mode->format));
+                EXPECT_EQ(format.compressed, mode->compressed);
+                EXPECT_EQ(size.width, mode->width);
+                EXPECT_EQ(size.height, mode->height);
+                EXPECT_NEAR(60, mode->refresh, 1);
+                require(session.client().destroyFrameBuffer(identifier), "destroying a frame buffer");
+            }
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, Pictures,
+                         testing::Combine(testing::Values(0u, 1u, 2u),
+                                          testing::Values(usb::Speed::High, usb::Speed::Super)),
+                         [](const auto& info) {
+                             return fmt::format("Revision{}{}", std::get<0>(info.param),
+                                                std::get<1>(info.param) == usb::Speed::High ? "Usb2"
+                                                                                            : "Usb3");
+                         });
+
+// Every size at 60 Hz that a monitor may be offered, whatever its pixel count.
+TEST(PicturesOfEverySize, AreShown) {
+    constexpr Size kSizes[] = {{640, 480},  {800, 600},  {848, 480},   {854, 480},   {1024, 768},
+                               {1280, 600}, {1280, 768}, {1280, 1024}, {1366, 768},  {1360, 768},
+                               {1440, 900}, {1600, 900}, {1680, 1050}, {1600, 1200}, {2048, 1152}};
+    runSession(inOrder(), [&](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        session.openClient();
+        std::uint64_t identifier = 0;
+        for (const Size& size : kSizes) {
+            SCOPED_TRACE(fmt::format("{}x{}", size.width, size.height));
+            session.createFrameBuffer(++identifier, size.width, size.height);
+            session.setDisplayPower(false);
+            session.setDisplayPower(true);
+            session.present(identifier, pattern("outline", size.width, size.height));
+            expectPicture(session);
+            require(session.client().destroyFrameBuffer(identifier), "destroying a frame buffer");
+        }
+    });
+}
+
+TEST(PicturesOneAfterAnother, ReplaceEachOther) {
+    runSession(inOrder(), [](Session& session) {
+        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        for (unsigned frame = 0; frame < 20; frame++) {
+            session.present(kDesktop, pattern("noise", kWidth, kHeight, frame));
+            expectPicture(session);
+        }
+    });
+}
+
+TEST(PicturesOfAnotherSizeThanTheMode, AreNotShown) {
+    runSession(inOrder(), [](Session& session) {
+        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        const std::uint64_t shown = session.adapter().rawChecksum();
+
+        require(session.client().createFrameBuffer(2, 800, 600), "creating a frame buffer");
+        require(session.client().present(2, pattern("noise", 800, 600)), "presenting");
+        session.machine().sleep(100 * kMillisecond);
+        EXPECT_EQ(shown, session.adapter().rawChecksum());
+
+        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
+        expectPicture(session);
+    });
+}
+
+// The pointer.
+
+class Pointers : public testing::TestWithParam<const char*> {};
+
+// At every edge and corner of the frame and beyond, turned every way. The turned position depends on the
+// rotation, so the positions are those of the desktop as the client sees it, and each edge of the frame is
+// met by some of them in each rotation.
+TEST_P(Pointers, StandWhereTheyShouldInEveryRotation) {
+    const desktop::PointerImage shape = desktop::builtinPointer(GetParam());
+    const int width = static_cast<int>(shape.width);
+    const int height = static_cast<int>(shape.height);
+    const Surface picture = pattern("gradient", kWidth, kHeight);
+    runSession(inOrder(), [&](Session& session) {
+        showDesktop(session, adapter(), picture);
+        for (const DISPLAY_ROTATION rotation :
+             {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF, ROTATION_THREE_QUARTERS}) {
+            session.setRotation(rotation);
+            session.setPointer(shape);
+            const bool turned = rotation == ROTATION_QUARTER || rotation == ROTATION_THREE_QUARTERS;
+            const int right = turned ? kHeight : kWidth;
+            const int bottom = turned ? kWidth : kHeight;
+            const int columns[] = {-width, -width + 1, -3, 0, right / 2, right - width, right - 2, right};
+            const int rows[] = {-height, -height + 1, -2, 0, bottom / 2, bottom - height, bottom - 1, bottom};
+            for (const int x : columns) {
+                for (const int y : rows) {
+                    SCOPED_TRACE(fmt::format("rotation {} at {},{}", static_cast<int>(rotation), x, y));
+                    session.movePointer(x, y, true);
+                    expectPicture(session);
+                }
+            }
+            session.movePointer(0, 0, false);
+            expectPicture(session, picture);
+            ASSERT_FALSE(testing::Test::HasFailure());
+        }
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(OfEachKind, Pointers, testing::Values("arrow", "beam", "halo", "cross"),
+                         [](const auto& info) { return std::string(info.param); });
+
+// Moves without a present draw into the same frame again and again: no trace of an earlier place may stay,
+// and none of the pointer at all once it is hidden.
+TEST(PointerMoves, LeaveNoTrace) {
+    const Surface picture = pattern("noise", kWidth, kHeight);
+    runSession(inOrder(), [&](Session& session) {
+        showDesktop(session, adapter(), picture);
+        session.setPointer(desktop::builtinPointer("halo"));
+        for (int step = 0; step < 40; step++) {
+            session.movePointer(step * 17 - 20, step * 13 - 20, true);
+            expectPicture(session);
+        }
+        session.setPointer(desktop::builtinPointer("beam"));
+        expectPicture(session);
+        session.movePointer(0, 0, false);
+        expectPicture(session, picture);
+    });
+}
+
+// A pointer that came before the first present is in the first picture; one that moves while another frame
+// buffer is current is not drawn into the old one.
+TEST(PointerMoves, FollowTheCurrentFrameBuffer) {
+    const Surface first = pattern("bars", kWidth, kHeight);
+    const Surface second = pattern("gradient", kWidth, kHeight);
+    runSession(inOrder(), [&](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        session.openClient();
+        session.setPointer(desktop::builtinPointer("cross"));
+        session.movePointer(100, 100, true);
+        session.createFrameBuffer(1, kWidth, kHeight);
+        session.createFrameBuffer(2, kWidth, kHeight);
+        session.setDisplayPower(true);
+        session.movePointer(150, 100, true);
+        session.machine().sleep(50 * kMillisecond);
+        session.present(1, first);
+        expectPicture(session);
+        session.present(2, second);
+        expectPicture(session);
+        session.movePointer(300, 200, true);
+        expectPicture(session);
+        session.present(1, first);
+        expectPicture(session);
+    });
+}
+
+// Memory that the client never filled must not reach the wire: a pointer update before the first present
+// finds the frame buffer that nobody filled.
+TEST(PointerMoves, ShowNoMemoryThatWasNeverFilled) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        switchOn(session);
+        session.setPointer(desktop::builtinPointer("arrow"));
+        session.movePointer(10, 10, true);
+        session.machine().sleep(200 * kMillisecond);
+        if (const std::optional<model::Picture> picture = session.adapter().picture()) {
+            // The adapter's screen may be black with the pointer on it, but of nothing else.
+            const std::size_t dark =
+                static_cast<std::size_t>(std::count(picture->pixels.begin(), picture->pixels.end(), 0));
+            EXPECT_GT(dark, std::size_t{kWidth} * (kHeight - 32) * 3 - 32 * 32 * 4);
+        }
+        session.present(kDesktop, pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+    });
+}
+
+} // namespace
+} // namespace system_test

@@ -1,0 +1,300 @@
+// The two feedback loops, in virtual time: the compression level that follows the size of the frames, and the
+// bucket of dropped frames that costs the output a byte per pixel and the check that gives it back.
+#include "tests/system/rig.h"
+
+#include "tool/driver_probe.h"
+
+#include <fmt/format.h>
+
+namespace system_test {
+namespace {
+
+// A frame whose stream has about `literalRows` x `width` x 2 bytes at every level: pixels of which no two
+// neighbours are alike, above an even ground.
+Surface frameOf(unsigned width, unsigned height, unsigned literalRows) {
+    Surface frame(width, height, 0xFF000000);
+    for (unsigned y = 0; y < literalRows; y++) {
+        for (unsigned x = 0; x < width; x++) {
+            frame.at(x, y) = x % 2 == 0 ? 0xFFFFFFFF : 0xFF000000;
+        }
+    }
+    return frame;
+}
+
+constexpr unsigned kWide = 800;
+constexpr unsigned kHigh = 600;
+const Surface& large() { // 960,000 bytes
+    static const Surface frame = frameOf(kWide, kHigh, 600);
+    return frame;
+}
+const Surface& medium() { // 320,000 bytes: between the thresholds of 286,720 and 491,520
+    static const Surface frame = frameOf(kWide, kHigh, 200);
+    return frame;
+}
+const Surface& small() { // 160,000 bytes
+    static const Surface frame = frameOf(kWide, kHigh, 100);
+    return frame;
+}
+
+unsigned level(Session& session) {
+    return tool::probeDriver(session.client()).value().compressionLevel;
+}
+
+// A link on which no frame ever waits for another.
+PlugOptions fastAdapter(usb::Speed speed) {
+    PlugOptions options = adapter(2, speed);
+    options.bandwidth = 2'000'000'000;
+    return options;
+}
+
+TEST(CompressionLevel, RisesEveryTenMillisecondsWhileFramesAreLarge) {
+    for (const std::uint32_t cpuFeatures : {0xFFFFFFFFu, 0u}) {
+        SCOPED_TRACE(cpuFeatures == 0 ? "tolerant encoder" : "group encoder");
+        SessionOptions options = inOrder();
+        options.cpuFeatures = cpuFeatures;
+        runSession(options, [](Session& session) {
+            session.attachMonitor({});
+            session.plug(fastAdapter(usb::Speed::High));
+            switchOn(session, kWide, kHigh);
+            EXPECT_EQ(5u, level(session));
+            session.present(kDesktop, large());
+
+            std::vector<usb::Time> rises;
+            unsigned last = level(session);
+            const usb::Time begin = session.machine().clock().now();
+            while (session.machine().clock().now() < begin + 200 * kMillisecond) {
+                session.machine().sleep(kMillisecond / 10);
+                if (const unsigned now = level(session); now != last) {
+                    EXPECT_EQ(last + 1, now);
+                    rises.push_back(session.machine().clock().now());
+                    last = now;
+                }
+            }
+            EXPECT_EQ(12u, last);
+            for (std::size_t i = 1; i < rises.size(); i++) {
+                const usb::Time gap = rises[i] - rises[i - 1];
+                EXPECT_GE(gap, 99 * kMillisecond / 10);
+                EXPECT_LE(gap, 12 * kMillisecond);
+            }
+            expectPicture(session);
+        });
+    }
+}
+
+TEST(CompressionLevel, FollowsTheSizeOfTheFrames) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(fastAdapter(usb::Speed::High));
+        switchOn(session, kWide, kHigh);
+        const auto show = [&](const Surface& frame) {
+            session.present(kDesktop, frame);
+            session.machine().sleep(5 * kMillisecond);
+        };
+        show(large());
+        EXPECT_EQ(6u, level(session));
+        // Ends the re-runs, and the level stays.
+        show(medium());
+        session.machine().sleep(100 * kMillisecond);
+        EXPECT_EQ(6u, level(session));
+        show(small());
+        EXPECT_EQ(6u, level(session));
+        show(small());
+        EXPECT_EQ(5u, level(session));
+        // A frame between two small ones starts the count afresh.
+        show(small());
+        show(medium());
+        show(small());
+        EXPECT_EQ(5u, level(session));
+        show(small());
+        EXPECT_EQ(4u, level(session));
+        for (unsigned frame = 0; frame < 10; frame++) {
+            show(small());
+        }
+        EXPECT_EQ(3u, level(session)) << "the lowest level of 16-bit output";
+        // At rest, nothing runs but the re-sends: the level of a still picture stays.
+        session.machine().sleep(kSecond);
+        EXPECT_EQ(3u, level(session));
+        expectPicture(session);
+    });
+}
+
+TEST(CompressionLevel, StaysOnASuperSpeedLink) {
+    runSession(inOrder({setting("Usb3PixelFormatTransformCompressionEnable", 1)}), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(fastAdapter(usb::Speed::Super));
+        switchOn(session, kWide, kHigh);
+        for (const Surface* frame : {&large(), &small(), &small(), &small()}) {
+            session.present(kDesktop, *frame);
+            session.machine().sleep(50 * kMillisecond);
+            EXPECT_EQ(5u, level(session));
+        }
+        expectPicture(session);
+    });
+}
+
+// Dropped frames.
+
+std::string_view formatOf(Session& session) {
+    const std::optional<model::OutputMode> mode = session.adapter().outputMode();
+    return mode ? model::name(mode->format) : "none";
+}
+
+// One more frame, and the format after it.
+std::string_view formatAfterAFrame(Session& session, unsigned number) {
+    session.present(kDesktop, pattern("noise", kWidth, kHeight, number));
+    session.machine().sleep(400 * kMillisecond);
+    return formatOf(session);
+}
+
+// Lets `frames` transfers complete, and stops between two.
+void passFrames(Session& session, std::uint64_t frames) {
+    const std::uint64_t end = session.adapter().statistics().framesReceived + frames;
+    while (session.adapter().statistics().framesReceived < end) {
+        session.machine().sleep(kMillisecond);
+    }
+    session.machine().sleep(2 * kMillisecond);
+}
+
+struct BucketCase {
+    const char* name;
+    std::vector<tool::Setting> settings;
+    std::vector<unsigned> framesBeforeError; // one error after so many frames, and so on
+    bool falls;
+};
+
+TEST(FrameErrorBucket, FillsAndLeaks) {
+    const tool::Setting bucket = setting("UseFrameErrorBucket", 1);
+    const BucketCase cases[] = {
+        {"every error counts without the bucket", {}, {1}, true},
+        {"one error is not enough", {bucket}, {1}, false},
+        {"a second one after 10 frames is", {bucket}, {1, 10}, true},
+        {"after 11 frames it is not", {bucket}, {1, 11}, false},
+        {"but a third one is", {bucket}, {1, 11, 5}, true},
+        {"an increment at the threshold", {bucket, setting("FrameErrorBucketIncrementValue", 30)}, {1}, true},
+        {"an increment just below it", {bucket, setting("FrameErrorBucketIncrementValue", 29)}, {1}, false},
+        {"a threshold of nothing", {bucket, setting("FrameErrorBucketThreshold", 0)}, {1}, true},
+        {"without bandwidth detection", {setting("UseBandwidthDetectionEnable", 0)}, {1, 1, 1}, false},
+        {"without adjustment", {setting("UseDynamicPixelBytesAdjustmentEnable", 0)}, {1, 1, 1}, false},
+    };
+    for (const BucketCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        runSession(inOrder(c.settings), [&](Session& session) {
+            PlugOptions options = adapter();
+            options.bandwidth =
+                61'000'000; // 15 ms a frame: slow enough to hit the gaps, fast enough for 60 Hz
+            showDesktop(session, options, pattern("bars", kWidth, kHeight));
+            expectPicture(session);
+            for (const unsigned frames : c.framesBeforeError) {
+                passFrames(session, frames);
+                session.adapter().reportFrameError();
+                session.machine().sleep(2 * kMillisecond);
+            }
+            EXPECT_EQ(model::name(c.falls ? model::PixelFormat::Rgb565 : model::PixelFormat::Bgr24),
+                      formatAfterAFrame(session, 1));
+            expectPicture(session);
+        });
+    }
+}
+
+TEST(FrameErrorBucket, NeedsAFrameToLose) {
+    runSession(inOrder(), [](Session& session) {
+        session.attachMonitor({});
+        session.plug(adapter());
+        switchOn(session);
+        session.adapter().reportFrameError();
+        session.machine().sleep(10 * kMillisecond);
+        EXPECT_EQ(model::name(model::PixelFormat::Bgr24), formatAfterAFrame(session, 1));
+        EXPECT_EQ(model::name(model::PixelFormat::Bgr24), formatAfterAFrame(session, 2));
+    });
+}
+
+TEST(FrameErrorBucket, IsEmptiedByAModeSet) {
+    runSession(inOrder({setting("UseFrameErrorBucket", 1)}), [](Session& session) {
+        PlugOptions options = adapter();
+        options.bandwidth = 61'000'000;
+        showDesktop(session, options, pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        session.adapter().reportFrameError();
+        session.machine().sleep(2 * kMillisecond);
+        session.setDisplayPower(false);
+        session.setDisplayPower(true);
+        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
+        expectPicture(session);
+        session.adapter().reportFrameError();
+        session.machine().sleep(2 * kMillisecond);
+        EXPECT_EQ(model::name(model::PixelFormat::Bgr24), formatAfterAFrame(session, 1));
+    });
+}
+
+// The check runs every five seconds from the monitor's attach on, and 24 bits come back with it.
+TEST(DropFrameCheck, RunsEveryFiveSeconds) {
+    runSession(inOrder({setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 3)}), [](Session& session) {
+        constexpr usb::Time kPeriod = 5 * kSecond;
+        session.plug(adapter());
+        session.attachMonitor({});
+        session.openClient();
+        const usb::Time attached = session.machine().clock().now();
+        session.createFrameBuffer(kDesktop, kWidth, kHeight);
+        session.setDisplayPower(true);
+        unsigned frame = 0;
+        const auto presentUntil = [&](model::PixelFormat format) {
+            return session.waitFor(3 * kPeriod, [&] {
+                session.present(kDesktop, pattern("noise", kWidth, kHeight, ++frame % 2));
+                session.machine().sleep(18 * kMillisecond);
+                return formatOf(session) == model::name(format);
+            });
+        };
+        for (unsigned round = 0; round < 3; round++) {
+            SCOPED_TRACE(fmt::format("round {}", round));
+            presentUntil(model::PixelFormat::Bgr24);
+            session.adapter().reportFrameError();
+            ASSERT_TRUE(presentUntil(model::PixelFormat::Rgb565));
+            ASSERT_TRUE(presentUntil(model::PixelFormat::Bgr24));
+            // The stop for the switch takes 100 ms, frames come every 20.
+            const usb::Time since = (session.machine().clock().now() - attached) % kPeriod;
+            EXPECT_LT(since, 250 * kMillisecond);
+            expectPicture(session);
+        }
+        session.adapter().reportFrameError();
+        ASSERT_TRUE(presentUntil(model::PixelFormat::Rgb565));
+        EXPECT_FALSE(presentUntil(model::PixelFormat::Bgr24)) << "more often than allowed";
+    });
+}
+
+// With the default of 0 the output never returns by itself; a mode set brings 24 bits back.
+TEST(DropFrameCheck, NeverRaisesByDefault) {
+    runSession(inOrder(), [](Session& session) {
+        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        session.adapter().reportFrameError();
+        session.machine().sleep(10 * kMillisecond);
+        EXPECT_EQ(model::name(model::PixelFormat::Rgb565), formatAfterAFrame(session, 1));
+        for (unsigned second = 0; second < 12; second++) {
+            session.machine().sleep(kSecond);
+            EXPECT_EQ(model::name(model::PixelFormat::Rgb565), formatAfterAFrame(session, second));
+        }
+        expectPicture(session);
+        session.setDisplayPower(false);
+        session.setDisplayPower(true);
+        EXPECT_EQ(model::name(model::PixelFormat::Bgr24), formatAfterAFrame(session, 1));
+        expectPicture(session);
+    });
+}
+
+// A link that is really too slow, not one that says so.
+TEST(DropFrameCheck, NoticesAStarvedLink) {
+    runSession(inOrder(), [](Session& session) {
+        showDesktop(session, adapter(), pattern("bars", 1280, 1024));
+        expectPicture(session);
+        session.link().setBandwidth(120'000'000); // 3.9 MB a frame: 30 frames a second
+        session.machine().sleep(kSecond);
+        session.present(kDesktop, pattern("gradient", 1280, 1024));
+        session.machine().sleep(400 * kMillisecond);
+        EXPECT_EQ(model::name(model::PixelFormat::Rgb565), formatOf(session));
+        EXPECT_GT(session.adapter().statistics().frameErrors, 0u);
+        expectPicture(session);
+    });
+}
+
+} // namespace
+} // namespace system_test
