@@ -29,7 +29,8 @@ constexpr UCHAR kOutEndpoint = 0x02;
 constexpr UCHAR kReportEndpoint = 0x83;
 
 // Three interfaces as the adapter has them: nothing, bulk OUT, interrupt IN. Vendor requests
-// read and write four bytes at wIndex.
+// read and write four bytes at wIndex. The members are for tests that run under `sim` or hold `mutex`, which
+// may be taken again by a completion that sends anew.
 class SmallDevice final : public usb::Device {
   public:
     enum class Bulk { Accept, Hold, Stall };
@@ -37,6 +38,7 @@ class SmallDevice final : public usb::Device {
     usb::Speed speed() const override { return usb::Speed::Super; }
 
     void submit(usb::Transfer& transfer) override {
+        const std::lock_guard lock(mutex);
         if (gone) {
             finish(transfer, usb::Status::Gone, 0);
         } else if (transfer.type == usb::TransferType::Control) {
@@ -55,6 +57,7 @@ class SmallDevice final : public usb::Device {
     }
 
     void cancel(usb::Transfer& transfer) override {
+        const std::lock_guard lock(mutex);
         for (auto* list : {&held, &reads}) {
             if (std::erase(*list, &transfer) != 0) {
                 finish(transfer, usb::Status::Cancelled, 0);
@@ -64,6 +67,7 @@ class SmallDevice final : public usb::Device {
     }
 
     void disconnect() override {
+        const std::lock_guard lock(mutex);
         gone = true;
         for (auto* list : {&held, &reads}) {
             for (usb::Transfer* transfer : std::exchange(*list, {})) {
@@ -74,6 +78,7 @@ class SmallDevice final : public usb::Device {
 
     // Sends a report to the oldest read, now or when there is one.
     void report(std::uint8_t value) {
+        const std::lock_guard lock(mutex);
         reports.push_back(value);
         report();
     }
@@ -102,6 +107,7 @@ class SmallDevice final : public usb::Device {
     std::vector<usb::Transfer*> held;
     std::vector<usb::Transfer*> reads;
     std::vector<std::uint8_t> reports;
+    std::recursive_mutex mutex;
 
   private:
     static void finish(usb::Transfer& transfer, usb::Status status, std::uint32_t actual) {
@@ -300,10 +306,12 @@ inline std::uint64_t seedOfRun() {
 // One machine, one device, one driver: `body` runs with the driver loaded, which is unloaded afterwards.
 class FrameworkBench {
   public:
-    explicit FrameworkBench(std::uint64_t seed = seedOfRun(), const usb::HostOptions& host = {})
+    explicit FrameworkBench(std::uint64_t seed = seedOfRun(), const usb::HostOptions& host = {},
+                            kernel::Mode mode = kernel::Mode::Sim)
         : host_(host) {
         platform::MachineOptions options;
         options.scheduler.seed = seed;
+        options.scheduler.mode = mode;
         machine_ = std::make_unique<platform::Machine>(options);
         script = &driver;
     }

@@ -8,9 +8,6 @@
 namespace {
 
 using namespace platform_test;
-using verifier::Rule;
-
-constexpr ULONG kTag = 0x74736554;
 
 // One bulk transfer of the driver: request, URB, buffer, MDL and what its completion saw.
 struct BulkTransfer {
@@ -231,6 +228,34 @@ TEST_F(FrameworkIo, ACompletionRoutineMaySendItsRequestAgain) {
     });
 }
 
+// A device that answers at once may complete inside the send; the seeds below meet both ways.
+TEST(FrameworkUsb, ACompletionMayComeInsideTheSendOrThroughADpc) {
+    int inside = 0;
+    int later = 0;
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        usb::HostOptions host;
+        host.link.latency = 0;
+        host.inlineCompletion = usb::InlineCompletion::Explored;
+        FrameworkBench bench(seed, host);
+        Target target;
+        BulkTransfer bulk;
+        bench.driver.prepare = [&](WDFDEVICE device) { return target.create(device); };
+        bench.run([&] {
+            auto& node = bench.plug();
+            bulk.create(target);
+            bench.machine().host(node).disconnect();
+            EXPECT_TRUE(bulk.send(target, 0));
+            bench.machine().sleep(usb::kMillisecond);
+            EXPECT_EQ(bulk.completions, 1);
+            (bulk.completedIrql == PASSIVE_LEVEL ? inside : later)++;
+            EXPECT_EQ(bulk.usb.UsbdStatus, USBD_STATUS_DEVICE_GONE);
+            bulk.destroy();
+        });
+    }
+    EXPECT_GT(inside, 0);
+    EXPECT_GT(later, 0);
+}
+
 TEST_F(FrameworkIo, AStoppedTargetKeepsRequestsUntilItStartsOrTheirTimeEnds) {
     run([&](platform::DeviceNode&) {
         const WDFIOTARGET io = WdfUsbTargetDeviceGetIoTarget(target.usb);
@@ -363,6 +388,84 @@ TEST_F(FrameworkReader, ADeviceThatIsGoneEndsTheReader) {
         EXPECT_TRUE(bench.device.reads.empty());
         EXPECT_EQ(bench.device.standardRequests.back(), "set configuration");
         WdfIoTargetStop(pipe(), WdfIoTargetCancelSentIo);
+    });
+}
+
+// The whole traffic at once on real threads: bulk transfers that send themselves again, register accesses,
+// reports that queue work items, sleep and wake between, and the cable pulled at the end.
+class FrameworkFree : public testing::Test {
+  protected:
+    static void readComplete(WDFUSBPIPE, WDFMEMORY, size_t, WDFCONTEXT context) {
+        auto& self = *static_cast<FrameworkFree*>(context);
+        WDF_WORKITEM_CONFIG config;
+        WDF_WORKITEM_CONFIG_INIT(&config, [](WDFWORKITEM item) { WdfObjectDelete(item); });
+        WDF_OBJECT_ATTRIBUTES attributes;
+        WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
+        attributes.ParentObject = self.bench.driver.device;
+        WDFWORKITEM item = nullptr;
+        if (NT_SUCCESS(WdfWorkItemCreate(&config, &attributes, &item))) {
+            WdfWorkItemEnqueue(item);
+        }
+        InterlockedIncrement(&self.reports);
+    }
+
+    FrameworkBench bench{1, {}, kernel::Mode::Free};
+    Target target;
+    BulkTransfer bulk[2];
+    volatile LONG streaming = 1;
+    volatile LONG reports = 0;
+};
+
+TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
+    bench.driver.prepare = [this](WDFDEVICE device) {
+        NTSTATUS status = target.create(device);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+        WDF_USB_CONTINUOUS_READER_CONFIG config;
+        WDF_USB_CONTINUOUS_READER_CONFIG_INIT(&config, readComplete, this, 1);
+        WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(target.reports);
+        status = WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
+        return NT_SUCCESS(status) ? WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(target.reports)) : status;
+    };
+    bench.run([&] {
+        auto& machine = bench.machine();
+        auto& node = bench.plug();
+        ASSERT_EQ(machine.startStatus(node), STATUS_SUCCESS);
+        for (BulkTransfer& transfer : bulk) {
+            transfer.create(target);
+            transfer.onCompletion = [this, &transfer] {
+                if (ReadAcquire(&streaming) != 0) {
+                    EXPECT_TRUE(transfer.send(target, 512, WDF_REL_TIMEOUT_IN_SEC(2)));
+                }
+            };
+            EXPECT_TRUE(transfer.send(target, 512, WDF_REL_TIMEOUT_IN_SEC(2)));
+        }
+        for (int round = 0; round < 20; ++round) {
+            WDF_USB_CONTROL_SETUP_PACKET setup;
+            WDF_USB_CONTROL_SETUP_PACKET_INIT_VENDOR(&setup, BmRequestDeviceToHost, BmRequestToDevice, 0x40,
+                                                     0, 0);
+            ULONG value = 0;
+            WDF_MEMORY_DESCRIPTOR memory;
+            WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&memory, &value, sizeof(value));
+            EXPECT_EQ(WdfUsbTargetDeviceSendControlTransferSynchronously(target.usb, nullptr, nullptr, &setup,
+                                                                         &memory, nullptr),
+                      STATUS_SUCCESS);
+            bench.device.report(1);
+            machine.sleep(usb::kMillisecond);
+            if (round % 5 == 4) {
+                machine.suspend(node);
+                machine.resume(node);
+            }
+        }
+        InterlockedExchange(&streaming, 0);
+        machine.sleep(50 * usb::kMillisecond);
+        EXPECT_EQ(ReadAcquire(&reports), 20);
+        for (BulkTransfer& transfer : bulk) {
+            EXPECT_GT(transfer.completions, 1);
+            transfer.destroy();
+        }
+        machine.surpriseRemove(node);
     });
 }
 
