@@ -1,13 +1,13 @@
 #include "pixel/group_encoder.h"
 
 #include "driver/device_context.h"
+#include "pixel/run_packer.h"
 #include "pixel/run_stream.h"
 
 #include <smmintrin.h>
 
 namespace {
 
-constexpr ULONG GROUP_PIXELS = 8;
 constexpr ULONG LITERAL_FLAG = 0x8000;
 
 // A run longer than this is broken by a literal in the middle of the next group that would only lengthen it,
@@ -116,109 +116,108 @@ void NoteFrameWithinTarget(PIXEL_CONTEXT* pixel, ULONGLONG length, ULONG targetS
     }
 }
 
-// Sets the rows of one mask: bit i stands for pixel i, set when it repeats its predecessor.
-void BuildRow(ULONG mask, UCHAR (&packShuffle)[16], UCHAR (&countShuffle)[16], GROUP_STEP* step) {
-    constexpr UCHAR nothing = 0x80;
-    RtlFillMemory(packShuffle, sizeof(packShuffle), nothing);
-    RtlFillMemory(countShuffle, sizeof(countShuffle), nothing);
-    *step = {};
-    step->Flat = mask == 0xFF;
-    const auto putLane = [&](UCHAR(&shuffle)[16], ULONG lane) {
-        shuffle[step->WordCount * 2] = static_cast<UCHAR>(lane * 2);
-        shuffle[step->WordCount * 2 + 1] = static_cast<UCHAR>(lane * 2 + 1);
-        step->WordCount++;
-    };
-    BOOLEAN leading = TRUE;
-    ULONG run = 0;
-    for (ULONG lane = 0; lane < GROUP_PIXELS; lane++) {
-        if (mask >> lane & 1) {
-            run++;
-            continue;
-        }
-        if (leading) {
-            step->Leading = static_cast<UCHAR>(run);
-        } else if (run == 1) {
-            putLane(packShuffle, lane - 1);
-        } else if (run > 1) {
-            putLane(countShuffle, run); // lane n of the count vector holds n
-        }
-        putLane(packShuffle, lane);
-        leading = FALSE;
-        run = 0;
-    }
-    step->Trailing = static_cast<UCHAR>(run);
-}
-
-// What the vector loop works with: everything that stays the same through one frame.
-struct GROUP_CODER {
-    const DEVICE_CONTEXT* Context;
-    QUANTISATION Quantisation;
+// The quantisation of one frame in all lanes.
+struct QUANTISER {
     __m128i Mask;
     __m128i Fill;     // with the literal flag
     __m128i Compared; // the bits in which two quantised pixels can differ
 };
 
-TARGET_SSE41 inline __m128i Load(const UCHAR* source) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
+TARGET_SSE41 FORCEINLINE __m128i Load(const void* source) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(source));
 }
 
-// The bits in which eight pixels differ from their predecessors, before the mask.
-TARGET_SSE41 inline __m128i Difference(const UCHAR* source) {
-    return _mm_xor_si128(Load(source), Load(source - 2));
+TARGET_SSE41 FORCEINLINE QUANTISER CreateQuantiser(const GROUP_TABLES& tables, ULONG level) {
+    const __m128i mask = Load(tables.QuantMask[level]);
+    const __m128i fill = Load(tables.QuantFill[level]);
+    const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(LITERAL_FLAG));
+    return {mask, _mm_or_si128(fill, flag), _mm_andnot_si128(fill, mask)};
 }
 
-// Bit i is set when pixel i of sixteen repeats its predecessor.
-TARGET_SSE41 inline ULONG RepeatMask(const GROUP_CODER& coder, const UCHAR* source) {
-    const __m128i zero = _mm_setzero_si128();
-    const __m128i low = _mm_cmpeq_epi16(_mm_and_si128(Difference(source), coder.Compared), zero);
-    const __m128i high = _mm_cmpeq_epi16(_mm_and_si128(Difference(source + 16), coder.Compared), zero);
+// Eight pixels as they stand in the stream.
+TARGET_SSE41 FORCEINLINE __m128i Quantise(const QUANTISER& quantiser, const UCHAR* source) {
+    return _mm_or_si128(_mm_and_si128(Load(source), quantiser.Mask), quantiser.Fill);
+}
+
+struct BLOCK {
+    __m128i Low;
+    __m128i High;
+};
+
+TARGET_SSE41 FORCEINLINE BLOCK ReadBlock(const QUANTISER& quantiser, const UCHAR* source) {
+    return {Quantise(quantiser, source), Quantise(quantiser, source + 16)};
+}
+
+// The repeats in a block. The last of the eight pixels in `before` precedes it.
+TARGET_SSE41 FORCEINLINE ULONG FindRepeats(__m128i before, const BLOCK& block) {
+    const __m128i low = _mm_cmpeq_epi16(block.Low, _mm_alignr_epi8(block.Low, before, 14));
+    const __m128i high = _mm_cmpeq_epi16(block.High, _mm_alignr_epi8(block.High, block.Low, 14));
     return static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
 }
 
-// Writes eight pixels, of which those in `mask` repeat their predecessor, without a branch. May write up to
-// 18 bytes, whatever the cursor advances by.
-TARGET_SSE41 inline void PutGroup(const GROUP_CODER& coder, UCHAR** cursor, ULONG* repeats,
-                                  const UCHAR* source, ULONG mask) {
-    const GROUP_TABLES& tables = coder.Context->Pixel.Tables;
-    const GROUP_STEP& step = coder.Context->Pixel.GroupSteps[mask];
-
-    const ULONG count = *repeats + step.Leading;
-    const ULONG before = ReadWord(source - 2, 0, coder.Quantisation);
-    const USHORT run = static_cast<USHORT>(count == 1 ? before : count);
-    RtlCopyMemory(*cursor, &run, sizeof(run));
-    *cursor += count != 0 && !step.Flat ? 2 : 0;
-
-    const __m128i words = _mm_or_si128(_mm_and_si128(Load(source), coder.Mask), coder.Fill);
-    const __m128i literals = _mm_shuffle_epi8(words, Load(tables.PackShuffle[mask]));
-    const __m128i counts =
-        _mm_shuffle_epi8(_mm_setr_epi16(0, 1, 2, 3, 4, 5, 6, 7), Load(tables.CountShuffle[mask]));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(*cursor), _mm_or_si128(literals, counts));
-    *cursor += step.WordCount * 2;
-    *repeats = step.Trailing + (step.Flat ? *repeats : 0);
+// The bits in which eight pixels differ from their predecessors, before quantisation.
+TARGET_SSE41 FORCEINLINE __m128i Difference(const UCHAR* source) {
+    return _mm_xor_si128(Load(source), Load(source - 2));
 }
 
-// The number of pixels from `index` on, in steps of 32, that repeat the pixel before them, at most `limit`.
-TARGET_SSE41 inline ULONG CountRepeats(const GROUP_CODER& coder, const UCHAR* source, ULONG limit) {
-    ULONG count = 0;
-    for (; limit - count >= 32; count += 32) {
+// The number of repeats from `source` on: a block, which is known to be all repeats, and what follows it in
+// steps of 32, at most `limit`.
+TARGET_SSE41 FORCEINLINE ULONG CountRepeats(const QUANTISER& quantiser, const UCHAR* source, ULONG limit) {
+    ULONG count = BLOCK_PIXELS;
+    for (; count + 32 <= limit; count += 32) {
         const UCHAR* pixels = source + SIZE_T{count} * 2;
         const __m128i low = _mm_or_si128(Difference(pixels), Difference(pixels + 16));
         const __m128i high = _mm_or_si128(Difference(pixels + 32), Difference(pixels + 48));
-        if (!_mm_testz_si128(_mm_or_si128(low, high), coder.Compared)) {
+        if (!_mm_testz_si128(_mm_or_si128(low, high), quantiser.Compared)) {
             break;
         }
     }
     return count;
 }
 
+// Encodes from `pixels`, whose predecessor is readable, in whole blocks as long as another block follows and
+// no run has to be broken. Returns the pixel it stopped at.
+TARGET_SSE41 const UCHAR* EncodeBlocks(const QUANTISER& quantiser, const RUN_PACKER& packer,
+                                       PACK_CURSOR* position, const UCHAR* pixels, const UCHAR* end) {
+    PACK_CURSOR cursor = *position;
+    BLOCK block = ReadBlock(quantiser, pixels);
+    ULONG repeats = FindRepeats(Quantise(quantiser, pixels - GROUP_BYTES), block);
+    ULONG repeatBefore = cursor.Repeats != 0;
+    while (end - pixels >= 2 * BLOCK_BYTES && cursor.Repeats <= LONGEST_OPEN_RUN - GROUP_PIXELS) {
+        const BLOCK blockAfter = ReadBlock(quantiser, pixels + BLOCK_BYTES);
+        const ULONG repeatsAfter = FindRepeats(block.High, blockAfter);
+        const ULONG continued = PACKER_FindContinued(repeats, repeatsAfter);
+        // A run that goes on through the next block is worth leaving this path; a shorter one is not, because
+        // the processor cannot foresee its end.
+        if ((continued & repeatsAfter) == ALL_OF_BLOCK) {
+            const ULONG left = static_cast<ULONG>(end - pixels - BLOCK_BYTES) / 2;
+            const ULONG open = LONGEST_OPEN_RUN - cursor.Repeats;
+            const ULONG flat = CountRepeats(quantiser, pixels, left < open ? left : open);
+            cursor.Repeats += flat;
+            pixels += SIZE_T{flat} * 2;
+            block = ReadBlock(quantiser, pixels);
+            repeats = FindRepeats(Quantise(quantiser, pixels - GROUP_BYTES), block);
+            cursor = PACKER_CloseRun(cursor, repeats);
+            repeatBefore = 1;
+        } else {
+            // One repeat alone is a literal.
+            const ULONG lone = repeats & ~(repeats << 1 | repeatBefore) & ~continued;
+            cursor = PACKER_PutBlock(packer, cursor, block.Low, block.High, repeats & ~lone, continued);
+            repeatBefore = repeats >> (BLOCK_PIXELS - 1);
+            pixels += BLOCK_BYTES;
+            block = blockAfter;
+            repeats = repeatsAfter;
+        }
+    }
+    *position = cursor;
+    return pixels;
+}
+
 } // namespace
 
 void COMPRESSION_BuildGroupTables(DEVICE_CONTEXT* context) {
     PIXEL_CONTEXT& pixel = context->Pixel;
-    for (ULONG mask = 0; mask < GROUP_MASK_COUNT; mask++) {
-        BuildRow(mask, pixel.Tables.PackShuffle[mask], pixel.Tables.CountShuffle[mask],
-                 &pixel.GroupSteps[mask]);
-    }
+    PACKER_BuildTables(&pixel);
     for (ULONG level = 0; level < QUANT_LEVEL_COUNT; level++) {
         for (ULONG lane = 0; lane < GROUP_PIXELS; lane++) {
             pixel.Tables.QuantMask[level][lane] = QUANTISATIONS[level].Mask;
@@ -242,51 +241,37 @@ ULONGLONG COMPRESSION_EncodeGroupsByPixel(const UCHAR* source, UCHAR* destinatio
 TARGET_SSE41 ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
                                                        UCHAR* destination, const UCHAR* destinationEnd,
                                                        ULONG pixelCount, ULONG level) {
-    // The vector form writes without asking for room: at most one word stands for each pixel, and whole
-    // vectors are stored.
-    constexpr ULONG overshoot = 16;
+    // Groups are written without asking for room: at most one word stands for each pixel.
     const SIZE_T room = static_cast<SIZE_T>(destinationEnd - destination);
-    if (room < SIZE_T{pixelCount} * 2 + overshoot || pixelCount < GROUP_PIXELS) {
+    if (room < SIZE_T{pixelCount} * 2 + PACKER_OVERSHOOT || pixelCount < GROUP_PIXELS) {
         return COMPRESSION_EncodeGroupsByPixel(source, destination, destinationEnd, pixelCount, level);
     }
 
-    const QUANTISATION quantisation = QUANTISATIONS[level];
-    const GROUP_TABLES& tables = context->Pixel.Tables;
-    const __m128i mask = Load(reinterpret_cast<const UCHAR*>(tables.QuantMask[level]));
-    const __m128i fill = Load(reinterpret_cast<const UCHAR*>(tables.QuantFill[level]));
-    const GROUP_CODER coder = {context, quantisation, mask,
-                               _mm_or_si128(fill, _mm_set1_epi16(static_cast<SHORT>(LITERAL_FLAG))),
-                               _mm_andnot_si128(fill, mask)};
-
+    const QUANTISATION& quantisation = QUANTISATIONS[level];
+    const QUANTISER quantiser = CreateQuantiser(context->Pixel.Tables, level);
+    const RUN_PACKER packer = PACKER_Create(context->Pixel);
     UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
     RUN run = StartStream(source);
     EncodePixels(&writer, &run, source, 0, GROUP_PIXELS, quantisation);
-
     ULONG index = GROUP_PIXELS;
-    while (pixelCount - index >= 2 * GROUP_PIXELS) {
-        const UCHAR* pixels = source + SIZE_T{index} * 2;
-        // Two groups that may have to break the run go pixel by pixel.
-        if (run.Repeats > LONGEST_OPEN_RUN - GROUP_PIXELS) {
-            run.Word = ReadWord(source, index - 1, quantisation);
-            EncodePixels(&writer, &run, source, index, index + 2 * GROUP_PIXELS, quantisation);
-            index += 2 * GROUP_PIXELS;
-            continue;
+    while (pixelCount - index >= 2 * BLOCK_PIXELS) {
+        // Vectors write a run with its last pixel; one that has ended already is not theirs.
+        if (ReadWord(source, index, quantisation) != run.Word) {
+            PutRun(&writer, run);
+            run.Repeats = 0;
         }
-        const ULONG repeatMask = RepeatMask(coder, pixels);
-        if (repeatMask == 0xFFFF) {
-            const ULONG rest = pixelCount - index;
-            const ULONG open = LONGEST_OPEN_RUN - run.Repeats;
-            const ULONG limit = rest < open ? rest : open;
-            const ULONG flat = 16 + CountRepeats(coder, pixels + 32, limit > 16 ? limit - 16 : 0);
-            run.Repeats += flat;
-            index += flat;
-        } else {
-            PutGroup(coder, &writer.Cursor, &run.Repeats, pixels, repeatMask & 0xFF);
-            PutGroup(coder, &writer.Cursor, &run.Repeats, pixels + 16, repeatMask >> 8);
-            index += 16;
+        PACK_CURSOR cursor = {writer.Cursor, run.Repeats};
+        const UCHAR* pixels = EncodeBlocks(quantiser, packer, &cursor, source + SIZE_T{index} * 2,
+                                           source + SIZE_T{pixelCount} * 2);
+        index = static_cast<ULONG>((pixels - source) / 2);
+        writer.Cursor = cursor.Next;
+        run = {ReadWord(source, index - 1, quantisation), cursor.Repeats};
+        if (pixelCount - index >= 2 * BLOCK_PIXELS) {
+            // They stopped before a run that may have to be broken.
+            EncodePixels(&writer, &run, source, index, index + BLOCK_PIXELS, quantisation);
+            index += BLOCK_PIXELS;
         }
     }
-    run.Word = ReadWord(source, index - 1, quantisation);
     EncodePixels(&writer, &run, source, index, pixelCount, quantisation);
     return FinishStream(&writer, run, destination);
 }

@@ -6,21 +6,20 @@
 constexpr ULONG GROUP_MASK_COUNT = 256;
 constexpr ULONG QUANT_LEVEL_COUNT = 16;
 
-// Tables of the group encoder, at 32-byte boundaries inside the inline work areas; by the mask of the pixels
-// in a group of eight that repeat their predecessor, or by level.
+// Tables of the 16-bit encoders, at 32-byte boundaries inside the inline work areas. What the masks stand
+// for: pixel/run_packer.h.
 struct GROUP_TABLES {
-    UCHAR (*PackShuffle)[16];  // GroupPackShuffle: GROUP_MASK_COUNT rows
-    UCHAR (*CountShuffle)[16]; // GroupCountShuffle
-    USHORT (*QuantMask)[8];    // QUANT_LEVEL_COUNT rows of eight equal lanes
+    UCHAR (*PackShuffle)[16]; // GroupPackShuffle: by the mask of continued repeats
+    USHORT (*CountWords)[8];  // counts in place of GroupCountShuffle: by the mask of repeats
+    USHORT (*QuantMask)[8];   // QUANT_LEVEL_COUNT rows of eight equal lanes
     USHORT (*QuantFill)[8];
 };
 
-// The sizes that belong to a mask.
-struct GROUP_STEP {
-    UCHAR WordCount; // words the group writes, the leading run aside
-    UCHAR Leading;   // repeats at its start, which continue the run before
-    UCHAR Trailing;  // repeats at its end, which the next group may continue
-    UCHAR Flat;      // 1: all eight repeat, nothing is written
+// What a group of eight pixels writes and leaves, by the mask of continued repeats.
+struct PACK_STEP {
+    UCHAR Bytes;
+    UCHAR Open;   // repeats at its end that the next group continues
+    CHAR AllOpen; // -1: all eight do, and the run before them with them; else 0
 };
 
 // Used by the frame update thread only, except LegacyCompressionFlag (set by chip initialisation before
@@ -30,7 +29,7 @@ struct PIXEL_CONTEXT {
     USHORT QuantLevel;
     ULONG QuantSmallFrameCount;
     BOOLEAN GroupTablesReady;
-    GROUP_STEP GroupSteps[GROUP_MASK_COUNT];
+    PACK_STEP PackSteps[GROUP_MASK_COUNT];
     UCHAR CompressionWorkArea0[4128];
     UCHAR CompressionWorkArea1[4128];
     UCHAR CompressionWorkArea2[288];

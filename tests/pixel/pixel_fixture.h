@@ -54,7 +54,7 @@ inline std::unique_ptr<DEVICE_CONTEXT> makeContext() {
     };
     PIXEL_CONTEXT& pixel = context->Pixel;
     pixel.Tables.PackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
-    pixel.Tables.CountShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea1));
+    pixel.Tables.CountWords = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea1));
     pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
     pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
     return context;
