@@ -20,6 +20,16 @@ platform::MachineOptions machineOptions(const SessionOptions& options) {
 
 constexpr usb::Time kPollInterval = 2 * usb::kMillisecond;
 
+std::string messageOf(const std::exception_ptr& failure) {
+    try {
+        std::rethrow_exception(failure);
+    } catch (const std::exception& error) {
+        return error.what();
+    } catch (...) {
+        return "an unknown failure";
+    }
+}
+
 // Old adapters have no status pipe, so their driver looks for a monitor only when it powers the adapter up.
 bool reportsMonitorChanges(const model::AdapterOptions& adapter) {
     return adapter.revision >= 2;
@@ -30,25 +40,41 @@ bool reportsMonitorChanges(const model::AdapterOptions& adapter) {
 Session::Session(const SessionOptions& options)
     : machine_(machineOptions(options)), settings_(options.settings) {}
 
-Session::~Session() = default;
+Session::~Session() {
+    // Tasks that were stopped where they stood still have transfers out: their adapters must not answer now.
+    for (std::unique_ptr<model::Adapter>& adapter : adapters_) {
+        if (stopped_) {
+            static_cast<void>(adapter.release());
+        }
+    }
+}
 
 void Session::run(const std::function<void()>& body) {
     std::exception_ptr failure;
-    machine_.run([&] {
-        require(machine_.loadDriver(DriverEntry), "loading the driver");
-        for (const Setting& setting : settings_) {
-            machine_.setParameter(std::u16string(setting.name.begin(), setting.name.end()), setting.value);
+    try {
+        machine_.run([&] {
+            require(machine_.loadDriver(DriverEntry), "loading the driver");
+            for (const Setting& setting : settings_) {
+                machine_.setParameter(std::u16string(setting.name.begin(), setting.name.end()),
+                                      setting.value);
+            }
+            client_ = std::make_unique<desktop::Client>(machine_);
+            try {
+                body();
+            } catch (const verifier::Stopped&) {
+                throw; // the machine stands still: nothing can be put away
+            } catch (...) {
+                failure = std::current_exception();
+            }
+            finish();
+        });
+    } catch (const verifier::Stopped& stopped) {
+        stopped_ = true;
+        if (!failure) {
+            throw;
         }
-        client_ = std::make_unique<desktop::Client>(machine_);
-        try {
-            body();
-        } catch (const verifier::Stopped&) {
-            throw; // the machine stands still: nothing can be put away
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        finish();
-    });
+        throw DeviceError(fmt::format("{}; before that: {}", stopped.what(), messageOf(failure)));
+    }
     if (failure) {
         std::rethrow_exception(failure);
     }
@@ -110,6 +136,8 @@ void Session::surpriseRemove() {
 
 void Session::remove() {
     adapter();
+    // Plug and Play asks whoever holds a device open before it removes the device in order.
+    client_->close();
     machine_.remove(*std::exchange(node_, nullptr));
 }
 

@@ -85,9 +85,9 @@ class Session {
   private:
     void finish();
 
-    // Adapters stay to the end: the machine may hold on to one until it is destroyed.
-    std::vector<std::unique_ptr<model::Adapter>> adapters_;
     platform::Machine machine_;
+    std::vector<std::unique_ptr<model::Adapter>> adapters_; // use the machine's clock to their end
+    bool stopped_ = false;                                  // the verifier ended the run
     std::vector<Setting> settings_;
     std::unique_ptr<desktop::Client> client_;
     desktop::DesktopReference reference_;
