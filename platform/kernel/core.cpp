@@ -93,6 +93,14 @@ void Core::join(Task& task) {
     delete &task;
 }
 
+void Core::abandon() {
+    for (const std::vector<Task*>* tasks : {&tasks_, &ended_}) {
+        for (const Task* task : *tasks) {
+            pthread_detach(task->thread);
+        }
+    }
+}
+
 void Core::reap() {
     if (kernelLockHeld()) {
         return; // a thread that is about to end may need it once more

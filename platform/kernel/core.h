@@ -48,6 +48,7 @@ class Core {
     Task& spawn(std::string name, TaskKind kind, std::function<void()> body, bool detached);
     void join(Task& task);
     bool hasTasks() const { return !tasks_.empty(); }
+    void abandon(); // nobody will join the threads of the tasks that are left
     void queueWork(std::string name, std::function<void()> body);
     void waitForWorkers();
     bool waitUntil(const void* channel, const WaitReason& reason, Time deadline,

@@ -6,10 +6,10 @@
 
 #include <fmt/format.h>
 
-// A thread's processor time stands still while it sleeps, but asking for it is a system call. So it is asked
-// for only where a task enters the driver from outside and leaves it again; the many platform calls between
-// are measured in time stamp ticks and taken off, sleep excepted, because the processor time did not count
-// it.
+// A thread's processor time stands still while it sleeps or another program runs, but asking for it is a
+// system call. So it is asked for only where a task enters the driver from outside at PASSIVE_LEVEL and where
+// it leaves it again. The many platform calls between, and the short entries at DISPATCH_LEVEL, are measured
+// in time stamp ticks, from which sleep is taken off.
 
 namespace kernel {
 
@@ -82,23 +82,33 @@ void accountSleepEnds(Task& task) {
 
 namespace {
 
-// Nanoseconds of the entry under way, of which `cpu` is the thread's processor time and `platform` are ticks
-// spent elsewhere. Ticks also count what other programs take from the thread, so they can exceed it.
-std::uint64_t driverPart(std::uint64_t cpu, std::uint64_t platform) {
-    const auto outside =
-        static_cast<std::uint64_t>(static_cast<double>(platform) * tickRate.nanosecondsPerTick());
-    return cpu > outside ? cpu - outside : 0;
+std::uint64_t inNanoseconds(std::uint64_t tickCount) {
+    return static_cast<std::uint64_t>(static_cast<double>(tickCount) * tickRate.nanosecondsPerTick());
+}
+
+std::uint64_t difference(std::uint64_t whole, std::uint64_t part) {
+    return whole > part ? whole - part : 0;
+}
+
+// Nanoseconds in the driver since the outermost entry. Ticks of platform calls also count what other programs
+// took from the thread, so they can exceed its processor time.
+std::uint64_t sinceEntry(const Task& task) {
+    const Account& account = task.account;
+    const bool outside = account.domain == Domain::Platform && account.depth != 0;
+    const std::uint64_t platform = account.platformTicks + (outside ? ticksSinceLeft(account) : 0);
+    if (account.byTicks) {
+        const std::uint64_t end = account.sleepingSince != 0 ? account.sleepingSince : ticks();
+        const std::uint64_t slept = account.sleptTicks - account.sleptAtEntry;
+        return inNanoseconds(difference(end - account.enteredAt, slept + platform));
+    }
+    const std::uint64_t cpu = &task == currentTaskOrNull() ? threadCpuTime() : taskCpuTime(task);
+    return difference(cpu - account.enteredAt, inNanoseconds(platform));
 }
 
 } // namespace
 
 std::uint64_t driverNanoseconds(const Task& task) {
-    const Account& account = task.account;
-    if (account.depth == 0) {
-        return account.driver;
-    }
-    const std::uint64_t open = account.domain == Domain::Platform ? ticksSinceLeft(account) : 0;
-    return account.driver + driverPart(taskCpuTime(task) - account.enteredCpu, account.platformTicks + open);
+    return task.account.driver + (task.account.depth != 0 ? sinceEntry(task) : 0);
 }
 
 std::uint64_t driverTime() {
@@ -137,7 +147,9 @@ DriverCall::DriverCall(const char* callback) {
     account.callback = callback;
     if (account.depth++ == 0) {
         account.platformTicks = 0;
-        account.enteredCpu = threadCpuTime();
+        account.sleptAtEntry = account.sleptTicks;
+        account.byTicks = task->irql >= kDispatchLevel;
+        account.enteredAt = account.byTicks ? ticks() : threadCpuTime();
     } else if (outerDomain_ == Domain::Platform) {
         returnToDriver(account);
     }
@@ -152,7 +164,7 @@ DriverCall::~DriverCall() {
     Account& account = task->account;
     enterDomain(*task, outerDomain_);
     if (--account.depth == 0) {
-        account.driver += driverPart(threadCpuTime() - account.enteredCpu, account.platformTicks);
+        account.driver += sinceEntry(*task);
     } else if (outerDomain_ == Domain::Platform) {
         leaveDriver(account);
     }

@@ -72,7 +72,9 @@ class FreeCore final : public Core {
 
     bool isStopped() const { return __atomic_load_n(&stopped_, __ATOMIC_ACQUIRE); }
     [[noreturn]] void park(Task& self);
+    [[noreturn]] void sleepForGood(Task& self);
     void becameInactive() {
+        announceRelease(&runner_);
         __atomic_fetch_sub(&active_, 1, __ATOMIC_ACQ_REL);
         if (isStopped() || __atomic_load_n(&hostEnded_, __ATOMIC_ACQUIRE)) {
             runner_.pass();
@@ -127,31 +129,48 @@ void FreeCore::lock() {
 
 void FreeCore::park(Task& self) {
     becameInactive();
+    sleepForGood(self);
+}
+
+void FreeCore::sleepForGood(Task& self) {
     for (;;) {
         self.baton.take();
     }
 }
 
 bool FreeCore::block(Task& self, const WaitReason& reason, Time deadline) {
+    if (deadline <= now()) {
+        return false;
+    }
     self.reason = reason;
     self.deadline = deadline;
     requireNoWaitCycle(self);
     self.woken = false;
     self.state = Task::State::Blocked;
     accountSleepBegins(self);
+    // Whoever wakes the task counts it as active again, so that the count never misses a task that has
+    // something to do; only a task that wakes by its deadline counts itself.
+    becameInactive();
     while (!self.woken) {
         const Time remaining = deadline == kForever ? kForever : deadline - now();
         if (remaining <= 0) {
+            __atomic_fetch_add(&active_, 1, __ATOMIC_ACQ_REL);
             break;
         }
-        becameInactive();
         kernelLock_.unlock();
         const timespec relative = relativeTime(remaining);
         if (!self.baton.tryTake()) {
             self.baton.waitOnce(deadline == kForever ? nullptr : &relative);
         }
-        __atomic_fetch_add(&active_, 1, __ATOMIC_ACQ_REL);
-        lock();
+        kernelLock_.lock();
+        if (isStopped()) {
+            const bool counted = self.woken;
+            kernelLock_.unlock();
+            if (counted) {
+                park(self);
+            }
+            sleepForGood(self);
+        }
     }
     accountSleepEnds(self);
     self.state = Task::State::Running;
@@ -162,6 +181,7 @@ bool FreeCore::block(Task& self, const WaitReason& reason, Time deadline) {
 void FreeCore::wake(Task& task) {
     if (task.state == Task::State::Blocked && !task.woken) {
         task.woken = true;
+        __atomic_fetch_add(&active_, 1, __ATOMIC_ACQ_REL);
         task.baton.pass();
     }
 }
@@ -366,6 +386,7 @@ void FreeCore::finish() {
     if (isStopped()) {
         leaveStopped();
     }
+    announceAcquire(&runner_);
     reap();
 }
 
@@ -380,6 +401,7 @@ void FreeCore::leaveStopped() {
                      stoppedBecause_->text().c_str());
         std::abort();
     }
+    announceAcquire(&runner_);
     throw verifier::Stopped(*stoppedBecause_);
 }
 

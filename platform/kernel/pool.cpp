@@ -52,15 +52,20 @@ struct Use {
 };
 
 // All guarded by the kernel lock.
-std::map<const std::uint8_t*, Block> live; // by `data`
-std::deque<Block> quarantine;
-std::size_t quarantineBytes = 0;
-std::multimap<std::size_t, Block> cache; // by `baseSize`
-std::size_t cacheBytes = 0;
-std::map<const MDL*, std::size_t> mdls;
-std::vector<Use> uses;
-BufferUse lastUse = 0;
-std::uint64_t allocations = 0;
+struct State {
+    std::map<const std::uint8_t*, Block> live; // by `data`
+    std::deque<Block> quarantine;
+    std::size_t quarantineBytes = 0;
+    std::multimap<std::size_t, Block> cache; // by `baseSize`
+    std::size_t cacheBytes = 0;
+    std::map<const MDL*, std::size_t> mdls;
+    std::vector<Use> uses;
+    BufferUse lastUse = 0;
+    std::uint64_t allocations = 0;
+};
+
+// Never destroyed: tasks of a stopped machine stay until the process has ended.
+State& pool = *new State;
 
 std::string describe(const Block& block) {
     return fmt::format("block {} of {} bytes, tag {}", fmt::ptr(block.data), block.size, tagText(block.tag));
@@ -104,11 +109,11 @@ Block obtain(std::size_t size, std::string_view call) {
     const std::size_t alignment = paged ? kPage : kGuard;
     Block block;
     block.baseSize = (front + size + kGuard + alignment - 1) / alignment * alignment;
-    auto cached = cache.find(block.baseSize);
-    if (cached != cache.end()) {
+    auto cached = pool.cache.find(block.baseSize);
+    if (cached != pool.cache.end()) {
         block = cached->second;
-        cache.erase(cached);
-        cacheBytes -= block.baseSize;
+        pool.cache.erase(cached);
+        pool.cacheBytes -= block.baseSize;
         requireUntouched(block, call);
         sanitizer::unpoison(block.base, block.baseSize);
     } else {
@@ -129,20 +134,20 @@ void fillFreed(const Block& block) {
 void putAway(const Block& block, std::string_view call) {
     fillFreed(block);
     if (block.baseSize >= kCachedFrom) {
-        if (cacheBytes + block.baseSize > kCacheLimit) {
+        if (pool.cacheBytes + block.baseSize > kCacheLimit) {
             release(block);
             return;
         }
-        cache.emplace(block.baseSize, block);
-        cacheBytes += block.baseSize;
+        pool.cache.emplace(block.baseSize, block);
+        pool.cacheBytes += block.baseSize;
         return;
     }
-    quarantine.push_back(block);
-    quarantineBytes += block.baseSize;
-    while (quarantineBytes > kQuarantineLimit) {
-        const Block oldest = quarantine.front();
-        quarantine.pop_front();
-        quarantineBytes -= oldest.baseSize;
+    pool.quarantine.push_back(block);
+    pool.quarantineBytes += block.baseSize;
+    while (pool.quarantineBytes > kQuarantineLimit) {
+        const Block oldest = pool.quarantine.front();
+        pool.quarantine.pop_front();
+        pool.quarantineBytes -= oldest.baseSize;
         requireUntouched(oldest, call);
         release(oldest);
     }
@@ -150,8 +155,9 @@ void putAway(const Block& block, std::string_view call) {
 
 bool wasFreed(const void* data) {
     const auto isBlock = [data](const Block& block) { return block.data == data; };
-    return std::any_of(quarantine.begin(), quarantine.end(), isBlock) ||
-           std::any_of(cache.begin(), cache.end(), [&](const auto& entry) { return isBlock(entry.second); });
+    return std::any_of(pool.quarantine.begin(), pool.quarantine.end(), isBlock) ||
+           std::any_of(pool.cache.begin(), pool.cache.end(),
+                       [&](const auto& entry) { return isBlock(entry.second); });
 }
 
 void requireGuardsIntact(const Block& block, std::string_view call) {
@@ -168,8 +174,8 @@ void requireGuardsIntact(const Block& block, std::string_view call) {
 
 const Block* findLive(const void* address) {
     const auto* byte = static_cast<const std::uint8_t*>(address);
-    auto next = live.upper_bound(byte);
-    if (next == live.begin()) {
+    auto next = pool.live.upper_bound(byte);
+    if (next == pool.live.begin()) {
         return nullptr;
     }
     const Block& block = std::prev(next)->second;
@@ -178,7 +184,7 @@ const Block* findLive(const void* address) {
 
 void requireNotInUse(const void* address, std::size_t size, std::string_view call) {
     const auto* begin = static_cast<const std::uint8_t*>(address);
-    for (const Use& use : uses) {
+    for (const Use& use : pool.uses) {
         if (begin < use.end && use.begin < begin + size) {
             verifier::fail(verifier::Rule::BufferLifetime, call, fmt::format("{}", address),
                            fmt::format("still in use by {}", use.what));
@@ -221,16 +227,16 @@ void* allocatePool(POOL_TYPE type, std::size_t size, ULONG tag, std::string_view
     sanitizer::poison(block.base, static_cast<std::size_t>(block.data - block.base));
     sanitizer::poison(block.end(), block.rearGuardSize());
     announceAcquire(block.data);
-    live[block.data] = block;
-    ++allocations;
+    pool.live[block.data] = block;
+    ++pool.allocations;
     return block.data;
 }
 
 void freePool(void* address, ULONG tag, std::string_view call) {
     verifier::requireIrql(call, kDispatchLevel);
     KernelLockIfFree guard;
-    auto found = live.find(static_cast<std::uint8_t*>(address));
-    if (found == live.end()) {
+    auto found = pool.live.find(static_cast<std::uint8_t*>(address));
+    if (found == pool.live.end()) {
         verifier::fail(verifier::Rule::PoolFreedTwice, call, fmt::format("{}", address),
                        wasFreed(address) ? "the block was freed before" : "no block of pool begins here");
     }
@@ -246,7 +252,7 @@ void freePool(void* address, ULONG tag, std::string_view call) {
     requireGuardsIntact(block, call);
     verifier::locksDestroyed(block.data, block.end());
     announceRelease(block.data);
-    live.erase(found);
+    pool.live.erase(found);
     putAway(block, call);
 }
 
@@ -261,13 +267,13 @@ std::optional<PoolBlock> findPoolBlock(const void* address) {
 
 std::uint64_t poolAllocations() {
     KernelLockIfFree guard;
-    return allocations;
+    return pool.allocations;
 }
 
 std::vector<PoolUse> poolInUse() {
     KernelLockIfFree guard;
     std::map<ULONG, PoolUse> byTag;
-    for (const auto& [address, block] : live) {
+    for (const auto& [address, block] : pool.live) {
         PoolUse& use = byTag[block.tag];
         use.tag = block.tag;
         ++use.blocks;
@@ -282,33 +288,33 @@ std::vector<PoolUse> poolInUse() {
 
 void requirePoolEmpty(std::string_view call) {
     KernelLockIfFree guard;
-    for (const Block& block : quarantine) {
+    for (const Block& block : pool.quarantine) {
         requireUntouched(block, call);
     }
-    for (const auto& [size, block] : cache) {
+    for (const auto& [size, block] : pool.cache) {
         requireUntouched(block, call);
     }
-    if (!live.empty()) {
-        const Block& first = live.begin()->second;
+    if (!pool.live.empty()) {
+        const Block& first = pool.live.begin()->second;
         verifier::fail(verifier::Rule::PoolLeak, call, describe(first),
-                       fmt::format("{} blocks were never freed", live.size()));
+                       fmt::format("{} blocks were never freed", pool.live.size()));
     }
-    if (!mdls.empty()) {
-        verifier::fail(verifier::Rule::PoolLeak, call, fmt::format("{}", fmt::ptr(mdls.begin()->first)),
-                       fmt::format("{} MDLs were never freed", mdls.size()));
+    if (!pool.mdls.empty()) {
+        verifier::fail(verifier::Rule::PoolLeak, call, fmt::format("{}", fmt::ptr(pool.mdls.begin()->first)),
+                       fmt::format("{} MDLs were never freed", pool.mdls.size()));
     }
 }
 
 BufferUse beginBufferUse(const void* address, std::size_t size, std::string what) {
     KernelLockIfFree guard;
     const auto* begin = static_cast<const std::uint8_t*>(address);
-    uses.push_back({++lastUse, begin, begin + size, std::move(what)});
-    return lastUse;
+    pool.uses.push_back({++pool.lastUse, begin, begin + size, std::move(what)});
+    return pool.lastUse;
 }
 
 void endBufferUse(BufferUse use) {
     KernelLockIfFree guard;
-    std::erase_if(uses, [use](const Use& entry) { return entry.id == use; });
+    std::erase_if(pool.uses, [use](const Use& entry) { return entry.id == use; });
 }
 
 void requireUnused(const void* address, std::size_t size, std::string_view call) {
@@ -318,32 +324,32 @@ void requireUnused(const void* address, std::size_t size, std::string_view call)
 
 bool isLiveMdl(const MDL* mdl) {
     KernelLockIfFree guard;
-    return mdls.contains(mdl);
+    return pool.mdls.contains(mdl);
 }
 
 void resetPool() {
     KernelLockIfFree guard;
-    uses.clear();
+    pool.uses.clear();
     // What an earlier driver did to freed blocks is no fault of the next one.
-    for (const Block& block : quarantine) {
+    for (const Block& block : pool.quarantine) {
         release(block);
     }
-    quarantine.clear();
-    quarantineBytes = 0;
-    for (const auto& [size, block] : cache) {
+    pool.quarantine.clear();
+    pool.quarantineBytes = 0;
+    for (const auto& [size, block] : pool.cache) {
         sanitizer::unpoison(block.base, block.baseSize);
         fillFreed(block);
     }
-    for (const auto& [address, block] : live) {
+    for (const auto& [address, block] : pool.live) {
         sanitizer::unpoison(block.base, block.baseSize);
         putAway(block, "resetPool");
     }
-    live.clear();
-    for (const auto& [mdl, size] : mdls) {
+    pool.live.clear();
+    for (const auto& [mdl, size] : pool.mdls) {
         std::free(const_cast<MDL*>(mdl));
     }
-    mdls.clear();
-    allocations = 0;
+    pool.mdls.clear();
+    pool.allocations = 0;
 }
 
 } // namespace kernel
@@ -384,7 +390,7 @@ PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, 
     mdl->ByteOffset = static_cast<ULONG>(offset);
     mdl->ByteCount = Length;
     KernelGuard guard;
-    mdls[mdl] = size;
+    pool.mdls[mdl] = size;
     return mdl;
 }
 
@@ -392,13 +398,13 @@ VOID IoFreeMdl(PMDL Mdl) {
     PlatformCall call;
     verifier::requireIrql("IoFreeMdl", kDispatchLevel);
     KernelGuard guard;
-    auto found = mdls.find(Mdl);
-    if (found == mdls.end()) {
+    auto found = pool.mdls.find(Mdl);
+    if (found == pool.mdls.end()) {
         verifier::fail(verifier::Rule::PoolFreedTwice, "IoFreeMdl", fmt::format("{}", fmt::ptr(Mdl)),
                        "this is no MDL, or one that was freed before");
     }
     requireNotInUse(Mdl, found->second, "IoFreeMdl");
-    mdls.erase(found);
+    pool.mdls.erase(found);
     std::free(Mdl);
 }
 
@@ -406,7 +412,7 @@ VOID MmBuildMdlForNonPagedPool(PMDL Mdl) {
     PlatformCall call;
     verifier::requireIrql("MmBuildMdlForNonPagedPool", kDispatchLevel);
     KernelGuard guard;
-    if (!mdls.contains(Mdl)) {
+    if (!pool.mdls.contains(Mdl)) {
         verifier::fail(verifier::Rule::HandleStale, "MmBuildMdlForNonPagedPool",
                        fmt::format("{}", fmt::ptr(Mdl)), "this is no MDL, or one that was freed");
     }

@@ -317,7 +317,7 @@ Scheduler::~Scheduler() {
     machineCore = nullptr;
     if (state_->core->hasTasks()) {
         // Their threads sleep on what the core owns, for as long as the process lives.
-        (void)state_->core.release();
+        state_->core.release()->abandon();
     }
 }
 

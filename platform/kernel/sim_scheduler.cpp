@@ -111,7 +111,7 @@ class SimCore final : public Core {
 
     Phase phase_ = Phase::Idle;
     Task* hostTask_ = nullptr;
-    Baton runner_; // the thread that called `run`
+    Baton runner_; // the thread that called `run`; what tasks did before they slept is over for it
 };
 
 SimCore::SimCore(const SchedulerOptions& options) : Core(options), random_(options.seed) {
@@ -221,6 +221,7 @@ void SimCore::handOver(Task& self, Task& next) {
         return;
     }
     accountSleepBegins(self);
+    announceRelease(&runner_);
     next.baton.pass();
     self.baton.take();
     accountSleepEnds(self);
@@ -252,6 +253,7 @@ void SimCore::leaveProcessor(Task& self) {
         return;
     }
     accountSleepBegins(self);
+    announceRelease(&runner_);
     runner_.pass();
     self.baton.take();
     accountSleepEnds(self);
@@ -464,6 +466,7 @@ void SimCore::run(const std::function<void()>& body) {
     first->state = Task::State::Running;
     first->baton.pass();
     runner_.take();
+    announceAcquire(&runner_);
     phase_ = Phase::Idle;
     if (stoppedBecause_) {
         throw verifier::Stopped(*stoppedBecause_);
@@ -476,6 +479,7 @@ void SimCore::run(const std::function<void()>& body) {
 
 void SimCore::stop(Task& self, const verifier::Report& report) {
     stoppedBecause_ = report;
+    announceRelease(&runner_);
     runner_.pass();
     for (;;) {
         self.baton.take();

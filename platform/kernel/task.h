@@ -31,7 +31,9 @@ namespace kernel {
 struct Account {
     Domain domain = Domain::Host;
     unsigned depth = 0;              // nested entries into the driver
-    std::uint64_t enteredCpu = 0;    // thread's processor time at the outermost entry
+    bool byTicks = false;         // how the outermost entry under way is measured
+    std::uint64_t enteredAt = 0;  // ticks, or the thread's processor time in nanoseconds, at that entry
+    std::uint64_t sleptAtEntry = 0;
     std::uint64_t platformTicks = 0; // time stamp ticks in the platform since then, without sleep
     std::uint64_t driver = 0;        // nanoseconds in the driver, entries that ended
     std::uint64_t leftAt = 0;        // when the platform call under way began

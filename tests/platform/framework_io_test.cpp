@@ -459,7 +459,7 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
             }
         }
         InterlockedExchange(&streaming, 0);
-        machine.sleep(50 * usb::kMillisecond);
+        WdfIoTargetStop(WdfUsbTargetDeviceGetIoTarget(target.usb), WdfIoTargetWaitForSentIoToComplete);
         EXPECT_EQ(ReadAcquire(&reports), 20);
         for (BulkTransfer& transfer : bulk) {
             EXPECT_GT(transfer.completions, 1);

@@ -129,6 +129,7 @@ TEST(SimScheduler, DispatchLevelOccupiesOneProcessor) {
                 raised = false;
                 lowerIrql(old);
                 join(other);
+                sleepFor(1); // the DPC
             });
         }
         EXPECT_EQ(dpcRanDuring, processors > 1);
@@ -324,8 +325,9 @@ TEST(SimScheduler, TasksThatWaitForeverAreNoDeadlockOnceTheHostIsDone) {
     const int never = 0;
     Scheduler scheduler(sim(Strategy::Random));
     bool woken = false;
+    Task* server = nullptr;
     scheduler.run([&] {
-        spawn("server", TaskKind::System, [&] {
+        server = &spawn("server", TaskKind::System, [&] {
             waitUntil(&never, {"server", nullptr, nullptr}, kForever, [&] { return woken; });
         });
         sleepFor(1);
@@ -334,6 +336,7 @@ TEST(SimScheduler, TasksThatWaitForeverAreNoDeadlockOnceTheHostIsDone) {
     scheduler.run([&] {
         woken = true;
         wakeChannel(&never);
+        join(*server);
     });
 }
 

@@ -437,6 +437,7 @@ TEST_P(Rules, CatchTheMistakeAndPassItsGoodTwin) {
                 auto* world = new World;
                 callbackWorld = world;
                 body(*world);
+                waitForSystemThreads(kForever); // they use its event
                 delete world;
             };
         };
