@@ -34,6 +34,9 @@ struct DISPLAY_CONTEXT {
     BOOLEAN MonitorConnected;
     BOOLEAN MonitorIsDvi;
 
+    // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex.
+    BOOLEAN HdmiModeStale;
+
     // While set, frame-error reports are ignored. Written under DisplayStateMutex or by power callbacks
     // (shared field).
     BOOLEAN FrameErrorHandlingSuspended;

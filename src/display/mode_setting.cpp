@@ -52,7 +52,11 @@ MODE_PARAMETERS BuildParameters(DEVICE_CONTEXT* context, MODE_REQUEST* request) 
 // The caller holds RenderStartStopMutex.
 NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
     const MODE_PARAMETERS& current = context->Display.Mode;
-    const BOOLEAN modeChanged = request->Width != current.Width || request->Height != current.Height;
+    if (request->Width != current.Width || request->Height != current.Height) {
+        // Remembered, because a mode set that fails half-way leaves its size behind: the next one of that
+        // size must not take it for a mode that the transmitter was programmed for.
+        context->Display.HdmiModeStale = TRUE;
+    }
 
     // The stop comes first, and it takes back what the pixel-bytes adjustment did to
     // UseUsb3OutputRGB565Enable. With the adjustment enabled the policy therefore never sees the value from
@@ -74,7 +78,7 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
         }
     }
     if (request->CompressionEnabled == 0) {
-        MODE_UpdateHdmi(context, modeChanged);
+        MODE_UpdateHdmi(context, context->Display.HdmiModeStale);
         status = RENDER_Start(context);
     }
     return status;
@@ -146,5 +150,6 @@ void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
         HDMI_SetMode(context);
         REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
+        context->Display.HdmiModeStale = FALSE;
     }
 }

@@ -31,5 +31,6 @@ void MODE_DisableOutput(DEVICE_CONTEXT* context);
 // CurrentNumberOfDevices.
 void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices);
 
-// Powers an HDMI transmitter up and programs it when `modeChanged`. Takes DisplayStateMutex.
+// Powers an HDMI transmitter up and programs it when `modeChanged`. The caller holds RenderStartStopMutex;
+// takes DisplayStateMutex.
 void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged);

@@ -169,7 +169,7 @@ NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters
 }
 
 BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
-    const MODE_PARAMETERS& mode = context->Display.Mode;
+    MODE_PARAMETERS& mode = context->Display.Mode;
     if (pllChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_PLL_BIT);
         REG_Write(context, REGISTER_PLL, &mode.PllWord);
@@ -179,6 +179,9 @@ BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
     ULONG pllWord; // 0, which no mode has, when the read fails
     (void)REG_Read(context, REGISTER_PLL, &pllWord);
     if (pllWord != mode.PllWord) {
+        // Nobody knows what clock the adapter runs: the next mode set, of the same mode perhaps, must write
+        // it.
+        mode.PllWord = 0;
         return FALSE;
     }
 

@@ -16,7 +16,8 @@ struct DEVICE_CONTEXT;
 [[nodiscard]] NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters);
 
 // Writes the current mode's timing to the adapter, the pixel clock only when `pllChanged`. FALSE at the first
-// register that does not hold what was written. The caller holds DropFrameCheckMutex.
+// register that does not hold what was written; if that is the pixel clock's, the current mode's PLL word is
+// forgotten. The caller holds DropFrameCheckMutex.
 [[nodiscard]] BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged);
 
 // Replaces the timings in which the mode table differs from CEA-861: an HDMI sink may insist on them. The

@@ -13,8 +13,8 @@
 
 namespace {
 
-constexpr ULONG CONTEXT_WAIT_MS = 10;
-constexpr ULONG BUFFER_WAIT_MS = 10;
+constexpr ULONG TRANSFER_WAIT_MS = 10;
+constexpr ULONG THREAD_END_POLL_MS = 10;
 constexpr ULONG DISPATCH_PAUSE_MS = 1;
 
 enum THREAD_EVENT : ULONG {
@@ -41,7 +41,7 @@ void InitializeEvents(RENDER_PIPELINE* render) {
 void EndThreadByState(RENDER_PIPELINE* render) {
     KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
     while (SHARED_Read(render->FrameUpdateThreadState) != THREAD_ENDED) {
-        UTIL_DelayMs(CONTEXT_WAIT_MS);
+        UTIL_DelayMs(THREAD_END_POLL_MS);
     }
 }
 
@@ -88,22 +88,26 @@ void ContinueDispatch(DEVICE_CONTEXT* context) {
     }
 }
 
-// A context for the next frame, or null when the pipeline was stopped first. The dispatch that would bring
-// one back may be waiting for this thread.
-RENDER_CONTEXT* WaitForContext(DEVICE_CONTEXT* context) {
+// Waits a little for a transfer to come back. The dispatch that would send it may be waiting for this thread.
+void AwaitTransfers(DEVICE_CONTEXT* context) {
     LARGE_INTEGER timeout;
-    timeout.QuadPart = RelativeMs(CONTEXT_WAIT_MS);
+    timeout.QuadPart = RelativeMs(TRANSFER_WAIT_MS);
+    const NTSTATUS status =
+        KeWaitForSingleObject(&context->Render.DispatchRequestEvent, Executive, KernelMode, FALSE, &timeout);
+    if (status == STATUS_SUCCESS) {
+        ContinueDispatch(context);
+    }
+}
+
+// A context for the next frame, or null when the pipeline was stopped first.
+RENDER_CONTEXT* WaitForContext(DEVICE_CONTEXT* context) {
     while (IsRunning(context)) {
         RENDER_CONTEXT* renderContext = RENDER_TakeAvailable(context);
         if (renderContext != nullptr) {
             InterlockedExchange(&renderContext->OutstandingRequests, 0);
             return renderContext;
         }
-        const NTSTATUS status = KeWaitForSingleObject(&context->Render.DispatchRequestEvent, Executive,
-                                                      KernelMode, FALSE, &timeout);
-        if (status == STATUS_SUCCESS) {
-            ContinueDispatch(context);
-        }
+        AwaitTransfers(context);
     }
     return nullptr;
 }
@@ -126,7 +130,7 @@ ULONG WaitForBuffer(DEVICE_CONTEXT* context) {
                 return index;
             }
         }
-        UTIL_DelayMs(BUFFER_WAIT_MS);
+        AwaitTransfers(context);
     }
     return RENDER_BUFFER_NONE;
 }
