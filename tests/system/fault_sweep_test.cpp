@@ -87,6 +87,7 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
         if (victim != nullptr) {
             victim->clearViolations();
         }
+        session.attachMonitor(shortEdid());
         session.plug(plug);
         switchOn(session);
         session.present(kDesktop, next);

@@ -17,8 +17,9 @@ std::unique_ptr<desktop::Client> holdingClient(Session& session) {
     return client;
 }
 
-// What holds up a removal besides the client.
-constexpr usb::Time kRemovalTime = 50 * kMillisecond;
+// What holds up a removal besides the client: above all the stop of the stream, which gives the frame update
+// thread 100 ms.
+constexpr usb::Time kRemovalTime = 150 * kMillisecond;
 
 TEST(Removal, WaitsTenSecondsForAClientThatHoldsOn) {
     std::unique_ptr<desktop::Client> client; // outlives the machine's run: it never lets go

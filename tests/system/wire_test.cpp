@@ -126,7 +126,12 @@ TEST_P(Wire, PowersUpWithoutMonitor) {
 
 TEST_P(Wire, PowersUpWithMonitor) {
     withAdapter(GetParam(), inOrder(), true, [&](Session&) {
-        expectSaid(powerUp(GetParam()) + kStatus + attached(GetParam()) + edidBlock(0), GetParam());
+        // The monitor's report may be waiting, and then somebody looks at the status in between.
+        std::vector<ControlTransfer> said = recorder_.registerAccesses();
+        EXPECT_LT(0, std::erase_if(said, [](const ControlTransfer& transfer) {
+                      return transfer.setup.index == 0x8000;
+                  }));
+        EXPECT_EQ("", differs(said, powerUp(GetParam()) + attached(GetParam()) + edidBlock(0), GetParam()));
     });
 }
 
@@ -168,6 +173,7 @@ TEST_F(WireOfRevision2, FollowsAMonitorThatComesAndGoes) {
         ASSERT_TRUE(session.client().waitForArrival(10 * kSecond));
         expectSaid(kStatus + attached(2) + edidBlock(0) + edidBlock(1), 2);
         session.detachMonitor();
+        session.machine().sleep(kSecond); // the client is told first
         expectSaid(kStatus + detached(2), 2);
     });
 }
