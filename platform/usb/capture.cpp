@@ -1,5 +1,6 @@
 #include "platform/usb/capture.h"
 
+#include "platform/kernel/driver_call.h"
 #include "platform/usb/completion_hook.h"
 
 #include <algorithm>
@@ -291,16 +292,24 @@ Capture::~Capture() {
 Speed Capture::speed() const {
     return state_->inner.speed();
 }
+
 void Capture::submit(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->submit(transfer);
 }
+
 void Capture::cancel(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->inner.cancel(transfer);
 }
+
 void Capture::disconnect() {
+    kernel::PlatformCall call;
     state_->inner.disconnect();
 }
+
 void Capture::finish() {
+    kernel::PlatformCall call;
     state_->finish();
 }
 

@@ -1,5 +1,6 @@
 #include "platform/usb/host.h"
 
+#include "platform/kernel/driver_call.h"
 #include "platform/kernel/scheduler.h"
 #include "platform/usb/completion_hook.h"
 
@@ -163,20 +164,29 @@ Host::~Host() = default;
 Speed Host::speed() const {
     return state_->link.speed();
 }
+
 void Host::submit(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->submit(transfer);
 }
+
 void Host::cancel(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->cancel(transfer);
 }
+
 void Host::disconnect() {
+    kernel::PlatformCall call;
     state_->disconnect();
 }
+
 void Host::resume() {
+    kernel::PlatformCall call;
     state_->resume();
 }
 
 void Host::suspend() {
+    kernel::PlatformCall call;
     kernel::KernelGuard guard;
     state_->suspended = true;
 }

@@ -1,5 +1,6 @@
 #include "platform/usb/link_timing.h"
 
+#include "platform/kernel/driver_call.h"
 #include "platform/kernel/scheduler.h"
 #include "platform/usb/completion_hook.h"
 
@@ -264,13 +265,19 @@ LinkTiming::~LinkTiming() = default;
 Speed LinkTiming::speed() const {
     return state_->inner.speed();
 }
+
 void LinkTiming::submit(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->submit(transfer);
 }
+
 void LinkTiming::cancel(Transfer& transfer) {
+    kernel::PlatformCall call;
     state_->cancel(transfer);
 }
+
 void LinkTiming::disconnect() {
+    kernel::PlatformCall call;
     state_->disconnect();
 }
 

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <string>
@@ -21,16 +22,16 @@ using usb::TransferType;
 struct Sent {
     usb::Transfer transfer;
     std::vector<std::uint8_t> data;
-    int completions = 0;
-    Time endedAt = -1;
+    std::atomic<int> completions = 0;
+    std::atomic<Time> endedAt = -1;
 
     Sent(TransferType type, std::uint8_t endpoint, std::size_t size) : data(size) {
         transfer.type = type;
         transfer.endpoint = endpoint;
         transfer.data = data;
         transfer.complete = [this](usb::Transfer&) {
-            ++completions;
             endedAt = now();
+            ++completions;
         };
     }
     Sent(const Sent&) = delete;
@@ -309,6 +310,12 @@ void endsExactlyOnce(const SchedulerOptions& options) {
 TEST(Host, EveryTransferEndsExactlyOnce) {
     for (std::uint64_t seed = 1; seed <= 300; ++seed) {
         endsExactlyOnce(sim(seed % 2 == 0 ? Strategy::Random : Strategy::Pct, seed));
+    }
+}
+
+TEST(FreeHost, EveryTransferEndsExactlyOnce) {
+    for (int i = 0; i < 20; ++i) {
+        endsExactlyOnce(freeRunning());
     }
 }
 

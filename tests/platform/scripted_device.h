@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -17,29 +18,41 @@ class ScriptedDevice final : public usb::Device {
     usb::Speed speed() const override { return speed_; }
 
     void submit(usb::Transfer& transfer) override {
-        submitted.push_back(&transfer);
-        if (gone_) {
+        bool refused = false;
+        {
+            std::lock_guard lock(mutex_);
+            refused = gone_;
+            submitted.push_back(&transfer);
+        }
+        if (refused) {
             finish(transfer, usb::Status::Gone, 0);
         } else if (onSubmit != nullptr) {
             onSubmit(transfer);
         }
     }
 
-    void cancel(usb::Transfer& transfer) override {
-        if (std::find(submitted.begin(), submitted.end(), &transfer) != submitted.end()) {
-            finish(transfer, usb::Status::Cancelled, 0);
-        }
-    }
+    void cancel(usb::Transfer& transfer) override { finish(transfer, usb::Status::Cancelled, 0); }
 
     void disconnect() override {
-        gone_ = true;
-        while (!submitted.empty()) {
-            finish(*submitted.front(), usb::Status::Gone, 0);
+        std::vector<usb::Transfer*> pending;
+        {
+            std::lock_guard lock(mutex_);
+            gone_ = true;
+            pending = submitted;
+        }
+        for (usb::Transfer* transfer : pending) {
+            finish(*transfer, usb::Status::Gone, 0);
         }
     }
 
+    // No effect on a transfer that has completed.
     void finish(usb::Transfer& transfer, usb::Status status, std::uint32_t actual) {
-        std::erase(submitted, &transfer);
+        {
+            std::lock_guard lock(mutex_);
+            if (std::erase(submitted, &transfer) == 0) {
+                return;
+            }
+        }
         transfer.status = status;
         transfer.actual = actual;
         const auto complete = std::move(transfer.complete);
@@ -55,7 +68,8 @@ class ScriptedDevice final : public usb::Device {
 
   private:
     const usb::Speed speed_;
-    bool gone_ = false;
+    std::mutex mutex_;
+    bool gone_ = false; // guarded by `mutex_`, like `submitted`
 };
 
 } // namespace platform_test
