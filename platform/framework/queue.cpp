@@ -20,7 +20,7 @@ void Queue::deliver(Ref<Request> request) {
         KernelGuard guard;
         refused = state_ == State::Purged;
         if (!refused) {
-            waiting_.push_back(request);
+            waiting_.push_back(std::move(request)); // a copy would take the kernel lock again
         }
     }
     if (refused) {
