@@ -68,6 +68,7 @@ std::unique_ptr<DEVICE_CONTEXT> makeContext() {
     pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
     pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
     context->Display.Mode.CompressionLevel = 5;
+    context->Cpu.CpuHasSsse3 = TRUE;
     return context;
 }
 

@@ -55,161 +55,226 @@ ULONGLONG EncodeByPixel(const UCHAR* source, UCHAR* destination, const UCHAR* de
     return FinishStream(&writer, run, destination);
 }
 
-// How four pixels are written, by the mask of those that repeat their predecessor (bit i: pixel i). The count
-// of leading repeats, which continues the run before, is written apart.
-struct QUAD_STEP {
-    alignas(16) UCHAR LiteralShuffle[16]; // moves the literals to their places
-    alignas(16) UCHAR Counts[16];         // the counts between them
-    UCHAR Bytes;                          // literals and counts together
-    UCHAR Leading;
-    UCHAR Trailing; // repeats that the next pixels may continue
-    UCHAR Flat;     // 1: all four repeat, nothing is written
+// Four pixels, in 32-bit lanes: a quad. As with 16-bit units (pixel/run_packer.h), the last pixel of a run
+// writes its count, so that each pixel writes one unit or none, and no branch is needed. Bit i of a mask
+// stands for pixel i: `repeats`, it equals the pixel before; `continued`, the pixel after it does so as well
+// and it writes nothing.
+constexpr ULONG QUAD_PIXELS = 4;
+constexpr ULONG BLOCK_PIXELS = 2 * QUAD_PIXELS;
+constexpr ULONG ALL_OF_BLOCK = 0xFF;
+constexpr ULONG QUAD_MASK_COUNT = 16;
+
+// How far past its cursor a quad stores.
+constexpr ULONG OVERSHOOT = 16;
+
+// What a quad writes and leaves, by the mask of continued repeats.
+struct alignas(4) QUAD_STEP {
+    UCHAR Bytes;
+    UCHAR Open;   // repeats at its end that the next quad continues
+    CHAR AllOpen; // -1: all four do, and the run before them with them; else 0
 };
 
-struct QUAD_STEPS {
-    QUAD_STEP Step[16];
+struct QUAD_TABLES {
+    alignas(16) UCHAR
+        PackShuffle[QUAD_MASK_COUNT][16]; // by continued: moves three bytes of each lane that writes
+    alignas(16)
+        ULONG Counts[QUAD_MASK_COUNT][QUAD_PIXELS]; // by repeats: the run up to and with each repeat, or 0
+    QUAD_STEP Steps[QUAD_MASK_COUNT];
 };
 
-constexpr QUAD_STEPS BuildQuadSteps() {
-    QUAD_STEPS steps = {};
-    for (ULONG mask = 0; mask < 16; mask++) {
-        QUAD_STEP& step = steps.Step[mask];
-        for (UCHAR& position : step.LiteralShuffle) {
+constexpr QUAD_TABLES BuildQuadTables() {
+    QUAD_TABLES tables = {};
+    for (ULONG mask = 0; mask < QUAD_MASK_COUNT; mask++) {
+        QUAD_STEP& step = tables.Steps[mask];
+        for (UCHAR& position : tables.PackShuffle[mask]) {
             position = 0x80;
         }
-        step.Flat = mask == 15;
         ULONG run = 0;
-        bool leading = true;
-        for (ULONG lane = 0; lane < 4; lane++) {
-            if (mask >> lane & 1) {
-                run++;
-                continue;
+        for (ULONG lane = 0; lane < QUAD_PIXELS; lane++) {
+            run = mask >> lane & 1 ? run + 1 : 0;
+            tables.Counts[mask][lane] = run;
+            for (ULONG byte = 0; byte < 3 && run == 0; byte++) {
+                tables.PackShuffle[mask][step.Bytes++] = static_cast<UCHAR>(lane * 4 + byte);
             }
-            if (leading) {
-                step.Leading = static_cast<UCHAR>(run);
-            } else if (run > 0) {
-                step.Counts[step.Bytes] = static_cast<UCHAR>(run);
-                step.Bytes += 3;
-            }
-            for (ULONG byte = 0; byte < 3; byte++) {
-                step.LiteralShuffle[step.Bytes++] = static_cast<UCHAR>(lane * 4 + byte);
-            }
-            leading = false;
-            run = 0;
         }
-        step.Trailing = static_cast<UCHAR>(run);
+        step.Open = static_cast<UCHAR>(run);
+        step.AllOpen = run == QUAD_PIXELS ? -1 : 0;
     }
-    return steps;
+    return tables;
 }
 
-constexpr QUAD_STEPS STEPS = BuildQuadSteps();
+constexpr QUAD_TABLES TABLES = BuildQuadTables();
 
-TARGET_SSSE3 inline __m128i Load(const UCHAR* source) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
+TARGET_SSSE3 FORCEINLINE __m128i Load(const void* source) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(source));
 }
 
-// Four pixels in 32-bit lanes. `PixelsRead` says how far eight pixels, loaded as two quads, are read.
-struct BGRX32_QUAD {
-    static constexpr ULONG SourceBytes = 4;
+// `PixelsRead` says how many pixels must be there for a block to be read.
+struct BGRX32_SOURCE {
+    static constexpr ULONG Bytes = 4;
     static constexpr ULONG PixelsRead = 8;
-    TARGET_SSSE3 static inline __m128i Read(const UCHAR* source) { return Load(source); }
+    TARGET_SSSE3 static FORCEINLINE __m128i ReadQuad(const UCHAR* source) { return Load(source); }
 };
 
-struct BGR24_QUAD {
-    static constexpr ULONG SourceBytes = 3;
+struct BGR24_SOURCE {
+    static constexpr ULONG Bytes = 3;
     static constexpr ULONG PixelsRead = 10;
-    TARGET_SSSE3 static inline __m128i Read(const UCHAR* source) {
+    TARGET_SSSE3 static FORCEINLINE __m128i ReadQuad(const UCHAR* source) {
         return _mm_shuffle_epi8(Load(source),
                                 _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1));
     }
 };
 
-// The bits in which four pixels differ from their predecessors.
-template <typename Quad>
-TARGET_SSSE3 inline __m128i Difference(const UCHAR* source) {
-    return _mm_and_si128(_mm_xor_si128(Quad::Read(source), Quad::Read(source - Quad::SourceBytes)),
-                         _mm_set1_epi32(KEPT_BITS));
+struct BLOCK {
+    __m128i Low; // keys
+    __m128i High;
+};
+
+template <typename Source>
+TARGET_SSSE3 FORCEINLINE __m128i ReadKeys(const UCHAR* source) {
+    return _mm_and_si128(Source::ReadQuad(source), _mm_set1_epi32(KEPT_BITS));
 }
 
-TARGET_SSSE3 inline ULONG RepeatMask(__m128i difference) {
-    const __m128i equal = _mm_cmpeq_epi32(difference, _mm_setzero_si128());
-    return static_cast<ULONG>(_mm_movemask_ps(_mm_castsi128_ps(equal)));
+template <typename Source>
+TARGET_SSSE3 FORCEINLINE BLOCK ReadBlock(const UCHAR* source) {
+    return {ReadKeys<Source>(source), ReadKeys<Source>(source + QUAD_PIXELS * Source::Bytes)};
 }
 
-// Writes four pixels, of which those in `mask` repeat their predecessor, without a branch. May write up to 19
-// bytes, whatever the cursor advances by.
-template <typename Quad>
-TARGET_SSSE3 inline void PutQuad(UCHAR** cursor, ULONG* repeats, const UCHAR* source, ULONG mask) {
-    const QUAD_STEP& step = STEPS.Step[mask];
-    const ULONG count = *repeats + step.Leading;
-    RtlCopyMemory(*cursor, &count, sizeof(count));
-    *cursor += count != 0 && !step.Flat ? 3 : 0;
+// The repeats in a block, in lanes and as a mask.
+struct REPEATS {
+    __m128i Low;
+    __m128i High;
+    ULONG Mask;
+};
 
-    const __m128i quad = Quad::Read(source);
-    const __m128i red = _mm_and_si128(_mm_srli_epi32(quad, 1), _mm_set1_epi32(0x7F0000));
-    const __m128i literals = _mm_or_si128(_mm_or_si128(_mm_and_si128(quad, _mm_set1_epi32(0xFFFF)), red),
-                                          _mm_set1_epi32(0x800000));
-    const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i*>(step.LiteralShuffle));
-    const __m128i counts = _mm_load_si128(reinterpret_cast<const __m128i*>(step.Counts));
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(*cursor),
-                     _mm_or_si128(_mm_shuffle_epi8(literals, shuffle), counts));
-    *cursor += step.Bytes;
-    *repeats = step.Trailing + (step.Flat ? *repeats : 0);
+TARGET_SSSE3 FORCEINLINE ULONG LaneMask(__m128i lanes) {
+    return static_cast<ULONG>(_mm_movemask_ps(_mm_castsi128_ps(lanes)));
 }
 
-// The number of pixels from `index` on, in steps of 16, that repeat the pixel before them.
-template <typename Quad>
-TARGET_SSSE3 inline ULONG CountRepeats(const UCHAR* source, ULONG index, ULONG end) {
-    constexpr ULONG quadBytes = 4 * Quad::SourceBytes;
-    const ULONG start = index;
-    for (; end - index >= 8 + Quad::PixelsRead; index += 16) {
-        const UCHAR* pixels = source + SIZE_T{index} * Quad::SourceBytes;
-        const __m128i first = _mm_or_si128(Difference<Quad>(pixels), Difference<Quad>(pixels + quadBytes));
-        const __m128i second =
-            _mm_or_si128(Difference<Quad>(pixels + 2 * quadBytes), Difference<Quad>(pixels + 3 * quadBytes));
-        if (RepeatMask(_mm_or_si128(first, second)) != 15) {
+// The last of the four keys in `before` precedes the block.
+TARGET_SSSE3 FORCEINLINE REPEATS FindRepeats(__m128i before, const BLOCK& block) {
+    const __m128i low = _mm_cmpeq_epi32(block.Low, _mm_alignr_epi8(block.Low, before, 12));
+    const __m128i high = _mm_cmpeq_epi32(block.High, _mm_alignr_epi8(block.High, block.Low, 12));
+    return {low, high, LaneMask(low) | LaneMask(high) << QUAD_PIXELS};
+}
+
+// The stream while vectors write it.
+struct PACK_CURSOR {
+    UCHAR* Next;
+    ULONG Repeats; // of the run that the next pixel continues
+};
+
+TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutQuad(PACK_CURSOR cursor, __m128i keys, __m128i repeatLanes,
+                                             ULONG repeats, ULONG continued) {
+    // The rounded average with 0xFF is half of red with the flag; that of equal bytes leaves blue and green
+    // alone.
+    const __m128i literals = _mm_avg_epu8(keys, _mm_or_si128(keys, _mm_set1_epi32(0xFF0000)));
+    const __m128i counts = _mm_load_si128(reinterpret_cast<const __m128i*>(TABLES.Counts[repeats]));
+    const __m128i units = _mm_or_si128(_mm_andnot_si128(repeatLanes, literals), counts);
+    const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i*>(TABLES.PackShuffle[continued]));
+    // An open run ends in the first unit of this quad, if it ends here at all.
+    const __m128i packed =
+        _mm_add_epi32(_mm_shuffle_epi8(units, shuffle), _mm_cvtsi32_si128(static_cast<LONG>(cursor.Repeats)));
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(cursor.Next), packed);
+
+    const QUAD_STEP& step = TABLES.Steps[continued];
+    return {cursor.Next + step.Bytes, step.Open + (cursor.Repeats & static_cast<ULONG>(LONG{step.AllOpen}))};
+}
+
+// Writes the count of an open run unless the next pixel continues it.
+FORCEINLINE PACK_CURSOR CloseRun(PACK_CURSOR cursor, ULONG nextRepeats) {
+    const ULONG open = 0 - (nextRepeats & 1);
+    RtlCopyMemory(cursor.Next, &cursor.Repeats, sizeof(cursor.Repeats));
+    return {cursor.Next + (3 & ~open), cursor.Repeats & open};
+}
+
+// The number of repeats from `pixels` on: a block, which is known to be all repeats, and what follows it in
+// steps of 16, such that another block can be read after it.
+template <typename Source>
+TARGET_SSSE3 FORCEINLINE ULONG CountRepeats(const UCHAR* pixels, ULONG left) {
+    constexpr ULONG step = 2 * BLOCK_PIXELS;
+    constexpr ULONG quadBytes = QUAD_PIXELS * Source::Bytes;
+    const auto difference = [](const UCHAR* quad) TARGET_SSSE3 {
+        return _mm_xor_si128(Source::ReadQuad(quad), Source::ReadQuad(quad - Source::Bytes));
+    };
+    ULONG count = BLOCK_PIXELS;
+    for (; count + step + Source::PixelsRead <= left; count += step) {
+        const UCHAR* quad = pixels + SIZE_T{count} * Source::Bytes;
+        const __m128i low = _mm_or_si128(difference(quad), difference(quad + quadBytes));
+        const __m128i high = _mm_or_si128(difference(quad + 2 * quadBytes), difference(quad + 3 * quadBytes));
+        const __m128i kept = _mm_and_si128(_mm_or_si128(low, high), _mm_set1_epi32(KEPT_BITS));
+        if (LaneMask(_mm_cmpeq_epi32(kept, _mm_setzero_si128())) != 0xF) {
             break;
         }
     }
-    return index - start;
+    return count;
 }
 
-template <typename Quad>
-TARGET_SSSE3 ULONGLONG EncodeByQuads(const UCHAR* source, UCHAR* destination, const UCHAR* destinationEnd,
-                                     ULONG pixelCount) {
-    constexpr ULONG sourceBytes = Quad::SourceBytes;
-    // The vector form writes without asking for room. At most one unit stands for each pixel; a count cannot
-    // outgrow its unit, either, in a frame that fits a render buffer.
-    constexpr ULONG overshoot = 16;
+// Encodes from `source`, whose predecessors are readable, in whole blocks as long as another block follows.
+// Returns the number of pixels encoded.
+template <typename Source>
+TARGET_SSSE3 FORCEINLINE ULONG EncodeBlocks(PACK_CURSOR* position, const UCHAR* source, ULONG pixelCount) {
+    constexpr ULONG blockBytes = BLOCK_PIXELS * Source::Bytes;
+    const auto keysBefore = [](const UCHAR* pixels) TARGET_SSSE3 {
+        return ReadKeys<Source>(pixels - QUAD_PIXELS * Source::Bytes);
+    };
+    PACK_CURSOR cursor = *position;
+    BLOCK block = ReadBlock<Source>(source);
+    REPEATS repeats = FindRepeats(keysBefore(source), block);
+    ULONG index = 0;
+    while (pixelCount - index >= BLOCK_PIXELS + Source::PixelsRead) {
+        const UCHAR* pixels = source + SIZE_T{index} * Source::Bytes;
+        const BLOCK blockAfter = ReadBlock<Source>(pixels + blockBytes);
+        const REPEATS after = FindRepeats(block.High, blockAfter);
+        const ULONG continued = repeats.Mask & (repeats.Mask >> 1 | (after.Mask & 1) << (BLOCK_PIXELS - 1));
+        // A run that goes on through the next block is worth leaving this path; a shorter one is not, because
+        // the processor cannot foresee its end.
+        if ((continued & after.Mask) == ALL_OF_BLOCK) {
+            const ULONG flat = CountRepeats<Source>(pixels, pixelCount - index);
+            cursor.Repeats += flat;
+            index += flat;
+            pixels += SIZE_T{flat} * Source::Bytes;
+            block = ReadBlock<Source>(pixels);
+            repeats = FindRepeats(keysBefore(pixels), block);
+            cursor = CloseRun(cursor, repeats.Mask);
+        } else {
+            cursor = PutQuad(cursor, block.Low, repeats.Low, repeats.Mask & 0xF, continued & 0xF);
+            cursor = PutQuad(cursor, block.High, repeats.High, repeats.Mask >> QUAD_PIXELS,
+                             continued >> QUAD_PIXELS);
+            block = blockAfter;
+            repeats = after;
+            index += BLOCK_PIXELS;
+        }
+    }
+    *position = cursor;
+    return index;
+}
+
+template <typename Source>
+TARGET_SSSE3 ULONGLONG EncodeByBlocks(const UCHAR* source, UCHAR* destination, const UCHAR* destinationEnd,
+                                      ULONG pixelCount) {
+    // Quads are written without asking for room: at most one unit stands for each pixel. Nor does a count
+    // outgrow its unit in a frame of so many pixels.
     const SIZE_T room = static_cast<SIZE_T>(destinationEnd - destination);
-    if (room < SIZE_T{pixelCount} * 3 + overshoot || pixelCount > MaxRepeatCount(3) || pixelCount < 8) {
-        return EncodeByPixel<sourceBytes>(source, destination, destinationEnd, pixelCount);
+    if (room < SIZE_T{pixelCount} * 3 + OVERSHOOT || pixelCount > MaxRepeatCount(3) ||
+        pixelCount < BLOCK_PIXELS + Source::PixelsRead) {
+        return EncodeByPixel<Source::Bytes>(source, destination, destinationEnd, pixelCount);
     }
 
     UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
-    RUN run = {~ReadKey<sourceBytes>(source, 0), 0};
-    EncodePixels<sourceBytes>(&writer, &run, source, 0, 8);
-
-    UCHAR* cursor = writer.Cursor;
-    ULONG repeats = run.Repeats;
-    ULONG index = 8;
-    while (pixelCount - index >= Quad::PixelsRead) {
-        const UCHAR* pixels = source + SIZE_T{index} * sourceBytes;
-        const ULONG low = RepeatMask(Difference<Quad>(pixels));
-        const ULONG high = RepeatMask(Difference<Quad>(pixels + 4 * sourceBytes));
-        index += 8;
-        if ((low & high) == 15) {
-            const ULONG flat = CountRepeats<Quad>(source, index, pixelCount);
-            repeats += 8 + flat;
-            index += flat;
-        } else {
-            PutQuad<Quad>(&cursor, &repeats, pixels, low);
-            PutQuad<Quad>(&cursor, &repeats, pixels + 4 * sourceBytes, high);
-        }
+    RUN run = {~ReadKey<Source::Bytes>(source, 0), 0};
+    EncodePixels<Source::Bytes>(&writer, &run, source, 0, BLOCK_PIXELS);
+    // Vectors write a run with its last pixel; one that has ended already is not theirs.
+    if (ReadKey<Source::Bytes>(source, BLOCK_PIXELS) != run.Key) {
+        COMPRESSION_EmitRepeat<3>(&writer, run.Key, run.Repeats);
+        run.Repeats = 0;
     }
-    writer.Cursor = cursor;
-    run = {ReadKey<sourceBytes>(source, index - 1), repeats};
-    EncodePixels<sourceBytes>(&writer, &run, source, index, pixelCount);
+    PACK_CURSOR cursor = {writer.Cursor, run.Repeats};
+    const ULONG done = BLOCK_PIXELS + EncodeBlocks<Source>(&cursor, source + BLOCK_PIXELS * Source::Bytes,
+                                                           pixelCount - BLOCK_PIXELS);
+    writer.Cursor = cursor.Next;
+    run = {ReadKey<Source::Bytes>(source, done - 1), cursor.Repeats};
+    EncodePixels<Source::Bytes>(&writer, &run, source, done, pixelCount);
     return FinishStream(&writer, run, destination);
 }
 
@@ -227,10 +292,10 @@ ULONGLONG COMPRESSION_EncodeBgrx32Exact(const UCHAR* source, UCHAR* destination,
 
 ULONGLONG COMPRESSION_EncodeBgr24ExactBlocks(const UCHAR* source, UCHAR* destination,
                                              const UCHAR* destinationEnd, ULONG pixelCount) {
-    return EncodeByQuads<BGR24_QUAD>(source, destination, destinationEnd, pixelCount);
+    return EncodeByBlocks<BGR24_SOURCE>(source, destination, destinationEnd, pixelCount);
 }
 
 ULONGLONG COMPRESSION_EncodeBgrx32ExactBlocks(const UCHAR* source, UCHAR* destination,
                                               const UCHAR* destinationEnd, ULONG pixelCount) {
-    return EncodeByQuads<BGRX32_QUAD>(source, destination, destinationEnd, pixelCount);
+    return EncodeByBlocks<BGRX32_SOURCE>(source, destination, destinationEnd, pixelCount);
 }

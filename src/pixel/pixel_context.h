@@ -16,7 +16,7 @@ struct GROUP_TABLES {
 };
 
 // What a group of eight pixels writes and leaves, by the mask of continued repeats.
-struct PACK_STEP {
+struct alignas(4) PACK_STEP {
     UCHAR Bytes;
     UCHAR Open;   // repeats at its end that the next group continues
     CHAR AllOpen; // -1: all eight do, and the run before them with them; else 0

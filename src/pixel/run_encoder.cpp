@@ -2,9 +2,10 @@
 
 #include "driver/device_context.h"
 #include "pixel/compression.h"
+#include "pixel/group_encoder.h"
+#include "pixel/run_packer.h"
 #include "pixel/run_stream.h"
 
-#include <emmintrin.h>
 #include <intrin.h>
 
 namespace {
@@ -52,6 +53,15 @@ void EncodePixels(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG firs
     }
 }
 
+// The stream in which a run longer than a count can say is written: the longest count and a literal, again
+// and again. What is certain of that is written here.
+inline void BreakRun(UNIT_WRITER* writer, RUN* run) {
+    while (run->Merged > MaxRepeatCount(2)) {
+        COMPRESSION_EmitRepeat<2>(writer, run->Literal, MaxRepeatCount(2) + 1);
+        run->Merged -= MaxRepeatCount(2) + 1;
+    }
+}
+
 template <ULONG UnitBytes>
 void EncodeLiterals(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first, ULONG end) {
     for (ULONG index = first; index < end; index++) {
@@ -71,8 +81,14 @@ void FinishRuns(UNIT_WRITER* writer, const RUN& run, const UCHAR* destination) {
     }
 }
 
-using ENCODE_PIXELS = void(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first, ULONG end,
-                           ULONG mask);
+using ENCODE_PIXELS = void(DEVICE_CONTEXT* context, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
+                           ULONG first, ULONG end, ULONG mask);
+
+template <ULONG UnitBytes>
+void EncodeByPixel(DEVICE_CONTEXT*, UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first,
+                   ULONG end, ULONG mask) {
+    EncodePixels<UnitBytes>(writer, run, source, first, end, mask);
+}
 
 template <ULONG UnitBytes>
 ULONGLONG EncodeStream(DEVICE_CONTEXT* context, ENCODE_PIXELS* encodePixels, const UCHAR* source,
@@ -89,7 +105,7 @@ ULONGLONG EncodeStream(DEVICE_CONTEXT* context, ENCODE_PIXELS* encodePixels, con
     UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
     RUN run = {};
     EncodeLiterals<UnitBytes>(&writer, &run, source, 0, literalsEnd);
-    encodePixels(&writer, &run, source, literalsEnd, mergeableEnd, mask);
+    encodePixels(context, &writer, &run, source, literalsEnd, mergeableEnd, mask);
     EncodeLiterals<UnitBytes>(&writer, &run, source, mergeableEnd, pixelCount);
     FinishRuns<UnitBytes>(&writer, run, destination);
     return writer.Overflow ? 0 : static_cast<ULONGLONG>(writer.Cursor - destination);
@@ -101,139 +117,153 @@ struct NEIGHBOURS {
     ULONG Close; // equal to it but for bits that may differ
 };
 
-inline __m128i LoadEight(const UCHAR* source) {
+TARGET_SSSE3 FORCEINLINE __m128i LoadEight(const UCHAR* source) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
 }
 
-inline ULONG LaneBits(__m128i low, __m128i high) {
+TARGET_SSSE3 FORCEINLINE ULONG LaneBits(__m128i low, __m128i high) {
     return static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
 }
 
 template <bool Tolerant>
-inline NEIGHBOURS CompareSixteen(const UCHAR* source, __m128i mask) {
-    const __m128i low = LoadEight(source);
-    const __m128i high = LoadEight(source + 16);
-    const __m128i lowBefore = LoadEight(source - 2);
-    const __m128i highBefore = LoadEight(source + 14);
-    NEIGHBOURS neighbours;
-    neighbours.Same = LaneBits(_mm_cmpeq_epi16(low, lowBefore), _mm_cmpeq_epi16(high, highBefore));
-    if constexpr (Tolerant) {
-        neighbours.Close =
-            LaneBits(_mm_cmpeq_epi16(_mm_or_si128(low, mask), _mm_or_si128(lowBefore, mask)),
-                     _mm_cmpeq_epi16(_mm_or_si128(high, mask), _mm_or_si128(highBefore, mask)));
+TARGET_SSSE3 FORCEINLINE NEIGHBOURS CompareBlock(const UCHAR* block, __m128i mask) {
+    const __m128i low = LoadEight(block);
+    const __m128i high = LoadEight(block + 16);
+    const __m128i lowBefore = LoadEight(block - 2);
+    const __m128i highBefore = LoadEight(block + 14);
+    const ULONG same = LaneBits(_mm_cmpeq_epi16(low, lowBefore), _mm_cmpeq_epi16(high, highBefore));
+    if constexpr (!Tolerant) {
+        return {same, same};
     } else {
-        neighbours.Close = neighbours.Same;
+        return {same, LaneBits(_mm_cmpeq_epi16(_mm_or_si128(low, mask), _mm_or_si128(lowBefore, mask)),
+                               _mm_cmpeq_epi16(_mm_or_si128(high, mask), _mm_or_si128(highBefore, mask)))};
     }
-    return neighbours;
 }
 
-// Which of the sixteen pixels become literals. All pixels of a run are close to its literal, so one that is
-// not close to its predecessor is always a literal, and one that is close without being the same never is.
-// One that equals its predecessor is a literal only if that predecessor was merged without having the
-// literal's value: this alone needs the literal itself.
-inline ULONG FindLiterals(const NEIGHBOURS& neighbours, const UCHAR* source, const RUN& run) {
-    ULONG literals = ~neighbours.Close & 0xFFFF;
-    const ULONG looseBefore =
-        (neighbours.Close & ~neighbours.Same) << 1 | (ReadPixel<2>(source - 2, 0) != run.Literal ? 1 : 0);
-    ULONG doubtful = neighbours.Same & looseBefore;
-    ULONG bit;
-    while (_BitScanForward(&bit, doubtful)) {
-        doubtful &= doubtful - 1;
-        ULONG last;
-        const ULONG literal =
-            _BitScanReverse(&last, literals & ((1u << bit) - 1)) ? ReadPixel<2>(source, last) : run.Literal;
-        if (ReadPixel<2>(source, bit) != literal) {
-            literals |= 1u << bit;
+// The value of the last literal up to and with `block`, of which `literals` are the literals; `before` is
+// that of the last one before the block.
+inline ULONG LastLiteral(const UCHAR* block, ULONG literals, ULONG before) {
+    ULONG last;
+    return _BitScanReverse(&last, literals) ? ReadPixel<2>(block, last) : before;
+}
+
+// Which pixels of a block become literals. All pixels of a run are close to its literal, so one that is not
+// close to its predecessor is always a literal, and one that is close without being the same never is. One
+// that equals its predecessor is a literal only if that predecessor was merged without having the literal's
+// value: this alone needs the literal itself.
+template <bool Tolerant>
+TARGET_SSSE3 FORCEINLINE ULONG FindLiterals(const UCHAR* block, __m128i mask, ULONG literalBefore) {
+    const NEIGHBOURS neighbours = CompareBlock<Tolerant>(block, mask);
+    ULONG literals = ~neighbours.Close & ALL_OF_BLOCK;
+    if constexpr (Tolerant) {
+        const ULONG looseBefore = (neighbours.Close & ~neighbours.Same) << 1 |
+                                  (ReadPixel<2>(block - 2, 0) != literalBefore ? 1 : 0);
+        ULONG doubtful = neighbours.Same & looseBefore;
+        ULONG bit;
+        while (_BitScanForward(&bit, doubtful)) {
+            doubtful &= doubtful - 1;
+            if (ReadPixel<2>(block, bit) != LastLiteral(block, literals & ((1u << bit) - 1), literalBefore)) {
+                literals |= 1u << bit;
+            }
         }
     }
     return literals;
 }
 
-inline void StoreUnit(UCHAR* cursor, ULONG unit) {
-    const USHORT word = static_cast<USHORT>(unit);
-    RtlCopyMemory(cursor, &word, sizeof(word));
-}
-
-// Writes sixteen pixels of which those in `literals` (at least one) are not merged.
-inline void PutSixteen(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG literals) {
-    ULONG bit = 0;
-    _BitScanForward(&bit, literals);
-    COMPRESSION_EmitRepeat<2>(writer, run->Literal, run->Merged + bit);
-    UCHAR* cursor = writer->Cursor;
-    ULONG next = bit;
-    do {
-        StoreUnit(cursor, bit - next);
-        cursor += bit != next ? 2 : 0;
-        StoreUnit(cursor, LiteralUnit<2>(ReadPixel<2>(source, bit)));
-        cursor += 2;
-        next = bit + 1;
-        literals &= literals - 1;
-    } while (_BitScanForward(&bit, literals));
-    writer->Cursor = cursor;
-    *run = {ReadPixel<2>(source, next - 1), 16 - next};
-}
-
-inline void PutSixteenLiterals(UNIT_WRITER* writer, RUN* run, const UCHAR* source) {
-    COMPRESSION_EmitRepeat<2>(writer, run->Literal, run->Merged);
-    const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(0x8000));
-    __m128i* out = reinterpret_cast<__m128i*>(writer->Cursor);
-    _mm_storeu_si128(out, _mm_or_si128(LoadEight(source), flag));
-    _mm_storeu_si128(out + 1, _mm_or_si128(LoadEight(source + 16), flag));
-    writer->Cursor += 32;
-    *run = {ReadPixel<2>(source, 15), 0};
-}
-
-// The number of pixels from `index` on, in steps of 32, that equal the pixel before them.
-inline ULONG CountSame(const UCHAR* source, ULONG index, ULONG end) {
-    const ULONG start = index;
-    for (; end - index >= 32; index += 32) {
-        const UCHAR* pixel = source + SIZE_T{index} * 2;
-        __m128i same = _mm_cmpeq_epi16(LoadEight(pixel), LoadEight(pixel - 2));
+// The number of pixels from `pixels` on, in steps of 32, that equal the pixel before them, at most `limit`.
+TARGET_SSSE3 FORCEINLINE ULONG CountSame(const UCHAR* pixels, ULONG limit) {
+    ULONG count = 0;
+    for (; count + 32 <= limit; count += 32) {
+        const UCHAR* block = pixels + SIZE_T{count} * 2;
+        __m128i same = _mm_cmpeq_epi16(LoadEight(block), LoadEight(block - 2));
         for (ULONG offset = 16; offset < 64; offset += 16) {
             same = _mm_and_si128(same,
-                                 _mm_cmpeq_epi16(LoadEight(pixel + offset), LoadEight(pixel + offset - 2)));
+                                 _mm_cmpeq_epi16(LoadEight(block + offset), LoadEight(block + offset - 2)));
         }
         if (_mm_movemask_epi8(same) != 0xFFFF) {
             break;
         }
     }
-    return index - start;
+    return count;
 }
 
+// A block may lengthen an open run by as much before it writes its count.
+constexpr ULONG LONGEST_OPEN_RUN = MaxRepeatCount(2) - BLOCK_PIXELS;
+
+// Encodes whole blocks from `index` on, as long as another block follows and counts fit their units. Returns
+// the pixel it stopped at. In `run`, the pixels merged are those of a run that goes on there.
 template <bool Tolerant>
-void EncodeSixteens(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first, ULONG end, ULONG mask) {
-    const __m128i maskLanes = _mm_set1_epi16(static_cast<SHORT>(mask));
-    ULONG index = first;
-    while (end - index >= 16) {
-        const UCHAR* pixels = source + SIZE_T{index} * 2;
-        const NEIGHBOURS neighbours = CompareSixteen<Tolerant>(pixels, maskLanes);
-        const ULONG literals = Tolerant ? FindLiterals(neighbours, pixels, *run) : ~neighbours.Close & 0xFFFF;
-        index += 16;
-        if (literals == 0) {
-            run->Merged += 16;
-            if (neighbours.Same == 0xFFFF) {
-                const ULONG same = CountSame(source, index, end);
-                run->Merged += same;
-                index += same;
-            }
-        } else if (literals == 0xFFFF) {
-            PutSixteenLiterals(writer, run, pixels);
+TARGET_SSSE3 ULONG EncodeBlocks(const RUN_PACKER& packer, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
+                                ULONG index, ULONG end, __m128i mask) {
+    const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(0x8000));
+    PACK_CURSOR cursor = {writer->Cursor, run->Merged};
+    ULONG literal = run->Literal;
+    ULONG literals = FindLiterals<Tolerant>(source + SIZE_T{index} * 2, mask, literal);
+    while (end - index >= 2 * BLOCK_PIXELS && cursor.Repeats <= LONGEST_OPEN_RUN) {
+        const UCHAR* block = source + SIZE_T{index} * 2;
+        literal = Tolerant ? LastLiteral(block, literals, literal) : 0;
+        const ULONG repeats = ~literals & ALL_OF_BLOCK;
+        const ULONG literalsAfter = FindLiterals<Tolerant>(block + BLOCK_BYTES, mask, literal);
+        const ULONG continued = PACKER_FindContinued(repeats, ~literalsAfter);
+        index += BLOCK_PIXELS;
+        if (continued == ALL_OF_BLOCK && literalsAfter == 0) {
+            cursor.Repeats += BLOCK_PIXELS;
+            // Equal pixels go on being merged if they have the literal's value.
+            const ULONG left = end - index - BLOCK_PIXELS;
+            const ULONG open = LONGEST_OPEN_RUN - cursor.Repeats;
+            const BOOLEAN exact = !Tolerant || ReadPixel<2>(source, index - 1) == literal;
+            const ULONG same = exact ? CountSame(block + BLOCK_BYTES, left < open ? left : open) : 0;
+            cursor.Repeats += same;
+            index += same;
+            literals = FindLiterals<Tolerant>(source + SIZE_T{index} * 2, mask, literal);
+            cursor = PACKER_CloseRun(cursor, ~literals);
         } else {
-            PutSixteen(writer, run, pixels, literals);
+            cursor = PACKER_PutBlock(packer, cursor, _mm_or_si128(LoadEight(block), flag),
+                                     _mm_or_si128(LoadEight(block + 16), flag), repeats, continued);
+            literals = literalsAfter;
+        }
+    }
+    writer->Cursor = cursor.Next;
+    *run = {Tolerant ? literal : ReadPixel<2>(source, index - 1), cursor.Repeats};
+    return index;
+}
+
+// Whether the pixel at `index` goes on with the run.
+inline bool Continues(const RUN& run, const UCHAR* source, ULONG index, ULONG mask) {
+    const ULONG pixel = ReadPixel<2>(source, index);
+    return pixel == run.Literal ||
+           ((pixel | mask) == (run.Literal | mask) && pixel != ReadPixel<2>(source, index - 1));
+}
+
+// The vector form. It writes without asking for room: at most one unit stands for each pixel.
+void Encode16ByBlocks(DEVICE_CONTEXT* context, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
+                      ULONG first, ULONG end, ULONG mask) {
+    if (static_cast<SIZE_T>(writer->End - writer->Cursor) < (SIZE_T{end} - first) * 2 + PACKER_OVERSHOOT) {
+        EncodePixels<2>(writer, run, source, first, end, mask);
+        return;
+    }
+    if (!context->Pixel.GroupTablesReady) {
+        COMPRESSION_BuildGroupTables(context);
+    }
+    const RUN_PACKER packer = PACKER_Create(context->Pixel);
+    const __m128i maskLanes = _mm_set1_epi16(static_cast<SHORT>(mask));
+    const auto encodeBlocks = (mask & 0xFFFF) != 0 ? EncodeBlocks<true> : EncodeBlocks<false>;
+    ULONG index = first;
+    while (end - index >= 2 * BLOCK_PIXELS) {
+        // Vectors write a run with its last pixel; one that has ended already is not theirs.
+        if (!Continues(*run, source, index, mask)) {
+            COMPRESSION_EmitRepeat<2>(writer, run->Literal, run->Merged);
+            run->Merged = 0;
+        }
+        index = encodeBlocks(packer, writer, run, source, index, end, maskLanes);
+        if (end - index >= 2 * BLOCK_PIXELS) {
+            // They stopped before a count that might not fit its unit.
+            EncodePixels<2>(writer, run, source, index, index + BLOCK_PIXELS, mask);
+            index += BLOCK_PIXELS;
+            BreakRun(writer, run);
         }
     }
     EncodePixels<2>(writer, run, source, index, end, mask);
-}
-
-// The vector form writes without asking for room: at most one unit stands for each pixel.
-void EncodePixels16(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first, ULONG end, ULONG mask) {
-    if (static_cast<ULONGLONG>(writer->End - writer->Cursor) < (ULONGLONG{end} - first) * 2) {
-        EncodePixels<2>(writer, run, source, first, end, mask);
-    } else if ((mask & 0xFFFF) != 0) {
-        EncodeSixteens<true>(writer, run, source, first, end, mask);
-    } else {
-        EncodeSixteens<false>(writer, run, source, first, end, mask);
-    }
 }
 
 } // namespace
@@ -241,8 +271,8 @@ void EncodePixels16(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG fi
 ULONGLONG COMPRESSION_EncodeRuns(DEVICE_CONTEXT* context, const UCHAR* source, ULONGLONG sourceSize,
                                  ULONG pixelCount, ULONG unitBytes, UCHAR* destination,
                                  const UCHAR* destinationEnd, BOOLEAN leadIn) {
-    if (unitBytes == 2) {
-        return EncodeStream<2>(context, EncodePixels16, source, sourceSize, pixelCount, destination,
+    if (unitBytes == 2 && context->Cpu.CpuHasSsse3) {
+        return EncodeStream<2>(context, Encode16ByBlocks, source, sourceSize, pixelCount, destination,
                                destinationEnd, leadIn);
     }
     return COMPRESSION_EncodeRunsByPixel(context, source, sourceSize, pixelCount, unitBytes, destination,
@@ -254,13 +284,13 @@ ULONGLONG COMPRESSION_EncodeRunsByPixel(DEVICE_CONTEXT* context, const UCHAR* so
                                         const UCHAR* destinationEnd, BOOLEAN leadIn) {
     switch (unitBytes) {
     case 1:
-        return EncodeStream<1>(context, EncodePixels<1>, source, sourceSize, pixelCount, destination,
+        return EncodeStream<1>(context, EncodeByPixel<1>, source, sourceSize, pixelCount, destination,
                                destinationEnd, leadIn);
     case 2:
-        return EncodeStream<2>(context, EncodePixels<2>, source, sourceSize, pixelCount, destination,
+        return EncodeStream<2>(context, EncodeByPixel<2>, source, sourceSize, pixelCount, destination,
                                destinationEnd, leadIn);
     default:
-        return EncodeStream<3>(context, EncodePixels<3>, source, sourceSize, pixelCount, destination,
+        return EncodeStream<3>(context, EncodeByPixel<3>, source, sourceSize, pixelCount, destination,
                                destinationEnd, leadIn);
     }
 }

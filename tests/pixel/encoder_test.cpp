@@ -227,13 +227,14 @@ TEST(Encoder, StaysInsideItsDestination) {
 // A client's buffer that ends before the frame does: pixels from there on are shown as they are, unmerged.
 TEST(Encoder, TolerantEncoderMergesNothingBeyondTheSource) {
     const auto context = test::makeContext();
-    const Bytes source = run(40, 0x1234, 2);
+    const Bytes source = run(140, 0x1234, 2);
+    context->Cpu.CpuHasSsse3 = TRUE;
     for (const auto encodeRuns : {COMPRESSION_EncodeRuns, COMPRESSION_EncodeRunsByPixel}) {
-        AlignedBuffer destination(200);
-        const ULONGLONG length = encodeRuns(context.get(), source.data(), 20, 40, 2, destination.data(),
-                                            destination.data() + 200, FALSE);
-        // A literal, nine repeats, and thirty more literals.
-        EXPECT_EQ(destination.bytes(0, length), words({0x9234, 9}) + run(30, 0x9234, 2));
+        AlignedBuffer destination(400);
+        const ULONGLONG length = encodeRuns(context.get(), source.data(), 200, 140, 2, destination.data(),
+                                            destination.data() + 400, FALSE);
+        // A literal, 99 repeats, and forty more literals.
+        EXPECT_EQ(destination.bytes(0, length), words({0x9234, 99}) + run(40, 0x9234, 2));
     }
 }
 

@@ -30,6 +30,7 @@ struct Encoder {
 template <unsigned Unit, bool ByPixel>
 ULONGLONG encodeRuns(DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
                      const UCHAR* end) {
+    context->Cpu.CpuHasSsse3 = TRUE;
     return (ByPixel ? COMPRESSION_EncodeRunsByPixel : COMPRESSION_EncodeRuns)(
         context, source.data(), source.size(), pixels, Unit, destination, end, TRUE);
 }
