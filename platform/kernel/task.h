@@ -30,9 +30,9 @@ namespace kernel {
 // Where the task's processor time went. Written by the task alone.
 struct Account {
     Domain domain = Domain::Host;
-    unsigned depth = 0;              // nested entries into the driver
-    bool byTicks = false;         // how the outermost entry under way is measured
-    std::uint64_t enteredAt = 0;  // ticks, or the thread's processor time in nanoseconds, at that entry
+    unsigned depth = 0;          // nested entries into the driver
+    bool byTicks = false;        // how the outermost entry under way is measured
+    std::uint64_t enteredAt = 0; // ticks, or the thread's processor time in nanoseconds, at that entry
     std::uint64_t sleptAtEntry = 0;
     std::uint64_t platformTicks = 0; // time stamp ticks in the platform since then, without sleep
     std::uint64_t driver = 0;        // nanoseconds in the driver, entries that ended
