@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <span>
 #include <string>
@@ -27,11 +28,11 @@ using Bytes = std::vector<std::uint8_t>;
 
 // The frame, or nothing for a stream that does not give one.
 std::optional<Bytes> expandByPixel(std::span<const std::uint8_t> stream, unsigned unit, std::size_t pixels) {
-    Bytes frame;
-    frame.reserve(pixels * unit);
+    Bytes frame(pixels * unit);
     Bytes pixel;
     std::size_t at = 0;
-    while (frame.size() < pixels * unit) {
+    std::size_t done = 0;
+    while (done < pixels) {
         if (at + unit > stream.size()) {
             return std::nullopt;
         }
@@ -49,11 +50,11 @@ std::optional<Bytes> expandByPixel(std::span<const std::uint8_t> stream, unsigne
                 count |= static_cast<std::size_t>(bytes[i]) << 8 * i;
             }
         }
-        if (pixel.empty() || count == 0 || count > pixels - frame.size() / unit) {
+        if (pixel.empty() || count == 0 || count > pixels - done) {
             return std::nullopt;
         }
-        for (; count > 0; count--) {
-            frame.insert(frame.end(), pixel.begin(), pixel.end());
+        for (; count > 0; count--, done++) {
+            std::memcpy(&frame[done * unit], pixel.data(), unit);
         }
     }
     const std::size_t filling = stream.size() - at;
