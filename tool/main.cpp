@@ -207,7 +207,7 @@ int fail(ExitStatus status, const char* message) {
 
 int runTool(int argc, char** argv) {
     CLI::App app(kAbout, "usbdisplay");
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return fmt::format("usbdisplay: {} (--help tells what is allowed)\n", error.what());
     });
@@ -220,6 +220,9 @@ int runTool(int argc, char** argv) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(ExitStatus::BadInput);
+    }
+    if (!action) {
+        throw InputError("a command is missing; allowed are show, run, modes, edid (--help explains them)");
     }
     return static_cast<int>(action());
 }

@@ -121,14 +121,15 @@ class ShowRun {
         for (std::uint64_t identifier = 1; identifier <= kFrameBuffers; identifier++) {
             session_.createFrameBuffer(identifier, mode_.width, mode_.height);
         }
+        // With the display still off, so that the first picture has its pointer from the start.
+        if (options_.pointer) {
+            session_.setPointer(desktop::builtinPointer("arrow"));
+            session_.movePointer(options_.pointer->first, options_.pointer->second, true);
+        }
         session_.setDisplayPower(true);
         if (!session_.adapter().outputMode()) {
             throw DeviceError(fmt::format("the driver did not set the mode {}x{}: {}", mode_.width,
                                           mode_.height, session_.adapter().darkReason()));
-        }
-        if (options_.pointer) {
-            session_.setPointer(desktop::builtinPointer("arrow"));
-            session_.movePointer(options_.pointer->first, options_.pointer->second, true);
         }
     }
 

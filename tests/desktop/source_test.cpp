@@ -65,7 +65,9 @@ TEST_F(Sources, HostilePngFilesAreRefused) {
     const std::vector<std::uint8_t> good = readFile(place("good.png"), 1 << 20);
     const auto altered = [&](std::size_t at, std::initializer_list<std::uint8_t> bytes) {
         std::vector<std::uint8_t> copy = good;
-        std::ranges::copy(bytes, copy.begin() + static_cast<std::ptrdiff_t>(at));
+        for (const std::uint8_t byte : bytes) {
+            copy.at(at++) = byte;
+        }
         return copy;
     };
     const std::vector<std::uint8_t> cut(good.begin(),

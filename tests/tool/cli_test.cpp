@@ -59,7 +59,7 @@ TEST_F(Tool, RefusesBadUsageInOneLine) {
     const std::string odd = write("odd.bin", "123");
     const std::string half = write("half.raw", "123");
     const std::pair<std::string, std::string> cases[] = {
-        {"", "A subcommand is required"},
+        {"", "a command is missing; allowed are show, run, modes, edid"},
         {"fly", "fly"},
         {"show --fly", "--fly"},
         {"show --image " + place("none.png"), "none.png\": No such file"},
