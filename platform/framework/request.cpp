@@ -137,6 +137,8 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
     }
     Ref<Request> self(this);
     reference(); // given back by `finish`
+    // What the driver did before the send, its completion routine sees on whatever processor it runs.
+    kernel::announceRelease(this);
     switch (target.admit(*this, (flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE) != 0)) {
     case IoTarget::Admission::Refuse:
         release();
@@ -264,6 +266,7 @@ void Request::prepareResult(const TransferResult& result) {
 
 void Request::finish(const TransferResult& result) {
     endWaiting();
+    kernel::announceAcquire(this);
     prepareResult(result);
     const auto routine = routine_;
     const auto context = routineContext_;

@@ -100,12 +100,15 @@ void Reader::submit(Read& read) {
     if (withdraw) {
         submission->cancel(STATUS_CANCELLED);
     }
+    // The callbacks of one read come one after the other.
+    kernel::announceRelease(&read);
     submission->start(kernel::kForever);
 }
 
 void Reader::completed(Read& read, const TransferResult& result) {
     // Once the reader counts as idle a pipe that is being removed waits no longer.
     const Ref<UsbPipe> pin(&pipe_);
+    kernel::announceAcquire(&read);
     {
         std::shared_ptr<Submission> ended;
         KernelGuard guard;

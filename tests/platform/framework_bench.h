@@ -29,8 +29,7 @@ constexpr UCHAR kOutEndpoint = 0x02;
 constexpr UCHAR kReportEndpoint = 0x83;
 
 // Three interfaces as the adapter has them: nothing, bulk OUT, interrupt IN. Vendor requests
-// read and write four bytes at wIndex. The members are for tests that run under `sim` or hold `mutex`, which
-// may be taken again by a completion that sends anew.
+// read and write four bytes at wIndex.
 class SmallDevice final : public usb::Device {
   public:
     enum class Bulk { Accept, Hold, Stall };
@@ -38,56 +37,58 @@ class SmallDevice final : public usb::Device {
     usb::Speed speed() const override { return usb::Speed::Super; }
 
     void submit(usb::Transfer& transfer) override {
-        const std::lock_guard lock(mutex);
-        if (gone) {
-            finish(transfer, usb::Status::Gone, 0);
-        } else if (transfer.type == usb::TransferType::Control) {
-            control(transfer);
-        } else if (transfer.endpoint == kReportEndpoint) {
-            reads.push_back(&transfer);
-            report();
-        } else if (bulk == Bulk::Hold) {
-            held.push_back(&transfer);
-        } else if (bulk == Bulk::Stall) {
-            finish(transfer, usb::Status::Stalled, 0);
-        } else {
-            sent.emplace_back(transfer.data.begin(), transfer.data.end());
-            finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(transfer.data.size()));
-        }
+        change([&](Ended& ended) {
+            if (gone) {
+                ended.push_back({&transfer, usb::Status::Gone, 0});
+            } else if (transfer.type == usb::TransferType::Control) {
+                control(transfer, ended);
+            } else if (transfer.endpoint == kReportEndpoint) {
+                reads.push_back(&transfer);
+                sendReports(ended);
+            } else if (bulk == Bulk::Hold) {
+                held.push_back(&transfer);
+            } else if (bulk == Bulk::Stall) {
+                ended.push_back({&transfer, usb::Status::Stalled, 0});
+            } else {
+                sent.emplace_back(transfer.data.begin(), transfer.data.end());
+                succeed(transfer, transfer.data.size(), ended);
+            }
+        });
     }
 
     void cancel(usb::Transfer& transfer) override {
-        const std::lock_guard lock(mutex);
-        for (auto* list : {&held, &reads}) {
-            if (std::erase(*list, &transfer) != 0) {
-                finish(transfer, usb::Status::Cancelled, 0);
-                return;
+        change([&](Ended& ended) {
+            if (std::erase(held, &transfer) + std::erase(reads, &transfer) != 0) {
+                ended.push_back({&transfer, usb::Status::Cancelled, 0});
             }
-        }
+        });
     }
 
     void disconnect() override {
-        const std::lock_guard lock(mutex);
-        gone = true;
-        for (auto* list : {&held, &reads}) {
-            for (usb::Transfer* transfer : std::exchange(*list, {})) {
-                finish(*transfer, usb::Status::Gone, 0);
+        change([&](Ended& ended) {
+            gone = true;
+            for (auto* list : {&held, &reads}) {
+                for (usb::Transfer* transfer : std::exchange(*list, {})) {
+                    ended.push_back({transfer, usb::Status::Gone, 0});
+                }
             }
-        }
+        });
     }
 
     // Sends a report to the oldest read, now or when there is one.
     void report(std::uint8_t value) {
-        const std::lock_guard lock(mutex);
-        reports.push_back(value);
-        report();
+        change([&](Ended& ended) {
+            reports.push_back(value);
+            sendReports(ended);
+        });
     }
 
     // Ends the oldest read.
     void failRead(usb::Status status) {
-        usb::Transfer* read = reads.front();
-        reads.erase(reads.begin());
-        finish(*read, status, 0);
+        change([&](Ended& ended) {
+            ended.push_back({reads.front(), status, 0});
+            reads.erase(reads.begin());
+        });
     }
 
     static std::vector<std::uint8_t> configuration() {
@@ -107,39 +108,59 @@ class SmallDevice final : public usb::Device {
     std::vector<usb::Transfer*> held;
     std::vector<usb::Transfer*> reads;
     std::vector<std::uint8_t> reports;
-    std::recursive_mutex mutex;
 
   private:
-    static void finish(usb::Transfer& transfer, usb::Status status, std::uint32_t actual) {
-        transfer.status = status;
-        transfer.actual = actual;
-        transfer.complete(transfer);
+    struct End {
+        usb::Transfer* transfer;
+        usb::Status status;
+        std::uint32_t actual;
+    };
+    using Ended = std::vector<End>;
+
+    // Changes the state under the lock and completes what ended with that after it: a completion is a
+    // scheduling point and may come back with the next transfer.
+    template <typename Change>
+    void change(Change change) {
+        Ended ended;
+        {
+            const std::lock_guard lock(mutex_);
+            change(ended);
+        }
+        for (const End& end : ended) {
+            end.transfer->status = end.status;
+            end.transfer->actual = end.actual;
+            end.transfer->complete(*end.transfer);
+        }
     }
 
-    void report() {
+    static void succeed(usb::Transfer& transfer, std::size_t actual, Ended& ended) {
+        ended.push_back({&transfer, usb::Status::Success, static_cast<std::uint32_t>(actual)});
+    }
+
+    void sendReports(Ended& ended) {
         while (!reports.empty() && !reads.empty()) {
             usb::Transfer* read = reads.front();
             reads.erase(reads.begin());
             read->data[0] = reports.front();
             reports.erase(reports.begin());
-            finish(*read, usb::Status::Success, 1);
+            succeed(*read, 1, ended);
         }
     }
 
-    void answer(usb::Transfer& transfer, const std::vector<std::uint8_t>& bytes) {
+    static void answer(usb::Transfer& transfer, const std::vector<std::uint8_t>& bytes, Ended& ended) {
         const std::size_t size = std::min(bytes.size(), transfer.data.size());
         std::memcpy(transfer.data.data(), bytes.data(), size);
-        finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(size));
+        succeed(transfer, size, ended);
     }
 
-    void control(usb::Transfer& transfer) {
+    void control(usb::Transfer& transfer, Ended& ended) {
         const usb::SetupPacket& setup = transfer.setup;
         if ((setup.requestType & 0x60) == 0x40) {
-            vendor(transfer);
+            vendor(transfer, ended);
         } else if (setup.request == 6 && setup.value >> 8 == 1) {
-            answer(transfer, {18, 1, 0, 3, 0xFF, 0, 0, 9, 0x09, 0x12, 3, 0, 0, 2, 0, 0, 0, 1});
+            answer(transfer, {18, 1, 0, 3, 0xFF, 0, 0, 9, 0x09, 0x12, 3, 0, 0, 2, 0, 0, 0, 1}, ended);
         } else if (setup.request == 6 && setup.value >> 8 == 2) {
-            answer(transfer, configurationDescriptor);
+            answer(transfer, configurationDescriptor, ended);
         } else {
             constexpr std::pair<int, const char*> names[] = {
                 {1, "clear halt"}, {9, "set configuration"}, {11, "set interface"}};
@@ -148,21 +169,23 @@ class SmallDevice final : public usb::Device {
                     standardRequests.emplace_back(name);
                 }
             }
-            finish(transfer, usb::Status::Success, 0);
+            succeed(transfer, 0, ended);
         }
     }
 
-    void vendor(usb::Transfer& transfer) {
+    void vendor(usb::Transfer& transfer, Ended& ended) {
         auto& value = registers[transfer.setup.index];
         if (deaf) {
             held.push_back(&transfer);
         } else if (transfer.isIn()) {
-            answer(transfer, {value.begin(), value.end()});
+            answer(transfer, {value.begin(), value.end()}, ended);
         } else {
             std::copy_n(transfer.data.begin(), std::min<std::size_t>(4, transfer.data.size()), value.begin());
-            finish(transfer, usb::Status::Success, static_cast<std::uint32_t>(transfer.data.size()));
+            succeed(transfer, transfer.data.size(), ended);
         }
     }
+
+    std::mutex mutex_; // for the free-running scheduler; tests that look at the members run under `sim`
 };
 
 // What the driver does in its callbacks, and the order in which they came.
