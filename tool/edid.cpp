@@ -85,11 +85,14 @@ std::string fatesTable(const std::vector<ModeFate>& fates) {
 }
 
 std::string offerLine(const std::vector<EdidMode>& offered) {
-    std::string line;
+    std::vector<std::string> modes;
     for (const EdidMode& mode : offered) {
-        line += fmt::format("{}{}", line.empty() ? "" : ", ", modeText(mode));
+        const std::string text = modeText(mode);
+        if (std::ranges::find(modes, text) == modes.end()) {
+            modes.push_back(text);
+        }
     }
-    return line.empty() ? "nothing: the client reads zeroes" : line;
+    return modes.empty() ? "nothing: the client reads zeroes" : fmt::format("{}", fmt::join(modes, ", "));
 }
 
 void printReport(const EdidOptions& options, const std::vector<ModeFate>& fates, const Block& block,
