@@ -160,16 +160,19 @@ usb::Clock& Machine::clock() {
 }
 
 void Machine::sleep(usb::Time duration) {
+    kernel::PlatformCall platformCall;
     kernel::waitUntil(this, {"Machine::sleep", nullptr, nullptr}, kernel::now() + duration,
                       [] { return false; });
 }
 
 NTSTATUS Machine::loadDriver(DriverEntryRoutine* entry, std::u16string_view service) {
+    kernel::PlatformCall platformCall;
     state_->service = service;
     return framework::loadDriver(entry, service);
 }
 
 void Machine::unloadDriver() {
+    kernel::PlatformCall platformCall;
     while (!state_->nodes.empty()) {
         remove(*state_->nodes.back());
     }
@@ -181,6 +184,7 @@ void Machine::unloadDriver() {
 }
 
 void Machine::setParameter(std::u16string_view name, RegistryValue value) {
+    kernel::PlatformCall platformCall;
     const auto key = kernel::parametersKey(state_->service);
     if (const ULONG* number = std::get_if<ULONG>(&value)) {
         key->assign(name, kernel::RegistryValue::dword(*number));
@@ -191,10 +195,12 @@ void Machine::setParameter(std::u16string_view name, RegistryValue value) {
 }
 
 void Machine::removeParameter(std::u16string_view name) {
+    kernel::PlatformCall platformCall;
     kernel::parametersKey(state_->service)->remove(name);
 }
 
 std::optional<RegistryValue> Machine::parameter(std::u16string_view name) const {
+    kernel::PlatformCall platformCall;
     const auto value = kernel::parametersKey(state_->service)->value(name);
     if (!value) {
         return std::nullopt;
@@ -206,6 +212,7 @@ std::optional<RegistryValue> Machine::parameter(std::u16string_view name) const 
 }
 
 DeviceNode& Machine::plug(usb::Device& device, const usb::HostOptions& options) {
+    kernel::PlatformCall platformCall;
     DeviceNode& node = state_->add(device, options);
     const std::optional<Identity> identity = enumerate(node.host);
     if (!identity) {
@@ -228,14 +235,17 @@ usb::Host& Machine::host(DeviceNode& node) {
 }
 
 NTSTATUS Machine::queryRemove(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     return node.node->queryRemove();
 }
 
 void Machine::cancelRemove(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     node.node->cancelRemove();
 }
 
 void Machine::remove(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     if (node.node != nullptr) {
         if (node.node->started()) {
             // The user may have gone on without waiting for the answer: the bench removes either way.
@@ -247,6 +257,7 @@ void Machine::remove(DeviceNode& node) {
 }
 
 void Machine::surpriseRemove(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     node.host.disconnect();
     if (node.node != nullptr) {
         if (node.node->hasDevice()) {
@@ -260,36 +271,43 @@ void Machine::surpriseRemove(DeviceNode& node) {
 }
 
 void Machine::stop(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     if (node.node->stop() != STATUS_SUCCESS) {
         throw std::runtime_error("the device refused to stop");
     }
 }
 
 NTSTATUS Machine::restart(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     node.startStatus = node.node->start();
     return node.startStatus;
 }
 
 void Machine::suspend(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     node.node->sleep();
 }
 
 void Machine::resume(DeviceNode& node) {
+    kernel::PlatformCall platformCall;
     node.startStatus = node.node->wake();
 }
 
 std::vector<std::u16string> Machine::interfaces(const GUID& interfaceClass) const {
+    kernel::PlatformCall platformCall;
     return kernel::enabledInterfaces(interfaceClass);
 }
 
 void Machine::onInterfaceChange(const GUID& interfaceClass,
                                 std::function<void(const InterfaceChange&)> callback) {
+    kernel::PlatformCall platformCall;
     kernel::subscribeInterfaces(interfaceClass, [callback](bool arrived, const std::u16string& link) {
         callback(InterfaceChange{arrived, link});
     });
 }
 
 NTSTATUS Machine::open(std::u16string_view link, std::shared_ptr<InterfaceHandle>& handle) {
+    kernel::PlatformCall platformCall;
     const PDEVICE_OBJECT pdo = kernel::interfaceDevice(link);
     if (pdo == nullptr) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -305,12 +323,14 @@ NTSTATUS Machine::open(std::u16string_view link, std::shared_ptr<InterfaceHandle
 
 NTSTATUS Machine::internalControl(InterfaceHandle& handle, ULONG code, std::span<const std::uint8_t> input,
                                   std::span<std::uint8_t> output, ULONG_PTR& information) {
+    kernel::PlatformCall platformCall;
     return handle.device.node->internalControl(handle.file, code, input.data(),
                                                static_cast<ULONG>(input.size()), output.data(),
                                                static_cast<ULONG>(output.size()), information);
 }
 
 void Machine::close(std::shared_ptr<InterfaceHandle>& handle) {
+    kernel::PlatformCall platformCall;
     if (handle != nullptr) {
         handle->device.node->close(handle->file);
         handle.reset();
@@ -318,14 +338,17 @@ void Machine::close(std::shared_ptr<InterfaceHandle>& handle) {
 }
 
 std::uint64_t Machine::poolAllocations() const {
+    kernel::PlatformCall platformCall;
     return kernel::poolAllocations();
 }
 
 std::uint64_t Machine::objectCreations() const {
+    kernel::PlatformCall platformCall;
     return framework::objectCreations();
 }
 
 std::vector<CpuTime> Machine::cpuTimes() const {
+    kernel::PlatformCall platformCall;
     std::vector<CpuTime> times;
     for (kernel::DriverTime& time : kernel::driverTimes()) {
         times.push_back({std::move(time.task), time.kind, time.nanoseconds});
