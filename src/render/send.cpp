@@ -112,8 +112,8 @@ void EndDispatch(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingLi
 // One dispatch, from BeginDispatch to EndDispatch.
 struct DISPATCH {
     ULONG Sent;
-    BOOLEAN IsAlone;  // the context sent last is the only one in flight
-    BOOLEAN MayTopUp; // no request was refused; a second transfer would be, too
+    BOOLEAN IsAlone; // the context sent last is the only one in flight
+    BOOLEAN Refused; // a request could not be sent; a second transfer would be refused, too
 };
 
 // The newest frame follows the only transfer in flight, so that the pipe does not run dry.
@@ -128,6 +128,15 @@ void TopUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock
     }
 }
 
+// No completion will keep the stream going, and a client with nothing to redraw would be left with the
+// picture before. Under the lock and while the context at hand is not returned, a stop cannot have passed by
+// and deleted the timer behind this.
+void RepeatLater(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
+    if (context->Render.RenderRunning != 0 && !SHARED_Read(context->DeviceRemoved)) {
+        RENDER_RepeatFrameLater(context);
+    }
+}
+
 // Moves the next context to send off PendingList and queues its requests. FALSE when there is none, or when
 // the dispatch has to end.
 BOOLEAN QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
@@ -136,7 +145,7 @@ BOOLEAN QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     if (context->Render.RenderRunning == 0) {
         return FALSE;
     }
-    if (dispatch->IsAlone && dispatch->MayTopUp && IsListEmpty(pendingList)) {
+    if (dispatch->IsAlone && !dispatch->Refused && IsListEmpty(pendingList)) {
         TopUp(context);
     }
     if (IsListEmpty(pendingList)) {
@@ -150,6 +159,7 @@ BOOLEAN QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     RENDER_CONTEXT* renderContext = RemoveFirstPending(context, &remaining);
     if (!NT_SUCCESS(QueueRequests(context, renderContext))) {
         RENDER_ReturnToAvailable(context, renderContext);
+        dispatch->Refused = TRUE;
         return FALSE;
     }
     dispatch->Sent++;
@@ -161,6 +171,9 @@ BOOLEAN PrepareNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     if (QueueNextTransfer(context, dispatch)) {
         return TRUE;
+    }
+    if (dispatch->Refused && ReadAcquire(&context->Render.RenderContextsInFlight) == 0) {
+        RepeatLater(context);
     }
     EndDispatch(context);
     return FALSE;
@@ -203,6 +216,9 @@ BOOLEAN ContinueStream(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, L
     // again.
     const BOOLEAN goesOn = carriesLatest || (inFlight == 1 && latest != RENDER_BUFFER_NONE);
     if (newerFrameWaits || renderContext->Abandoned || !goesOn) {
+        if (renderContext->Abandoned && inFlight == 0) {
+            RepeatLater(context);
+        }
         RENDER_ReturnToAvailable(context, renderContext);
         return newerFrameWaits;
     }
@@ -309,10 +325,10 @@ void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context) {
     if (!BeginDispatch(context)) {
         return;
     }
-    DISPATCH dispatch = {.Sent = 0, .IsAlone = FALSE, .MayTopUp = TRUE};
+    DISPATCH dispatch = {.Sent = 0, .IsAlone = FALSE, .Refused = FALSE};
     while (PrepareNextTransfer(context, &dispatch)) {
         if (!REQUEST_SendQueued(context)) {
-            dispatch.MayTopUp = FALSE;
+            dispatch.Refused = TRUE;
         }
     }
 }
@@ -371,7 +387,7 @@ void RENDER_AbandonRequest(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS
     if (renderContext == nullptr) {
         return;
     }
-    // Sending it again at once would only be refused again, for ever; the next frame makes the next try.
+    // Sending it again at once would only be refused again, for ever.
     renderContext->Abandoned = TRUE;
     if (InterlockedDecrement(&renderContext->OutstandingRequests) == 0) {
         FinishContext(context, renderContext, status, USBD_STATUS_SUCCESS);

@@ -18,6 +18,7 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(RENDER_DROPFRAMEEVENT_CHECKTIMER_CONTEXT, REN
 namespace {
 
 constexpr ULONG AUTO_UPDATE_DELAY_MS = 10;
+constexpr ULONG REPEAT_DELAY_MS = 100; // long enough that a bus that refuses everything costs next to nothing
 
 NTSTATUS CreateTimer(DEVICE_CONTEXT* context, PFN_WDF_TIMER function, WDF_OBJECT_ATTRIBUTES* attributes,
                      WDFTIMER* timer) {
@@ -134,6 +135,10 @@ void RENDER_CompressionAutoUpdate(DEVICE_CONTEXT* context, ULONGLONG length) {
     } else {
         render->SmallFrameSeen = TRUE;
     }
+}
+
+void RENDER_RepeatFrameLater(DEVICE_CONTEXT* context) {
+    WdfTimerStart(context->Render.CompressionAutoUpdateTimer, RelativeMs(REPEAT_DELAY_MS));
 }
 
 void RENDER_HandleFrameError(DEVICE_CONTEXT* context) {

@@ -26,6 +26,10 @@ void RENDER_StopDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
 // The decision after a compressed frame of `length` bytes. On the frame update thread.
 void RENDER_CompressionAutoUpdate(DEVICE_CONTEXT* context, ULONGLONG length);
 
+// Has the newest frame converted and sent again in a while. For a frame that could not be sent while nothing
+// else was in flight. Up to DISPATCH_LEVEL.
+void RENDER_RepeatFrameLater(DEVICE_CONTEXT* context);
+
 // One report of a dropped frame. The caller holds MonitorMutex. PASSIVE_LEVEL.
 void RENDER_HandleFrameError(DEVICE_CONTEXT* context);
 
