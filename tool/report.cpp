@@ -45,9 +45,9 @@ std::string Report::table() const {
     return table;
 }
 
-void Report::print(bool asJson) const {
+void Report::print(bool asJson, bool outputTaken) const {
     const std::string text = asJson ? json_.dump(2) + "\n" : table();
-    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fwrite(text.data(), 1, text.size(), outputTaken ? stderr : stdout);
     std::fflush(stdout);
 }
 

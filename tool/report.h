@@ -23,8 +23,8 @@ class Report {
     std::string table() const;
     const Json& json() const { return json_; }
 
-    // To standard output.
-    void print(bool asJson) const;
+    // To standard output, or to standard error when the output carries a file.
+    void print(bool asJson, bool outputTaken = false) const;
 
   private:
     std::vector<std::pair<std::string, std::string>> rows_;

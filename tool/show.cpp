@@ -108,7 +108,7 @@ class ShowRun {
         if (screen_) {
             desktop::writePng(options_.out, *screen_);
         }
-        report_.print(options_.json);
+        report_.print(options_.json, options_.out == "-");
         return problem_.empty() && session_.violationCount() == 0 ? ExitStatus::Right : ExitStatus::Wrong;
     }
 

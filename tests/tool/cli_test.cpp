@@ -1,4 +1,7 @@
 // The built tool, run as a user runs it: exit status, one clear line for bad input, nothing written then.
+#include "desktop/frame_source.h"
+#include "desktop/png_image.h"
+
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -138,6 +141,40 @@ TEST_F(Tool, ShowsAPictureAndSaysSo) {
     EXPECT_TRUE(report["violations"].empty());
     EXPECT_GT(fs::file_size(place("monitor.png")), 1000u);
     EXPECT_GT(fs::file_size(place("wire.pcapng")), 800u * 600 * 3);
+}
+
+// What the monitor shows is known without the tool's own reference: a reduced channel is its high bits,
+// repeated from the top.
+TEST_F(Tool, WritesWhatTheMonitorShows) {
+    const auto widened = [](unsigned channel, unsigned bits) {
+        const unsigned kept = channel >> (8 - bits);
+        return kept << (8 - bits) | kept >> (2 * bits - 8);
+    };
+    struct Case {
+        const char* options;
+        unsigned redBits, greenBits, blueBits;
+    };
+    const Case cases[] = {
+        {"", 8, 8, 8},
+        {"--set UseUsb3OutputRGB565Enable=1 --set UseDynamicPixelBytesAdjustmentEnable=0", 5, 6, 5},
+    };
+    const desktop::Surface picture = desktop::drawPattern(*desktop::findPattern("noise"), 800, 600, 0, 11);
+    desktop::writePng(place("in.png"), picture);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.options);
+        const Outcome outcome = run("show --image - --out - " + std::string(c.options), place("in.png"));
+        ASSERT_EQ(outcome.status, 0) << outcome.errors;
+        const desktop::Surface shown = desktop::readPng(place("stdout"));
+        ASSERT_EQ(shown.pixels.size(), picture.pixels.size());
+        std::size_t wrong = 0;
+        for (std::size_t i = 0; i < picture.pixels.size(); i++) {
+            const unsigned p = picture.pixels[i];
+            wrong += shown.pixels[i] != desktop::makePixel(widened(p >> 16 & 0xFF, c.redBits),
+                                                           widened(p >> 8 & 0xFF, c.greenBits),
+                                                           widened(p & 0xFF, c.blueBits));
+        }
+        EXPECT_EQ(wrong, 0u);
+    }
 }
 
 TEST_F(Tool, TakesVideoFromStandardInput) {
