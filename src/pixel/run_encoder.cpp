@@ -170,9 +170,10 @@ TARGET_SSSE3 FORCEINLINE ULONG FindLiterals(const UCHAR* block, __m128i mask, UL
     return literals;
 }
 
-// The number of pixels from `pixels` on, in steps of 32, that equal the pixel before them, at most `limit`.
+// The number of pixels from `pixels` on that equal the pixel before them: a block, to be taken as such, and
+// what follows it in steps of 32, at most `limit`.
 TARGET_SSSE3 FORCEINLINE ULONG CountSame(const UCHAR* pixels, ULONG limit) {
-    ULONG count = 0;
+    ULONG count = BLOCK_PIXELS;
     for (; count + 32 <= limit; count += 32) {
         const UCHAR* block = pixels + SIZE_T{count} * 2;
         __m128i same = _mm_cmpeq_epi16(LoadEight(block), LoadEight(block - 2));
@@ -205,22 +206,21 @@ TARGET_SSSE3 ULONG EncodeBlocks(const RUN_PACKER& packer, UNIT_WRITER* writer, R
         const ULONG repeats = ~literals & ALL_OF_BLOCK;
         const ULONG literalsAfter = FindLiterals<Tolerant>(block + BLOCK_BYTES, mask, literal);
         const ULONG continued = PACKER_FindContinued(repeats, ~literalsAfter);
-        index += BLOCK_PIXELS;
         if (continued == ALL_OF_BLOCK && literalsAfter == 0) {
-            cursor.Repeats += BLOCK_PIXELS;
-            // Equal pixels go on being merged if they have the literal's value.
+            // Pixels that equal the one before go on being merged only if that has the literal's value.
+            const BOOLEAN exact = !Tolerant || ReadPixel<2>(block, BLOCK_PIXELS - 1) == literal;
             const ULONG left = end - index - BLOCK_PIXELS;
             const ULONG open = LONGEST_OPEN_RUN - cursor.Repeats;
-            const BOOLEAN exact = !Tolerant || ReadPixel<2>(source, index - 1) == literal;
-            const ULONG same = exact ? CountSame(block + BLOCK_BYTES, left < open ? left : open) : 0;
-            cursor.Repeats += same;
-            index += same;
+            const ULONG merged = exact ? CountSame(block, left < open ? left : open) : BLOCK_PIXELS;
+            cursor.Repeats += merged;
+            index += merged;
             literals = FindLiterals<Tolerant>(source + SIZE_T{index} * 2, mask, literal);
             cursor = PACKER_CloseRun(cursor, ~literals);
         } else {
             cursor = PACKER_PutBlock(packer, cursor, _mm_or_si128(LoadEight(block), flag),
                                      _mm_or_si128(LoadEight(block + 16), flag), repeats, continued);
             literals = literalsAfter;
+            index += BLOCK_PIXELS;
         }
     }
     writer->Cursor = cursor.Next;
