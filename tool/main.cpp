@@ -163,7 +163,9 @@ void addShow(CLI::App& app, CommandBody& action) {
 
 void addRun(CLI::App& app, CommandBody& action) {
     auto options = std::make_shared<tool::RunOptions>();
-    CLI::App* command = app.add_subcommand("run", "Carry a script out.\n\n" + tool::scriptHelp());
+    CLI::App* command =
+        app.add_subcommand("run", "Carry a script out: plug, attach, present, sleep, expect ...");
+    command->footer(tool::scriptHelp());
     command->add_option("SCRIPT", options->script, "The script; - reads standard input")->required();
     command
         ->add_option("--capture", options->capture, "Write everything on the wire, for tshark and Wireshark")

@@ -31,6 +31,8 @@ template <typename... Cases>
 struct Overloaded : Cases... {
     using Cases::operator()...;
 };
+template <typename... Cases>
+Overloaded(Cases...) -> Overloaded<Cases...>; // Clang 14 does not deduce it by itself
 
 // The files that a script names: beside the script, unless it comes from standard input.
 class ScriptFiles {
