@@ -1,0 +1,125 @@
+// What a frame costs on its whole way from the client's present to the bus, and how well the link is used:
+// driver, platform, model and client together under the `sim` scheduler. Time on the link is virtual and
+// exact; processor time is the driver's own, without the platform's and the client's.
+#include "desktop/png_image.h"
+#include "tool/builtin_edid.h"
+#include "tool/screen_check.h"
+#include "tool/session.h"
+#include "tool/stream_meter.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+namespace {
+
+using desktop::Surface;
+using tool::Json;
+
+constexpr unsigned kFrames = 180;
+constexpr unsigned kRepetitions = 5;
+constexpr usb::Time kFramePeriod = usb::kSecond / 60;
+
+struct Scene {
+    std::string name;
+    std::vector<Surface> frames; // shown in turn
+};
+
+// The picture and the same picture moved up by a line of text at a time: every row differs from the row it
+// replaces, as when a window or a document that fills the desktop is scrolled.
+Scene scrolled(const std::string& name, const std::string& file) {
+    Scene scene{name, {}};
+    const Surface picture = desktop::readPng(file);
+    for (unsigned step = 0; step < 8; step++) {
+        Surface frame = picture;
+        const std::size_t shift = std::size_t{step} * 19 * picture.width;
+        std::rotate_copy(picture.pixels.begin(), picture.pixels.begin() + static_cast<std::ptrdiff_t>(shift),
+                         picture.pixels.end(), frame.pixels.begin());
+        scene.frames.push_back(std::move(frame));
+    }
+    return scene;
+}
+
+// Streams the scene at 60 frames a second and returns what the meter saw.
+Json stream(const Scene& scene, usb::Speed link, bool still) {
+    Json result;
+    tool::SessionOptions options;
+    options.scheduler.strategy = kernel::Strategy::InOrder;
+    tool::Session session(options);
+    session.run([&] {
+        tool::PlugOptions plug;
+        plug.adapter.link = link;
+        session.attachMonitor(tool::builtinEdid());
+        session.plug(plug);
+        session.openClient();
+        const Surface& first = scene.frames.front();
+        session.createFrameBuffer(1, first.width, first.height);
+        session.createFrameBuffer(2, first.width, first.height);
+        session.setDisplayPower(true);
+        session.present(1, first);
+        session.machine().sleep(500 * usb::kMillisecond); // levels settle, tables are built
+
+        tool::StreamMeter meter(session);
+        usb::Time due = session.machine().clock().now();
+        for (unsigned frame = 0; frame < kFrames; frame++) {
+            if (!still) {
+                session.present(1 + frame % 2, scene.frames[frame % scene.frames.size()]);
+                meter.framePresented();
+            }
+            due += kFramePeriod;
+            session.machine().sleep(std::max<usb::Time>(0, due - session.machine().clock().now()));
+        }
+        meter.finish();
+        tool::Report report;
+        meter.report(report, false);
+        result = report.json();
+    });
+    return result;
+}
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+void printRow(const Scene& scene, usb::Speed link) {
+    std::vector<double> convert;
+    std::vector<double> complete;
+    Json last;
+    for (unsigned repetition = 0; repetition < kRepetitions; repetition++) {
+        last = stream(scene, link, false);
+        convert.push_back(last["cpu_ms_per_frame"]["convert_and_queue"].get<double>());
+        complete.push_back(last["cpu_ms_per_frame"]["send_and_complete"].get<double>());
+    }
+    fmt::print("{:<16} {:<5} {:>9.1f} {:>11.0f} {:>8.1f} {:>9.3f} {:>9.3f} {:>12}\n", scene.name,
+               link == usb::Speed::Super ? "usb3" : "usb2",
+               last["frame_rate"].is_number() ? last["frame_rate"].get<double>() : 0.0,
+               last["wire"]["bytes_per_frame"].get<double>() * 1e-3, last["wire"]["busy"].get<double>() * 100,
+               median(convert), median(complete), last["allocations"].get<std::uint64_t>());
+}
+
+} // namespace
+
+int main() {
+    const std::string demo = DEMO_DATA;
+    const std::string data = TEST_DATA;
+    const std::vector<Scene> scenes = {scrolled("desktop-office", demo + "/desktop-office.png"),
+                                       scrolled("desktop-sheet", demo + "/desktop-sheet.png"),
+                                       scrolled("photo", data + "/photo.png")};
+
+    fmt::print("Whole frame changed 60 times a second, 1920x1080, default settings; medians of {} runs\n\n",
+               kRepetitions);
+    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "link", "pictures", "KB a", "link",
+               "convert", "complete", "allocations");
+    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "", "a second", "transfer",
+               "busy %", "CPU ms", "CPU ms", "");
+    for (const Scene& scene : scenes) {
+        printRow(scene, usb::Speed::Super);
+        printRow(scene, usb::Speed::High);
+    }
+}
