@@ -48,6 +48,7 @@ enum class Result { NotReached, Failed, Dark, Shown };
 struct Outcome {
     Result result = Result::NotReached;
     std::string fault;
+    std::uint64_t reached = 0; // points, in the whole scenario
 };
 
 Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
@@ -77,8 +78,10 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
                 session.remove();
             }
         }
+        outcome.reached = kernel::faultPointsReached();
         if (kernel::faultFired()) {
-            outcome = {result, kernel::faultDescription()};
+            outcome.result = result;
+            outcome.fault = kernel::faultDescription();
         }
         kernel::disarmFault();
         session.client().close();
@@ -99,10 +102,18 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
     return outcome;
 }
 
-void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Setting>& settings = {}) {
+// FAULT_POINT in the environment runs one point alone, FAULT_STRIDE every so-manieth.
+std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
+    const char* text = std::getenv(variable);
+    return text == nullptr ? otherwise : std::strtoull(text, nullptr, 0);
+}
+
+void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Setting>& settings = {},
+           std::uint64_t stride = 1) {
     std::array<Tally, kFaultKindNames.size()> tallies{};
-    const char* only = std::getenv("FAULT_POINT");
-    for (std::uint64_t k = only != nullptr ? std::strtoull(only, nullptr, 0) : 1;; k++) {
+    const std::uint64_t only = numberFrom("FAULT_POINT", 0);
+    stride = numberFrom("FAULT_STRIDE", stride);
+    for (std::uint64_t k = only != 0 ? only : 1;; k += stride) {
         const Outcome outcome = runWithFault(k, mode, plug, settings);
         if (testing::Test::HasFailure()) {
             const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
@@ -110,7 +121,10 @@ void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Sett
                         static_cast<unsigned long long>(k), test.test_suite_name(), test.name());
             return;
         }
-        if (outcome.result == Result::NotReached || only != nullptr) {
+        if (outcome.result == Result::NotReached || only != 0) {
+            std::printf("%llu points in a run without a fault, every %llu. was made to fail\n",
+                        static_cast<unsigned long long>(outcome.reached),
+                        static_cast<unsigned long long>(stride));
             break;
         }
         Tally& tally = tallies[kindOf(outcome.fault)];
@@ -134,6 +148,14 @@ TEST(FaultSweep, EachPointOnce) {
 
 TEST(FaultSweep, EachPointAndAllOfItsKindAfterIt) {
     sweep(FaultMode::Sticky, adapter());
+}
+
+// A transmitter's bytes take a dozen transfers each, all of them points: a stride that is coprime to every
+// sequence's length meets each place of each sequence, in a tenth of the time.
+TEST(FaultSweep, EveryThirteenthPointOnceWithTransmitter) {
+    PlugOptions plug = adapter();
+    plug.adapter.transmitter = true;
+    sweep(FaultMode::Once, plug, {}, 13);
 }
 
 TEST(FaultSweep, EachPointOnceCompressed) {

@@ -12,9 +12,13 @@ namespace system_test {
 
 namespace {
 
-std::optional<std::uint64_t> seedToReplay() {
-    const char* text = std::getenv("SIM_SEED");
+std::optional<std::uint64_t> numberFrom(const char* variable) {
+    const char* text = std::getenv(variable);
     return text == nullptr || *text == 0 ? std::nullopt : std::optional(std::strtoull(text, nullptr, 0));
+}
+
+std::optional<std::uint64_t> seedToReplay() {
+    return numberFrom("SIM_SEED");
 }
 
 void printReplayLine(std::uint64_t seed) {
@@ -79,7 +83,7 @@ void explore(unsigned schedules, const std::function<void(Session&)>& body,
              const std::vector<tool::Setting>& settings) {
     const std::optional<std::uint64_t> only = seedToReplay();
     const std::uint64_t first = only.value_or(1);
-    const std::uint64_t last = only.value_or(schedules);
+    const std::uint64_t last = only.value_or(numberFrom("SIM_SCHEDULES").value_or(schedules));
     for (std::uint64_t seed = first; seed <= last; seed++) {
         runSession(explored(seed, settings), body);
         if (testing::Test::HasFailure()) {

@@ -42,12 +42,13 @@ PlugOptions adapter(unsigned revision = 2, usb::Speed link = usb::Speed::Super);
 // adapter are test failures.
 void runSession(const SessionOptions& options, const std::function<void(Session&)>& body);
 
-// Runs `body` under `schedules` seeds, or under the one that the environment variable SIM_SEED names. Stops
-// at the first seed that fails and prints the line that replays it.
+// Runs `body` under `schedules` seeds (another number when the environment variable SIM_SCHEDULES gives one),
+// or under the one that SIM_SEED names. Stops at the first seed that fails and prints the line that replays
+// it.
 void explore(unsigned schedules, const std::function<void(Session&)>& body,
              const std::vector<tool::Setting>& settings = {});
 
-// How often a seed of the exploration came to what `explore` is about; a seed alone need not.
+// Whether the environment asks for one seed only.
 bool replaysOneSeed();
 
 // One frame of a test pattern.
