@@ -1,0 +1,311 @@
+// The pipeline's bookkeeping without a device: what a context does after its transfer, and what a stop waits
+// for. The contexts' requests are never formatted, because a dispatch is made out to be running.
+#include "driver/device_context.h"
+#include "platform/kernel/scheduler.h"
+#include "render/frame_update.h"
+#include "render/request_pool.h"
+#include "render/send.h"
+#include "render/start_stop.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using usb::kMillisecond;
+
+class Pipeline {
+  public:
+    std::unique_ptr<DEVICE_CONTEXT> context = std::make_unique<DEVICE_CONTEXT>();
+    RENDER_PIPELINE& render = context->Render;
+    RENDER_CONTEXT contexts[RENDER_CONTEXT_COUNT] = {};
+
+    Pipeline() TSA_NO_ANALYSIS {
+        MUTEX_Initialize(&context->Locks.RenderStartStopMutex);
+        MUTEX_Initialize(&context->Locks.DisplayStateMutex);
+        KeInitializeSpinLock(&render.AvailableListLock.Lock);
+        KeInitializeSpinLock(&render.PendingListLock.Lock);
+        InitializeListHead(&render.AvailableList);
+        InitializeListHead(&render.PendingList);
+        for (KEVENT* event : {&render.FrameUpdateRequestEvent, &render.ThreadStartStopEvent}) {
+            KeInitializeEvent(event, NotificationEvent, FALSE);
+        }
+        for (KEVENT* event : {&render.FrameFillIdleEvent, &render.DispatchIdleEvent}) {
+            KeInitializeEvent(event, NotificationEvent, TRUE);
+        }
+        KeInitializeEvent(&render.DispatchRequestEvent, SynchronizationEvent, FALSE);
+        for (ULONG i = 0; i < RENDER_CONTEXT_COUNT; i++) {
+            InitializeListHead(&contexts[i].Link);
+            contexts[i].DeviceContext = context.get();
+            render.RenderContexts[i] = &contexts[i];
+        }
+        render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
+        render.FrameUpdateThreadCreated = TRUE;
+    }
+
+    // Leaves whatever is queued where it is.
+    void holdDispatches() TSA_NO_ANALYSIS { render.Dispatching = TRUE; }
+
+    void setLatest(ULONG index) TSA_NO_ANALYSIS { render.LatestRenderBufferIndex = index; }
+
+    bool isOn(LIST_ENTRY& list, const RENDER_CONTEXT& wanted) {
+        for (LIST_ENTRY* link = list.Flink; link != &list; link = link->Flink) {
+            if (link == &wanted.Link) {
+                return true;
+            }
+        }
+        return false;
+    }
+    bool isAvailable(const RENDER_CONTEXT& wanted) TSA_NO_ANALYSIS {
+        return isOn(render.AvailableList, wanted);
+    }
+    bool isPending(const RENDER_CONTEXT& wanted) TSA_NO_ANALYSIS { return isOn(render.PendingList, wanted); }
+};
+
+// Runs `body` at PASSIVE_LEVEL of a machine without devices.
+void onMachine(const std::function<void()>& body, std::uint64_t seed = 1) {
+    kernel::SchedulerOptions options;
+    options.seed = seed;
+    kernel::Scheduler scheduler(options);
+    scheduler.run(body);
+}
+
+struct Completion {
+    const char* what;
+    bool running = true;
+    LONG inFlight = 2; // this one included
+    ULONG buffer = 0;  // that it carried
+    ULONG latest = 0;  // the newest one
+    bool newerWaits = false;
+    bool abandoned = false;
+    NTSTATUS status = STATUS_SUCCESS;
+    USBD_STATUS usbdStatus = USBD_STATUS_SUCCESS;
+
+    bool goesOn = false;
+    bool deviceGone = false;
+};
+
+const Completion kCompletions[] = {
+    {.what = "the newest frame is sent again", .goesOn = true},
+    {.what = "the newest frame is sent again when it is alone", .inFlight = 1, .goesOn = true},
+    {.what = "an older frame gives way to two of the newest", .inFlight = 3, .latest = 3},
+    {.what = "the last but one takes the newest frame over", .inFlight = 2, .latest = 3, .goesOn = true},
+    {.what = "an older frame that was alone ends", .inFlight = 1, .latest = 3},
+    {.what = "a newer frame waits", .newerWaits = true},
+    {.what = "the stream is stopped", .running = false},
+    {.what = "the frame comes from before a stop", .latest = RENDER_BUFFER_NONE},
+    {.what = "the frame was not sent", .abandoned = true},
+    {.what = "a time-out is no reason to stop", .status = STATUS_IO_TIMEOUT, .goesOn = true},
+    {.what = "nor is a cancellation",
+     .status = STATUS_CANCELLED,
+     .usbdStatus = USBD_STATUS_CANCELED,
+     .goesOn = true},
+    {.what = "the device is not connected", .status = STATUS_DEVICE_NOT_CONNECTED, .deviceGone = true},
+    {.what = "there is no such device", .status = STATUS_NO_SUCH_DEVICE, .deviceGone = true},
+    {.what = "the host says that the device is gone",
+     .status = STATUS_UNSUCCESSFUL,
+     .usbdStatus = USBD_STATUS_DEVICE_GONE,
+     .deviceGone = true},
+    {.what = "the pipe is halted",
+     .status = STATUS_UNSUCCESSFUL,
+     .usbdStatus = USBD_STATUS_ENDPOINT_HALTED,
+     .deviceGone = true},
+    {.what = "the device goes while the stream is stopped",
+     .running = false,
+     .status = STATUS_NO_SUCH_DEVICE,
+     .deviceGone = true},
+};
+
+TEST(Completions, DecideWhatAContextDoesNext) {
+    for (const Completion& expected : kCompletions) {
+        SCOPED_TRACE(expected.what);
+        onMachine([&] {
+            Pipeline pipeline;
+            RENDER_CONTEXT& done = pipeline.contexts[0];
+            RENDER_CONTEXT& newer = pipeline.contexts[1];
+            pipeline.holdDispatches();
+            pipeline.render.RenderRunning = 1;
+            if (expected.newerWaits) {
+                ASSERT_TRUE(RENDER_QueueFrame(pipeline.context.get(), &newer));
+            }
+            pipeline.render.RenderRunning = expected.running;
+            pipeline.setLatest(expected.latest);
+            pipeline.render.RenderContextsInFlight = expected.inFlight;
+            done.RenderBufferIndex = expected.buffer;
+            done.Abandoned = expected.abandoned;
+
+            WDF_USB_REQUEST_COMPLETION_PARAMS usbParams = {};
+            usbParams.UsbdStatus = expected.usbdStatus;
+            WDF_REQUEST_COMPLETION_PARAMS params;
+            WDF_REQUEST_COMPLETION_PARAMS_INIT(&params);
+            params.Type = WdfRequestTypeUsb;
+            params.IoStatus.Status = expected.status;
+            params.Parameters.Usb.Completion = &usbParams;
+            RENDER_CompleteRenderContext(pipeline.context.get(), &done, &params);
+
+            EXPECT_EQ(pipeline.isPending(done), expected.goesOn);
+            EXPECT_EQ(pipeline.isAvailable(done), !expected.goesOn);
+            if (expected.goesOn) {
+                EXPECT_EQ(done.RenderBufferIndex, expected.latest);
+            }
+            EXPECT_EQ(pipeline.isPending(newer), expected.newerWaits);
+            EXPECT_EQ(pipeline.render.RenderContextsInFlight, expected.inFlight - 1);
+            EXPECT_EQ(pipeline.context->DeviceRemoved != 0, expected.deviceGone);
+            EXPECT_EQ(KeReadStateEvent(&pipeline.render.ThreadStartStopEvent) != 0, expected.deviceGone);
+        });
+    }
+}
+
+TEST(Completions, WithoutUsbStatusAreJudgedByTheirOwn) {
+    onMachine([] {
+        Pipeline pipeline;
+        pipeline.render.RenderContextsInFlight = 1;
+        WDF_REQUEST_COMPLETION_PARAMS params;
+        WDF_REQUEST_COMPLETION_PARAMS_INIT(&params);
+        params.IoStatus.Status = STATUS_CANCELLED;
+        RENDER_CompleteRenderContext(pipeline.context.get(), &pipeline.contexts[0], &params);
+        EXPECT_TRUE(pipeline.isAvailable(pipeline.contexts[0]));
+        EXPECT_FALSE(pipeline.context->DeviceRemoved);
+    });
+}
+
+TEST(RenderBuffers, AreInUseWhileATransferMayReadThem) {
+    onMachine([] {
+        Pipeline pipeline;
+        DEVICE_CONTEXT* context = pipeline.context.get();
+        pipeline.render.RenderRunning = 1;
+        pipeline.contexts[0].RenderBufferIndex = 1; // queued, then no longer the newest
+        ASSERT_TRUE(RENDER_QueueFrame(context, &pipeline.contexts[0]));
+        pipeline.contexts[1].RenderBufferIndex = 2; // in flight
+        pipeline.contexts[1].OutstandingRequests = 1;
+        pipeline.contexts[2].RenderBufferIndex = 3; // idle
+        pipeline.contexts[3].RenderBufferIndex = 3;
+        pipeline.setLatest(0);
+        EXPECT_TRUE(RENDER_IsBufferInUse(context, 0));
+        EXPECT_TRUE(RENDER_IsBufferInUse(context, 1));
+        EXPECT_TRUE(RENDER_IsBufferInUse(context, 2));
+        EXPECT_FALSE(RENDER_IsBufferInUse(context, 3));
+    });
+}
+
+// A stop must not return while somebody still works with what it stopped. Each case holds the stop up in one
+// way, for longer than any of its own delays.
+TEST(Stop, WaitsForWhoeverIsAtWork) {
+    constexpr usb::Time kHold = 700 * kMillisecond;
+    struct {
+        const char* what;
+        std::function<void(Pipeline&)> begin;
+        std::function<void(Pipeline&)> end;
+    } const cases[] = {
+        {"a frame being filled", [](Pipeline& p) { ASSERT_TRUE(RENDER_BeginFill(p.context.get())); },
+         [](Pipeline& p) { RENDER_EndFill(p.context.get()); }},
+        {"a dispatch under way", [](Pipeline& p) { KeClearEvent(&p.render.DispatchIdleEvent); },
+         [](Pipeline& p) { KeSetEvent(&p.render.DispatchIdleEvent, IO_NO_INCREMENT, FALSE); }},
+    };
+    void (*const stops[])(DEVICE_CONTEXT*) = {RENDER_Stop, RENDER_Suspend};
+    for (const auto& work : cases) {
+        for (const auto stop : stops) {
+            SCOPED_TRACE(work.what);
+            onMachine([&] {
+                Pipeline pipeline;
+                for (RENDER_CONTEXT& idle : pipeline.contexts) {
+                    RENDER_ReturnToAvailable(pipeline.context.get(), &idle);
+                }
+                (void)RENDER_Start(pipeline.context.get());
+                work.begin(pipeline);
+                bool stopped = false;
+                kernel::Task& stopper = kernel::spawn("stopper", kernel::TaskKind::Host, [&] {
+                    stop(pipeline.context.get());
+                    stopped = true;
+                });
+                UTIL_DelayMs(kHold / kMillisecond);
+                EXPECT_FALSE(stopped);
+                EXPECT_FALSE(RENDER_BeginFill(pipeline.context.get()));
+                work.end(pipeline);
+                kernel::join(stopper);
+                EXPECT_TRUE(stopped);
+            });
+        }
+    }
+}
+
+TEST(Stop, LeavesNothingQueuedAndTakesNothingMore) {
+    onMachine([] {
+        Pipeline pipeline;
+        DEVICE_CONTEXT* context = pipeline.context.get();
+        (void)RENDER_Start(context);
+        pipeline.holdDispatches();
+        for (unsigned i = 0; i < 3; i++) {
+            ASSERT_TRUE(RENDER_QueueFrame(context, &pipeline.contexts[i]));
+        }
+        RENDER_ReturnToAvailable(context, &pipeline.contexts[3]);
+        RENDER_Stop(context);
+        EXPECT_EQ(RENDER_CountAvailable(context), RENDER_CONTEXT_COUNT);
+        EXPECT_EQ(pipeline.render.AvailableCount, LONG{RENDER_CONTEXT_COUNT});
+        EXPECT_EQ(pipeline.render.PendingCount, 0);
+        EXPECT_FALSE(RENDER_QueueFrame(context, RENDER_TakeAvailable(context)));
+    });
+}
+
+TEST(Start, BeginsWithoutTheFramesOfTheLastRun) {
+    onMachine([] {
+        Pipeline pipeline;
+        DEVICE_CONTEXT* context = pipeline.context.get();
+        for (RENDER_CONTEXT& idle : pipeline.contexts) {
+            RENDER_ReturnToAvailable(context, &idle);
+        }
+        (void)RENDER_Start(context);
+        pipeline.setLatest(2);
+        KeClearEvent(&pipeline.render.FrameUpdateRequestEvent);
+        RENDER_Suspend(context);
+        RENDER_Resume(context);
+        EXPECT_FALSE(RENDER_IsBufferInUse(context, 2));
+        EXPECT_TRUE(KeReadStateEvent(&pipeline.render.FrameUpdateRequestEvent));
+    });
+}
+
+TEST(Start, IsRefusedAfterAShutdownAndWithoutASuspend) {
+    onMachine([] {
+        Pipeline pipeline;
+        DEVICE_CONTEXT* context = pipeline.context.get();
+        pipeline.render.FrameUpdateThreadCreated = FALSE; // there is no thread to wait for
+        RENDER_Resume(context);
+        EXPECT_EQ(pipeline.render.RenderRunning, 0u);
+        (void)RENDER_Start(context);
+        EXPECT_EQ(pipeline.render.RenderRunning, 1u);
+        RENDER_Stop(context);
+        RENDER_Resume(context); // it was stopped and not paused
+        EXPECT_EQ(pipeline.render.RenderRunning, 0u);
+        (void)RENDER_Start(context);
+        RENDER_Suspend(context);
+        RENDER_Stop(context);
+        RENDER_Resume(context); // it was paused and then stopped
+        EXPECT_EQ(pipeline.render.RenderRunning, 0u);
+        RENDER_Shutdown(context);
+        EXPECT_EQ(RENDER_Start(context), STATUS_SUCCESS);
+        EXPECT_EQ(pipeline.render.RenderRunning, 0u);
+    });
+}
+
+TEST(RequestPools, WithoutCollectionsRefuseAndDoNothing) {
+    onMachine([] {
+        Pipeline pipeline;
+        DEVICE_CONTEXT* context = pipeline.context.get();
+        const WDFREQUEST request = reinterpret_cast<WDFREQUEST>(&pipeline);
+        EXPECT_EQ(REQUEST_QueueForSend(context, request), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(REQUEST_TrackSent(context, request), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(REQUEST_TakeNextToSend(context), nullptr);
+        EXPECT_TRUE(REQUEST_AllSentCompleted(context));
+        REQUEST_RemoveFromSendQueue(context, request);
+        REQUEST_UntrackSent(context, request);
+        REQUEST_DiscardQueued(context);
+        REQUEST_DiscardSent(context);
+        REQUEST_WaitSentCompleted(context);
+    });
+}
+
+} // namespace
