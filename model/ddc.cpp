@@ -67,7 +67,7 @@ I2cAnswer DdcPort::read(std::uint8_t address, std::uint8_t offset, usb::Time) {
         answer.data = static_cast<std::uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) |
                       static_cast<std::uint32_t>(bytes[3]) << 24;
     }
-    // After its time-out the master clocks the lines free (I2C bus specification, bus clear).
+    // After its time-out the master clocks the lines free (I2C bus, "bus clear").
     if (answer.kind == I2cAnswer::Kind::Hung)
         bus_.recover();
     return answer;
