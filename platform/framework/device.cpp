@@ -172,20 +172,28 @@ void Device::dispatchIo(PIRP irp) {
     queue->deliver(Ref<Request>(request));
 }
 
-Device* deviceOf(Object* object) {
-    for (; object != nullptr; object = object->parent()) {
-        if (object->kind() == Kind::Device) {
-            return static_cast<Device*>(object);
+Device& requireDeviceAbove(const Call& call, Object& object) {
+    for (Object* ancestor = &object; ancestor != nullptr; ancestor = ancestor->parent()) {
+        if (ancestor->kind() == Kind::Device) {
+            return static_cast<Device&>(*ancestor);
         }
     }
-    return nullptr;
+    call.fail(Rule::ObjectTree, &object, "The parent belongs to no device.");
 }
 
 namespace {
 
-// The initialisation record of a device-add callback under way; another pointer is not one.
+// Those of the device-add callbacks under way, guarded by the kernel lock: a driver may have kept the address
+// of an earlier one.
+std::vector<const WDFDEVICE_INIT*> initsUnderWay;
+
 WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
-    if (init == nullptr || init->node == nullptr || init->device) {
+    bool underWay = false;
+    {
+        KernelGuard guard;
+        underWay = std::find(initsUnderWay.begin(), initsUnderWay.end(), init) != initsUnderWay.end();
+    }
+    if (!underWay || init->device) {
         call.fail(Rule::PnpOrder, nullptr,
                   "The initialisation record is used outside EvtDriverDeviceAdd or "
                   "after the device was created.");
@@ -196,6 +204,16 @@ WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
 } // namespace
 
 } // namespace framework
+
+WDFDEVICE_INIT::WDFDEVICE_INIT() {
+    kernel::KernelGuard guard;
+    framework::initsUnderWay.push_back(this);
+}
+
+WDFDEVICE_INIT::~WDFDEVICE_INIT() {
+    kernel::KernelGuard guard;
+    std::erase(framework::initsUnderWay, this);
+}
 
 using framework::Call;
 using framework::Ref;

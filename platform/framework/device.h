@@ -95,13 +95,18 @@ class FileObject final : public Object {
     bool driverMayDelete() const override { return false; }
 };
 
-// The device that an object belongs to by its parents; null above any device.
-Device* deviceOf(Object* object);
+// The device that an object belongs to by its parents. Reports ObjectTree for one above any device.
+Device& requireDeviceAbove(const Call& call, Object& object);
 
 } // namespace framework
 
 // What the driver's device-add callback receives; alive until WdfDeviceCreate or the callback's end.
 struct WDFDEVICE_INIT {
+    WDFDEVICE_INIT();
+    ~WDFDEVICE_INIT();
+    WDFDEVICE_INIT(const WDFDEVICE_INIT&) = delete;
+    WDFDEVICE_INIT& operator=(const WDFDEVICE_INIT&) = delete;
+
     framework::DevNode* node = nullptr;
     framework::DeviceSettings settings;
     framework::Ref<framework::Device> device; // once created

@@ -55,6 +55,7 @@ NTSTATUS WdfDriverOpenParametersRegistryKey(WDFDRIVER Driver, ACCESS_MASK,
 
 VOID WdfRegistryClose(WDFKEY Key) {
     Call call("WdfRegistryClose", kPassiveLevel);
+    call.requireNotDeleted(Key);
     call.object<framework::Key>(Key)->removeForDriver(call.name());
 }
 

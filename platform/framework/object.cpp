@@ -22,6 +22,11 @@ void freeContext(unsigned char* memory) {
     std::free(memory);
 }
 
+Fate fateOf(const void* handle) {
+    KernelGuard guard;
+    return objectTable().find(handle).fate;
+}
+
 } // namespace
 
 std::string_view kindName(Kind kind) {
@@ -211,21 +216,21 @@ Ref<Object> Call::any(const void* handle) const {
     if (!found.known) {
         verifier::fail(Rule::HandleStale, name_, fmt::format("{}", handle), "This is no handle.");
     }
-    const bool deletedAgain =
-        found.fate == Fate::DeletedByDriver && std::string_view(name_) == "WdfObjectDelete";
-    verifier::fail(deletedAgain ? Rule::HandleDeletedTwice : Rule::HandleStale, name_,
-                   fmt::format("{} {}", kindName(found.kind), handle), "The object has been deleted.");
+    verifier::fail(Rule::HandleStale, name_, fmt::format("{} {}", kindName(found.kind), handle),
+                   "The object has been deleted.");
 }
 
 void Call::requireNotCompleted(const void* handle) const {
-    bool completed = false;
-    {
-        KernelGuard guard;
-        completed = objectTable().find(handle).fate == Fate::Completed;
-    }
-    if (completed) {
+    if (fateOf(handle) == Fate::Completed) {
         verifier::fail(Rule::RequestCompletedTwice, name_, fmt::format("WDFREQUEST {}", handle),
                        "The request has been completed before.");
+    }
+}
+
+void Call::requireNotDeleted(const void* handle) const {
+    if (fateOf(handle) == Fate::DeletedByDriver) {
+        verifier::fail(Rule::HandleDeletedTwice, name_, fmt::format("{}", handle),
+                       "The driver has deleted this object before.");
     }
 }
 
@@ -274,7 +279,7 @@ NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attribut
     }
     if (attributes->ParentObject != nullptr) {
         if (!rules.parentAllowed) {
-            return STATUS_WDF_PARENT_ASSIGNMENT_NOT_ALLOWED;
+            call.fail(Rule::ObjectTree, nullptr, "The driver may not choose a parent for this object.");
         }
         parent = call.any(attributes->ParentObject);
     } else if (rules.parentRequired) {
@@ -391,5 +396,6 @@ VOID WdfObjectDereferenceActual(WDFOBJECT Handle, PVOID, LONG, PCHAR) {
 
 VOID WdfObjectDelete(WDFOBJECT Object) {
     Call call("WdfObjectDelete", kDispatchLevel);
+    call.requireNotDeleted(Object);
     call.any(Object)->removeForDriver(call.name());
 }

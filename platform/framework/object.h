@@ -203,6 +203,9 @@ class Call {
     // A request that was completed and is gone with that: completing it again has a rule of its own.
     void requireNotCompleted(const void* handle) const;
 
+    // The same for an object that the driver deleted, before it deletes one.
+    void requireNotDeleted(const void* handle) const;
+
     bool fault(kernel::FaultKind kind) const { return kernel::faultPoint(kind, name_); }
     [[noreturn]] void fail(Rule rule, const Object* object, std::string detail) const;
 
@@ -215,12 +218,14 @@ class Call {
 
 // What a kind of object accepts in its attributes.
 struct CreationRules {
-    bool parentAllowed = true;
+    bool parentAllowed = true;   // attributes may name one; ObjectTree is reported if they do regardless
     bool parentRequired = false; // attributes must name one
     bool levelAllowed = false;   // an execution level or synchronisation scope of its own
 };
 
-// Checks attributes as the framework does: status of the first thing wrong, and the parent to use.
+// Checks attributes as the framework does: status of the first thing wrong, and the parent to use. The
+// framework refuses a parent that may not own the child with a status as well, but a driver cannot mean that:
+// it is reported.
 NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
                          const CreationRules& rules, Object* defaultParent, Ref<Object>& parent);
 

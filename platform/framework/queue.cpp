@@ -149,10 +149,22 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
         Config->EvtIoDeviceControl == nullptr && Config->EvtIoInternalDeviceControl == nullptr) {
         return STATUS_WDF_NO_CALLBACK;
     }
+    const framework::CreationRules rules{.levelAllowed = true};
+    framework::Ref<framework::Object> parent;
+    NTSTATUS status = checkAttributes(call, QueueAttributes, rules, device.get(), parent);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (&requireDeviceAbove(call, *parent) != device.get()) {
+        call.fail(framework::Rule::ObjectTree, parent.get(), "The parent belongs to another device.");
+    }
+    // The steps of a device look for its queues among its children.
+    if (parent.get() != device.get()) {
+        return STATUS_NOT_SUPPORTED;
+    }
     framework::Ref<framework::Queue> queue;
-    NTSTATUS status =
-        createObject(call, QueueAttributes, {.levelAllowed = true}, device.get(), queue,
-                     [&](framework::Object*) { return new framework::Queue(*device, *Config); });
+    status = createObject(call, QueueAttributes, rules, device.get(), queue,
+                          [&](framework::Object*) { return new framework::Queue(*device, *Config); });
     if (!NT_SUCCESS(status)) {
         return status;
     }

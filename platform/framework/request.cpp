@@ -281,6 +281,8 @@ void Request::finish(const TransferResult& result) {
         synchronous = synchronous_;
         ended = std::move(submission_);
     }
+    // A request that ended while it waited at its target gives its buffers back here.
+    ended.reset();
     // From here on the routine may reuse, send or delete the request.
     if (synchronous) {
         kernel::wakeChannel(this);
@@ -335,6 +337,10 @@ Ref<framework::Request> packetRequest(const Call& call, WDFREQUEST handle) {
     auto request = call.object<framework::Request>(handle);
     if (request->irp() == nullptr) {
         call.fail(Rule::Argument, request.get(), "The driver created this request itself.");
+    }
+    // The queue may still hold a reference, as long as the callback has not returned.
+    if (request->deleting()) {
+        call.fail(Rule::HandleStale, request.get(), "The request has been completed.");
     }
     return request;
 }

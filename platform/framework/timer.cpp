@@ -139,9 +139,7 @@ NTSTATUS WdfTimerCreate(PWDF_TIMER_CONFIG Config, PWDF_OBJECT_ATTRIBUTES Attribu
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (framework::deviceOf(parent.get()) == nullptr) {
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
+    requireDeviceAbove(call, *parent);
     const WDF_EXECUTION_LEVEL level = Attributes->ExecutionLevel;
     const bool passive =
         level == WdfExecutionLevelPassive ||

@@ -32,6 +32,16 @@ usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
 
 } // namespace
 
+void requireRoom(const Call& call, const Object* object, const void* address, std::size_t size) {
+    const auto block = kernel::findPoolBlock(address);
+    const auto* begin = static_cast<const std::uint8_t*>(address);
+    if (block &&
+        size > static_cast<std::size_t>(static_cast<std::uint8_t*>(block->address) + block->size - begin)) {
+        call.fail(Rule::BufferTooShort, object,
+                  fmt::format("A transfer of {} bytes reaches beyond the end of its pool block.", size));
+    }
+}
+
 UsbDevice::UsbDevice(Device& device) : IoTarget(Kind::UsbDevice, device) {}
 
 usb::Device& UsbDevice::host() {
@@ -194,6 +204,7 @@ void* urbData(const Call& call, const Object& request, const _URB_BULK_OR_INTERR
         if (urb.TransferBuffer == nullptr) {
             call.fail(Rule::BufferTooShort, &request, "The URB has a length and no buffer.");
         }
+        requireRoom(call, &request, urb.TransferBuffer, urb.TransferBufferLength);
         return urb.TransferBuffer;
     }
     if (!kernel::isLiveMdl(urb.TransferBufferMDL)) {
@@ -204,11 +215,7 @@ void* urbData(const Call& call, const Object& request, const _URB_BULK_OR_INTERR
                   fmt::format("The URB sends {} bytes of an MDL of {}.", urb.TransferBufferLength,
                               MmGetMdlByteCount(urb.TransferBufferMDL)));
     }
-    void* data = MmGetSystemAddressForMdlSafe(urb.TransferBufferMDL, NormalPagePriority);
-    if (data == nullptr) {
-        call.fail(Rule::BufferLifetime, &request, "The URB's MDL was never built.");
-    }
-    return data;
+    return MmGetSystemAddressForMdlSafe(urb.TransferBufferMDL, NormalPagePriority);
 }
 
 // Counts an URB on its pipe until the transfer has ended or was not sent after all.

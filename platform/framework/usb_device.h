@@ -97,6 +97,9 @@ class UsbInterface final : public Object {
     std::vector<UsbPipe*> pipes_; // children; guarded by the kernel lock
 };
 
+// Fails with BufferTooShort when [address, address + size) begins in a pool block and reaches beyond its end.
+void requireRoom(const Call& call, const Object* object, const void* address, std::size_t size);
+
 class UsbDevice final : public IoTarget {
   public:
     explicit UsbDevice(Device& device);

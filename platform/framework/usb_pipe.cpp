@@ -109,6 +109,12 @@ NTSTATUS UsbPipe::configureReader(const Call& call, const WDF_USB_CONTINUOUS_REA
     if (config.EvtUsbTargetPipeReadComplete == nullptr || config.TransferLength == 0) {
         return STATUS_INVALID_PARAMETER;
     }
+    Ref<Object> parent;
+    const NTSTATUS attributesStatus =
+        checkAttributes(call, config.BufferAttributes, {.parentAllowed = false}, this, parent);
+    if (!NT_SUCCESS(attributesStatus)) {
+        return attributesStatus;
+    }
     // An IN transfer that is no multiple of the packet size can be overrun by a device that sends more.
     if (packetSizeCheck_ && (maximumPacketSize() == 0 || config.TransferLength % maximumPacketSize() != 0)) {
         return STATUS_INVALID_BUFFER_SIZE;

@@ -13,19 +13,24 @@ Submission::Submission(usb::Device& host, std::string_view what,
     : host_(host), what_(what), done_(std::move(done)) {}
 
 void Submission::use(const void* address, std::size_t size, std::string what) {
-    uses_.push_back({address, size, std::move(what), 0});
+    uses_.push_back(kernel::beginBufferUse(address, size, std::move(what)));
+}
+
+void Submission::endUses() {
+    for (const kernel::BufferUse use : uses_) {
+        kernel::endBufferUse(use);
+    }
+    uses_.clear();
 }
 
 void Submission::start(kernel::Time deadline) {
     const std::shared_ptr<Submission> self = shared_from_this();
     if (immediate_) {
+        endUses();
         std::exchange(done_, nullptr)(*immediate_);
         return;
     }
     transfer_.complete = [self](usb::Transfer&) { self->completed(); };
-    for (Use& use : uses_) {
-        use.mark = kernel::beginBufferUse(use.address, use.size, use.what);
-    }
     if (kernel::faultPoint(kernel::FaultKind::Transfer, what_)) {
         transfer_.status = usb::Status::Error;
         completed();
@@ -79,10 +84,7 @@ void Submission::completed() {
     if (timerRuns) {
         kernel::cancelTimer(timer);
     }
-    for (const Use& use : uses_) {
-        kernel::endBufferUse(use.mark);
-    }
-    uses_.clear();
+    endUses();
 
     TransferResult result;
     result.actual = transfer_.actual;

@@ -29,10 +29,12 @@ class Submission : public std::enable_shared_from_this<Submission> {
     Submission(usb::Device& host, std::string_view what, std::function<void(const TransferResult&)> done);
     Submission(const Submission&) = delete;
     Submission& operator=(const Submission&) = delete;
+    ~Submission() { endUses(); }
 
     usb::Transfer& transfer() { return transfer_; } // filled in before `start`
 
-    // Memory to be marked as used from `start` until the transfer is done.
+    // Memory that is in use from now until the transfer is done, also while it waits for its `start`; or
+    // until this object goes, when it was never started.
     void use(const void* address, std::size_t size, std::string what);
 
     // Instead of reaching the device, the transfer ends in `start` with this result.
@@ -47,18 +49,13 @@ class Submission : public std::enable_shared_from_this<Submission> {
 
   private:
     void completed();
+    void endUses();
 
     usb::Device& host_;
     const std::string_view what_;
     std::function<void(const TransferResult&)> done_;
     usb::Transfer transfer_;
-    struct Use {
-        const void* address;
-        std::size_t size;
-        std::string what;
-        kernel::BufferUse mark;
-    };
-    std::vector<Use> uses_;
+    std::vector<kernel::BufferUse> uses_;
     std::optional<TransferResult> immediate_;
 
     // Guarded by the kernel lock.

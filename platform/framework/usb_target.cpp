@@ -26,7 +26,8 @@ NTSTATUS WdfUsbTargetDeviceCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES Attri
         call.fail(Rule::UsbTarget, device.get(), "The USB target is created in EvtDevicePrepareHardware.");
     }
     Ref<framework::UsbDevice> usbDevice;
-    NTSTATUS status = createObject(call, Attributes, {}, device.get(), usbDevice,
+    // The target follows the PnP state of its device and so belongs to nothing else.
+    NTSTATUS status = createObject(call, Attributes, {.parentAllowed = false}, device.get(), usbDevice,
                                    [&](framework::Object*) { return new framework::UsbDevice(*device); });
     if (!NT_SUCCESS(status)) {
         return status;
@@ -122,6 +123,7 @@ NTSTATUS resolve(const Call& call, const WDF_MEMORY_DESCRIPTOR* descriptor, Buff
     switch (descriptor->Type) {
     case WdfMemoryDescriptorTypeBuffer:
         buffer = {descriptor->u.BufferType.Buffer, descriptor->u.BufferType.Length, {}};
+        requireRoom(call, nullptr, buffer.data, buffer.size);
         return STATUS_SUCCESS;
     case WdfMemoryDescriptorTypeMdl:
         if (!kernel::isLiveMdl(descriptor->u.MdlType.Mdl)) {

@@ -77,9 +77,7 @@ NTSTATUS WdfWorkItemCreate(PWDF_WORKITEM_CONFIG Config, PWDF_OBJECT_ATTRIBUTES A
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (framework::deviceOf(parent.get()) == nullptr) {
-        return STATUS_INVALID_DEVICE_REQUEST;
-    }
+    requireDeviceAbove(call, *parent);
     Ref<framework::WorkItem> item;
     status = createObject(call, Attributes, rules, nullptr, item,
                           [&](framework::Object*) { return new framework::WorkItem(*Config); });

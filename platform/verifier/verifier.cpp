@@ -20,7 +20,7 @@ constexpr std::array kRuleNames = {
     "PoolTag",        "PoolOverrun",    "PoolFreedTwice",      "PoolLeak",           "UsbTarget",
     "UsbPipeHandle",  "PnpOrder",       "ThreadLeak",          "ListCorruption",     "Argument",
     "Deadlock",       "StepLimit"};
-static_assert(kRuleNames.size() == static_cast<std::size_t>(Rule::StepLimit) + 1);
+static_assert(kRuleNames.size() == kRuleCount);
 
 // That `to` was taken while its predecessor was held, and where that was seen first.
 struct Order {

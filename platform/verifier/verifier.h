@@ -2,6 +2,7 @@
 // and the seed, and stops the run.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -36,8 +37,9 @@ enum class Rule : std::uint8_t {
     ListCorruption, // list links that do not point back
     Argument,       // a value outside the documented range
     Deadlock,
-    StepLimit,
+    StepLimit, // stays the last one
 };
+constexpr std::size_t kRuleCount = static_cast<std::size_t>(Rule::StepLimit) + 1;
 
 std::string_view ruleName(Rule rule);
 
