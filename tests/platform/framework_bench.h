@@ -191,12 +191,15 @@ class SmallDevice final : public usb::Device {
 // What the driver does in its callbacks, and the order in which they came.
 struct DriverScript {
     std::vector<std::string> trace;
+    std::function<void()> beforeEntry; // before there is a driver object
     std::function<NTSTATUS(WDFDRIVER)> entry;
+    std::function<void(PWDFDEVICE_INIT)> init; // before there is a device object
     std::function<NTSTATUS(WDFDEVICE)> add;
     std::function<NTSTATUS(WDFDEVICE)> prepare;
     std::function<NTSTATUS(WDFDEVICE)> d0Entry;
     std::function<NTSTATUS(WDFDEVICE)> selfManagedIoInit;
     std::function<void(WDFREQUEST, ULONG)> control;
+    std::function<NTSTATUS(WDFDEVICE, PIRP)> preprocess;
     WDFDEVICE device = nullptr;
 
     void note(std::string what) {
@@ -255,6 +258,9 @@ inline void surprise(WDFDEVICE) {
 }
 inline NTSTATUS preprocess(WDFDEVICE device, PIRP irp) {
     script->note("irp " + std::to_string(IoGetCurrentIrpStackLocation(irp)->MinorFunction));
+    if (script->preprocess) {
+        return script->preprocess(device, irp);
+    }
     IoSkipCurrentIrpStackLocation(irp);
     return WdfDeviceWdmDispatchPreprocessedIrp(device, irp);
 }
@@ -296,6 +302,9 @@ inline NTSTATUS deviceAdd(WDFDRIVER, PWDFDEVICE_INIT init) {
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    if (script->init) {
+        script->init(init);
+    }
     status = WdfDeviceCreate(&init, WDF_NO_OBJECT_ATTRIBUTES, &script->device);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -311,6 +320,9 @@ inline NTSTATUS deviceAdd(WDFDRIVER, PWDFDEVICE_INIT init) {
 }
 
 inline NTSTATUS driverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING path) {
+    if (script->beforeEntry) {
+        script->beforeEntry();
+    }
     WDF_DRIVER_CONFIG config;
     WDF_DRIVER_CONFIG_INIT(&config, deviceAdd);
     WDFDRIVER driver;
@@ -331,10 +343,12 @@ class FrameworkBench {
   public:
     explicit FrameworkBench(std::uint64_t seed = seedOfRun(), const usb::HostOptions& host = {},
                             kernel::Mode mode = kernel::Mode::Sim)
+        : FrameworkBench(kernel::SchedulerOptions{.mode = mode, .seed = seed}, host) {}
+
+    explicit FrameworkBench(const kernel::SchedulerOptions& scheduler, const usb::HostOptions& host = {})
         : host_(host) {
         platform::MachineOptions options;
-        options.scheduler.seed = seed;
-        options.scheduler.mode = mode;
+        options.scheduler = scheduler;
         machine_ = std::make_unique<platform::Machine>(options);
         script = &driver;
     }

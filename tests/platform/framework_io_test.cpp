@@ -1,4 +1,5 @@
 // Transfers: control, bulk and the continuous reader, with their time-outs, cancellations and failures.
+#include "tests/platform/bulk_transfer.h"
 #include "tests/platform/framework_bench.h"
 
 #include "platform/kernel/fault_points.h"
@@ -8,72 +9,6 @@
 namespace {
 
 using namespace platform_test;
-
-// One bulk transfer of the driver: request, URB, buffer, MDL and what its completion saw.
-struct BulkTransfer {
-    WDFREQUEST request = nullptr;
-    WDFMEMORY urbMemory = nullptr;
-    PMDL mdl = nullptr;
-    _URB_BULK_OR_INTERRUPT_TRANSFER urb = {};
-    std::array<std::uint8_t, 4096> bytes = {};
-    int completions = 0;
-    WDF_REQUEST_COMPLETION_PARAMS params = {};
-    WDF_USB_REQUEST_COMPLETION_PARAMS usb = {};
-    kernel::Time completedAt = 0;
-    unsigned completedIrql = 0;
-    std::function<void()> onCompletion;
-
-    void create(const Target& target) {
-        ASSERT_EQ(WdfRequestCreate(nullptr, WdfUsbTargetDeviceGetIoTarget(target.usb), &request),
-                  STATUS_SUCCESS);
-        ASSERT_EQ(WdfMemoryCreatePreallocated(nullptr, &urb, sizeof(urb), &urbMemory), STATUS_SUCCESS);
-        mdl = IoAllocateMdl(bytes.data(), static_cast<ULONG>(bytes.size()), FALSE, FALSE, nullptr);
-        ASSERT_NE(mdl, nullptr);
-        MmBuildMdlForNonPagedPool(mdl);
-    }
-
-    void destroy() {
-        WdfObjectDelete(request);
-        WdfObjectDelete(urbMemory);
-        IoFreeMdl(mdl);
-    }
-
-    NTSTATUS format(const Target& target, ULONG length) {
-        WDF_REQUEST_REUSE_PARAMS reuse;
-        WDF_REQUEST_REUSE_PARAMS_INIT(&reuse, WDF_REQUEST_REUSE_NO_FLAGS, STATUS_SUCCESS);
-        EXPECT_EQ(WdfRequestReuse(request, &reuse), STATUS_SUCCESS);
-        UsbBuildInterruptOrBulkTransferRequest(
-            reinterpret_cast<PURB>(&urb), sizeof(urb), WdfUsbTargetPipeWdmGetPipeHandle(target.out), nullptr,
-            length != 0 ? mdl : nullptr, length, USBD_TRANSFER_DIRECTION_OUT, nullptr);
-        const NTSTATUS status =
-            WdfUsbTargetDeviceFormatRequestForUrb(target.usb, request, urbMemory, nullptr);
-        WdfRequestSetCompletionRoutine(request, completed, this);
-        return status;
-    }
-
-    BOOLEAN send(const Target& target, ULONG length, LONGLONG timeout = 0) {
-        EXPECT_EQ(format(target, length), STATUS_SUCCESS);
-        WDF_REQUEST_SEND_OPTIONS options;
-        WDF_REQUEST_SEND_OPTIONS_INIT(&options, 0);
-        if (timeout != 0) {
-            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, timeout);
-        }
-        return WdfRequestSend(request, WdfUsbTargetDeviceGetIoTarget(target.usb), &options);
-    }
-
-    static void completed(WDFREQUEST, WDFIOTARGET, PWDF_REQUEST_COMPLETION_PARAMS params,
-                          WDFCONTEXT context) {
-        auto& self = *static_cast<BulkTransfer*>(context);
-        self.params = *params;
-        self.usb = *params->Parameters.Usb.Completion;
-        self.completedAt = kernel::now();
-        self.completedIrql = KeGetCurrentIrql();
-        ++self.completions;
-        if (self.onCompletion) {
-            self.onCompletion();
-        }
-    }
-};
 
 class FrameworkIo : public testing::Test {
   protected:
