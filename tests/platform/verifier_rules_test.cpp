@@ -86,7 +86,7 @@ struct KernelCase {
 World* callbackWorld;
 
 // Writes past the instruments of AddressSanitizer, which would end the program at the write itself.
-[[gnu::noinline, gnu::no_sanitize("address")]] void poke(UCHAR* address) {
+__attribute__((noinline, no_sanitize("address"))) void poke(UCHAR* address) {
     *const_cast<volatile UCHAR*>(address) = 1;
 }
 
