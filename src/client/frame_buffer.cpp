@@ -76,6 +76,30 @@ BOOLEAN IsCurrent(CLIENT_CONTEXT* client, const FRAME_BUFFER_CONTEXT* frameBuffe
     return frameBuffer->FrameKey == client->CurrentFrameKey;
 }
 
+BOOLEAN IsPresented(CLIENT_CONTEXT* client, const FRAME_BUFFER_CONTEXT* frameBuffer) {
+    SPIN_LOCK_GUARD list(client->FrameBufferListLock);
+    return frameBuffer->Presented;
+}
+
+// Hands a frame over that its client is not filling.
+void Resubmit(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
+    BOOLEAN owned = FALSE;
+    while (!IsBeingFilled(frameBuffer) && !owned) {
+        owned = TryAcquirePixels(frameBuffer);
+    }
+    if (!owned) {
+        return;
+    }
+    {
+        // A present that came in between has handed its own frame over, with the pointer as it is now.
+        MUTEX_GUARD submit(context->Client.SubmitMutex);
+        if (IsCurrent(&context->Client, frameBuffer)) {
+            FRAMEBUFFER_SubmitToRender(context, frameBuffer);
+        }
+    }
+    ReleasePixels(frameBuffer);
+}
+
 NTSTATUS FindOrCreate(DEVICE_CONTEXT* context, const PRESENT_REQUEST* request,
                       FRAME_BUFFER_CONTEXT** frameBuffer) {
     *frameBuffer = FindByIdentifier(context, request->Identifier);
@@ -246,6 +270,7 @@ NTSTATUS FRAMEBUFFER_Present(DEVICE_CONTEXT* context, const PRESENT_REQUEST* req
         {
             SPIN_LOCK_GUARD list(client->FrameBufferListLock);
             client->CurrentFrameKey = request->FrameKey;
+            frameBuffer->Presented = TRUE;
         }
         FRAMEBUFFER_SubmitToRender(context, frameBuffer);
     }
@@ -273,22 +298,18 @@ void FRAMEBUFFER_SubmitToRender(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* f
 
 void FRAMEBUFFER_ResubmitCurrent(DEVICE_CONTEXT* context) {
     FRAME_BUFFER_CONTEXT* frameBuffer = FRAMEBUFFER_FindCurrent(context);
-    if (frameBuffer == nullptr) {
-        return;
+    if (frameBuffer != nullptr) {
+        Resubmit(context, frameBuffer);
+        FRAMEBUFFER_Dereference(context, frameBuffer);
     }
-    BOOLEAN owned = FALSE;
-    while (!IsBeingFilled(frameBuffer) && !owned) {
-        owned = TryAcquirePixels(frameBuffer);
-    }
-    if (owned) {
-        {
-            // A present that came in between has handed its own frame over, with the pointer as it is now.
-            MUTEX_GUARD submit(context->Client.SubmitMutex);
-            if (IsCurrent(&context->Client, frameBuffer)) {
-                FRAMEBUFFER_SubmitToRender(context, frameBuffer);
-            }
+}
+
+void FRAMEBUFFER_ResubmitPresented(DEVICE_CONTEXT* context) {
+    FRAME_BUFFER_CONTEXT* frameBuffer = FRAMEBUFFER_FindCurrent(context);
+    if (frameBuffer != nullptr) {
+        if (IsPresented(&context->Client, frameBuffer)) {
+            Resubmit(context, frameBuffer);
         }
-        ReleasePixels(frameBuffer);
+        FRAMEBUFFER_Dereference(context, frameBuffer);
     }
-    FRAMEBUFFER_Dereference(context, frameBuffer);
 }

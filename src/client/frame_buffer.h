@@ -26,6 +26,7 @@ struct FRAME_BUFFER_CONTEXT {
     LONG ReferenceCount;
     BOOLEAN Destroyed; // the list's reference is gone; the last user frees
     ULONG FrameKey;    // of the last present; 0 before the first
+    BOOLEAN Presented; // the client has filled it at least once
 
     // Signalled while nobody owns the pixels; a wait takes them (synchronization event).
     KEVENT PixelsFree;
@@ -81,3 +82,7 @@ void FRAMEBUFFER_SubmitToRender(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* f
 // Shows pointer changes: hands the current frame over again, unless its client is filling it: that present
 // then draws the pointer as it stands by that time. PASSIVE_LEVEL; the caller does not hold SubmitMutex.
 void FRAMEBUFFER_ResubmitCurrent(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Client.SubmitMutex);
+
+// The same when the stream starts anew: what the client presented while it stood still was not handed over. A
+// frame buffer that no present has filled yet stays where it is.
+void FRAMEBUFFER_ResubmitPresented(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Client.SubmitMutex);

@@ -73,6 +73,9 @@ NTSTATUS StartThread(DEVICE_CONTEXT* context) {
 void HandleFrameRequest(DEVICE_CONTEXT* context) {
     KeClearEvent(&context->Render.FrameUpdateRequestEvent);
     if (IsRunning(context)) {
+        if (InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
+            FRAMEBUFFER_ResubmitPresented(context);
+        }
         RENDER_FrameUpdate(context);
     } else {
         SHARED_Write(context->Render.StopAcknowledged, TRUE);

@@ -111,7 +111,8 @@ struct RENDER_PIPELINE {
 
     // Shared fields, each written by one side and polled by the other.
     ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE, by the thread
-    BOOLEAN StopAcknowledged;     // set by the thread, cleared by a stop
+    LONG StartedAnew; // interlocked: set by a start, taken back by the thread at its next frame update
+    BOOLEAN StopAcknowledged; // set by the thread, cleared by a stop
 
     // Changed under RenderStartStopMutex and PendingListLock. Who holds either knows that it stays; a poll
     // without them (shared field) only saves work that would be thrown away.

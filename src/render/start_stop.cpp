@@ -27,8 +27,9 @@ void SetRunning(DEVICE_CONTEXT* context) {
         context->Render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
         SHARED_Write(context->Render.RenderRunning, 1u);
     }
-    // The newest presented frame goes out now: a client that has nothing to redraw would leave the monitor
-    // dark.
+    // The newest presented frame goes out now, be it one from before the stop or one that came meanwhile: a
+    // client that has nothing to redraw would leave the monitor dark, or with an old picture.
+    InterlockedExchange(&context->Render.StartedAnew, 1);
     KeSetEvent(&context->Render.FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
 }
 
