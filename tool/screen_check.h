@@ -25,7 +25,9 @@ std::optional<WireMode> currentWireMode(Session& session);
 // Checks the monitor against one picture. The expected frames are worked out once per mode and level.
 class ScreenCheck {
   public:
+    // Both outlive the check.
     ScreenCheck(Session& session, const desktop::Surface& picture) : session_(session), picture_(picture) {}
+    ScreenCheck(Session& session, desktop::Surface&& picture) = delete;
 
     // The monitor shows the picture as it comes through at the driver's present level of compression.
     bool matches();

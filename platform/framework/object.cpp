@@ -344,7 +344,7 @@ std::vector<std::string> liveObjects() {
 
 void resetObjects() {
     // Objects of a run that was stopped are still on the stacks of its tasks, so they are kept, out of reach.
-    static std::vector<Object*> abandoned;
+    static auto& abandoned = *new std::vector<Object*>; // outlives every static object
     KernelGuard guard;
     for (Object* object : objectTable().alive()) {
         abandoned.push_back(object);

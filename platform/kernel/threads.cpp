@@ -137,7 +137,10 @@ void requireThreadsEnded(std::string_view call) {
 }
 
 void resetThreads() {
-    // Objects that an earlier machine left are still pointed to by its tasks, which never run again.
+    // Objects that a stopped run left are still pointed to by its tasks, which never run again: they are
+    // kept, out of reach.
+    static auto& abandoned = *new std::set<_KTHREAD*>; // outlives every static object
+    abandoned.merge(threadObjects);
     threadObjects.clear();
     handles.clear();
     lastHandle = 0;

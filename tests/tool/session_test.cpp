@@ -58,7 +58,8 @@ TEST(ScreenCheck, NamesTheFirstWrongPixel) {
             EXPECT_EQ(wrong.problem(),
                       fmt::format("wrong picture: pixel (105, 57) {}; 2 pixels differ", c.values));
 
-            ScreenCheck otherSize(session, gradient({800, 600}));
+            const Surface larger = gradient({800, 600});
+            ScreenCheck otherSize(session, larger);
             EXPECT_FALSE(otherSize.matches());
             EXPECT_EQ(otherSize.problem(), "the monitor shows 640x480, expected 800x600");
         });
@@ -71,7 +72,8 @@ TEST(ScreenCheck, TellsWhyTheMonitorIsDark) {
     session.run([&] {
         session.attachMonitor(builtinEdid());
         session.plug({});
-        ScreenCheck check(session, gradient({640, 480}));
+        const Surface picture = gradient({640, 480});
+        ScreenCheck check(session, picture);
         EXPECT_FALSE(check.matches());
         EXPECT_TRUE(check.problem().starts_with("the monitor is dark: ")) << check.problem();
     });
