@@ -134,6 +134,9 @@ TEST(CompressionLevel, StaysOnASuperSpeedLink) {
 
 // Dropped frames.
 
+// 15 ms a frame: slow enough to do things between two of them, fast enough for 60 Hz.
+constexpr std::uint64_t kGentleLink = 61'000'000;
+
 std::string_view formatOf(Session& session) {
     const std::optional<model::OutputMode> mode = session.adapter().outputMode();
     return mode ? model::name(mode->format) : "none";
@@ -180,8 +183,7 @@ TEST(FrameErrorBucket, FillsAndLeaks) {
         SCOPED_TRACE(c.name);
         runSession(inOrder(c.settings), [&](Session& session) {
             PlugOptions options = adapter();
-            options.bandwidth =
-                61'000'000; // 15 ms a frame: slow enough to hit the gaps, fast enough for 60 Hz
+            options.bandwidth = kGentleLink;
             showDesktop(session, options, pattern("bars", kWidth, kHeight));
             expectPicture(session);
             for (const unsigned frames : c.framesBeforeError) {
@@ -211,7 +213,7 @@ TEST(FrameErrorBucket, NeedsAFrameToLose) {
 TEST(FrameErrorBucket, IsEmptiedByAModeSet) {
     runSession(inOrder({setting("UseFrameErrorBucket", 1)}), [](Session& session) {
         PlugOptions options = adapter();
-        options.bandwidth = 61'000'000;
+        options.bandwidth = kGentleLink;
         showDesktop(session, options, pattern("bars", kWidth, kHeight));
         expectPicture(session);
         session.adapter().reportFrameError();
@@ -230,7 +232,9 @@ TEST(FrameErrorBucket, IsEmptiedByAModeSet) {
 TEST(DropFrameCheck, RunsEveryFiveSeconds) {
     runSession(inOrder({setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 3)}), [](Session& session) {
         constexpr usb::Time kPeriod = 5 * kSecond;
-        session.plug(adapter());
+        PlugOptions options = adapter();
+        options.bandwidth = kGentleLink;
+        session.plug(options);
         session.attachMonitor({});
         session.openClient();
         const usb::Time attached = session.machine().clock().now();
