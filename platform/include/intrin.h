@@ -39,3 +39,15 @@ inline UCHAR _BitScanReverse(ULONG* index, ULONG mask) {
     *index = 31 - (ULONG)__builtin_clz(mask);
     return 1;
 }
+inline UCHAR _BitScanForward64(ULONG* index, ULONGLONG mask) {
+    if (mask == 0)
+        return 0;
+    *index = (ULONG)__builtin_ctzll(mask);
+    return 1;
+}
+inline UCHAR _BitScanReverse64(ULONG* index, ULONGLONG mask) {
+    if (mask == 0)
+        return 0;
+    *index = 63 - (ULONG)__builtin_clzll(mask);
+    return 1;
+}

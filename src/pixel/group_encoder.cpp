@@ -139,78 +139,50 @@ TARGET_SSE41 FORCEINLINE __m128i Quantise(const QUANTISER& quantiser, const UCHA
     return _mm_or_si128(_mm_and_si128(Load(source), quantiser.Mask), quantiser.Fill);
 }
 
-struct BLOCK {
-    __m128i Low;
-    __m128i High;
-};
-
-TARGET_SSE41 FORCEINLINE BLOCK ReadBlock(const QUANTISER& quantiser, const UCHAR* source) {
-    return {Quantise(quantiser, source), Quantise(quantiser, source + 16)};
+// All ones in the lanes of eight pixels that equal their predecessors.
+TARGET_SSE41 FORCEINLINE __m128i CompareEight(const QUANTISER& quantiser, const UCHAR* source) {
+    const __m128i difference = _mm_xor_si128(Load(source), Load(source - 2));
+    return _mm_cmpeq_epi16(_mm_and_si128(difference, quantiser.Compared), _mm_setzero_si128());
 }
 
-// The repeats in a block. The last of the eight pixels in `before` precedes it.
-TARGET_SSE41 FORCEINLINE ULONG FindRepeats(__m128i before, const BLOCK& block) {
-    const __m128i low = _mm_cmpeq_epi16(block.Low, _mm_alignr_epi8(block.Low, before, 14));
-    const __m128i high = _mm_cmpeq_epi16(block.High, _mm_alignr_epi8(block.High, block.Low, 14));
-    return static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+TARGET_SSE41 FORCEINLINE ULONG CompareBlock(const QUANTISER& quantiser, const UCHAR* source) {
+    const __m128i both =
+        _mm_packs_epi16(CompareEight(quantiser, source), CompareEight(quantiser, source + GROUP_BYTES));
+    return static_cast<ULONG>(_mm_movemask_epi8(both));
 }
 
-// The bits in which eight pixels differ from their predecessors, before quantisation.
-TARGET_SSE41 FORCEINLINE __m128i Difference(const UCHAR* source) {
-    return _mm_xor_si128(Load(source), Load(source - 2));
+TARGET_SSE41 FORCEINLINE ULONGLONG FindRepeats(const QUANTISER& quantiser, const UCHAR* source) {
+    return MASKS_JoinBlocks(CompareBlock(quantiser, source), CompareBlock(quantiser, source + BLOCK_BYTES),
+                            CompareBlock(quantiser, source + 2 * BLOCK_BYTES),
+                            CompareBlock(quantiser, source + 3 * BLOCK_BYTES));
 }
 
-// The number of repeats from `source` on: a block, which is known to be all repeats, and what follows it in
-// steps of 32, at most `limit`.
-TARGET_SSE41 FORCEINLINE ULONG CountRepeats(const QUANTISER& quantiser, const UCHAR* source, ULONG limit) {
-    ULONG count = BLOCK_PIXELS;
-    for (; count + 32 <= limit; count += 32) {
-        const UCHAR* pixels = source + SIZE_T{count} * 2;
-        const __m128i low = _mm_or_si128(Difference(pixels), Difference(pixels + 16));
-        const __m128i high = _mm_or_si128(Difference(pixels + 32), Difference(pixels + 48));
-        if (!_mm_testz_si128(_mm_or_si128(low, high), quantiser.Compared)) {
+// Encodes strips from `index` on, whose predecessor is readable, until less than a word is left or a run may
+// have to be broken. Returns the pixel it stopped at.
+TARGET_SSE41 ULONG EncodeStrips(const QUANTISATION& quantisation, const QUANTISER& quantiser,
+                                const RUN_PACKER& packer, PACK_CURSOR* position, const UCHAR* source,
+                                ULONG index, ULONG pixelCount) {
+    PACK_CURSOR cursor = *position;
+    for (;;) {
+        const ULONG words = MASKS_CountWords(pixelCount - index);
+        if (words == 0 || cursor.Repeats > LONGEST_OPEN_RUN - STRIP_PIXELS) {
             break;
         }
-    }
-    return count;
-}
-
-// Encodes from `pixels`, whose predecessor is readable, in whole blocks as long as another block follows and
-// no run has to be broken. Returns the pixel it stopped at.
-TARGET_SSE41 const UCHAR* EncodeBlocks(const QUANTISER& quantiser, const RUN_PACKER& packer,
-                                       PACK_CURSOR* position, const UCHAR* pixels, const UCHAR* end) {
-    PACK_CURSOR cursor = *position;
-    BLOCK block = ReadBlock(quantiser, pixels);
-    ULONG repeats = FindRepeats(Quantise(quantiser, pixels - GROUP_BYTES), block);
-    ULONG repeatBefore = cursor.Repeats != 0;
-    while (end - pixels >= 2 * BLOCK_BYTES && cursor.Repeats <= LONGEST_OPEN_RUN - GROUP_PIXELS) {
-        const BLOCK blockAfter = ReadBlock(quantiser, pixels + BLOCK_BYTES);
-        const ULONG repeatsAfter = FindRepeats(block.High, blockAfter);
-        const ULONG continued = PACKER_FindContinued(repeats, repeatsAfter);
-        // A run that goes on through the next block is worth leaving this path; a shorter one is not, because
-        // the processor cannot foresee its end.
-        if ((continued & repeatsAfter) == ALL_OF_BLOCK) {
-            const ULONG left = static_cast<ULONG>(end - pixels - BLOCK_BYTES) / 2;
-            const ULONG open = LONGEST_OPEN_RUN - cursor.Repeats;
-            const ULONG flat = CountRepeats(quantiser, pixels, left < open ? left : open);
-            cursor.Repeats += flat;
-            pixels += SIZE_T{flat} * 2;
-            block = ReadBlock(quantiser, pixels);
-            repeats = FindRepeats(Quantise(quantiser, pixels - GROUP_BYTES), block);
-            cursor = PACKER_CloseRun(cursor, repeats);
-            repeatBefore = 1;
-        } else {
-            // One repeat alone is a literal.
-            const ULONG lone = repeats & ~(repeats << 1 | repeatBefore) & ~continued;
-            cursor = PACKER_PutBlock(packer, cursor, block.Low, block.High, repeats & ~lone, continued);
-            repeatBefore = repeats >> (BLOCK_PIXELS - 1);
-            pixels += BLOCK_BYTES;
-            block = blockAfter;
-            repeats = repeatsAfter;
+        const UCHAR* strip = source + SIZE_T{index} * 2;
+        RUN_MASKS masks;
+        for (ULONG word = 0; word < words; word++) {
+            masks.Repeats[word] = FindRepeats(quantiser, strip + SIZE_T{word} * WORD_PIXELS * 2);
         }
+        index += words * WORD_PIXELS;
+        MASKS_Complete(&masks, words,
+                       ReadWord(source, index, quantisation) == ReadWord(source, index - 1, quantisation));
+        MASKS_ClearLone(&masks, words, cursor.Repeats != 0);
+        cursor = PACKER_PutStrip(packer, cursor, masks, words, [&](ULONG group) TARGET_SSE41 {
+            return Quantise(quantiser, strip + SIZE_T{group} * GROUP_BYTES);
+        });
     }
     *position = cursor;
-    return pixels;
+    return index;
 }
 
 } // namespace
@@ -254,23 +226,20 @@ TARGET_SSE41 ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* con
     RUN run = StartStream(source);
     EncodePixels(&writer, &run, source, 0, GROUP_PIXELS, quantisation);
     ULONG index = GROUP_PIXELS;
-    while (pixelCount - index >= 2 * BLOCK_PIXELS) {
+    while (MASKS_CountWords(pixelCount - index) != 0) {
         // Vectors write a run with its last pixel; one that has ended already is not theirs.
         if (ReadWord(source, index, quantisation) != run.Word) {
             PutRun(&writer, run);
             run.Repeats = 0;
         }
         PACK_CURSOR cursor = {writer.Cursor, run.Repeats};
-        const UCHAR* pixels = EncodeBlocks(quantiser, packer, &cursor, source + SIZE_T{index} * 2,
-                                           source + SIZE_T{pixelCount} * 2);
-        index = static_cast<ULONG>((pixels - source) / 2);
+        index = EncodeStrips(quantisation, quantiser, packer, &cursor, source, index, pixelCount);
         writer.Cursor = cursor.Next;
         run = {ReadWord(source, index - 1, quantisation), cursor.Repeats};
-        if (pixelCount - index >= 2 * BLOCK_PIXELS) {
-            // They stopped before a run that may have to be broken.
-            EncodePixels(&writer, &run, source, index, index + BLOCK_PIXELS, quantisation);
-            index += BLOCK_PIXELS;
-        }
+        // They also stop before a run that may have to be broken.
+        const ULONG byPixel = MASKS_CountWords(pixelCount - index) * WORD_PIXELS;
+        EncodePixels(&writer, &run, source, index, index + byPixel, quantisation);
+        index += byPixel;
     }
     EncodePixels(&writer, &run, source, index, pixelCount, quantisation);
     return FinishStream(&writer, run, destination);

@@ -111,121 +111,56 @@ ULONGLONG EncodeStream(DEVICE_CONTEXT* context, ENCODE_PIXELS* encodePixels, con
     return writer.Overflow ? 0 : static_cast<ULONGLONG>(writer.Cursor - destination);
 }
 
-// Sixteen 16-bit pixels beside their predecessors: bit i stands for pixel i.
-struct NEIGHBOURS {
-    ULONG Same;  // equal to the pixel before
-    ULONG Close; // equal to it but for bits that may differ
-};
-
 TARGET_SSSE3 FORCEINLINE __m128i LoadEight(const UCHAR* source) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(source));
 }
 
-TARGET_SSSE3 FORCEINLINE ULONG LaneBits(__m128i low, __m128i high) {
+// The pixels of a block that equal those of another but for the bits in `mask`.
+TARGET_SSSE3 FORCEINLINE ULONG CompareBlock(const UCHAR* source, const UCHAR* others, __m128i mask) {
+    const __m128i low =
+        _mm_cmpeq_epi16(_mm_or_si128(LoadEight(source), mask), _mm_or_si128(LoadEight(others), mask));
+    const __m128i high = _mm_cmpeq_epi16(_mm_or_si128(LoadEight(source + GROUP_BYTES), mask),
+                                         _mm_or_si128(LoadEight(others + GROUP_BYTES), mask));
     return static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
 }
 
-template <bool Tolerant>
-TARGET_SSSE3 FORCEINLINE NEIGHBOURS CompareBlock(const UCHAR* block, __m128i mask) {
-    const __m128i low = LoadEight(block);
-    const __m128i high = LoadEight(block + 16);
-    const __m128i lowBefore = LoadEight(block - 2);
-    const __m128i highBefore = LoadEight(block + 14);
-    const ULONG same = LaneBits(_mm_cmpeq_epi16(low, lowBefore), _mm_cmpeq_epi16(high, highBefore));
-    if constexpr (!Tolerant) {
-        return {same, same};
-    } else {
-        return {same, LaneBits(_mm_cmpeq_epi16(_mm_or_si128(low, mask), _mm_or_si128(lowBefore, mask)),
-                               _mm_cmpeq_epi16(_mm_or_si128(high, mask), _mm_or_si128(highBefore, mask)))};
-    }
+// The pixels of a word that equal the one before but for the bits in `mask`.
+TARGET_SSSE3 FORCEINLINE ULONGLONG CompareWord(const UCHAR* source, __m128i mask) {
+    const auto compare = [source, mask](ULONG block) TARGET_SSSE3 {
+        const UCHAR* pixels = source + SIZE_T{block} * BLOCK_BYTES;
+        return CompareBlock(pixels, pixels - 2, mask);
+    };
+    return MASKS_JoinBlocks(compare(0), compare(1), compare(2), compare(3));
 }
 
-// The value of the last literal up to and with `block`, of which `literals` are the literals; `before` is
-// that of the last one before the block.
-inline ULONG LastLiteral(const UCHAR* block, ULONG literals, ULONG before) {
-    ULONG last;
-    return _BitScanReverse(&last, literals) ? ReadPixel<2>(block, last) : before;
-}
-
-// Which pixels of a block become literals. All pixels of a run are close to its literal, so one that is not
-// close to its predecessor is always a literal, and one that is close without being the same never is. One
-// that equals its predecessor is a literal only if that predecessor was merged without having the literal's
-// value: this alone needs the literal itself.
-template <bool Tolerant>
-TARGET_SSSE3 FORCEINLINE ULONG FindLiterals(const UCHAR* block, __m128i mask, ULONG literalBefore) {
-    const NEIGHBOURS neighbours = CompareBlock<Tolerant>(block, mask);
-    ULONG literals = ~neighbours.Close & ALL_OF_BLOCK;
-    if constexpr (Tolerant) {
-        const ULONG looseBefore = (neighbours.Close & ~neighbours.Same) << 1 |
-                                  (ReadPixel<2>(block - 2, 0) != literalBefore ? 1 : 0);
-        ULONG doubtful = neighbours.Same & looseBefore;
-        ULONG bit;
-        while (_BitScanForward(&bit, doubtful)) {
-            doubtful &= doubtful - 1;
-            if (ReadPixel<2>(block, bit) != LastLiteral(block, literals & ((1u << bit) - 1), literalBefore)) {
-                literals |= 1u << bit;
-            }
+// The pixels of a word that are merged into a run, by the mask of tolerance. `literal` is the last literal's
+// value, before the word and then after it; `loose` is 1 while the last pixel was merged without being the
+// same as the one before it.
+//
+// All pixels of a run are close to its literal, so one that is not close to its predecessor is always a
+// literal, and one that is close without being the same never is. One that equals its predecessor is a
+// literal only if that predecessor was merged without having the literal's value: this alone needs the
+// literal itself.
+TARGET_SSSE3 FORCEINLINE ULONGLONG FindMerged(const UCHAR* word, __m128i mask, ULONG* literal,
+                                              ULONGLONG* loose) {
+    const ULONGLONG same = CompareWord(word, _mm_setzero_si128());
+    const ULONGLONG close = CompareWord(word, mask);
+    const ULONGLONG looseHere = close & ~same;
+    ULONGLONG literals = ~close;
+    ULONGLONG doubtful = same & (looseHere << 1 | *loose);
+    ULONG bit = 0;
+    ULONG last = 0;
+    for (; _BitScanForward64(&bit, doubtful); doubtful &= doubtful - 1) {
+        const bool inWord = _BitScanReverse64(&last, literals & ((1ull << bit) - 1));
+        if (ReadPixel<2>(word, bit) != (inWord ? ReadPixel<2>(word, last) : *literal)) {
+            literals |= 1ull << bit;
         }
     }
-    return literals;
-}
-
-// The number of pixels from `pixels` on that equal the pixel before them: a block, to be taken as such, and
-// what follows it in steps of 32, at most `limit`.
-TARGET_SSSE3 FORCEINLINE ULONG CountSame(const UCHAR* pixels, ULONG limit) {
-    ULONG count = BLOCK_PIXELS;
-    for (; count + 32 <= limit; count += 32) {
-        const UCHAR* block = pixels + SIZE_T{count} * 2;
-        __m128i same = _mm_cmpeq_epi16(LoadEight(block), LoadEight(block - 2));
-        for (ULONG offset = 16; offset < 64; offset += 16) {
-            same = _mm_and_si128(same,
-                                 _mm_cmpeq_epi16(LoadEight(block + offset), LoadEight(block + offset - 2)));
-        }
-        if (_mm_movemask_epi8(same) != 0xFFFF) {
-            break;
-        }
+    if (_BitScanReverse64(&last, literals)) {
+        *literal = ReadPixel<2>(word, last);
     }
-    return count;
-}
-
-// A block may lengthen an open run by as much before it writes its count.
-constexpr ULONG LONGEST_OPEN_RUN = MaxRepeatCount(2) - BLOCK_PIXELS;
-
-// Encodes whole blocks from `index` on, as long as another block follows and counts fit their units. Returns
-// the pixel it stopped at. In `run`, the pixels merged are those of a run that goes on there.
-template <bool Tolerant>
-TARGET_SSSE3 ULONG EncodeBlocks(const RUN_PACKER& packer, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
-                                ULONG index, ULONG end, __m128i mask) {
-    const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(0x8000));
-    PACK_CURSOR cursor = {writer->Cursor, run->Merged};
-    ULONG literal = run->Literal;
-    ULONG literals = FindLiterals<Tolerant>(source + SIZE_T{index} * 2, mask, literal);
-    while (end - index >= 2 * BLOCK_PIXELS && cursor.Repeats <= LONGEST_OPEN_RUN) {
-        const UCHAR* block = source + SIZE_T{index} * 2;
-        literal = Tolerant ? LastLiteral(block, literals, literal) : 0;
-        const ULONG repeats = ~literals & ALL_OF_BLOCK;
-        const ULONG literalsAfter = FindLiterals<Tolerant>(block + BLOCK_BYTES, mask, literal);
-        const ULONG continued = PACKER_FindContinued(repeats, ~literalsAfter);
-        if (continued == ALL_OF_BLOCK && literalsAfter == 0) {
-            // Pixels that equal the one before go on being merged only if that has the literal's value.
-            const BOOLEAN exact = !Tolerant || ReadPixel<2>(block, BLOCK_PIXELS - 1) == literal;
-            const ULONG left = end - index - BLOCK_PIXELS;
-            const ULONG open = LONGEST_OPEN_RUN - cursor.Repeats;
-            const ULONG merged = exact ? CountSame(block, left < open ? left : open) : BLOCK_PIXELS;
-            cursor.Repeats += merged;
-            index += merged;
-            literals = FindLiterals<Tolerant>(source + SIZE_T{index} * 2, mask, literal);
-            cursor = PACKER_CloseRun(cursor, ~literals);
-        } else {
-            cursor = PACKER_PutBlock(packer, cursor, _mm_or_si128(LoadEight(block), flag),
-                                     _mm_or_si128(LoadEight(block + 16), flag), repeats, continued);
-            literals = literalsAfter;
-            index += BLOCK_PIXELS;
-        }
-    }
-    writer->Cursor = cursor.Next;
-    *run = {Tolerant ? literal : ReadPixel<2>(source, index - 1), cursor.Repeats};
-    return index;
+    *loose = looseHere >> (WORD_PIXELS - 1);
+    return ~literals;
 }
 
 // Whether the pixel at `index` goes on with the run.
@@ -235,8 +170,43 @@ inline bool Continues(const RUN& run, const UCHAR* source, ULONG index, ULONG ma
            ((pixel | mask) == (run.Literal | mask) && pixel != ReadPixel<2>(source, index - 1));
 }
 
+// Encodes strips from `index` on until less than a word is left or a count might not fit its unit. Returns
+// the pixel it stopped at. In `run`, the pixels merged are those of a run that goes on there.
+template <bool Tolerant>
+TARGET_SSSE3 ULONG EncodeStrips(const RUN_PACKER& packer, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
+                                ULONG index, ULONG end, ULONG mask) {
+    const __m128i maskLanes = _mm_set1_epi16(static_cast<SHORT>(mask));
+    const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(0x8000));
+    PACK_CURSOR cursor = {writer->Cursor, run->Merged};
+    for (;;) {
+        const ULONG words = MASKS_CountWords(end - index);
+        if (words == 0 || cursor.Repeats > MaxRepeatCount(2) - STRIP_PIXELS) {
+            break;
+        }
+        const UCHAR* strip = source + SIZE_T{index} * 2;
+        RUN_MASKS masks;
+        ULONGLONG loose = ReadPixel<2>(source, index - 1) != run->Literal;
+        for (ULONG word = 0; word < words; word++) {
+            const UCHAR* pixels = strip + SIZE_T{word} * WORD_PIXELS * 2;
+            masks.Repeats[word] = Tolerant ? FindMerged(pixels, maskLanes, &run->Literal, &loose)
+                                           : CompareWord(pixels, _mm_setzero_si128());
+        }
+        index += words * WORD_PIXELS;
+        if constexpr (!Tolerant) {
+            run->Literal = ReadPixel<2>(source, index - 1);
+        }
+        MASKS_Complete(&masks, words, Continues(*run, source, index, mask));
+        cursor = PACKER_PutStrip(packer, cursor, masks, words, [&](ULONG group) TARGET_SSSE3 {
+            return _mm_or_si128(LoadEight(strip + SIZE_T{group} * GROUP_BYTES), flag);
+        });
+    }
+    writer->Cursor = cursor.Next;
+    run->Merged = cursor.Repeats;
+    return index;
+}
+
 // The vector form. It writes without asking for room: at most one unit stands for each pixel.
-void Encode16ByBlocks(DEVICE_CONTEXT* context, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
+void Encode16ByStrips(DEVICE_CONTEXT* context, UNIT_WRITER* writer, RUN* run, const UCHAR* source,
                       ULONG first, ULONG end, ULONG mask) {
     if (static_cast<SIZE_T>(writer->End - writer->Cursor) < (SIZE_T{end} - first) * 2 + PACKER_OVERSHOOT) {
         EncodePixels<2>(writer, run, source, first, end, mask);
@@ -246,22 +216,20 @@ void Encode16ByBlocks(DEVICE_CONTEXT* context, UNIT_WRITER* writer, RUN* run, co
         COMPRESSION_BuildGroupTables(context);
     }
     const RUN_PACKER packer = PACKER_Create(context->Pixel);
-    const __m128i maskLanes = _mm_set1_epi16(static_cast<SHORT>(mask));
-    const auto encodeBlocks = (mask & 0xFFFF) != 0 ? EncodeBlocks<true> : EncodeBlocks<false>;
+    const auto encodeStrips = (mask & 0xFFFF) != 0 ? EncodeStrips<true> : EncodeStrips<false>;
     ULONG index = first;
-    while (end - index >= 2 * BLOCK_PIXELS) {
+    while (MASKS_CountWords(end - index) != 0) {
         // Vectors write a run with its last pixel; one that has ended already is not theirs.
         if (!Continues(*run, source, index, mask)) {
             COMPRESSION_EmitRepeat<2>(writer, run->Literal, run->Merged);
             run->Merged = 0;
         }
-        index = encodeBlocks(packer, writer, run, source, index, end, maskLanes);
-        if (end - index >= 2 * BLOCK_PIXELS) {
-            // They stopped before a count that might not fit its unit.
-            EncodePixels<2>(writer, run, source, index, index + BLOCK_PIXELS, mask);
-            index += BLOCK_PIXELS;
-            BreakRun(writer, run);
-        }
+        index = encodeStrips(packer, writer, run, source, index, end, mask);
+        // They also stop before a count that might not fit its unit.
+        const ULONG byPixel = MASKS_CountWords(end - index) * WORD_PIXELS;
+        EncodePixels<2>(writer, run, source, index, index + byPixel, mask);
+        index += byPixel;
+        BreakRun(writer, run);
     }
     EncodePixels<2>(writer, run, source, index, end, mask);
 }
@@ -272,7 +240,7 @@ ULONGLONG COMPRESSION_EncodeRuns(DEVICE_CONTEXT* context, const UCHAR* source, U
                                  ULONG pixelCount, ULONG unitBytes, UCHAR* destination,
                                  const UCHAR* destinationEnd, BOOLEAN leadIn) {
     if (unitBytes == 2 && context->Cpu.CpuHasSsse3) {
-        return EncodeStream<2>(context, Encode16ByBlocks, source, sourceSize, pixelCount, destination,
+        return EncodeStream<2>(context, Encode16ByStrips, source, sourceSize, pixelCount, destination,
                                destinationEnd, leadIn);
     }
     return COMPRESSION_EncodeRunsByPixel(context, source, sourceSize, pixelCount, unitBytes, destination,

@@ -106,15 +106,22 @@ class VectorForm : public testing::TestWithParam<Encoder> {
     unsigned level_ = 0;
 };
 
+// The lengths: every one around the first words of 64 pixels, then those around words and strips of 512.
 // Levels 13 to 15 exist in both tables, though no control loop goes there.
 TEST_P(VectorForm, WritesTheReferenceStreamAtEveryLengthAndLevel) {
     std::mt19937 random(1);
-    for (unsigned level = 0; level < 16; level++) {
-        setLevel(level);
-        for (size_t pixels = 0; pixels < 150; pixels++) {
-            for (const unsigned longest : {1u, 3u, 12u, 40u}) {
+    for (size_t pixels = 0; pixels < 1200; pixels++) {
+        if (pixels < 150 || (pixels % 64 < 12 && pixels % 3 == 0)) {
+            for (const unsigned longest : {1u, 3u, 12u, 40u, 200u}) {
+                setLevel(random() % 16);
                 expectSameStream(runs(pixels, GetParam().sourceBytes, longest, 1 + pixels % 5, random));
             }
+        }
+    }
+    for (unsigned level = 0; level < 16; level++) {
+        setLevel(level);
+        for (const unsigned longest : {1u, 3u, 12u, 40u, 200u}) {
+            expectSameStream(runs(1100, GetParam().sourceBytes, longest, 5, random));
         }
     }
 }
@@ -126,10 +133,10 @@ TEST_P(VectorForm, WritesTheReferenceStreamForNearColours) {
     const unsigned bytesPerPixel = GetParam().sourceBytes;
     for (unsigned level = 0; level < 13; level++) {
         setLevel(level);
-        for (int round = 0; round < 60; round++) {
+        for (int round = 0; round < 15; round++) {
             Bytes source;
             unsigned colour = random();
-            for (int pixel = 0; pixel < 300; pixel++) {
+            for (int pixel = 0; pixel < 700; pixel++) {
                 source = std::move(source) + run(1, colour, bytesPerPixel);
                 if (random() % 3 == 0) {
                     colour ^= 1u << random() % 32;

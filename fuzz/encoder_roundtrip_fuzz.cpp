@@ -1,0 +1,107 @@
+// Any frame through each encoder and back: the vector form writes the stream of its reference, the stream
+// stays inside its buffer, and the adapter's run expander shows every pixel as the level allows.
+//
+// Input: byte 0 picks the encoder, byte 1 the level and (bit 7) the lead-in, byte 2 how much of the largest
+// stream the buffer holds (0: all of it), byte 3 (bit 0) whether the rest is the frame's bytes or a list of
+// runs: two bytes of length, one of colour.
+#include "tests/pixel/encoders.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+#define REQUIRE(condition)                                                                                   \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::fprintf(stderr, "%s:%d: %s does not hold\n", __FILE__, __LINE__, #condition);               \
+            std::abort();                                                                                    \
+        }                                                                                                    \
+    } while (false)
+
+using test::Bytes;
+
+constexpr size_t kMostPixels = 150000;
+constexpr size_t kHeader = 4;
+
+Bytes frameOf(std::span<const unsigned char> input, bool runs, unsigned bytesPerPixel) {
+    if (!runs) {
+        return {input.begin(), input.end() - static_cast<ptrdiff_t>(input.size() % bytesPerPixel)};
+    }
+    Bytes frame;
+    for (; input.size() >= 3 && frame.size() < kMostPixels * bytesPerPixel; input = input.subspan(3)) {
+        const size_t length = 1 + (input[0] | (input[1] & 0x8F) << 8);
+        frame = test::operator+(std::move(frame), test::run(length, input[2] * 0x01010101u, bytesPerPixel));
+    }
+    return frame;
+}
+
+// The bits of a pixel that the stream carries whatever the level.
+unsigned carried(const test::Encoder& encoder) {
+    return encoder.unit == 1 ? 0xFE : encoder.unit == 2 ? 0x7FFF : 0xFEFFFF;
+}
+
+void requireShown(const test::Encoder& encoder, unsigned level, const Bytes& frame, const Bytes& stream) {
+    const size_t pixels = frame.size() / encoder.sourceBytes;
+    std::string problem;
+    const Bytes shown = test::expand(stream, encoder.unit, pixels, problem);
+    REQUIRE(problem.empty());
+    // Without tolerance and quantisation every carried bit arrives; level 0 of the groups gives up the lowest
+    // one.
+    if (level != 0) {
+        return;
+    }
+    const unsigned same = carried(encoder) & ~(encoder.name == std::string("groups") ? 1u : 0u);
+    for (size_t index = 0; index < pixels; index++) {
+        unsigned before = 0;
+        unsigned after = 0;
+        std::memcpy(&before, &frame[index * encoder.sourceBytes], std::min(encoder.sourceBytes, 3u));
+        std::memcpy(&after, &shown[index * encoder.unit], encoder.unit);
+        REQUIRE((before & same) == (after & same));
+    }
+}
+
+// The stream, which is empty when it did not fit `room` bytes; the bytes after those stay.
+Bytes encodeInto(size_t room, const test::Encoder& encoder, test::Encode form, DEVICE_CONTEXT* context,
+                 const Bytes& frame) {
+    constexpr unsigned char kCanary = 0xA5;
+    test::AlignedBuffer destination(room + 64, kCanary);
+    const ULONG pixels = static_cast<ULONG>(frame.size() / encoder.sourceBytes);
+    const ULONGLONG length = form(context, frame, pixels, destination.data(), destination.data() + room);
+    REQUIRE(length <= room);
+    REQUIRE(destination.bytes(room, 64) == Bytes(64, kCanary));
+    Bytes stream = destination.bytes(0, length);
+    if (!encoder.tolerant) {
+        const size_t used = std::min(stream.size(), test::usedBytes(stream, encoder.unit, pixels));
+        std::fill(stream.begin() + static_cast<ptrdiff_t>(used), stream.end(), 0);
+    }
+    return stream;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
+    if (size < kHeader) {
+        return 0;
+    }
+    const test::Encoder& encoder = test::kEncoders[data[0] % std::size(test::kEncoders)];
+    const unsigned level = (data[1] & 0x7F) % 12;
+    static const auto context = test::makeContext();
+    COMPRESSION_BuildGroupTables(context.get());
+    context->Display.Mode.CompressionLevel = level;
+    context->Pixel.QuantLevel = static_cast<USHORT>(level);
+    context->Pixel.LegacyCompressionFlag = data[1] >> 7;
+
+    const Bytes frame = frameOf({data + kHeader, size - kHeader}, data[3] & 1, encoder.sourceBytes);
+    const size_t largest = frame.size() / encoder.sourceBytes * encoder.unit + 32;
+    const size_t room = data[2] == 0 ? largest : largest * data[2] / 256;
+    const Bytes stream = encodeInto(room, encoder, encoder.byPixel, context.get(), frame);
+    if (encoder.vectors != nullptr) {
+        REQUIRE(encodeInto(room, encoder, encoder.vectors, context.get(), frame) == stream);
+    }
+    REQUIRE(data[2] != 0 || !stream.empty() || frame.empty());
+    if (!stream.empty()) {
+        requireShown(encoder, level, frame, stream);
+    }
+    return 0;
+}

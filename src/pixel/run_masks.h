@@ -1,0 +1,88 @@
+// Where a strip of pixels repeats itself, as bit masks, and which of its pixels write a unit.
+//
+// The encoders' vector forms first compare a whole strip and then walk over those of its blocks that write
+// anything at all: how long flat areas are then costs nothing that a processor would have to foresee.
+//
+// A repeat is written by the last pixel of its run, as the run's count; a literal is written by itself. So
+// each pixel writes one unit or none, and a run may cross any number of blocks before its last pixel is met.
+// Bit i of word w stands for pixel 64 w + i of the strip:
+//   repeats    the pixel equals the one before
+//   continued  it does, and so does the pixel after it: it writes nothing
+#pragma once
+
+#include "driver/annotations.h"
+
+#include <emmintrin.h>
+
+constexpr ULONG WORD_PIXELS = 64;
+constexpr ULONG STRIP_WORDS = 8;
+constexpr ULONG STRIP_PIXELS = STRIP_WORDS * WORD_PIXELS;
+constexpr ULONG BLOCK_PIXELS = 16;
+constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
+
+struct RUN_MASKS {
+    alignas(16) ULONGLONG Repeats[STRIP_WORDS];
+    alignas(16) ULONGLONG Continued[STRIP_WORDS];
+    ULONG WritingBlocks; // bit i: block i writes something
+};
+
+// The words of a strip at the start of `pixels` pixels: the pixel after the strip must be there to be looked
+// at.
+inline ULONG MASKS_CountWords(ULONG pixels) {
+    const ULONG words = pixels == 0 ? 0 : (pixels - 1) / WORD_PIXELS;
+    return words < STRIP_WORDS ? words : STRIP_WORDS;
+}
+
+// Completes masks of which the first `words` words of Repeats are set. `repeatAfter`: the pixel after the
+// strip equals the strip's last one.
+inline void MASKS_Complete(RUN_MASKS* masks, ULONG words, bool repeatAfter) {
+    for (ULONG word = 0; word < STRIP_WORDS; word++) {
+        if (word >= words) {
+            masks->Continued[word] = ~0ull; // nothing to write
+            continue;
+        }
+        const ULONGLONG repeats = masks->Repeats[word];
+        const ULONGLONG after = word + 1 < words ? masks->Repeats[word + 1] : ULONGLONG{repeatAfter};
+        masks->Continued[word] = repeats & (repeats >> 1 | after << (WORD_PIXELS - 1));
+    }
+    const __m128i* continued = reinterpret_cast<const __m128i*>(masks->Continued);
+    const __m128i all = _mm_set1_epi16(-1);
+    ULONG silent = 0;
+    for (ULONG half = 0; half < 2; half++) {
+        const __m128i low = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * half), all);
+        const __m128i high = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * half + 1), all);
+        silent |= static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) << 16 * half;
+    }
+    masks->WritingBlocks = ~silent;
+}
+
+// Makes literals of repeats that stand alone. `openBefore`: a run comes into the strip.
+inline void MASKS_ClearLone(RUN_MASKS* masks, ULONG words, bool openBefore) {
+    ULONGLONG before = openBefore ? 1 : 0;
+    for (ULONG word = 0; word < words; word++) {
+        const ULONGLONG repeats = masks->Repeats[word];
+        masks->Repeats[word] = repeats & (repeats << 1 | before | masks->Continued[word]);
+        before = repeats >> (WORD_PIXELS - 1);
+    }
+}
+
+// The masks of the eight pixels that begin at pixel 8 * `group` of the strip.
+inline ULONG MASKS_GroupRepeats(const RUN_MASKS& masks, ULONG group) {
+    return reinterpret_cast<const UCHAR*>(masks.Repeats)[group];
+}
+
+inline ULONG MASKS_GroupContinued(const RUN_MASKS& masks, ULONG group) {
+    return reinterpret_cast<const UCHAR*>(masks.Continued)[group];
+}
+
+// The mask of a word from those of its four blocks.
+FORCEINLINE ULONGLONG MASKS_JoinBlocks(ULONG first, ULONG second, ULONG third, ULONG fourth) {
+    return first | second << BLOCK_PIXELS | static_cast<ULONGLONG>(third | fourth << BLOCK_PIXELS) << 32;
+}
+
+// The stream while vectors write it. The place and the open run are values of the loop, not memory: each
+// group depends on them, and through memory that would cost more than all its other work.
+struct PACK_CURSOR {
+    UCHAR* Next;
+    ULONG Repeats; // of the run that the next pixel continues
+};
