@@ -71,11 +71,12 @@ NTSTATUS StartThread(DEVICE_CONTEXT* context) {
 }
 
 void HandleFrameRequest(DEVICE_CONTEXT* context) {
+    if (IsRunning(context) && InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
+        FRAMEBUFFER_ResubmitPresented(context);
+    }
+    // Only now, so that what was just handed over is shown once.
     KeClearEvent(&context->Render.FrameUpdateRequestEvent);
     if (IsRunning(context)) {
-        if (InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
-            FRAMEBUFFER_ResubmitPresented(context);
-        }
         RENDER_FrameUpdate(context);
     } else {
         SHARED_Write(context->Render.StopAcknowledged, TRUE);
