@@ -347,6 +347,7 @@ class FrameworkFree : public testing::Test {
     FrameworkBench bench{1, {}, kernel::Mode::Free};
     Target target;
     BulkTransfer bulk[2];
+    KEVENT ended[2];
     volatile LONG streaming = 1;
     volatile LONG reports = 0;
 };
@@ -367,11 +368,15 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
         auto& machine = bench.machine();
         auto& node = bench.plug();
         ASSERT_EQ(machine.startStatus(node), STATUS_SUCCESS);
-        for (BulkTransfer& transfer : bulk) {
+        for (std::size_t i = 0; i < std::size(bulk); i++) {
+            BulkTransfer& transfer = bulk[i];
+            KeInitializeEvent(&ended[i], NotificationEvent, FALSE);
             transfer.create(target);
-            transfer.onCompletion = [this, &transfer] {
+            transfer.onCompletion = [this, &transfer, end = &ended[i]] {
                 if (ReadAcquire(&streaming) != 0) {
                     EXPECT_TRUE(transfer.send(target, 512, WDF_REL_TIMEOUT_IN_SEC(2)));
+                } else {
+                    KeSetEvent(end, IO_NO_INCREMENT, FALSE);
                 }
             };
             EXPECT_TRUE(transfer.send(target, 512, WDF_REL_TIMEOUT_IN_SEC(2)));
@@ -394,6 +399,10 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
             }
         }
         InterlockedExchange(&streaming, 0);
+        // A transfer that goes out when the target has already stopped would wait there, and be out for good.
+        for (KEVENT& end : ended) {
+            EXPECT_EQ(KeWaitForSingleObject(&end, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+        }
         WdfIoTargetStop(WdfUsbTargetDeviceGetIoTarget(target.usb), WdfIoTargetWaitForSentIoToComplete);
         EXPECT_EQ(ReadAcquire(&reports), 20);
         for (BulkTransfer& transfer : bulk) {
