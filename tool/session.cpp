@@ -164,7 +164,7 @@ bool Session::waitFor(usb::Time timeout, const std::function<bool()>& done) {
 
 void Session::attachMonitor(std::vector<std::uint8_t> edid) {
     if (plugged()) {
-        adapter().attachMonitor(edid);
+        atHardware([&](model::Adapter& device) { device.attachMonitor(edid); });
     }
     monitor_ = std::move(edid);
 }
@@ -174,7 +174,7 @@ void Session::detachMonitor() {
     if (!plugged()) {
         return;
     }
-    adapter().detachMonitor();
+    atHardware([](model::Adapter& device) { device.detachMonitor(); });
     if (reportsMonitorChanges(adapter().options()) && !client_->waitForDeparture(kDriverTimeout)) {
         throw DeviceError("the driver did not notice that the monitor is gone");
     }

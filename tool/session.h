@@ -5,6 +5,7 @@
 #include "desktop/client.h"
 #include "desktop/reference.h"
 #include "model/adapter.h"
+#include "platform/kernel/driver_call.h"
 #include "platform/machine.h"
 #include "tool/settings.h"
 
@@ -59,6 +60,14 @@ class Session {
 
     // Lets the machine run until `done` or the end of `timeout`; what `done` said last.
     bool waitFor(usb::Time timeout, const std::function<bool()>& done);
+
+    // Something happens at the adapter or its monitor. No thread of the machine does it: when the hardware
+    // writes into a buffer that the host gave it, ThreadSanitizer must not ask which thread went before.
+    template <typename Action>
+    void atHardware(Action action) {
+        kernel::PlatformCall call;
+        action(adapter());
+    }
 
     // The monitor: also before the adapter is plugged in.
     void attachMonitor(std::vector<std::uint8_t> edid);

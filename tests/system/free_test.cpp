@@ -2,8 +2,6 @@
 // orders, this shows of memory.
 #include "tests/system/rig.h"
 
-#include "platform/kernel/driver_call.h"
-
 namespace system_test {
 namespace {
 
@@ -16,14 +14,6 @@ const Surface& bars() {
 const Surface& gradient() {
     static const Surface picture = pattern("gradient", kWidth, kHeight);
     return picture;
-}
-
-// What the hardware does is done by no thread of the machine: when it writes into a buffer that the host gave
-// it, ThreadSanitizer must not ask which thread went before.
-template <typename Action>
-void hardware(Action action) {
-    kernel::PlatformCall call;
-    action();
 }
 
 TEST(FreeRunning, ShowsPictures) {
@@ -116,7 +106,7 @@ TEST(FreeRunning, ThreadsOfTheClientDoNotMind) {
             });
             ClientThread errors("frame errors", [&] {
                 for (unsigned error = 0; error < 5; error++) {
-                    hardware([&] { session.adapter().reportFrameError(); });
+                    session.atHardware([](model::Adapter& device) { device.reportFrameError(); });
                     session.machine().sleep(30 * kMillisecond);
                 }
             });
