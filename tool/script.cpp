@@ -326,7 +326,8 @@ std::vector<ScriptLine> parseScript(std::string_view text, std::string_view name
 }
 
 std::string scriptHelp() {
-    std::string help = "One action a line; # starts a comment. Files are looked for beside the script.\n\n";
+    std::string help = "One action a line; # starts a comment. Files are read from beside the script\n"
+                       "and written to the current directory.\n\n";
     for (const ActionRule& rule : kRules) {
         help += fmt::format("  {}\n      {}\n", usageOf(rule), rule.meaning);
     }

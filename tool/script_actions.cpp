@@ -34,7 +34,8 @@ struct Overloaded : Cases... {
 template <typename... Cases>
 Overloaded(Cases...) -> Overloaded<Cases...>; // Clang 14 does not deduce it by itself
 
-// The files that a script names: beside the script, unless it comes from standard input.
+// The files that a script names. What it reads lies beside the script, unless that comes from standard input;
+// what it writes lands in the current directory, as with every other command.
 class ScriptFiles {
   public:
     explicit ScriptFiles(const std::string& script)
@@ -56,8 +57,8 @@ class ScriptFiles {
                                pointers_.emplace(a.shape, pointer(a.shape));
                            }
                        },
-                       [this](const SaveAction& a) { desktop::requireWritable(place(a.file)); },
-                       [this](const MemoryAction& a) { desktop::requireWritable(place(a.file)); },
+                       [](const SaveAction& a) { desktop::requireWritable(a.file); },
+                       [](const MemoryAction& a) { desktop::requireWritable(a.file); },
                        [](const auto&) {},
                    },
                    action);
@@ -182,12 +183,10 @@ class Performer {
         }
         Surface picture(shown->width, shown->height);
         std::memcpy(picture.pixels.data(), shown->pixels.data(), shown->pixels.size());
-        desktop::writePng(files_.place(a.file), picture);
+        desktop::writePng(a.file, picture);
     }
 
-    void perform(const MemoryAction& a) {
-        desktop::writeFile(files_.place(a.file), session_.adapter().memory(a.memory));
-    }
+    void perform(const MemoryAction& a) { desktop::writeFile(a.file, session_.adapter().memory(a.memory)); }
 
     void perform(const TransmitterAction& a) {
         session_.adapter().setDeaf(model::Part::Transmitter, a.state == TransmitterState::Deaf);

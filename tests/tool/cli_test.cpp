@@ -45,8 +45,8 @@ class Tool : public testing::Test {
     }
 
     Outcome run(const std::string& arguments, const std::string& input = "/dev/null") const {
-        const std::string command = std::string(TOOL_BINARY) + " " + arguments + " <" + input + " >" +
-                                    place("stdout") + " 2>" + place("stderr");
+        const std::string command = "cd " + folder_.string() + " && " TOOL_BINARY " " + arguments + " <" +
+                                    input + " >" + place("stdout") + " 2>" + place("stderr");
         const int status = std::system(command.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(place("stdout")),
                 contents(place("stderr"))};
@@ -195,7 +195,7 @@ TEST_F(Tool, RunsAScriptAndNamesTheLineThatFails) {
                                                "present 1 gradient\nexpect picture\nsave shown.png\n");
     const Outcome right = run("run " + good);
     EXPECT_EQ(right.status, 0) << right.errors;
-    EXPECT_TRUE(fs::exists(place("shown.png"))) << "files are looked for beside the script";
+    EXPECT_TRUE(fs::exists(place("shown.png"))) << "files are written to the current directory";
 
     const Outcome wrong = run("run " + write("dark.txt", contents(good) + "expect dark\n"));
     EXPECT_EQ(wrong.status, 1);
