@@ -31,6 +31,7 @@ struct CLIENT_CONTEXT {
     // written under DisplayPowerMutex only.
     ULONG Rotation;
     UCHAR DisplayOn;
+    BOOLEAN NewTenure;  // no display switch since the last client left; guarded by DisplayPowerMutex
     ULONG DesktopWidth; // of the last CMD_CREATE_FRAME_BUFFER
     ULONG DesktopHeight;
 

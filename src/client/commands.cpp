@@ -26,8 +26,9 @@ template <typename Record>
     return TRUE;
 }
 
-// The base block twice, as far as whole copies fit. Under MonitorMutex, although reading a monitor's EDID
-// holds it for up to a second: a client that asks in the middle gets the new EDID then, and never half of it.
+// The base block twice, as far as whole copies fit: a client that asks for one block gets one, and no client
+// gets bytes past the length it gave. Under MonitorMutex, although reading a monitor's EDID holds it for a
+// second or more: a client that asks in the middle gets the new EDID then, and never half of it.
 NTSTATUS QueryEdid(DEVICE_CONTEXT* context, VOID* output, ULONGLONG outputLength) {
     if (output == nullptr || outputLength < EDID_BLOCK_SIZE) {
         return STATUS_BUFFER_TOO_SMALL;
@@ -89,6 +90,12 @@ NTSTATUS SetPointer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputL
 
 // The caller holds DisplayPowerMutex.
 void SwitchDisplayOff(DEVICE_CONTEXT* context) {
+    if (SHARED_Read(context->Power.CurrentPowerState) != WdfPowerDeviceD0) {
+        // The stream is paused, the transmitter down and the adapter out of reach. It wakes with its output
+        // off, and all that has to be done is to leave it so.
+        RENDER_StopSuspended(context);
+        return;
+    }
     SHARED_Write(context->Display.FrameErrorHandlingSuspended, TRUE);
     {
         MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
@@ -104,14 +111,9 @@ void SwitchDisplayOff(DEVICE_CONTEXT* context) {
 
 // The caller holds DisplayPowerMutex.
 void SwitchDisplayOn(DEVICE_CONTEXT* context) {
-    MODE_REQUEST request = {};
-    request.Width = SHARED_Read(context->Client.DesktopWidth);
-    request.Height = SHARED_Read(context->Client.DesktopHeight);
-    request.Refresh = 60;
-    request.SourceBytesPerPixel = 4;
-    request.OutputColorMode = OUTPUT_COLOR_24_BIT;
     // A mode that cannot be set leaves the display dark until the next switch; the client is not told.
-    (void)MODE_SetMode(context, &request);
+    (void)MODE_SetDesktopMode(context, SHARED_Read(context->Client.DesktopWidth),
+                              SHARED_Read(context->Client.DesktopHeight));
 }
 
 // TRUE when the display was switched or needs no switch any more, FALSE while the device is out of D0.
@@ -150,9 +152,10 @@ NTSTATUS SetDisplayPower(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG i
     }
     {
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        if (context->Client.DisplayOn == request.On) {
+        if (context->Client.DisplayOn == request.On && !context->Client.NewTenure) {
             return STATUS_SUCCESS;
         }
+        context->Client.NewTenure = FALSE;
         SHARED_Write(context->Client.DisplayOn, request.On);
         if (request.On == 0) {
             SwitchDisplayOff(context);
@@ -208,9 +211,9 @@ void CLIENT_ReleaseInterface(VOID* clientContext) {
     DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
     FRAMEBUFFER_DestroyAll(context);
     {
-        // The next client starts with the display off, or its first display-on would change nothing.
+        // The next client knows nothing of what this one left: its first switch acts, whichever way.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        SHARED_Write(context->Client.DisplayOn, 0);
+        context->Client.NewTenure = TRUE;
     }
     if (InterlockedDecrement(&context->Client.ClientCount) < 0) {
         // Released twice, or after a restart that had ended the tenure: nothing was held.

@@ -17,6 +17,9 @@ struct MONITOR_MODE {
 
 struct DISPLAY_CONTEXT {
     MODE_PARAMETERS Mode;
+    ULONG WidthBeforeSleep; // of a mode forgotten for a sleep; guarded like the mode
+    ULONG HeightBeforeSleep;
+    BOOLEAN PllUnknown; // the adapter may run another clock than the mode's; guarded like the mode
 
     // Set at hardware preparation.
     DEVICE_OBJECT* PhysicalDeviceObject;
@@ -37,8 +40,8 @@ struct DISPLAY_CONTEXT {
     // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex.
     BOOLEAN HdmiModeStale;
 
-    // While set, frame-error reports are ignored. Written under DisplayStateMutex or by power callbacks
-    // (shared field).
+    // While set, frame-error reports are ignored. Written by power callbacks, display switches and mode
+    // changes, each of which clears what it set; the later word counts (shared field).
     BOOLEAN FrameErrorHandlingSuspended;
 
     // Video output is on. Guarded by DisplayStateMutex.

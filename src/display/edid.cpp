@@ -25,7 +25,7 @@ constexpr ULONG OFFERED_REFRESH = 60;
 constexpr ULONG LARGEST_WIDTH = 2048;
 constexpr ULONG LARGEST_HEIGHT = 1152;
 
-// A standard timing that stands in for one the adapter cannot drive: 1024 x 576 at 120 Hz, which no client
+// A standard timing that stands in for one the adapter cannot drive: 1024 x 768 at 120 Hz, which no client
 // finds in its list. Empty entries get it, too.
 constexpr UCHAR REFUSED_STANDARD_TIMING[2] = {0x61, 0x7C};
 constexpr UCHAR UNUSED_STANDARD_TIMING = 0x01;

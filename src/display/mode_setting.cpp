@@ -97,6 +97,40 @@ NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
     return status;
 }
 
+NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height) {
+    MODE_REQUEST request = {};
+    request.Width = width;
+    request.Height = height;
+    request.Refresh = 60;
+    request.SourceBytesPerPixel = 4;
+    request.OutputColorMode = OUTPUT_COLOR_24_BIT;
+    return MODE_SetMode(context, &request);
+}
+
+void MODE_ForgetForSleep(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD guard(context->Locks.DropFrameCheckMutex);
+    DISPLAY_CONTEXT* display = &context->Display;
+    display->WidthBeforeSleep = display->Mode.Width;
+    display->HeightBeforeSleep = display->Mode.Height;
+    display->Mode.Width = 0;
+    display->Mode.Height = 0;
+    display->Mode.Refresh = 0;
+}
+
+void MODE_Resume(DEVICE_CONTEXT* context) {
+    // Held over both steps, so that a display-off in between finds either a paused stream or a running one.
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    if (!context->Render.SuspendedWhileRunning) {
+        return;
+    }
+    if (context->Display.Mode.Width != 0) {
+        RENDER_Resume(context);
+        return;
+    }
+    // A failure leaves the monitor dark until the next switch, as every other mode set does.
+    (void)MODE_SetDesktopMode(context, context->Display.WidthBeforeSleep, context->Display.HeightBeforeSleep);
+}
+
 void MODE_DisableOutput(DEVICE_CONTEXT* context) {
     if (context->Usb.UsbDevice == nullptr) {
         return;
@@ -142,14 +176,13 @@ void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
     if (!SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
         return;
     }
-    if (!SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
-        // A transmitter that fails here stays marked as not powered, and the next mode set tries again.
-        (void)HDMI_PowerUp(context);
-    }
+    // A transmitter that fails here stays marked as not powered, or as not programmed, and the next mode set
+    // tries again. The mode set itself goes on: what is wrong with the transmitter may well heal.
+    const BOOLEAN powered = SHARED_Read(context->Hdmi.HdmiTransmitterPowered) || HDMI_PowerUp(context);
     if (modeChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
-        HDMI_SetMode(context);
+        const BOOLEAN programmed = HDMI_SetMode(context);
         REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
-        context->Display.HdmiModeStale = FALSE;
+        context->Display.HdmiModeStale = !(powered && programmed);
     }
 }

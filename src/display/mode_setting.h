@@ -23,6 +23,17 @@ static_assert(sizeof(MODE_REQUEST) == 32);
 // the monitor dark until the next mode set that succeeds. Takes RenderStartStopMutex for the whole change.
 [[nodiscard]] NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request);
 
+// The same with a request for the client's frames of that size: 60 Hz, 4 bytes a pixel, 24-bit output.
+[[nodiscard]] NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height);
+
+// A transmitter loses its programme over a sleep: the mode counts as none, so that the next mode set programs
+// everything again.
+void MODE_ForgetForSleep(DEVICE_CONTEXT* context);
+
+// After a sleep: a stream that RENDER_Suspend paused goes on, in the mode it had. Where that mode was
+// forgotten, it is set anew. The adapter is in D0.
+void MODE_Resume(DEVICE_CONTEXT* context);
+
 // Turns the adapter's video output off if it is on. Takes DisplayStateMutex.
 void MODE_DisableOutput(DEVICE_CONTEXT* context);
 

@@ -157,7 +157,7 @@ NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters
     if (SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
         MODE_ApplyHdmiTiming(context);
     }
-    const BOOLEAN pllChanged = entry.PllWord != mode->PllWord;
+    const BOOLEAN pllChanged = entry.PllWord != mode->PllWord || context->Display.PllUnknown;
     mode->PllWord = entry.PllWord;
 
     InterlockedExchange(&context->Render.CompletedTransfers, 0);
@@ -181,9 +181,10 @@ BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
     if (pllWord != mode.PllWord) {
         // Nobody knows what clock the adapter runs: the next mode set, of the same mode perhaps, must write
         // it.
-        mode.PllWord = 0;
+        context->Display.PllUnknown = TRUE;
         return FALSE;
     }
+    context->Display.PllUnknown = FALSE;
 
     REG_ClearMask(context, REGISTER_STREAM_CONTROL, CONTROL_FIELDS);
     REG_SetMask(context, REGISTER_STREAM_CONTROL, StreamControlBits(context));

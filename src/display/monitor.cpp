@@ -22,6 +22,9 @@ void SwitchInterface(DEVICE_CONTEXT* context, BOOLEAN on) {
 } // namespace
 
 void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context) {
+    // To the end: a report that comes meanwhile waits for its turn and then reads a status of its own, and a
+    // monitor that goes while its EDID is read is not missed.
+    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
     SHARED_Write(context->Usb.IgnoreInterruptStatus, TRUE);
     ULONG status;
     if (REG_Read(context, REGISTER_STATUS, &status)) {
@@ -72,7 +75,10 @@ void MONITOR_Attach(DEVICE_CONTEXT* context, BOOLEAN readEdid) {
 
     EDID_Clear(&context->Display);
     const BOOLEAN hasEdid = readEdid || SHARED_Read(context->Hdmi.HdmiTransmitterPresent);
-    if (hasEdid && context->Settings.UseForceNonPnpMonitor == 0) {
+    if (context->Settings.UseForceNonPnpMonitor != 0) {
+        // As without an EDID: a transmitter takes such a monitor for a DVI one.
+        SHARED_Write(context->Display.MonitorIsDvi, TRUE);
+    } else if (hasEdid) {
         EDID_Acquire(context);
     }
     SwitchInterface(context, TRUE);

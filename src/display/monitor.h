@@ -13,7 +13,8 @@ void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context);
 void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status);
 void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status);
 
-// The caller holds MonitorMutex. Attach reads the EDID (about a second) when `readEdid` says that the adapter
-// has one, and switches the device interface on in any case; detach switches it off and stops the stream.
+// The caller holds MonitorMutex. Attach reads the EDID (a second or more) when `readEdid` says that the
+// adapter has one, and switches the device interface on in any case; detach switches it off and stops the
+// stream.
 void MONITOR_Attach(DEVICE_CONTEXT* context, BOOLEAN readEdid);
 void MONITOR_Detach(DEVICE_CONTEXT* context);

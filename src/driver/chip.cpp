@@ -47,7 +47,7 @@ void RestoreTiming(DEVICE_CONTEXT* context) {
     const ULONG expected = context->Display.Mode.PllWord;
     ULONG pllWord = 0;
     // Without a PLL word no mode is in force and there is no timing to go back to.
-    if (expected == 0 || !REG_Read(context, REGISTER_PLL, &pllWord) || pllWord == expected) {
+    if (!REG_Read(context, REGISTER_PLL, &pllWord) || pllWord == expected || expected == 0) {
         return;
     }
     // A failure leaves a dark monitor that the next mode set lights.

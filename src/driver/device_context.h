@@ -16,7 +16,7 @@
 #include <wdf.h>
 
 // Power bookkeeping. Written by the framework's power callbacks, which it serialises; CurrentPowerState is
-// polled by the client's display-on (shared field).
+// looked at by display switches under DisplayPowerMutex.
 struct POWER_CONTEXT {
     WDF_POWER_DEVICE_STATE PreviousPowerState;
     WDF_POWER_DEVICE_STATE CurrentPowerState;
@@ -70,7 +70,7 @@ extern POOL_TYPE DriverPoolType;
 // inherited.
 void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, WDF_OBJECT_ATTRIBUTES* attributes);
 
-// The four render buffers. Created at device add; a second hardware preparation of the same device creates
-// them again when tear-down deleted them. Fails with the framework's status and leaves none behind.
+// The four render buffers, which live as long as the device. Fails with the framework's status and leaves
+// none behind.
 NTSTATUS DEVICE_CreateRenderBuffers(DEVICE_CONTEXT* context);
 void DEVICE_DeleteRenderBuffers(DEVICE_CONTEXT* context);

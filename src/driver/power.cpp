@@ -1,5 +1,6 @@
 #include "driver/power.h"
 
+#include "display/mode_setting.h"
 #include "display/monitor.h"
 #include "driver/chip.h"
 #include "driver/device_context.h"
@@ -27,11 +28,7 @@ void PowerDownForSleep(DEVICE_CONTEXT* context) {
             (void)HDMI_PowerDown(context);
         }
     }
-    // The transmitter forgets its mode; a mode set of the same size must then program it, too.
-    MUTEX_GUARD mode(context->Locks.DropFrameCheckMutex);
-    context->Display.Mode.Width = 0;
-    context->Display.Mode.Height = 0;
-    context->Display.Mode.Refresh = 0;
+    MODE_ForgetForSleep(context);
 }
 
 void PowerDownForGood(DEVICE_CONTEXT* context) {
@@ -54,16 +51,19 @@ NTSTATUS DEVICE_EvtD0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previousStat
     SHARED_Write(context->Usb.IgnoreInterruptStatus, FALSE);
     SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
     context->Power.PreviousPowerState = previousState;
-    SHARED_Write(context->Power.CurrentPowerState, WdfPowerDeviceD0);
 
-    RENDER_Resume(context);
+    // A display switch finds the device either out of D0 with its stream paused, or in D0 with its stream
+    // running.
+    MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
+    SHARED_Write(context->Power.CurrentPowerState, WdfPowerDeviceD0);
+    MODE_Resume(context);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) {
     DEVICE_CONTEXT* context = DEVICE_GetContext(device);
     {
-        // A display switch under way finishes first; the next one finds the device out of D0 and waits.
+        // A display switch under way finishes first; the next one finds the device out of D0.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
         context->Power.PreviousPowerState = context->Power.CurrentPowerState;
         SHARED_Write(context->Power.CurrentPowerState, targetState);

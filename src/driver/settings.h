@@ -27,7 +27,7 @@ struct SETTINGS {
     ULONG FrameErrorBucketThreshold;
     ULONG UseForceNonPnpMonitor;
     ULONG UseHdmiAudioSpdif;
-    ULONG HdmiSwapLsbMsb;
+    ULONG HdmiSwapLsbMsb; // also set at D0 entry, for one product
 };
 
 // All at PASSIVE_LEVEL. Every access opens the Parameters key anew.

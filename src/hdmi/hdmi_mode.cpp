@@ -96,16 +96,18 @@ BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& 
     return written;
 }
 
-POLL_RESULT ProbeSpdifLock(DEVICE_CONTEXT* context) {
+// Reads until the receiver has locked, but only so often; whether the last read succeeded. A receiver that
+// does not lock in time is not a failure: it locks when the source starts.
+BOOLEAN AwaitSpdifLock(DEVICE_CONTEXT* context) {
+    BOOLEAN read = FALSE;
     UCHAR status = 0;
-    if (!NT_SUCCESS(HDMI_ReadRegister(context, HDMI_SPDIF_STATUS, &status))) {
-        return POLL_RESULT::Failed;
+    for (ULONG poll = 0; poll < SPDIF_LOCK_POLLS && !(status & HDMI_SPDIF_LOCKED); poll++) {
+        read = NT_SUCCESS(HDMI_ReadRegister(context, HDMI_SPDIF_STATUS, &status));
     }
-    return status & HDMI_SPDIF_LOCKED ? POLL_RESULT::Done : POLL_RESULT::Again;
+    return read;
 }
 
-// One I2S line, or S/PDIF, with samples of 16 bits. A receiver that does not lock in time is not a failure:
-// it locks when the source starts.
+// One I2S line, or S/PDIF, with samples of 16 bits.
 BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) {
     constexpr UCHAR width16 = 0x00;
     constexpr UCHAR oneLine = 0x01;
@@ -126,17 +128,16 @@ BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) {
     }
     return HDMI_WriteMasked(context, HDMI_SPDIF_CONTROL, 1 << HDMI_SPDIF_START_BIT,
                             1 << HDMI_SPDIF_START_BIT) &&
-           UTIL_Poll(0, SPDIF_LOCK_POLLS, ProbeSpdifLock, context) != POLL_RESULT::Failed;
+           AwaitSpdifLock(context);
 }
 
 } // namespace
 
-void HDMI_SetMode(DEVICE_CONTEXT* context) {
+BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context) {
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
-    // The result is not wanted: what stays muted tells the user, and the next mode set tries again.
-    (void)(HDMI_SetAvMute(context, TRUE) && HDMI_SetAviInfoFrame(context) && HDMI_SetupVideo(context) &&
+    return HDMI_SetAvMute(context, TRUE) && HDMI_SetAviInfoFrame(context) && HDMI_SetupVideo(context) &&
            HDMI_SetAudioInfoFrame(context) && HDMI_SetupAudio(context, AUDIO_SAMPLE_RATE, AUDIO_CHANNELS) &&
-           HDMI_SetAvMute(context, FALSE));
+           HDMI_SetAvMute(context, FALSE);
 }
 
 BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute) {

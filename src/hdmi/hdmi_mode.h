@@ -8,9 +8,9 @@
 
 struct DEVICE_CONTEXT;
 
-// Programs the transmitter for the current mode. Stops at the first step that fails and leaves audio and
-// video muted then. The caller holds DisplayStateMutex.
-void HDMI_SetMode(DEVICE_CONTEXT* context);
+// Programs the transmitter for the current mode. FALSE when a step failed: it stops there and leaves audio
+// and video muted. The caller holds DisplayStateMutex.
+BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context);
 
 BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute);
 BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context);

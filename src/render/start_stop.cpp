@@ -179,6 +179,16 @@ void RENDER_Resume(DEVICE_CONTEXT* context) {
     }
 }
 
+void RENDER_StopSuspended(DEVICE_CONTEXT* context) {
+    {
+        MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+        context->Render.SuspendedWhileRunning = FALSE;
+    }
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    context->Display.OutputActive = FALSE;
+    ForgetDroppedFrames(context);
+}
+
 void RENDER_Shutdown(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     if (!RequestThreadEnd(context)) {

@@ -20,6 +20,9 @@ void RENDER_Stop(DEVICE_CONTEXT* context);
 void RENDER_Suspend(DEVICE_CONTEXT* context);
 void RENDER_Resume(DEVICE_CONTEXT* context);
 
+// The display was switched off in the meantime: a paused stream stays stopped. Touches no register.
+void RENDER_StopSuspended(DEVICE_CONTEXT* context);
+
 // Stops for good and ends the thread; returns when the thread is gone and nothing is in flight. The caller
 // does not hold RenderStartStopMutex: the thread may want it before it sees that it must end.
 void RENDER_Shutdown(DEVICE_CONTEXT* context);

@@ -39,7 +39,7 @@ NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context) {
     if (usb->InterruptPipe == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    // A report is one byte, less than any endpoint's packet size.
+    // A report is one byte, and the framework wants reads of whole packets.
     WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(usb->InterruptPipe);
 
     WDF_USB_CONTINUOUS_READER_CONFIG config;
@@ -87,13 +87,14 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
 
 void INT_EvtStatusWorkItem(WDFWORKITEM workItem) {
     DEVICE_CONTEXT* context = INT_GetWorkItemContext(workItem)->DeviceContext;
-    ULONG status;
-    if (REG_Read(context, REGISTER_STATUS, &status)) {
+    {
         // The monitor's mutex comes first for either kind of status, because a detach takes everything that
-        // stands below it. D0 exit raises the flag and then waits for this mutex: whoever comes later leaves
-        // the adapter alone.
+        // stands below it. The status is read under it, too: of two work items at once the later one acts on
+        // the newer status. D0 exit raises the flag and then waits for this mutex: whoever comes later leaves
+        // the monitor alone.
         MUTEX_GUARD monitor(context->Locks.MonitorMutex);
-        if (!SHARED_Read(context->Usb.IgnoreInterruptStatus)) {
+        ULONG status;
+        if (REG_Read(context, REGISTER_STATUS, &status) && !SHARED_Read(context->Usb.IgnoreInterruptStatus)) {
             HandleStatus(context, status);
         }
     }
