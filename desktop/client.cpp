@@ -253,13 +253,13 @@ NTSTATUS Client::State::commandEntry(VOID* context, ULONG code, VOID* input, ULO
 
 Client::Client(platform::Machine& machine, const ClientOptions& options)
     : state_(std::make_shared<State>(machine, options)) {
-    machine.onInterfaceChange(GUID_DEVINTERFACE_DISPLAY_ADAPTER,
+    machine.onInterfaceChange(GUID_DEVINTERFACE_USB_DISPLAY,
                               [state = std::weak_ptr(state_)](const platform::InterfaceChange& change) {
                                   if (const std::shared_ptr<State> client = state.lock()) {
                                       client->interfaceChanged(change);
                                   }
                               });
-    const std::vector<std::u16string> present = machine.interfaces(GUID_DEVINTERFACE_DISPLAY_ADAPTER);
+    const std::vector<std::u16string> present = machine.interfaces(GUID_DEVINTERFACE_USB_DISPLAY);
     const std::lock_guard guard(state_->lock);
     if (!present.empty() && state_->link.empty()) {
         state_->link = present.front();

@@ -33,12 +33,15 @@ struct SetupPacket {
 // One transfer. The submitter owns the record and the data until `complete` runs.
 struct Transfer {
     TransferType type = TransferType::Control;
-    std::uint8_t endpoint = 0;               // address, bit 7 set for IN; 0 for the default pipe
-    SetupPacket setup;                       // control transfers only
-    std::span<std::uint8_t> data;            // OUT: the bytes to send; IN: where to put them; may be empty
-    Status status = Status::Success;         // result
-    std::uint32_t actual = 0;                // result: bytes moved, at most data.size()
-    std::function<void(Transfer&)> complete; // called exactly once for each submit; may run inside submit
+    std::uint8_t endpoint = 0;       // address, bit 7 set for IN; 0 for the default pipe
+    SetupPacket setup;               // control transfers only
+    std::span<std::uint8_t> data;    // OUT: the bytes to send; IN: where to put them; may be empty
+    Status status = Status::Success; // result
+    std::uint32_t actual = 0;        // result: bytes moved, at most data.size()
+    // Called exactly once for each submit, maybe inside it. It may submit and cancel transfers, so a device
+    // holds no lock of its own that `submit` or `cancel` take when it calls this.
+    std::function<void(Transfer&)> complete;
+
     bool isIn() const {
         return type == TransferType::Control ? (setup.requestType & 0x80) != 0 : (endpoint & 0x80) != 0;
     }

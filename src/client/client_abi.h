@@ -8,7 +8,7 @@
 constexpr ULONG IOCTL_EXCHANGE_INTERFACE = 0x220003;
 
 // {3F6E8110-D30E-4098-9FDA-91847EDA79E8}: enabled while a monitor is attached.
-constexpr GUID GUID_DEVINTERFACE_DISPLAY_ADAPTER = {
+constexpr GUID GUID_DEVINTERFACE_USB_DISPLAY = {
     0x3F6E8110, 0xD30E, 0x4098, {0x9F, 0xDA, 0x91, 0x84, 0x7E, 0xDA, 0x79, 0xE8}};
 
 using COMMAND_ENTRY = NTSTATUS(VOID* context, ULONG code, VOID* input, ULONGLONG inputLength, VOID* output,
@@ -37,7 +37,9 @@ enum CLIENT_COMMAND : ULONG {
     CMD_SET_ROTATION = 8,
 };
 
-// The command of the driver to the client.
+// The command of the driver to the client, from inside CMD_PRESENT_FRAME. Until it returns, the frame buffer
+// is the client's, and another present of the same frame buffer waits for it: the client does not wait, in
+// here, for a thread of its own that presents.
 constexpr ULONG CLIENT_CMD_FILL_FRAME_BUFFER = 0;
 
 struct FRAME_BUFFER_REQUEST {

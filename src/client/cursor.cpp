@@ -170,18 +170,19 @@ void BlendArea(const CURSOR_IMAGE* image, const CURSOR_AREA* area, const UCHAR* 
 // Takes over a position. TRUE when it, or the pointer's visibility, has changed.
 BOOLEAN UpdatePosition(CLIENT_CONTEXT* client, const POINTER_POSITION* position)
     TSA_REQUIRES(client->SubmitMutex);
-BOOLEAN UpdatePosition(CLIENT_CONTEXT* client, const POINTER_POSITION* position) {
-    const BOOLEAN visible = position->Flags & 1;
-    const BOOLEAN changed = position->X != client->LastPointerX || position->Y != client->LastPointerY ||
+BOOLEAN UpdatePosition(CLIENT_CONTEXT* client, const POINTER_POSITION* request) {
+    const POINTER_POSITION position = *request; // once: it is the caller's memory
+    const BOOLEAN visible = position.Flags & 1;
+    const BOOLEAN changed = position.X != client->LastPointerX || position.Y != client->LastPointerY ||
                             visible != client->LastPointerVisible;
     const CURSOR_POSITION cursor = CURSOR_RotatePosition(
         SHARED_Read(client->Rotation), SHARED_Read(client->DesktopWidth), SHARED_Read(client->DesktopHeight),
-        client->PointerShape.Width, client->PointerShape.Height, position->X, position->Y);
+        client->PointerShape.Width, client->PointerShape.Height, position.X, position.Y);
     client->CursorX = cursor.X;
     client->CursorY = cursor.Y;
     client->CursorVisible = visible;
-    client->LastPointerX = position->X;
-    client->LastPointerY = position->Y;
+    client->LastPointerX = position.X;
+    client->LastPointerY = position.Y;
     client->LastPointerVisible = visible;
     return changed;
 }
@@ -213,6 +214,8 @@ void CURSOR_Update(DEVICE_CONTEXT* context, const POINTER_POSITION* position, co
     }
 }
 
+// A shape that is too large is refused and not cut: half a pointer in the wrong place of its image would be
+// worse than the one from before.
 BOOLEAN CURSOR_StoreShape(CURSOR_IMAGE* image, const POINTER_SHAPE* shape) {
     const POINTER_SHAPE copy = *shape; // once: it is the caller's memory
     ULONG byteCount = 0;

@@ -10,7 +10,7 @@ constexpr ULONG PIXEL_WAIT_SLICE_MS = 10;
 constexpr ULONGLONG FRAME_PIXEL_BYTES = 4;
 
 // An owner of the pixels hands them straight to the longest waiting next one: the event is a synchronization
-// event. A client that presents without a pause therefore cannot keep the frame update thread out.
+// event. A client thread that presents without a pause therefore cannot keep the frame update thread out.
 void AcquirePixels(FRAME_BUFFER_CONTEXT* frameBuffer) {
     KeWaitForSingleObject(&frameBuffer->PixelsFree, Executive, KernelMode, FALSE, nullptr);
 }
@@ -210,6 +210,15 @@ FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindCurrent(DEVICE_CONTEXT* context) {
     CLIENT_CONTEXT* client = &context->Client;
     SPIN_LOCK_GUARD list(client->FrameBufferListLock);
     const ULONG key = client->CurrentFrameKey;
+    // A key that a client gives twice, or 0, which a frame buffer has before its first present, stands for
+    // one with a picture in it.
+    FRAME_BUFFER_CONTEXT* presented =
+        FindAndReference(client, [key](const FRAME_BUFFER_CONTEXT* frameBuffer) {
+            return frameBuffer->FrameKey == key && frameBuffer->Presented && !frameBuffer->Destroyed;
+        });
+    if (presented != nullptr) {
+        return presented;
+    }
     return FindAndReference(
         client, [key](const FRAME_BUFFER_CONTEXT* frameBuffer) { return frameBuffer->FrameKey == key; });
 }

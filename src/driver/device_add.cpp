@@ -5,6 +5,7 @@
 #include "driver/device_context.h"
 #include "driver/hardware.h"
 #include "driver/power.h"
+#include "render/pipeline.h"
 
 #include <intrin.h>
 
@@ -85,6 +86,7 @@ NTSTATUS DEVICE_EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit) {
     }
     DEVICE_InitMutexes(context);
     FRAMEBUFFER_InitializeList(context);
+    RENDER_InitializeLocks(context);
     REGISTRY_ReadConfiguration(context);
     DEVICE_DetectCpuFeatures(context);
 

@@ -25,7 +25,7 @@ NTSTATUS RegisterInterface(DEVICE_CONTEXT* context) {
 
     MUTEX_GUARD monitor(context->Locks.MonitorMutex);
     const NTSTATUS status =
-        IoRegisterDeviceInterface(display->PhysicalDeviceObject, &GUID_DEVINTERFACE_DISPLAY_ADAPTER, nullptr,
+        IoRegisterDeviceInterface(display->PhysicalDeviceObject, &GUID_DEVINTERFACE_USB_DISPLAY, nullptr,
                                   &display->InterfaceSymbolicLinkName);
     if (!NT_SUCCESS(status)) {
         display->InterfaceSymbolicLinkName = {};

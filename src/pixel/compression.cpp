@@ -40,7 +40,7 @@ UCHAR* FindStagingRoom(const DEVICE_CONTEXT* context, ULONG pixelCount, ULONG by
 
 // Frames of the client's 3- or 4-byte pixels become RGB555 in the staging buffer; other frames are 16-bit
 // pixels already. A literal carries 15 bits and the adapter reads them as RGB555, so the layout is that
-// whatever Rgb555Enable says: RGB565 would lose the top bit of red.
+// whatever Rgb555Enable says, and with it the format register: RGB565 would lose the top bit of red.
 ENCODER_INPUT Stage16(DEVICE_CONTEXT* context, const UCHAR* source, ULONGLONG sourceSize, ULONG pixelCount) {
     constexpr ULONG rgb555 = 1;
     const ULONG sourceBytes = context->Display.Mode.SourceBytesPerPixel;

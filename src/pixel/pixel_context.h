@@ -9,9 +9,11 @@ constexpr ULONG QUANT_LEVEL_COUNT = 16;
 // Tables of the 16-bit encoders, at 32-byte boundaries inside the inline work areas. What the masks stand
 // for: pixel/run_packer.h.
 struct GROUP_TABLES {
-    UCHAR (*PackShuffle)[16]; // GroupPackShuffle: by the mask of continued repeats
-    USHORT (*CountWords)[8];  // counts in place of GroupCountShuffle: by the mask of repeats
-    USHORT (*QuantMask)[8];   // QUANT_LEVEL_COUNT rows of eight equal lanes
+    UCHAR (*GroupPackShuffle)[16]; // by the mask of continued repeats
+    USHORT(*GroupCountShuffle)
+    [8];                    // by the mask of repeats; the counts in their places, which saves the
+                            // shuffle that would bring them there
+    USHORT (*QuantMask)[8]; // QUANT_LEVEL_COUNT rows of eight equal lanes
     USHORT (*QuantFill)[8];
 };
 
@@ -29,7 +31,7 @@ struct PIXEL_CONTEXT {
     USHORT QuantLevel;
     ULONG QuantSmallFrameCount;
     BOOLEAN GroupTablesReady;
-    PACK_STEP PackSteps[GROUP_MASK_COUNT];
+    PACK_STEP GroupWordCount[GROUP_MASK_COUNT]; // by the mask of continued repeats
     UCHAR CompressionWorkArea0[4128];
     UCHAR CompressionWorkArea1[4128];
     UCHAR CompressionWorkArea2[288];

@@ -36,7 +36,7 @@ void BuildCountRow(ULONG repeats, USHORT (&counts)[GROUP_PIXELS]) {
 
 void PACKER_BuildTables(PIXEL_CONTEXT* pixel) {
     for (ULONG mask = 0; mask < GROUP_MASK_COUNT; mask++) {
-        BuildPackRow(mask, pixel->Tables.PackShuffle[mask], &pixel->PackSteps[mask]);
-        BuildCountRow(mask, pixel->Tables.CountWords[mask]);
+        BuildPackRow(mask, pixel->Tables.GroupPackShuffle[mask], &pixel->GroupWordCount[mask]);
+        BuildCountRow(mask, pixel->Tables.GroupCountShuffle[mask]);
     }
 }

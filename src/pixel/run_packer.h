@@ -22,7 +22,7 @@ struct RUN_PACKER {
 };
 
 inline RUN_PACKER PACKER_Create(const PIXEL_CONTEXT& pixel) {
-    return {pixel.Tables.PackShuffle, pixel.Tables.CountWords, pixel.PackSteps};
+    return {pixel.Tables.GroupPackShuffle, pixel.Tables.GroupCountShuffle, pixel.GroupWordCount};
 }
 
 // Writes the group of the eight literal units in `literals`.

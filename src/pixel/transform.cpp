@@ -33,22 +33,11 @@ void ConvertToRgb8(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     }
 }
 
-ULONG OutputBytesPerPixel(const MODE_PARAMETERS& mode) {
-    switch (mode.OutputColorMode) {
-    case OUTPUT_COLOR_8_BIT:
-        return 1;
-    case OUTPUT_COLOR_16_BIT:
-        return 2;
-    default:
-        return 3;
-    }
-}
-
 // A processor without SSSE3 converts every pair too, by the per-pixel formulas: a render buffer that kept its
 // previous contents would show an old frame as if it were the new one.
 void TransformFramePerPixel(const MODE_PARAMETERS& mode, UCHAR* destination, const UCHAR* source,
                             ULONG pixelCount) {
-    const ULONG outputBytes = OutputBytesPerPixel(mode);
+    const ULONG outputBytes = PIXEL_OutputBytes(mode);
     if (mode.SourceBytesPerPixel == 4) {
         if (outputBytes == 3) {
             PIXEL_Bgrx32ToBgr24(destination, source, pixelCount);
@@ -70,6 +59,17 @@ void TransformFramePerPixel(const MODE_PARAMETERS& mode, UCHAR* destination, con
 
 } // namespace
 
+ULONG PIXEL_OutputBytes(const MODE_PARAMETERS& mode) {
+    switch (mode.OutputColorMode) {
+    case OUTPUT_COLOR_8_BIT:
+        return 1;
+    case OUTPUT_COLOR_16_BIT:
+        return 2;
+    default:
+        return 3;
+    }
+}
+
 void PIXEL_TransformFrame(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source,
                           ULONG pixelCount) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
@@ -77,7 +77,7 @@ void PIXEL_TransformFrame(DEVICE_CONTEXT* context, UCHAR* destination, const UCH
         return;
     }
     if (context->Cpu.CpuHasSsse3) {
-        PIXEL_TransformFrameSimd(context, destination, source, pixelCount, OutputBytesPerPixel(mode),
+        PIXEL_TransformFrameSimd(context, destination, source, pixelCount, PIXEL_OutputBytes(mode),
                                  mode.SourceBytesPerPixel);
     } else {
         TransformFramePerPixel(mode, destination, source, pixelCount);

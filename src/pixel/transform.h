@@ -17,8 +17,12 @@
 #include <ntddk.h>
 
 struct DEVICE_CONTEXT;
+struct MODE_PARAMETERS;
 
 constexpr ULONG PIXELS_PER_BLOCK = 16;
+
+// Bytes per pixel of the mode's uncompressed output: 1, 2 or 3.
+ULONG PIXEL_OutputBytes(const MODE_PARAMETERS& mode);
 
 // Converts `pixelCount` pixels of the current mode's source format (3 or 4 bytes per pixel) to its output
 // format. Any other source format writes nothing.

@@ -29,12 +29,13 @@ BOOLEAN IsRunning(const DEVICE_CONTEXT* context) {
     return SHARED_Read(context->Render.RenderRunning) != 0;
 }
 
-void InitializeEvents(RENDER_PIPELINE* render) {
-    KeInitializeEvent(&render->FrameUpdateRequestEvent, NotificationEvent, FALSE);
-    KeInitializeEvent(&render->ThreadStartStopEvent, NotificationEvent, FALSE);
-    KeInitializeEvent(&render->FrameFillIdleEvent, NotificationEvent, TRUE);
-    KeInitializeEvent(&render->DispatchIdleEvent, NotificationEvent, TRUE);
-    KeInitializeEvent(&render->DispatchRequestEvent, SynchronizationEvent, FALSE);
+// As they were at device add, whatever the last run of the pipeline left.
+void ResetEvents(RENDER_PIPELINE* render) {
+    KeClearEvent(&render->FrameUpdateRequestEvent);
+    KeClearEvent(&render->ThreadStartStopEvent);
+    KeClearEvent(&render->DispatchRequestEvent);
+    KeSetEvent(&render->FrameFillIdleEvent, IO_NO_INCREMENT, FALSE);
+    KeSetEvent(&render->DispatchIdleEvent, IO_NO_INCREMENT, FALSE);
 }
 
 // Ends a thread that nobody will be able to wait for.
@@ -76,10 +77,13 @@ void HandleFrameRequest(DEVICE_CONTEXT* context) {
     }
     // Only now, so that what was just handed over is shown once.
     KeClearEvent(&context->Render.FrameUpdateRequestEvent);
-    if (IsRunning(context)) {
-        RENDER_FrameUpdate(context);
-    } else {
+    if (!IsRunning(context)) {
         SHARED_Write(context->Render.StopAcknowledged, TRUE);
+    } else if (ReadAcquire(&context->Render.StartedAnew) != 0) {
+        // A start came in between, and its request has just been cleared.
+        KeSetEvent(&context->Render.FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+    } else {
+        RENDER_FrameUpdate(context);
     }
 }
 
@@ -139,24 +143,13 @@ ULONG WaitForBuffer(DEVICE_CONTEXT* context) {
     return RENDER_BUFFER_NONE;
 }
 
-ULONG OutputBytesPerPixel(const MODE_PARAMETERS& mode) {
-    switch (mode.OutputColorMode) {
-    case OUTPUT_COLOR_8_BIT:
-        return 1;
-    case OUTPUT_COLOR_16_BIT:
-        return 2;
-    default:
-        return 3;
-    }
-}
-
 // Converts or compresses a whole frame and returns the number of bytes to send, 0 for none.
 ULONG ConvertFrame(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source, ULONGLONG sourceSize,
                    ULONG pixelCount) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
     if (mode.CompressionEnabled == 0) {
         PIXEL_TransformFrame(context, destination, source, pixelCount);
-        return OutputBytesPerPixel(mode) * pixelCount;
+        return PIXEL_OutputBytes(mode) * pixelCount;
     }
     const auto compress =
         mode.OutputColorMode == OUTPUT_COLOR_16_BIT ? COMPRESSION_CompressFrame16 : COMPRESSION_CompressFrame;
@@ -244,7 +237,7 @@ void ConsiderUpgrade(DEVICE_CONTEXT* context) {
 } // namespace
 
 NTSTATUS THREAD_CreateFrameUpdateThread(DEVICE_CONTEXT* context) {
-    InitializeEvents(&context->Render);
+    ResetEvents(&context->Render);
     NTSTATUS status = StartThread(context);
     if (!NT_SUCCESS(status)) {
         return status;
@@ -319,7 +312,8 @@ void RENDER_FrameUpdate(DEVICE_CONTEXT* context) {
 
 void RENDER_Private_UpdateRenderingFrameBuffer(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
-    // The client may ask for a listed mode that no monitor was offered; its frames exceed a render buffer.
+    // The client may ask for a listed mode that no monitor was offered: the frames of some exceed a render
+    // buffer, and no adapter holds any of them.
     if (ULONGLONG{mode.Width} * mode.Height > MODE_MAX_PIXELS) {
         return;
     }

@@ -50,8 +50,8 @@ NTSTATUS CreateLocksAndCollections(DEVICE_CONTEXT* context) {
 
 void AlignCompressionTables(PIXEL_CONTEXT* pixel) {
     GROUP_TABLES* tables = &pixel->Tables;
-    AlignForCompression(&tables->PackShuffle, pixel->CompressionWorkArea0);
-    AlignForCompression(&tables->CountWords, pixel->CompressionWorkArea1);
+    AlignForCompression(&tables->GroupPackShuffle, pixel->CompressionWorkArea0);
+    AlignForCompression(&tables->GroupCountShuffle, pixel->CompressionWorkArea1);
     AlignForCompression(&tables->QuantMask, pixel->CompressionWorkArea2);
     AlignForCompression(&tables->QuantFill, pixel->CompressionWorkArea3);
 }
@@ -148,16 +148,18 @@ NTSTATUS BuildMdls(const RENDER_BUFFERS& buffers, RENDER_CONTEXT* renderContext,
         // same buffers as new ones would.
         return STATUS_SUCCESS;
     }
-    FreeMdls(renderContext);
     for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
         if (buffers.Aligned[i] == nullptr) {
             return STATUS_UNSUCCESSFUL;
         }
         PMDL mdl = IoAllocateMdl(buffers.Aligned[i], length, FALSE, FALSE, nullptr);
         if (mdl == nullptr) {
-            return STATUS_UNSUCCESSFUL;
+            return STATUS_UNSUCCESSFUL; // Those from before still serve.
         }
         MmBuildMdlForNonPagedPool(mdl);
+        if (renderContext->RenderMdl[i] != nullptr) {
+            IoFreeMdl(renderContext->RenderMdl[i]);
+        }
         renderContext->RenderMdl[i] = mdl;
     }
     return STATUS_SUCCESS;
@@ -187,6 +189,17 @@ NTSTATUS Build(DEVICE_CONTEXT* context) {
 
 } // namespace
 
+void RENDER_InitializeLocks(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    KeInitializeSpinLock(&render->AvailableListLock.Lock);
+    KeInitializeSpinLock(&render->PendingListLock.Lock);
+    KeInitializeEvent(&render->FrameUpdateRequestEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&render->ThreadStartStopEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&render->FrameFillIdleEvent, NotificationEvent, TRUE);
+    KeInitializeEvent(&render->DispatchIdleEvent, NotificationEvent, TRUE);
+    KeInitializeEvent(&render->DispatchRequestEvent, SynchronizationEvent, FALSE);
+}
+
 NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context) {
     {
         MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
@@ -202,13 +215,11 @@ NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context) {
 NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     {
-        KeInitializeSpinLock(&render->AvailableListLock.Lock);
         SPIN_LOCK_GUARD available(render->AvailableListLock);
         InitializeListHead(&render->AvailableList);
         render->AvailableCount = 0;
     }
     {
-        KeInitializeSpinLock(&render->PendingListLock.Lock);
         SPIN_LOCK_GUARD pending(render->PendingListLock);
         InitializeListHead(&render->PendingList);
         render->PendingCount = 0;

@@ -5,6 +5,9 @@
 
 struct DEVICE_CONTEXT;
 
+// At device add, once: a client that outlives a stop and restart of the device may be waiting for these.
+void RENDER_InitializeLocks(DEVICE_CONTEXT* context);
+
 // Builds the pipeline and starts its thread. A failure has been undone.
 [[nodiscard]] NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context);
 

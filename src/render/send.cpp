@@ -216,7 +216,9 @@ BOOLEAN ContinueStream(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, L
     // again.
     const BOOLEAN goesOn = carriesLatest || (inFlight == 1 && latest != RENDER_BUFFER_NONE);
     if (newerFrameWaits || renderContext->Abandoned || !goesOn) {
-        if (renderContext->Abandoned && inFlight == 0) {
+        // The newest frame may have been refused while this transfer, of an older one, was still out.
+        const BOOLEAN nothingIsOut = ReadAcquire(&context->Render.RenderContextsInFlight) == 0;
+        if (!newerFrameWaits && nothingIsOut && latest != RENDER_BUFFER_NONE) {
             RepeatLater(context);
         }
         RENDER_ReturnToAvailable(context, renderContext);

@@ -94,7 +94,6 @@ const Completion kCompletions[] = {
     {.what = "the newest frame is sent again when it is alone", .inFlight = 1, .goesOn = true},
     {.what = "an older frame gives way to two of the newest", .inFlight = 3, .latest = 3},
     {.what = "the last but one takes the newest frame over", .inFlight = 2, .latest = 3, .goesOn = true},
-    {.what = "an older frame that was alone ends", .inFlight = 1, .latest = 3},
     {.what = "a newer frame waits", .newerWaits = true},
     {.what = "the stream is stopped", .running = false},
     {.what = "the frame comes from before a stop", .latest = RENDER_BUFFER_NONE},

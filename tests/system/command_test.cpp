@@ -503,7 +503,7 @@ void withRudeClient(const std::function<void(Session&, RudeClient&)>& body) {
         RudeClient client;
         INTERFACE_RECORD mine{0xFFFFFFFF, 1, 0, &client, RudeClient::entry, RudeClient::release};
         std::shared_ptr<platform::InterfaceHandle> handle;
-        const auto links = session.machine().interfaces(GUID_DEVINTERFACE_DISPLAY_ADAPTER);
+        const auto links = session.machine().interfaces(GUID_DEVINTERFACE_USB_DISPLAY);
         require(session.machine().open(links.front(), handle), "opening");
         ULONG_PTR information = 0;
         require(session.machine().internalControl(*handle, IOCTL_EXCHANGE_INTERFACE, bytesOf(mine),

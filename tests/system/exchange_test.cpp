@@ -14,7 +14,7 @@ namespace {
 class RawClient {
   public:
     explicit RawClient(Session& session) : machine_(session.machine()) {
-        const auto links = machine_.interfaces(GUID_DEVINTERFACE_DISPLAY_ADAPTER);
+        const auto links = machine_.interfaces(GUID_DEVINTERFACE_USB_DISPLAY);
         if (links.empty()) {
             throw std::runtime_error("no interface");
         }

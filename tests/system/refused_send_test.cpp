@@ -15,6 +15,7 @@ namespace {
 // Steps of one transfer that may be refused, and the first of the next: formatting, queueing, tracking and
 // sending two requests each.
 constexpr unsigned kSteps = 8;
+constexpr unsigned kStepsToTheSend = 6; // of the frame itself: nothing of it goes out
 
 class RefusedSend : public testing::Test {
   protected:
@@ -36,6 +37,29 @@ TEST_F(RefusedSend, TheNewestPictureComesBackByItself) {
             expectPicture(session, next);
         }
     });
+}
+
+// A re-send is refused, and while the other transfer of the old picture is still out, the new picture is,
+// too. When that other one comes back, nothing is under way any more that would bring the new one.
+TEST_F(RefusedSend, TheNewestPictureIsNotForgottenBehindAnOlderTransfer) {
+    for (std::uint64_t k = 1; k <= kStepsToTheSend; k++) {
+        SCOPED_TRACE(k);
+        runSession(inOrder(), [&](Session& session) {
+            PlugOptions slow = adapter();
+            slow.bandwidth = 61'000'000; // 15 ms a frame
+            showDesktop(session, slow, pattern("bars", kWidth, kHeight));
+            expectPicture(session);
+            kernel::armFault(k, kernel::FaultMode::Sticky);
+            while (!kernel::faultFired()) {
+                session.machine().sleep(kMillisecond / 10);
+            }
+            const Surface next = pattern("gradient", kWidth, kHeight);
+            session.present(kDesktop, next);
+            session.machine().sleep(kMillisecond);
+            kernel::disarmFault();
+            expectPicture(session, next);
+        });
+    }
 }
 
 // Whatever the k-th step of the running stream is, a send among them: it is refused for two seconds, and
