@@ -63,8 +63,8 @@ std::unique_ptr<DEVICE_CONTEXT> makeContext() {
         return reinterpret_cast<UCHAR*>((reinterpret_cast<uintptr_t>(area) + 31) & ~uintptr_t{31});
     };
     PIXEL_CONTEXT& pixel = context->Pixel;
-    pixel.Tables.PackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
-    pixel.Tables.CountWords = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea1));
+    pixel.Tables.GroupPackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
+    pixel.Tables.GroupCountShuffle = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea1));
     pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
     pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
     context->Display.Mode.CompressionLevel = 5;

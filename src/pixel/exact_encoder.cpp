@@ -56,55 +56,61 @@ ULONGLONG EncodeByPixel(const UCHAR* source, UCHAR* destination, const UCHAR* de
     return FinishStream(&writer, run, destination);
 }
 
-// Four pixels, in 32-bit lanes: a quad. How it is written without a branch, by masks whose bit i stands for
-// pixel i (pixel/run_masks.h).
+// Four pixels, in 32-bit lanes: a quad. It is written without a branch, by a table: the repeats among its
+// pixels and the pixel after them (pixel/run_masks.h) say which pixels write what.
 constexpr ULONG QUAD_PIXELS = 4;
-constexpr ULONG QUAD_MASK_COUNT = 16;
+constexpr ULONG QUAD_MASK_COUNT = 32;
 
 // How far past its cursor a quad stores.
 constexpr ULONG OVERSHOOT = 16;
 
-// What a quad writes and leaves, by the mask of continued repeats.
-struct alignas(4) QUAD_STEP {
+struct alignas(32) QUAD_ROW {
+    UCHAR Shuffle[16]; // brings together three bytes of each lane that writes a literal; 0 in place of counts
+    UCHAR Counts[12];  // the counts in their places: the length of the run up to and with the lane
+    // What the quad writes and leaves. In the same vector as the counts, where nothing reads them: a quad
+    // writes twelve bytes at most.
     UCHAR Bytes;
     UCHAR Open;   // repeats at its end that the next quad continues
     CHAR AllOpen; // -1: all four do, and the run before them with them; else 0
 };
 
-struct QUAD_TABLES {
-    // By the mask of continued repeats.
-    alignas(16) UCHAR
-        PackShuffle[QUAD_MASK_COUNT][16]; // brings together three bytes of each lane that writes
-    QUAD_STEP Steps[QUAD_MASK_COUNT];
-    // By the mask of repeats.
-    alignas(16) ULONG LiteralLanes[QUAD_MASK_COUNT][QUAD_PIXELS]; // all ones where there is none
-    alignas(
-        16) ULONG Counts[QUAD_MASK_COUNT][QUAD_PIXELS]; // the length of the run up to and with each, else 0
+struct QUAD_TABLE {
+    QUAD_ROW Rows[QUAD_MASK_COUNT];
 };
 
-constexpr QUAD_TABLES BuildQuadTables() {
-    QUAD_TABLES tables = {};
+constexpr QUAD_TABLE BuildQuadTable() {
+    constexpr UCHAR nothing = 0x80;
+    QUAD_TABLE table = {};
     for (ULONG mask = 0; mask < QUAD_MASK_COUNT; mask++) {
-        QUAD_STEP& step = tables.Steps[mask];
-        for (UCHAR& position : tables.PackShuffle[mask]) {
-            position = 0x80;
+        QUAD_ROW& row = table.Rows[mask];
+        for (UCHAR& position : row.Shuffle) {
+            position = nothing;
         }
         ULONG run = 0;
         for (ULONG lane = 0; lane < QUAD_PIXELS; lane++) {
-            run = mask >> lane & 1 ? run + 1 : 0;
-            tables.LiteralLanes[mask][lane] = run == 0 ? 0xFFFFFFFF : 0;
-            tables.Counts[mask][lane] = run;
-            for (ULONG byte = 0; byte < 3 && run == 0; byte++) {
-                tables.PackShuffle[mask][step.Bytes++] = static_cast<UCHAR>(lane * 4 + byte);
+            const bool repeats = mask >> lane & 1;
+            const bool continues = repeats && (mask >> (lane + 1) & 1);
+            run = repeats ? run + 1 : 0;
+            if (continues) {
+                continue;
             }
+            if (repeats) {
+                row.Counts[row.Bytes] = static_cast<UCHAR>(run);
+                run = 0;
+            } else {
+                for (ULONG byte = 0; byte < 3; byte++) {
+                    row.Shuffle[row.Bytes + byte] = static_cast<UCHAR>(lane * 4 + byte);
+                }
+            }
+            row.Bytes += 3;
         }
-        step.Open = static_cast<UCHAR>(run);
-        step.AllOpen = run == QUAD_PIXELS ? -1 : 0;
+        row.Open = static_cast<UCHAR>(run);
+        row.AllOpen = run == QUAD_PIXELS ? -1 : 0;
     }
-    return tables;
+    return table;
 }
 
-constexpr QUAD_TABLES TABLES = BuildQuadTables();
+constexpr QUAD_TABLE TABLE = BuildQuadTable();
 
 TARGET_SSSE3 FORCEINLINE __m128i Load(const void* source) {
     return _mm_loadu_si128(static_cast<const __m128i*>(source));
@@ -151,37 +157,27 @@ TARGET_SSSE3 FORCEINLINE ULONGLONG FindRepeats(const UCHAR* source) {
                             CompareBlock<Source>(source + 3 * blockBytes));
 }
 
-TARGET_SSSE3 FORCEINLINE __m128i LoadRow(const void* row) {
-    return _mm_load_si128(static_cast<const __m128i*>(row));
-}
-
-TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutQuad(PACK_CURSOR cursor, __m128i pixels, ULONG repeats,
-                                             ULONG continued) {
-    // The rounded average with 0xFF is half of red with the flag; that of equal bytes leaves blue and green
-    // alone.
-    const __m128i keys = _mm_and_si128(pixels, _mm_set1_epi32(KEPT_BITS));
-    const __m128i literals = _mm_avg_epu8(keys, _mm_or_si128(keys, _mm_set1_epi32(0xFF0000)));
-    const __m128i units = _mm_or_si128(_mm_and_si128(literals, LoadRow(TABLES.LiteralLanes[repeats])),
-                                       LoadRow(TABLES.Counts[repeats]));
+TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutQuad(PACK_CURSOR cursor, __m128i pixels, ULONG mask) {
+    const QUAD_ROW& row = TABLE.Rows[mask];
+    // The rounded average with 0xFF is half of red, its lowest bit dropped, with the flag; that of equal
+    // bytes leaves blue and green alone.
+    const __m128i literals = _mm_avg_epu8(pixels, _mm_or_si128(pixels, _mm_set1_epi32(0xFF0000)));
+    const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i*>(row.Shuffle));
+    const __m128i counts = _mm_load_si128(reinterpret_cast<const __m128i*>(row.Counts));
     // An open run ends in the first unit of this quad, if it ends here at all.
-    const __m128i packed = _mm_add_epi32(_mm_shuffle_epi8(units, LoadRow(TABLES.PackShuffle[continued])),
-                                         _mm_cvtsi32_si128(static_cast<LONG>(cursor.Repeats)));
+    const __m128i before = _mm_cvtsi32_si128(static_cast<LONG>(cursor.Repeats));
+    const __m128i packed = _mm_add_epi32(_mm_or_si128(_mm_shuffle_epi8(literals, shuffle), counts), before);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(cursor.Next), packed);
-
-    const QUAD_STEP& step = TABLES.Steps[continued];
-    return {cursor.Next + step.Bytes, step.Open + (cursor.Repeats & static_cast<ULONG>(LONG{step.AllOpen}))};
+    return {cursor.Next + row.Bytes, row.Open + (cursor.Repeats & static_cast<ULONG>(LONG{row.AllOpen}))};
 }
 
-// Two quads, the group's.
 template <typename Source>
-TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutGroup(PACK_CURSOR cursor, const UCHAR* strip, const RUN_MASKS& masks,
-                                              ULONG group) {
-    const UCHAR* pixels = strip + SIZE_T{group} * 2 * QUAD_PIXELS * Source::Bytes;
-    const ULONG repeats = MASKS_GroupRepeats(masks, group);
-    const ULONG continued = MASKS_GroupContinued(masks, group);
-    cursor = PutQuad(cursor, Source::ReadQuad(pixels), repeats & 0xF, continued & 0xF);
-    return PutQuad(cursor, Source::ReadQuad(pixels + QUAD_PIXELS * Source::Bytes), repeats >> 4,
-                   continued >> 4);
+TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutBlock(PACK_CURSOR cursor, const UCHAR* pixels, ULONG repeats) {
+    constexpr ULONG quadBytes = QUAD_PIXELS * Source::Bytes;
+    cursor = PutQuad(cursor, Source::ReadQuad(pixels), repeats & 0x1F);
+    cursor = PutQuad(cursor, Source::ReadQuad(pixels + quadBytes), repeats >> 4 & 0x1F);
+    cursor = PutQuad(cursor, Source::ReadQuad(pixels + 2 * quadBytes), repeats >> 8 & 0x1F);
+    return PutQuad(cursor, Source::ReadQuad(pixels + 3 * quadBytes), repeats >> 12 & 0x1F);
 }
 
 template <typename Source>
@@ -192,8 +188,8 @@ TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutStrip(PACK_CURSOR cursor, const UCHAR* s
     for (ULONG left = masks.WritingBlocks; _BitScanForward(&block, left); left &= left - 1) {
         cursor.Repeats += (block - done) * BLOCK_PIXELS;
         done = block + 1;
-        cursor = PutGroup<Source>(cursor, strip, masks, 2 * block);
-        cursor = PutGroup<Source>(cursor, strip, masks, 2 * block + 1);
+        cursor = PutBlock<Source>(cursor, strip + SIZE_T{block} * BLOCK_PIXELS * Source::Bytes,
+                                  MASKS_BlockRepeats(masks, block));
     }
     cursor.Repeats += (words * WORD_BLOCKS - done) * BLOCK_PIXELS;
     return cursor;

@@ -21,7 +21,7 @@ constexpr ULONG BLOCK_PIXELS = 16;
 constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
 
 struct RUN_MASKS {
-    alignas(16) ULONGLONG Repeats[STRIP_WORDS];
+    alignas(16) ULONGLONG Repeats[STRIP_WORDS + 1]; // behind the strip's words: the pixel after the strip
     alignas(16) ULONGLONG Continued[STRIP_WORDS];
     ULONG WritingBlocks; // bit i: block i writes something
 };
@@ -36,14 +36,14 @@ inline ULONG MASKS_CountWords(ULONG pixels) {
 // Completes masks of which the first `words` words of Repeats are set. `repeatAfter`: the pixel after the
 // strip equals the strip's last one.
 inline void MASKS_Complete(RUN_MASKS* masks, ULONG words, bool repeatAfter) {
+    masks->Repeats[words] = repeatAfter;
     for (ULONG word = 0; word < STRIP_WORDS; word++) {
         if (word >= words) {
             masks->Continued[word] = ~0ull; // nothing to write
             continue;
         }
         const ULONGLONG repeats = masks->Repeats[word];
-        const ULONGLONG after = word + 1 < words ? masks->Repeats[word + 1] : ULONGLONG{repeatAfter};
-        masks->Continued[word] = repeats & (repeats >> 1 | after << (WORD_PIXELS - 1));
+        masks->Continued[word] = repeats & (repeats >> 1 | masks->Repeats[word + 1] << (WORD_PIXELS - 1));
     }
     const __m128i* continued = reinterpret_cast<const __m128i*>(masks->Continued);
     const __m128i all = _mm_set1_epi16(-1);
@@ -73,6 +73,13 @@ inline ULONG MASKS_GroupRepeats(const RUN_MASKS& masks, ULONG group) {
 
 inline ULONG MASKS_GroupContinued(const RUN_MASKS& masks, ULONG group) {
     return reinterpret_cast<const UCHAR*>(masks.Continued)[group];
+}
+
+// The repeats of the sixteen pixels of a block, and in bit 16 of the pixel after them.
+inline ULONG MASKS_BlockRepeats(const RUN_MASKS& masks, ULONG block) {
+    ULONG bits;
+    RtlCopyMemory(&bits, reinterpret_cast<const UCHAR*>(masks.Repeats) + 2 * block, sizeof(bits));
+    return bits;
 }
 
 // The mask of a word from those of its four blocks.
