@@ -32,13 +32,30 @@ usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
 
 } // namespace
 
-void requireRoom(const Call& call, const Object* object, const void* address, std::size_t size) {
+void requireTransferBuffer(const Call& call, const Object* object, const void* address, std::size_t size) {
     const auto block = kernel::findPoolBlock(address);
+    if (!block) {
+        if (kernel::liesInFreedBlock(address)) {
+            call.fail(Rule::BufferLifetime, object, "The transfer's memory lies in a freed pool block.");
+        }
+        return;
+    }
+    if (block->type == PagedPool) {
+        call.fail(Rule::Argument, object, "The transfer's memory is from paged pool.");
+    }
     const auto* begin = static_cast<const std::uint8_t*>(address);
-    if (block &&
-        size > static_cast<std::size_t>(static_cast<std::uint8_t*>(block->address) + block->size - begin)) {
+    if (size > static_cast<std::size_t>(static_cast<std::uint8_t*>(block->address) + block->size - begin)) {
         call.fail(Rule::BufferTooShort, object,
                   fmt::format("A transfer of {} bytes reaches beyond the end of its pool block.", size));
+    }
+}
+
+void requireTransferMdl(const Call& call, const Object* object, const MDL* mdl) {
+    if (!kernel::isLiveMdl(mdl)) {
+        call.fail(Rule::BufferLifetime, object, "The transfer's MDL has been freed.");
+    }
+    if (!kernel::isMdlMemoryLive(mdl)) {
+        call.fail(Rule::BufferLifetime, object, "The pool block that the MDL describes has been freed.");
     }
 }
 
@@ -204,12 +221,10 @@ void* urbData(const Call& call, const Object& request, const _URB_BULK_OR_INTERR
         if (urb.TransferBuffer == nullptr) {
             call.fail(Rule::BufferTooShort, &request, "The URB has a length and no buffer.");
         }
-        requireRoom(call, &request, urb.TransferBuffer, urb.TransferBufferLength);
+        requireTransferBuffer(call, &request, urb.TransferBuffer, urb.TransferBufferLength);
         return urb.TransferBuffer;
     }
-    if (!kernel::isLiveMdl(urb.TransferBufferMDL)) {
-        call.fail(Rule::BufferLifetime, &request, "The URB's MDL has been freed.");
-    }
+    requireTransferMdl(call, &request, urb.TransferBufferMDL);
     if (MmGetMdlByteCount(urb.TransferBufferMDL) < urb.TransferBufferLength) {
         call.fail(Rule::BufferTooShort, &request,
                   fmt::format("The URB sends {} bytes of an MDL of {}.", urb.TransferBufferLength,
@@ -236,6 +251,7 @@ std::shared_ptr<Submission> UsbDevice::urbSubmission(const Call& call, const Obj
                                                      const Memory& memory, std::size_t offset, Done done) {
     const auto& urb = *reinterpret_cast<const _URB_BULK_OR_INTERRUPT_TRANSFER*>(
         static_cast<const std::uint8_t*>(memory.buffer()) + offset);
+    requireTransferBuffer(call, &request, &urb, sizeof(_URB_HEADER));
     if (memory.size() - offset < sizeof(urb) || urb.Hdr.Length != sizeof(urb)) {
         call.fail(Rule::BufferTooShort, &request, "The URB is shorter than a bulk or interrupt transfer's.");
     }

@@ -97,8 +97,12 @@ class UsbInterface final : public Object {
     std::vector<UsbPipe*> pipes_; // children; guarded by the kernel lock
 };
 
-// Fails with BufferTooShort when [address, address + size) begins in a pool block and reaches beyond its end.
-void requireRoom(const Call& call, const Object* object, const void* address, std::size_t size);
+// Fails when [address, address + size) cannot be a transfer's memory: it reaches beyond the end of its pool
+// block, that block is paged, or it was freed. Memory that is no pool is not judged.
+void requireTransferBuffer(const Call& call, const Object* object, const void* address, std::size_t size);
+
+// Fails when an MDL, or the pool block that it was built for, is no longer there.
+void requireTransferMdl(const Call& call, const Object* object, const MDL* mdl);
 
 class UsbDevice final : public IoTarget {
   public:

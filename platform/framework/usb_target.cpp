@@ -123,12 +123,10 @@ NTSTATUS resolve(const Call& call, const WDF_MEMORY_DESCRIPTOR* descriptor, Buff
     switch (descriptor->Type) {
     case WdfMemoryDescriptorTypeBuffer:
         buffer = {descriptor->u.BufferType.Buffer, descriptor->u.BufferType.Length, {}};
-        requireRoom(call, nullptr, buffer.data, buffer.size);
+        requireTransferBuffer(call, nullptr, buffer.data, buffer.size);
         return STATUS_SUCCESS;
     case WdfMemoryDescriptorTypeMdl:
-        if (!kernel::isLiveMdl(descriptor->u.MdlType.Mdl)) {
-            return STATUS_INVALID_PARAMETER;
-        }
+        requireTransferMdl(call, nullptr, descriptor->u.MdlType.Mdl);
         buffer = {MmGetSystemAddressForMdlSafe(descriptor->u.MdlType.Mdl, NormalPagePriority),
                   descriptor->u.MdlType.BufferLength,
                   {}};
@@ -147,6 +145,7 @@ NTSTATUS resolve(const Call& call, const WDF_MEMORY_DESCRIPTOR* descriptor, Buff
             length = offsets->BufferLength != 0 ? offsets->BufferLength : memory->size() - offset;
         }
         buffer = {static_cast<std::uint8_t*>(memory->buffer()) + offset, length, memory};
+        requireTransferBuffer(call, memory.get(), buffer.data, buffer.size);
         return STATUS_SUCCESS;
     }
     default:

@@ -38,10 +38,16 @@ struct Block {
     std::size_t size = 0;
     ULONG tag = 0;
     POOL_TYPE type = NonPagedPool;
+    std::uint64_t number = 0; // of the allocation: tells this block from a later one at the same address
 
     std::uint8_t* frontGuard() const { return data - kGuard; }
     std::uint8_t* end() const { return data + size; }
     std::size_t rearGuardSize() const { return static_cast<std::size_t>(base + baseSize - end()); }
+};
+
+struct MdlRecord {
+    std::size_t size = 0;
+    std::uint64_t block = 0; // the number of the block it was built for; 0 for memory that is no pool
 };
 
 struct Use {
@@ -58,7 +64,8 @@ struct State {
     std::size_t quarantineBytes = 0;
     std::multimap<std::size_t, Block> cache; // by `baseSize`
     std::size_t cacheBytes = 0;
-    std::map<const MDL*, std::size_t> mdls;
+    std::map<const std::uint8_t*, std::size_t> freed; // sizes of the blocks at rest there, by `data`
+    std::map<const MDL*, MdlRecord> mdls;
     std::vector<Use> uses;
     BufferUse lastUse = 0;
     std::uint64_t allocations = 0;
@@ -113,6 +120,7 @@ Block obtain(std::size_t size, std::string_view call) {
     if (cached != pool.cache.end()) {
         block = cached->second;
         pool.cache.erase(cached);
+        pool.freed.erase(block.data);
         pool.cacheBytes -= block.baseSize;
         requireUntouched(block, call);
         sanitizer::unpoison(block.base, block.baseSize);
@@ -139,25 +147,21 @@ void putAway(const Block& block, std::string_view call) {
             return;
         }
         pool.cache.emplace(block.baseSize, block);
+        pool.freed[block.data] = block.size;
         pool.cacheBytes += block.baseSize;
         return;
     }
     pool.quarantine.push_back(block);
+    pool.freed[block.data] = block.size;
     pool.quarantineBytes += block.baseSize;
     while (pool.quarantineBytes > kQuarantineLimit) {
         const Block oldest = pool.quarantine.front();
         pool.quarantine.pop_front();
+        pool.freed.erase(oldest.data);
         pool.quarantineBytes -= oldest.baseSize;
         requireUntouched(oldest, call);
         release(oldest);
     }
-}
-
-bool wasFreed(const void* data) {
-    const auto isBlock = [data](const Block& block) { return block.data == data; };
-    return std::any_of(pool.quarantine.begin(), pool.quarantine.end(), isBlock) ||
-           std::any_of(pool.cache.begin(), pool.cache.end(),
-                       [&](const auto& entry) { return isBlock(entry.second); });
 }
 
 void requireGuardsIntact(const Block& block, std::string_view call) {
@@ -170,6 +174,12 @@ void requireGuardsIntact(const Block& block, std::string_view call) {
         verifier::fail(verifier::Rule::PoolOverrun, call, describe(block),
                        "the bytes behind the block were overwritten");
     }
+}
+
+bool liesInFreed(const void* address) {
+    const auto* byte = static_cast<const std::uint8_t*>(address);
+    auto next = pool.freed.upper_bound(byte);
+    return next != pool.freed.begin() && byte < std::prev(next)->first + std::prev(next)->second;
 }
 
 const Block* findLive(const void* address) {
@@ -227,8 +237,8 @@ void* allocatePool(POOL_TYPE type, std::size_t size, ULONG tag, std::string_view
     sanitizer::poison(block.base, static_cast<std::size_t>(block.data - block.base));
     sanitizer::poison(block.end(), block.rearGuardSize());
     announceAcquire(block.data);
+    block.number = ++pool.allocations;
     pool.live[block.data] = block;
-    ++pool.allocations;
     return block.data;
 }
 
@@ -238,7 +248,9 @@ void freePool(void* address, ULONG tag, std::string_view call) {
     auto found = pool.live.find(static_cast<std::uint8_t*>(address));
     if (found == pool.live.end()) {
         verifier::fail(verifier::Rule::PoolFreedTwice, call, fmt::format("{}", address),
-                       wasFreed(address) ? "the block was freed before" : "no block of pool begins here");
+                       pool.freed.contains(static_cast<std::uint8_t*>(address))
+                           ? "the block was freed before"
+                           : "no block of pool begins here");
     }
     const Block block = found->second;
     if (block.type == PagedPool) {
@@ -263,6 +275,11 @@ std::optional<PoolBlock> findPoolBlock(const void* address) {
         return std::nullopt;
     }
     return PoolBlock{block->data, block->size, block->tag, block->type};
+}
+
+bool liesInFreedBlock(const void* address) {
+    KernelLockIfFree guard;
+    return liesInFreed(address);
 }
 
 std::uint64_t poolAllocations() {
@@ -327,6 +344,17 @@ bool isLiveMdl(const MDL* mdl) {
     return pool.mdls.contains(mdl);
 }
 
+bool isMdlMemoryLive(const MDL* mdl) {
+    KernelLockIfFree guard;
+    auto found = pool.mdls.find(mdl);
+    if (found == pool.mdls.end()) {
+        return false;
+    }
+    const std::uint64_t number = found->second.block;
+    const Block* block = findLive(mdl->MappedSystemVa);
+    return number == 0 || (block != nullptr && block->number == number);
+}
+
 void resetPool() {
     KernelLockIfFree guard;
     pool.uses.clear();
@@ -336,16 +364,18 @@ void resetPool() {
     }
     pool.quarantine.clear();
     pool.quarantineBytes = 0;
+    pool.freed.clear();
     for (const auto& [size, block] : pool.cache) {
         sanitizer::unpoison(block.base, block.baseSize);
         fillFreed(block);
+        pool.freed[block.data] = block.size;
     }
     for (const auto& [address, block] : pool.live) {
         sanitizer::unpoison(block.base, block.baseSize);
         putAway(block, "resetPool");
     }
     pool.live.clear();
-    for (const auto& [mdl, size] : pool.mdls) {
+    for (const auto& [mdl, record] : pool.mdls) {
         std::free(const_cast<MDL*>(mdl));
     }
     pool.mdls.clear();
@@ -390,7 +420,7 @@ PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, 
     mdl->ByteOffset = static_cast<ULONG>(offset);
     mdl->ByteCount = Length;
     KernelGuard guard;
-    pool.mdls[mdl] = size;
+    pool.mdls[mdl] = {size, 0};
     return mdl;
 }
 
@@ -403,7 +433,7 @@ VOID IoFreeMdl(PMDL Mdl) {
         verifier::fail(verifier::Rule::PoolFreedTwice, "IoFreeMdl", fmt::format("{}", fmt::ptr(Mdl)),
                        "this is no MDL, or one that was freed before");
     }
-    requireNotInUse(Mdl, found->second, "IoFreeMdl");
+    requireNotInUse(Mdl, found->second.size, "IoFreeMdl");
     pool.mdls.erase(found);
     std::free(Mdl);
 }
@@ -412,13 +442,20 @@ VOID MmBuildMdlForNonPagedPool(PMDL Mdl) {
     PlatformCall call;
     verifier::requireIrql("MmBuildMdlForNonPagedPool", kDispatchLevel);
     KernelGuard guard;
-    if (!pool.mdls.contains(Mdl)) {
+    auto found = pool.mdls.find(Mdl);
+    if (found == pool.mdls.end()) {
         verifier::fail(verifier::Rule::HandleStale, "MmBuildMdlForNonPagedPool",
                        fmt::format("{}", fmt::ptr(Mdl)), "this is no MDL, or one that was freed");
     }
     auto* begin = static_cast<std::uint8_t*>(MmGetMdlVirtualAddress(Mdl));
+    if (liesInFreed(begin)) {
+        verifier::fail(verifier::Rule::BufferLifetime, "MmBuildMdlForNonPagedPool",
+                       fmt::format("{}", fmt::ptr(begin)), "the block that the MDL describes has been freed");
+    }
+    found->second.block = 0;
     // Memory of the machine's other drivers is not known here and taken for non-paged.
     if (const Block* block = findLive(begin)) {
+        found->second.block = block->number;
         if (block->type == PagedPool) {
             verifier::fail(verifier::Rule::Argument, "MmBuildMdlForNonPagedPool", describe(*block),
                            "the block is from paged pool");

@@ -36,6 +36,9 @@ struct PoolBlock {
 // The live block that `address` lies in.
 std::optional<PoolBlock> findPoolBlock(const void* address);
 
+// True when `address` lies in a block that was freed and still rests before its memory is used again.
+bool liesInFreedBlock(const void* address);
+
 // "OSTV": the tag's bytes in memory order, as the kernel's tools show it.
 std::string tagText(ULONG tag);
 
@@ -63,6 +66,10 @@ void requireUnused(const void* address, std::size_t size, std::string_view call)
 
 // True for an MDL that IoAllocateMdl returned and IoFreeMdl has not taken back.
 bool isLiveMdl(const MDL* mdl);
+
+// False when the pool block that the MDL was built for has been freed since, also when another block has
+// taken its place. Memory that is no pool is taken for alive.
+bool isMdlMemoryLive(const MDL* mdl);
 
 // Gives everything back that an earlier machine left, without reports; called when a machine starts.
 void resetPool();

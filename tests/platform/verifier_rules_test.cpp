@@ -291,6 +291,20 @@ const KernelCase kCases[] = {
          IoFreeMdl(IoAllocateMdl(block, 16, FALSE, FALSE, nullptr));
          ExFreePoolWithTag(block, kTag);
      }},
+    {Rule::BufferLifetime, "an MDL built for a freed block",
+     [](World&) {
+         UCHAR* block = allocate(16);
+         PMDL mdl = IoAllocateMdl(block, 16, FALSE, FALSE, nullptr);
+         ExFreePoolWithTag(block, kTag);
+         MmBuildMdlForNonPagedPool(mdl);
+     },
+     [](World&) {
+         UCHAR* block = allocate(16);
+         PMDL mdl = IoAllocateMdl(block, 16, FALSE, FALSE, nullptr);
+         MmBuildMdlForNonPagedPool(mdl);
+         ExFreePoolWithTag(block, kTag); // nothing is sent from here on
+         IoFreeMdl(mdl);
+     }},
     {Rule::BufferTooShort, "an MDL longer than its block",
      [](World&) { MmBuildMdlForNonPagedPool(IoAllocateMdl(allocate(16) + 1, 16, FALSE, FALSE, nullptr)); },
      [](World&) {

@@ -1,0 +1,126 @@
+// Rules about a device's life: what belongs to which step, and the pipes of a configuration.
+#include "tests/platform/framework_world.h"
+
+#include <gtest/gtest.h>
+
+namespace platform_test {
+
+namespace {
+
+using verifier::Rule;
+
+std::vector<FrameworkCase> deviceCases() {
+    const Body createTarget = [](World& world) {
+        EXPECT_EQ(world.target.create(world.device()), STATUS_SUCCESS);
+    };
+    const auto passOn = [](WDFDEVICE device, PIRP irp) {
+        IoSkipCurrentIrpStackLocation(irp);
+        return WdfDeviceWdmDispatchPreprocessedIrp(device, irp);
+    };
+    const auto keepInit = [](World& world) {
+        world.bench.driver.init = [&world](PWDFDEVICE_INIT init) { world.keptInit = init; };
+    };
+    const auto useKeptInit = [](World& world) { WdfDeviceInitSetIoType(world.keptInit, WdfDeviceIoNeither); };
+    const Body useInitInTime = [](World& world) {
+        world.bench.driver.init = [](PWDFDEVICE_INIT init) {
+            WdfDeviceInitSetIoType(init, WdfDeviceIoNeither);
+        };
+    };
+    return {
+        {Rule::UsbTarget, "a USB target created in device add", inDeviceAdd, inPrepareHardware, createTarget},
+        {Rule::UsbTarget, "a USB target created on a started device", started, inPrepareHardware,
+         createTarget},
+        {Rule::UsbTarget, "a reader configured on a started device", started,
+         [](World& world) { (void)world.configureReader(); }, inPrepareHardware,
+         [createTarget](World& world) {
+             createTarget(world);
+             EXPECT_EQ(world.configureReader(), STATUS_SUCCESS);
+         }},
+        {Rule::UsbPipeHandle, "a transfer on a pipe handle from before the last selection",
+         [](World& world) {
+             EXPECT_EQ(world.bulk.format(world.target, 100), STATUS_SUCCESS);
+             EXPECT_EQ(world.selectPipesAnew(), STATUS_SUCCESS);
+             WdfRequestSend(world.bulk.request, world.io(), nullptr);
+         },
+         [](World& world) {
+             EXPECT_EQ(world.selectPipesAnew(), STATUS_SUCCESS);
+             world.target.findPipes();
+             world.transfer();
+         }},
+        {Rule::UsbPipeHandle, "a selection while a transfer is out",
+         [](World& world) {
+             world.sendOut();
+             (void)world.selectPipesAnew();
+         },
+         [](World& world) {
+             world.sendOut();
+             world.callBack();
+             EXPECT_EQ(world.selectPipesAnew(), STATUS_SUCCESS);
+         }},
+        {Rule::PnpOrder, "an object created before the driver object", callbacksOnly,
+         [](World& world) {
+             world.bench.driver.beforeEntry = [] {
+                 WDFSPINLOCK lock = nullptr;
+                 (void)WdfSpinLockCreate(nullptr, &lock);
+             };
+         },
+         callbacksOnly,
+         [](World& world) {
+             world.bench.driver.entry = [](WDFDRIVER) {
+                 WDFSPINLOCK lock = nullptr;
+                 return WdfSpinLockCreate(nullptr, &lock);
+             };
+         }},
+        {Rule::PnpOrder, "the initialisation record used after the device was created", callbacksOnly,
+         [=](World& world) {
+             keepInit(world);
+             world.bench.driver.add = [=, &world](WDFDEVICE) {
+                 useKeptInit(world);
+                 return STATUS_SUCCESS;
+             };
+         },
+         callbacksOnly, useInitInTime},
+        {Rule::PnpOrder, "the initialisation record used after device add", callbacksOnly,
+         [=](World& world) {
+             keepInit(world);
+             world.bench.driver.prepare = [=, &world](WDFDEVICE) {
+                 useKeptInit(world);
+                 return STATUS_SUCCESS;
+             };
+         },
+         callbacksOnly, useInitInTime},
+        {Rule::PnpOrder, "a preprocessed packet that goes nowhere", callbacksOnly,
+         [](World& world) { world.bench.driver.preprocess = [](WDFDEVICE, PIRP) { return STATUS_SUCCESS; }; },
+         callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},
+        {Rule::PnpOrder, "a preprocessed packet passed on with its stack location", callbacksOnly,
+         [](World& world) {
+             world.bench.driver.preprocess = [](WDFDEVICE device, PIRP irp) {
+                 return WdfDeviceWdmDispatchPreprocessedIrp(device, irp);
+             };
+         },
+         callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},
+        {Rule::Argument, "power callbacks of a wrong size", callbacksOnly,
+         [](World& world) {
+             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
+                 WDF_PNPPOWER_EVENT_CALLBACKS none = {};
+                 WdfDeviceInitSetPnpPowerEventCallbacks(init, &none);
+             };
+         },
+         callbacksOnly,
+         [](World& world) {
+             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
+                 WDF_PNPPOWER_EVENT_CALLBACKS none;
+                 WDF_PNPPOWER_EVENT_CALLBACKS_INIT(&none);
+                 WdfDeviceInitSetPnpPowerEventCallbacks(init, &none);
+             };
+         }},
+    };
+}
+
+} // namespace
+
+std::vector<FrameworkCase> deviceRules() {
+    return together({deviceCases()});
+}
+
+} // namespace platform_test

@@ -1,0 +1,218 @@
+// A machine with one driver on one started device, and the form of the rules that drivers break on it.
+#pragma once
+
+#include "tests/platform/bulk_transfer.h"
+#include "tests/platform/framework_bench.h"
+#include "tests/platform/rule_table.h"
+
+#include "platform/kernel/scheduler.h"
+
+#include <gtest/gtest.h>
+
+namespace platform_test {
+
+constexpr ULONG kTag = 0x74736554;
+constexpr GUID kClass = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+constexpr ULONG kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0, METHOD_NEITHER, FILE_ANY_ACCESS);
+
+struct PLACE {
+    _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
+};
+WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(PLACE, GetPlace)
+
+inline WDF_OBJECT_ATTRIBUTES attributesOf(WDFOBJECT parent) {
+    WDF_OBJECT_ATTRIBUTES attributes;
+    WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, PLACE);
+    attributes.ParentObject = parent;
+    return attributes;
+}
+
+// A machine with one driver on one device, and what the bad drivers and their twins play with.
+class World {
+  public:
+    explicit World(const kernel::SchedulerOptions& options) : bench(options) {}
+
+    WDFDEVICE device() const { return bench.driver.device; }
+    WDFIOTARGET io() const { return WdfUsbTargetDeviceGetIoTarget(target.usb); }
+    WDFIOTARGET pipeIo() const { return WdfUsbTargetPipeGetIoTarget(target.out); }
+    void settle() { bench.machine().sleep(10 * usb::kMillisecond); }
+
+    // The bulk transfer: sent and answered, or sent and kept by the device until it is called back.
+    void transfer() {
+        bench.device.bulk = SmallDevice::Bulk::Accept;
+        EXPECT_TRUE(bulk.send(target, 100));
+        settle();
+    }
+    void sendOut(ULONG length = 100) {
+        bench.device.bulk = SmallDevice::Bulk::Hold;
+        EXPECT_TRUE(bulk.send(target, length));
+    }
+    void callBack() {
+        EXPECT_TRUE(WdfRequestCancelSentRequest(bulk.request));
+        settle();
+    }
+
+    // Sends the formatted request with its URB changed.
+    void sendWith(const std::function<void(_URB_BULK_OR_INTERRUPT_TRANSFER&)>& change) {
+        EXPECT_EQ(bulk.format(target, 100), STATUS_SUCCESS);
+        change(*bulk.urb);
+        EXPECT_TRUE(WdfRequestSend(bulk.request, io(), nullptr));
+        settle();
+    }
+
+    NTSTATUS selectPipesAnew() {
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, 0);
+        return WdfUsbInterfaceSelectSetting(WdfUsbTargetDeviceGetInterface(target.usb, 1), nullptr, &params);
+    }
+
+    NTSTATUS configureReader(WDF_OBJECT_ATTRIBUTES* attributes = nullptr) {
+        WDF_USB_CONTINUOUS_READER_CONFIG config;
+        WDF_USB_CONTINUOUS_READER_CONFIG_INIT(
+            &config, [](WDFUSBPIPE, WDFMEMORY, size_t, WDFCONTEXT) {}, nullptr, 1);
+        config.BufferAttributes = attributes;
+        WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(target.reports);
+        return WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
+    }
+
+    NTSTATUS readRegister(void* data, ULONG length) {
+        WDF_MEMORY_DESCRIPTOR memory;
+        WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&memory, data, length);
+        WDF_USB_CONTROL_SETUP_PACKET setup;
+        WDF_USB_CONTROL_SETUP_PACKET_INIT_VENDOR(&setup, BmRequestDeviceToHost, BmRequestToDevice, 0x40, 0,
+                                                 0);
+        return WdfUsbTargetDeviceSendControlTransferSynchronously(target.usb, nullptr, nullptr, &setup,
+                                                                  &memory, nullptr);
+    }
+
+    // Has a client send a request that `answer` receives.
+    void receive(const std::function<void(WDFREQUEST)>& answer) {
+        bench.driver.control = [&answer](WDFREQUEST request, ULONG) { answer(request); };
+        UNICODE_STRING link = {};
+        EXPECT_EQ(IoRegisterDeviceInterface(WdfDeviceWdmGetPhysicalDevice(device()), &kClass, nullptr, &link),
+                  STATUS_SUCCESS);
+        EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
+        RtlFreeUnicodeString(&link);
+        std::shared_ptr<platform::InterfaceHandle> file;
+        EXPECT_EQ(bench.machine().open(bench.machine().interfaces(kClass).at(0), file), STATUS_SUCCESS);
+        ULONG_PTR information = 0;
+        EXPECT_EQ(bench.machine().internalControl(*file, kNeither, {}, {}, information), STATUS_SUCCESS);
+        bench.machine().close(file);
+    }
+
+    // An object without behaviour of its own, with room for an URB in its context.
+    WDFCOLLECTION makeObject(WDFOBJECT parent) {
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
+        WDFCOLLECTION object = nullptr;
+        EXPECT_EQ(WdfCollectionCreate(&attributes, &object), STATUS_SUCCESS);
+        return object;
+    }
+    WDFCOLLECTION makeObject() { return makeObject(device()); }
+
+    WDFSPINLOCK makeSpinLock() {
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(device());
+        WDFSPINLOCK lock = nullptr;
+        EXPECT_EQ(WdfSpinLockCreate(&attributes, &lock), STATUS_SUCCESS);
+        return lock;
+    }
+
+    WDFWAITLOCK makeWaitLock() {
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(device());
+        WDFWAITLOCK lock = nullptr;
+        EXPECT_EQ(WdfWaitLockCreate(&attributes, &lock), STATUS_SUCCESS);
+        return lock;
+    }
+
+    WDFWORKITEM makeWorkItem(WDFOBJECT parent, PFN_WDF_WORKITEM function) {
+        WDF_WORKITEM_CONFIG config;
+        WDF_WORKITEM_CONFIG_INIT(&config, function);
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
+        WDFWORKITEM item = nullptr;
+        EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
+        return item;
+    }
+
+    NTSTATUS makeQueue(WDFOBJECT parent) {
+        WDF_IO_QUEUE_CONFIG config;
+        WDF_IO_QUEUE_CONFIG_INIT(&config, WdfIoQueueDispatchParallel);
+        config.EvtIoInternalDeviceControl = [](WDFQUEUE, WDFREQUEST, size_t, size_t, ULONG) {};
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
+        return WdfIoQueueCreate(device(), &config, &attributes, WDF_NO_HANDLE);
+    }
+
+    WDFTIMER makeTimer() {
+        WDF_TIMER_CONFIG config;
+        WDF_TIMER_CONFIG_INIT(&config, [](WDFTIMER) {});
+        WDF_OBJECT_ATTRIBUTES attributes = attributesOf(device());
+        WDFTIMER timer = nullptr;
+        EXPECT_EQ(WdfTimerCreate(&config, &attributes, &timer), STATUS_SUCCESS);
+        return timer;
+    }
+
+    WDFKEY openKey() {
+        WDFKEY key = nullptr;
+        EXPECT_EQ(WdfDriverOpenParametersRegistryKey(WdfDeviceGetDriver(device()), STANDARD_RIGHTS_ALL,
+                                                     nullptr, &key),
+                  STATUS_SUCCESS);
+        return key;
+    }
+
+    FrameworkBench bench;
+    Target target;
+    BulkTransfer bulk;
+    PWDFDEVICE_INIT keptInit = nullptr;
+};
+
+using Body = std::function<void(World&)>;
+
+// Where in the driver a mistake is made.
+using Stage = std::function<void(World&, const Body&)>;
+
+// On a started device, with a configuration selected and a bulk transfer made.
+void started(World& world, const Body& body);
+
+void inDeviceAdd(World& world, const Body& body);
+void inPrepareHardware(World& world, const Body& body);
+
+// The body fills in the driver's callbacks.
+void callbacksOnly(World& world, const Body& body);
+
+struct FrameworkCase {
+    verifier::Rule rule;
+    const char* mistake;
+    Stage badStage;
+    Body bad;
+    Stage goodStage;
+    Body good;
+
+    // Both twins on a started device.
+    FrameworkCase(verifier::Rule rule, const char* mistake, Body bad, Body good)
+        : FrameworkCase(rule, mistake, started, std::move(bad), started, std::move(good)) {}
+
+    // The mistake is the stage.
+    FrameworkCase(verifier::Rule rule, const char* mistake, Stage badStage, Stage goodStage, const Body& body)
+        : FrameworkCase(rule, mistake, std::move(badStage), body, std::move(goodStage), body) {}
+
+    FrameworkCase(verifier::Rule rule, const char* mistake, Stage badStage, Body bad, Stage goodStage,
+                  Body good)
+        : rule(rule), mistake(mistake), badStage(std::move(badStage)), bad(std::move(bad)),
+          goodStage(std::move(goodStage)), good(std::move(good)) {}
+};
+
+// One table for each subject.
+std::vector<FrameworkCase> requestRules();
+std::vector<FrameworkCase> objectRules();
+std::vector<FrameworkCase> deviceRules();
+std::vector<FrameworkCase> together(const std::vector<std::vector<FrameworkCase>>& tables);
+
+inline void atDispatch(const std::function<void()>& body) {
+    const unsigned old = kernel::raiseIrql(kernel::kDispatchLevel);
+    body();
+    kernel::lowerIrql(old);
+}
+
+inline void elsewhere(const std::function<void()>& body) {
+    kernel::join(kernel::spawn("other", kernel::TaskKind::Host, body));
+}
+
+} // namespace platform_test
