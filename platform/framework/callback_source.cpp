@@ -35,14 +35,18 @@ bool CallbackSource::runsHere() const {
     return std::find(running_.begin(), running_.end(), self) != running_.end();
 }
 
-void CallbackSource::waitForCallbacks(const char* call, bool fromDeletion) {
+void CallbackSource::waitForCallbacks(const char* call, bool fromDeletion,
+                                      const std::function<void()>& withdraw) {
     if (runsHere()) {
         if (!fromDeletion) {
             verifier::fail(Rule::Deadlock, call, name(), "The callback waits for its own end.");
         }
         return;
     }
-    kernel::waitUntil(this, {call, this, nullptr}, kernel::kForever, [this] {
+    kernel::waitUntil(this, {call, this, nullptr}, kernel::kForever, [&] {
+        if (withdraw) {
+            withdraw();
+        }
         KernelGuard guard;
         return expected_ == 0;
     });

@@ -4,6 +4,7 @@
 
 #include "platform/framework/object.h"
 
+#include <functional>
 #include <vector>
 
 namespace framework {
@@ -20,9 +21,10 @@ class CallbackSource : public Object {
     void enter();
     void leave();
 
-    // Waits until no callback is expected or runs. From inside a callback there is nothing to wait for when
-    // the object is being deleted, and waiting for oneself is a deadlock otherwise.
-    void waitForCallbacks(const char* call, bool fromDeletion);
+    // Waits until no callback is expected or runs, and calls `withdraw`, which takes callbacks back that are
+    // expected and have not begun, whenever one of them has ended. From inside a callback there is nothing to
+    // wait for when the object is being deleted, and waiting for oneself is a deadlock otherwise.
+    void waitForCallbacks(const char* call, bool fromDeletion, const std::function<void()>& withdraw = {});
 
   private:
     bool runsHere() const;

@@ -29,7 +29,8 @@ class Timer final : public CallbackSource {
     bool stop(const Call& call, bool wait) {
         const bool was = cancelTimer();
         if (wait) {
-            waitForCallbacks(call.name(), false);
+            // A callback under way may start its timer again: like the framework, stop it until it stays so.
+            waitForCallbacks(call.name(), false, [this] { cancelTimer(); });
         }
         return was;
     }
@@ -37,6 +38,7 @@ class Timer final : public CallbackSource {
   protected:
     void dispose() override {
         cancelTimer();
+        // Nothing starts a timer that is being deleted.
         waitForCallbacks("WdfObjectDelete", true);
     }
     bool disposeWaits() const override { return true; }

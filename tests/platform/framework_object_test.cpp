@@ -197,10 +197,11 @@ WDFWORKITEM makeWorkItem(WDFDEVICE device, PFN_WDF_WORKITEM function) {
 
 class FrameworkCallbacks : public FrameworkObjects {
   protected:
-    WDFTIMER makeTimer(WDFDEVICE device, WDF_EXECUTION_LEVEL level, LONG period = 0) {
+    WDFTIMER makeTimer(
+        WDFDEVICE device, WDF_EXECUTION_LEVEL level, LONG period = 0,
+        PFN_WDF_TIMER function = [](WDFTIMER) { noteLevel("timer"); }) {
         WDF_TIMER_CONFIG config;
-        WDF_TIMER_CONFIG_INIT_PERIODIC(
-            &config, [](WDFTIMER) { noteLevel("timer"); }, period);
+        WDF_TIMER_CONFIG_INIT_PERIODIC(&config, function, period);
         WDF_OBJECT_ATTRIBUTES attributes;
         WDF_OBJECT_ATTRIBUTES_INIT(&attributes);
         attributes.ParentObject = device;
@@ -241,6 +242,29 @@ TEST_F(FrameworkCallbacks, TimersRunAtTheirLevelWhenTheyAreDue) {
         WdfObjectDelete(periodic);
         sleep(50);
         EXPECT_EQ(takeTrace(), Trace{});
+    });
+}
+
+// The callback is under way when the stop comes, and starts its timer again after that.
+TEST_F(FrameworkCallbacks, AStopThatWaitsEndsATimerThatStartsItself) {
+    run([&](WDFDEVICE device) {
+        const WDFTIMER timer = makeTimer(device, WdfExecutionLevelPassive, 0, [](WDFTIMER self) {
+            script->note("timer");
+            LARGE_INTEGER interval;
+            interval.QuadPart = WDF_REL_TIMEOUT_IN_MS(10);
+            KeDelayExecutionThread(KernelMode, FALSE, &interval);
+            WdfTimerStart(self, WDF_REL_TIMEOUT_IN_MS(100));
+        });
+        WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(10));
+        sleep(15);
+        EXPECT_FALSE(WdfTimerStop(timer, TRUE));
+        sleep(1000);
+        EXPECT_EQ(takeTrace(), Trace{"timer"});
+        WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(10));
+        sleep(15);
+        WdfObjectDelete(timer);
+        sleep(1000);
+        EXPECT_EQ(takeTrace(), Trace{"timer"});
     });
 }
 
