@@ -24,9 +24,6 @@ namespace {
 // How long the bus waits for a device to describe itself: the 5 s of USB 2.0, section 9.2.6.1.
 constexpr usb::Time kEnumerationTimeout = 5 * usb::kSecond;
 
-// How long an unload waits for driver threads that were told to end.
-constexpr usb::Time kThreadEndTimeout = 5 * usb::kSecond;
-
 struct Identity {
     std::uint16_t vendor = 0;
     std::uint16_t product = 0;
@@ -66,6 +63,13 @@ std::u16string instancePath(const Identity& identity, unsigned port) {
     const std::string path =
         fmt::format("USB\\VID_{:04X}&PID_{:04X}\\{}", identity.vendor, identity.product, port);
     return {path.begin(), path.end()};
+}
+
+// The driver's image is gone: a thread that still ran would execute nothing.
+void requireNothingLeft(const char* step) {
+    kernel::requireThreadsEnded(step);
+    kernel::waitForWorkers();
+    kernel::requirePoolEmpty(step);
 }
 
 kernel::SystemInformation systemInformation(const MachineOptions& options) {
@@ -168,7 +172,11 @@ void Machine::sleep(usb::Time duration) {
 NTSTATUS Machine::loadDriver(DriverEntryRoutine* entry, std::u16string_view service) {
     kernel::PlatformCall platformCall;
     state_->service = service;
-    return framework::loadDriver(entry, service);
+    const NTSTATUS status = framework::loadDriver(entry, service);
+    if (!NT_SUCCESS(status)) {
+        requireNothingLeft("driver load");
+    }
+    return status;
 }
 
 void Machine::unloadDriver() {
@@ -177,10 +185,7 @@ void Machine::unloadDriver() {
         remove(*state_->nodes.back());
     }
     framework::unloadDriver();
-    kernel::waitForWorkers();
-    kernel::waitForSystemThreads(kernel::now() + kThreadEndTimeout);
-    kernel::requireThreadsEnded("driver unload");
-    kernel::requirePoolEmpty("driver unload");
+    requireNothingLeft("driver unload");
 }
 
 void Machine::setParameter(std::u16string_view name, RegistryValue value) {

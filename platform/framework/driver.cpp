@@ -42,6 +42,19 @@ void deleteDriver() {
     kernel::waitForWorkers();
 }
 
+void requireNoObjects(const char* call) {
+    // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
+    for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
+        kernel::waitUntil(&loaded, {call, nullptr, nullptr}, kernel::now() + usb::kMillisecond,
+                          [] { return false; });
+    }
+    const std::vector<std::string> left = liveObjects();
+    if (!left.empty()) {
+        verifier::fail(Rule::PoolLeak, call, left.front(),
+                       fmt::format("{} objects are still referenced.", left.size()));
+    }
+}
+
 } // namespace
 
 Driver* currentDriver() {
@@ -77,6 +90,7 @@ NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service) {
         kernel::callDriver("DriverEntry", entry, &loaded->driverObject, &loaded->registryPath);
     if (!NT_SUCCESS(status)) {
         deleteDriver();
+        requireNoObjects("DriverEntry");
         loaded.reset();
     }
     return status;
@@ -88,16 +102,7 @@ void unloadDriver() {
                            static_cast<WDFDRIVER>(loaded->driver->handle()));
     }
     deleteDriver();
-    // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
-    for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
-        kernel::waitUntil(&loaded, {"driver unload", nullptr, nullptr}, kernel::now() + usb::kMillisecond,
-                          [] { return false; });
-    }
-    const std::vector<std::string> left = liveObjects();
-    if (!left.empty()) {
-        verifier::fail(Rule::PoolLeak, "DriverUnload", left.front(),
-                       fmt::format("{} objects are still referenced at unload.", left.size()));
-    }
+    requireNoObjects("DriverUnload");
     loaded.reset();
 }
 

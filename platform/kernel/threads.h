@@ -11,11 +11,10 @@ namespace kernel {
 unsigned runningSystemThreads();
 
 // Reports ThreadLeak when a driver thread runs, a thread handle is open or a thread object still referenced.
-// A thread whose routine returned counts as ended even when its last instructions are still to come, as on
-// Windows; the caller waits for that itself (`waitForSystemThreads`).
+// A thread has ended when its object is signalled: from then on it executes nothing of the driver.
 void requireThreadsEnded(std::string_view call);
 
-// Gives threads that were told to end the time to do so; false when one still runs at `deadline`.
+// Waits until all of them have ended; false when one still runs at `deadline`.
 bool waitForSystemThreads(LONGLONG deadline);
 
 void resetThreads(); // called when a machine starts

@@ -9,6 +9,25 @@ namespace {
 
 using verifier::Rule;
 
+// A thread that ends by itself after a second.
+HANDLE startBriefThread() {
+    const auto routine = [](PVOID) {
+        LARGE_INTEGER second;
+        second.QuadPart = WDF_REL_TIMEOUT_IN_SEC(1);
+        KeDelayExecutionThread(KernelMode, FALSE, &second);
+    };
+    HANDLE handle = nullptr;
+    EXPECT_EQ(PsCreateSystemThread(&handle, 0, nullptr, nullptr, nullptr, routine, nullptr), STATUS_SUCCESS);
+    return handle;
+}
+
+// The body has DriverEntry fail.
+void loadFails(World& world, const Body& body) {
+    body(world);
+    world.bench.machine().run(
+        [&] { EXPECT_EQ(world.bench.machine().loadDriver(callbacks::driverEntry), STATUS_UNSUCCESSFUL); });
+}
+
 std::vector<FrameworkCase> deviceCases() {
     const Body createTarget = [](World& world) {
         EXPECT_EQ(world.target.create(world.device()), STATUS_SUCCESS);
@@ -57,6 +76,26 @@ std::vector<FrameworkCase> deviceCases() {
              world.callBack();
              EXPECT_EQ(world.selectPipesAnew(), STATUS_SUCCESS);
          }},
+        {Rule::ThreadLeak, "a thread that ends only after the driver was unloaded",
+         [](World&) { ZwClose(startBriefThread()); },
+         [](World&) {
+             const HANDLE handle = startBriefThread();
+             PVOID thread = nullptr;
+             EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr),
+                       STATUS_SUCCESS);
+             ZwClose(handle);
+             EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+             ObDereferenceObject(thread);
+         }},
+        {Rule::ThreadLeak, "a thread of a driver that then refuses to load", loadFails,
+         [](World& world) {
+             world.bench.driver.entry = [](WDFDRIVER) {
+                 ZwClose(startBriefThread());
+                 return STATUS_UNSUCCESSFUL;
+             };
+         },
+         loadFails,
+         [](World& world) { world.bench.driver.entry = [](WDFDRIVER) { return STATUS_UNSUCCESSFUL; }; }},
         {Rule::PnpOrder, "an object created before the driver object", callbacksOnly,
          [](World& world) {
              world.bench.driver.beforeEntry = [] {
