@@ -228,6 +228,12 @@ VOID WdfDeviceInitSetPnpPowerEventCallbacks(PWDFDEVICE_INIT DeviceInit,
     if (PnpPowerEventCallbacks->Size != sizeof(WDF_PNPPOWER_EVENT_CALLBACKS)) {
         call.fail(Rule::Argument, nullptr, "WDF_PNPPOWER_EVENT_CALLBACKS has a wrong size.");
     }
+    if (PnpPowerEventCallbacks->EvtDeviceUsageNotification != nullptr ||
+        PnpPowerEventCallbacks->EvtDeviceUsageNotificationEx != nullptr ||
+        PnpPowerEventCallbacks->EvtDeviceRelationsQuery != nullptr) {
+        call.fail(Rule::Argument, nullptr,
+                  "This platform never calls EvtDeviceUsageNotification and EvtDeviceRelationsQuery.");
+    }
     init.settings.callbacks = *PnpPowerEventCallbacks;
 }
 

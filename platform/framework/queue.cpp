@@ -2,6 +2,10 @@
 
 #include "platform/framework/device.h"
 
+#include <fmt/format.h>
+
+#include <utility>
+
 namespace framework {
 
 using kernel::callDriver;
@@ -126,6 +130,26 @@ void Queue::dispose() {
 using framework::Call;
 using kernel::kDispatchLevel;
 
+namespace {
+
+// A driver that relies on these would seem to work here and never be asked.
+void refuseUnusedCallbacks(const Call& call, const WDF_IO_QUEUE_CONFIG& config) {
+    const std::pair<const char*, bool> callbacks[] = {
+        {"EvtIoRead", config.EvtIoRead != nullptr},
+        {"EvtIoWrite", config.EvtIoWrite != nullptr},
+        {"EvtIoStop", config.EvtIoStop != nullptr},
+        {"EvtIoResume", config.EvtIoResume != nullptr},
+        {"EvtIoCanceledOnQueue", config.EvtIoCanceledOnQueue != nullptr},
+    };
+    for (const auto& [name, given] : callbacks) {
+        if (given) {
+            call.fail(framework::Rule::Argument, nullptr, fmt::format("This platform never calls {}.", name));
+        }
+    }
+}
+
+} // namespace
+
 NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
                           PWDF_OBJECT_ATTRIBUTES QueueAttributes, WDFQUEUE* Queue) {
     Call call("WdfIoQueueCreate", kDispatchLevel);
@@ -136,6 +160,7 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
     if (Config->Size != sizeof(WDF_IO_QUEUE_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
+    refuseUnusedCallbacks(call, *Config);
     // Manual queues need the retrieval calls, which are not offered here.
     if (Config->DispatchType == WdfIoQueueDispatchManual) {
         return STATUS_NOT_SUPPORTED;
@@ -145,8 +170,8 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
          Config->Settings.Parallel.NumberOfPresentedRequests == 0)) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (Config->EvtIoDefault == nullptr && Config->EvtIoRead == nullptr && Config->EvtIoWrite == nullptr &&
-        Config->EvtIoDeviceControl == nullptr && Config->EvtIoInternalDeviceControl == nullptr) {
+    if (Config->EvtIoDefault == nullptr && Config->EvtIoDeviceControl == nullptr &&
+        Config->EvtIoInternalDeviceControl == nullptr) {
         return STATUS_WDF_NO_CALLBACK;
     }
     const framework::CreationRules rules{.levelAllowed = true};

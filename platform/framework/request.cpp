@@ -306,6 +306,20 @@ NTSTATUS Request::status() const {
     return status_;
 }
 
+void Request::requireCompleted(const Call& call) const {
+    State state = State::Idle;
+    {
+        KernelGuard guard;
+        state = state_;
+    }
+    if (state == State::Sent) {
+        call.fail(Rule::RequestPending, this, "The result is read while the request is out.");
+    }
+    if (state != State::Completed) {
+        call.fail(Rule::Argument, this, "The request has no result: it has not been sent and completed.");
+    }
+}
+
 void Request::completionParams(WDF_REQUEST_COMPLETION_PARAMS& params) const {
     params = params_;
 }
@@ -451,6 +465,7 @@ VOID WdfRequestGetCompletionParams(WDFREQUEST Request, PWDF_REQUEST_COMPLETION_P
     if (Params->Size != sizeof(WDF_REQUEST_COMPLETION_PARAMS)) {
         call.fail(Rule::Argument, request.get(), "WDF_REQUEST_COMPLETION_PARAMS has a wrong size.");
     }
+    request->requireCompleted(call);
     request->completionParams(*Params);
 }
 

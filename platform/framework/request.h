@@ -43,6 +43,7 @@ class Request final : public Object {
     BOOLEAN send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND_OPTIONS* options);
     BOOLEAN cancel();
     NTSTATUS status() const;
+    void requireCompleted(const Call& call) const;
     void completionParams(WDF_REQUEST_COMPLETION_PARAMS& params) const;
 
     // For the target that holds the request: starts it, ends it, or cancels what was started.

@@ -138,6 +138,15 @@ std::vector<FrameworkCase> deviceCases() {
              };
          },
          callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},
+        {Rule::Argument, "a queue with a callback that never comes",
+         [](World& world) {
+             (void)world.makeQueue(
+                 world.device(), [](auto& config) { config.EvtIoStop = [](WDFQUEUE, WDFREQUEST, ULONG) {}; });
+         },
+         [](World& world) {
+             const auto change = [](auto& config) { config.EvtIoDefault = [](WDFQUEUE, WDFREQUEST) {}; };
+             EXPECT_EQ(world.makeQueue(world.device(), change), STATUS_SUCCESS);
+         }},
         {Rule::Argument, "power callbacks of a wrong size", callbacksOnly,
          [](World& world) {
              world.bench.driver.init = [](PWDFDEVICE_INIT init) {

@@ -115,6 +115,27 @@ std::vector<FrameworkCase> requestCases() {
              EXPECT_TRUE(WdfRequestSend(world.bulk.request, world.io(), nullptr));
              world.settle();
          }},
+        {Rule::RequestPending, "completion parameters read while the request is out",
+         [](World& world) {
+             world.sendOut();
+             (void)world.completionParams();
+         },
+         [](World& world) {
+             world.sendOut();
+             world.callBack();
+             EXPECT_EQ(world.completionParams().IoStatus.Status, STATUS_CANCELLED);
+         }},
+        {Rule::Argument, "completion parameters read after a reuse",
+         [](World& world) {
+             world.transfer();
+             EXPECT_EQ(world.bulk.reuse(), STATUS_SUCCESS);
+             (void)world.completionParams();
+         },
+         [](World& world) {
+             world.transfer();
+             EXPECT_EQ(world.completionParams().IoStatus.Information, 100u);
+             EXPECT_EQ(world.bulk.reuse(), STATUS_SUCCESS);
+         }},
         {Rule::RequestPending, "a request deleted while it is out",
          [](World& world) {
              world.sendOut();
@@ -379,10 +400,7 @@ std::vector<FrameworkCase> requestArgumentCases() {
          },
          [](World& world) {
              world.transfer();
-             WDF_REQUEST_COMPLETION_PARAMS params;
-             WDF_REQUEST_COMPLETION_PARAMS_INIT(&params);
-             WdfRequestGetCompletionParams(world.bulk.request, &params);
-             EXPECT_EQ(params.IoStatus.Information, 100u);
+             EXPECT_EQ(world.completionParams().IoStatus.Information, 100u);
          }},
     };
 }

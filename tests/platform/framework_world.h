@@ -75,6 +75,17 @@ class World {
         return WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
     }
 
+    // Has the driver start its reader in prepare-hardware.
+    void startReaderInPrepare() {
+        bench.driver.prepare = [this](WDFDEVICE device) {
+            NTSTATUS status = target.create(device);
+            if (NT_SUCCESS(status)) {
+                status = configureReader();
+            }
+            return NT_SUCCESS(status) ? WdfIoTargetStart(reportsIo()) : status;
+        };
+    }
+
     NTSTATUS readRegister(void* data, ULONG length) {
         WDF_MEMORY_DESCRIPTOR memory;
         WDF_MEMORY_DESCRIPTOR_INIT_BUFFER(&memory, data, length);
@@ -132,10 +143,13 @@ class World {
         return item;
     }
 
-    NTSTATUS makeQueue(WDFOBJECT parent) {
+    NTSTATUS makeQueue(WDFOBJECT parent, const std::function<void(WDF_IO_QUEUE_CONFIG&)>& change = {}) {
         WDF_IO_QUEUE_CONFIG config;
         WDF_IO_QUEUE_CONFIG_INIT(&config, WdfIoQueueDispatchParallel);
         config.EvtIoInternalDeviceControl = [](WDFQUEUE, WDFREQUEST, size_t, size_t, ULONG) {};
+        if (change) {
+            change(config);
+        }
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
         return WdfIoQueueCreate(device(), &config, &attributes, WDF_NO_HANDLE);
     }
