@@ -102,6 +102,14 @@ std::vector<Ref<Queue>> queuesOf(const Device& device) {
     return device.childrenOf<Queue>(Kind::Queue);
 }
 
+// The framework stops no continuous reader by itself. Other requests may be out: a driver's work that races
+// with the sleep is legal, and the requests end with their time-outs.
+void requireReadersStopped(const Device& device) {
+    for (const Ref<UsbDevice>& target : device.childrenOf<UsbDevice>(Kind::UsbDevice)) {
+        target->requireReadersStopped();
+    }
+}
+
 void shutDownTargets(const Device& device) {
     for (const Ref<UsbDevice>& target : device.childrenOf<UsbDevice>(Kind::UsbDevice)) {
         target->shutDownAll();
@@ -288,6 +296,7 @@ void DevNode::sleep() {
         return;
     }
     powerDown(*state_, *device, WdfPowerDeviceD3);
+    requireReadersStopped(*device);
     state_->host.suspend();
 }
 

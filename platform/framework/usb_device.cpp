@@ -189,6 +189,17 @@ NTSTATUS UsbDevice::selectSetting(const Call& call, UsbInterface& interface, UCH
     return NT_SUCCESS(status) ? interface.buildPipes(call, setting, pipeAttributes) : status;
 }
 
+void UsbDevice::requireReadersStopped() const {
+    for (const UsbInterface* interface : interfaces_) {
+        for (const Ref<UsbPipe>& pipe : interface->pipes()) {
+            if (!pipe->readerIdle()) {
+                verifier::fail(Rule::PnpOrder, "EvtDeviceD0Exit", pipe->name(),
+                               "The pipe's continuous reader still runs when the device has left D0.");
+            }
+        }
+    }
+}
+
 void UsbDevice::shutDownAll() {
     for (UsbInterface* interface : interfaces_) {
         for (const Ref<UsbPipe>& pipe : interface->pipes()) {

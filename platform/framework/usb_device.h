@@ -46,6 +46,9 @@ class UsbPipe final : public IoTarget {
     void skipPacketSizeCheck() { packetSizeCheck_ = false; }
     NTSTATUS configureReader(const Call& call, const WDF_USB_CONTINUOUS_READER_CONFIG& config);
 
+    // Nothing of the reader's is out or about to go out.
+    bool readerIdle() const;
+
     // For the reader, after something changed that a stop may be waiting for.
     void readerChanged() { wakeWaiters(); }
 
@@ -124,6 +127,9 @@ class UsbDevice final : public IoTarget {
                           WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params);
     NTSTATUS selectSetting(const Call& call, UsbInterface& interface, UCHAR setting,
                            const WDF_OBJECT_ATTRIBUTES* pipeAttributes);
+
+    // Fails with PnpOrder when a continuous reader runs: the device is out of D0.
+    void requireReadersStopped() const;
 
     // The device is gone for good: nothing goes out to it or to its pipes any more.
     void shutDownAll();

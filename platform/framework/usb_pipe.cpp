@@ -156,6 +156,11 @@ bool UsbPipe::readerIdleLocked() const {
     return !reader_ || reader_->idleLocked();
 }
 
+bool UsbPipe::readerIdle() const {
+    KernelGuard guard;
+    return readerIdleLocked();
+}
+
 // Interfaces.
 
 UsbInterface::UsbInterface(UsbDevice& device, InterfaceLayout layout)

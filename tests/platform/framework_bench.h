@@ -197,7 +197,10 @@ struct DriverScript {
     std::function<NTSTATUS(WDFDEVICE)> add;
     std::function<NTSTATUS(WDFDEVICE)> prepare;
     std::function<NTSTATUS(WDFDEVICE)> d0Entry;
+    std::function<void(WDFDEVICE)> d0Exit;
     std::function<NTSTATUS(WDFDEVICE)> selfManagedIoInit;
+    std::function<void(WDFDEVICE)> selfManagedIoSuspend;
+    std::function<NTSTATUS(WDFDEVICE)> selfManagedIoRestart;
     std::function<void(WDFREQUEST, ULONG)> control;
     std::function<NTSTATUS(WDFDEVICE, PIRP)> preprocess;
     WDFDEVICE device = nullptr;
@@ -231,21 +234,27 @@ inline NTSTATUS d0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previous) {
     script->note(state("d0 entry", previous));
     return script->d0Entry ? script->d0Entry(device) : STATUS_SUCCESS;
 }
-inline NTSTATUS d0Exit(WDFDEVICE, WDF_POWER_DEVICE_STATE target) {
+inline NTSTATUS d0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE target) {
     script->note(state("d0 exit", target));
+    if (script->d0Exit) {
+        script->d0Exit(device);
+    }
     return STATUS_SUCCESS;
 }
 inline NTSTATUS init(WDFDEVICE device) {
     script->note("init");
     return script->selfManagedIoInit ? script->selfManagedIoInit(device) : STATUS_SUCCESS;
 }
-inline NTSTATUS suspend(WDFDEVICE) {
+inline NTSTATUS suspend(WDFDEVICE device) {
     script->note("suspend");
+    if (script->selfManagedIoSuspend) {
+        script->selfManagedIoSuspend(device);
+    }
     return STATUS_SUCCESS;
 }
-inline NTSTATUS restart(WDFDEVICE) {
+inline NTSTATUS restart(WDFDEVICE device) {
     script->note("restart");
-    return STATUS_SUCCESS;
+    return script->selfManagedIoRestart ? script->selfManagedIoRestart(device) : STATUS_SUCCESS;
 }
 inline void flush(WDFDEVICE) {
     script->note("flush");

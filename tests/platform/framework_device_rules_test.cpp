@@ -128,6 +128,18 @@ std::vector<FrameworkCase> deviceCases() {
              };
          },
          callbacksOnly, useInitInTime},
+        {Rule::PnpOrder, "a reader that runs on when the device leaves D0", callbacksAndSleep,
+         [](World& world) { world.startReaderInPrepare(); },
+         callbacksAndSleep,
+         [](World& world) {
+             world.startReaderInPrepare();
+             world.bench.driver.selfManagedIoSuspend = [&world](WDFDEVICE) {
+                 WdfIoTargetStop(world.reportsIo(), WdfIoTargetCancelSentIo);
+             };
+             world.bench.driver.selfManagedIoRestart = [&world](WDFDEVICE) {
+                 return WdfIoTargetStart(world.reportsIo());
+             };
+         }},
         {Rule::PnpOrder, "a preprocessed packet that goes nowhere", callbacksOnly,
          [](World& world) { world.bench.driver.preprocess = [](WDFDEVICE, PIRP) { return STATUS_SUCCESS; }; },
          callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},

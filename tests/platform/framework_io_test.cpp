@@ -364,6 +364,12 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
         status = WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
         return NT_SUCCESS(status) ? WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(target.reports)) : status;
     };
+    bench.driver.selfManagedIoSuspend = [this](WDFDEVICE) {
+        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(target.reports), WdfIoTargetCancelSentIo);
+    };
+    bench.driver.selfManagedIoRestart = [this](WDFDEVICE) {
+        return WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(target.reports));
+    };
     bench.run([&] {
         auto& machine = bench.machine();
         auto& node = bench.plug();

@@ -46,6 +46,17 @@ void callbacksOnly(World& world, const Body& body) {
     plugOnly(world);
 }
 
+void callbacksAndSleep(World& world, const Body& body) {
+    body(world);
+    world.bench.run([&] {
+        auto& node = world.bench.plug();
+        EXPECT_EQ(world.bench.machine().startStatus(node), STATUS_SUCCESS);
+        world.bench.machine().suspend(node);
+        world.bench.machine().resume(node);
+        EXPECT_EQ(world.bench.machine().startStatus(node), STATUS_SUCCESS);
+    });
+}
+
 std::vector<FrameworkCase> together(const std::vector<std::vector<FrameworkCase>>& tables) {
     std::vector<FrameworkCase> cases;
     for (const auto& table : tables) {

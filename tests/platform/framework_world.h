@@ -35,6 +35,7 @@ class World {
     WDFDEVICE device() const { return bench.driver.device; }
     WDFIOTARGET io() const { return WdfUsbTargetDeviceGetIoTarget(target.usb); }
     WDFIOTARGET pipeIo() const { return WdfUsbTargetPipeGetIoTarget(target.out); }
+    WDFIOTARGET reportsIo() const { return WdfUsbTargetPipeGetIoTarget(target.reports); }
     void settle() { bench.machine().sleep(10 * usb::kMillisecond); }
 
     // The bulk transfer: sent and answered, or sent and kept by the device until it is called back.
@@ -50,6 +51,13 @@ class World {
     void callBack() {
         EXPECT_TRUE(WdfRequestCancelSentRequest(bulk.request));
         settle();
+    }
+
+    WDF_REQUEST_COMPLETION_PARAMS completionParams() const {
+        WDF_REQUEST_COMPLETION_PARAMS params;
+        WDF_REQUEST_COMPLETION_PARAMS_INIT(&params);
+        WdfRequestGetCompletionParams(bulk.request, &params);
+        return params;
     }
 
     // Sends the formatted request with its URB changed.
@@ -188,8 +196,10 @@ void started(World& world, const Body& body);
 void inDeviceAdd(World& world, const Body& body);
 void inPrepareHardware(World& world, const Body& body);
 
-// The body fills in the driver's callbacks.
+// The body fills in the driver's callbacks. The device is plugged in and, in the second case, put to sleep
+// and woken again.
 void callbacksOnly(World& world, const Body& body);
+void callbacksAndSleep(World& world, const Body& body);
 
 struct FrameworkCase {
     verifier::Rule rule;
