@@ -98,6 +98,19 @@ void Device::dispatchToFramework(PIRP irp) {
     }
 }
 
+namespace {
+
+// Adopts what the framework makes for a packet: memory for it may be refused as for anything else.
+NTSTATUS adoptForPacket(Object& object, Object& parent, const WDF_OBJECT_ATTRIBUTES* attributes,
+                        std::string_view what) {
+    if (kernel::faultPoint(kernel::FaultKind::Creation, what)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return adoptObject(object, &parent, attributes);
+}
+
+} // namespace
+
 void Device::dispatchCreate(PIRP irp) {
     const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
     if (!settings_.fileConfig || settings_.fileConfig->FileObjectClass == WdfFileObjectNotRequired) {
@@ -105,8 +118,8 @@ void Device::dispatchCreate(PIRP irp) {
         return;
     }
     auto* object = new FileObject(file);
-    const NTSTATUS status =
-        adoptObject(*object, this, settings_.fileAttributes ? &*settings_.fileAttributes : nullptr);
+    NTSTATUS status = adoptForPacket(
+        *object, *this, settings_.fileAttributes ? &*settings_.fileAttributes : nullptr, "file object");
     if (!NT_SUCCESS(status)) {
         object->release();
         Irp::complete(irp, status, 0);
@@ -119,12 +132,13 @@ void Device::dispatchCreate(PIRP irp) {
         return;
     }
     auto* request = new Request(irp, nullptr, object);
-    if (NT_SUCCESS(adoptObject(*request, this, nullptr))) {
+    status = adoptForPacket(*request, *this, nullptr, "request of a packet");
+    if (NT_SUCCESS(status)) {
         callDriver("EvtDeviceFileCreate", create, wdf(), request->wdf(),
                    static_cast<WDFFILEOBJECT>(object->handle()));
     } else {
         request->release();
-        Irp::complete(irp, STATUS_DELETE_PENDING, 0);
+        Irp::complete(irp, status, 0);
     }
 }
 
@@ -163,7 +177,7 @@ void Device::dispatchIo(PIRP irp) {
     }
     auto* file = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
     auto* request = new Request(irp, queue.get(), file);
-    const NTSTATUS status = adoptObject(*request, queue.get(), nullptr);
+    const NTSTATUS status = adoptForPacket(*request, *queue, nullptr, "request of a packet");
     if (!NT_SUCCESS(status)) {
         request->release();
         Irp::complete(irp, status, 0);

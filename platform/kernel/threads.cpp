@@ -201,6 +201,9 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE Obje
     if (ObjectType != nullptr && ObjectType != *PsThreadType) {
         return STATUS_OBJECT_TYPE_MISMATCH;
     }
+    if (faultPoint(FaultKind::Creation, "ObReferenceObjectByHandle")) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     KernelGuard guard;
     _KTHREAD* thread = checkedHandle(Handle, "ObReferenceObjectByHandle");
     ++thread->references;

@@ -1,9 +1,12 @@
 // Every point at which the system may refuse something is made to refuse, one run for each: plug in, attach,
-// display on, present, remove. The start fails cleanly or the adapter works; nothing leaks; and once the
-// refusals are over, a replug shows the right picture.
+// display on, present, perhaps sleep and resume, remove. The start fails cleanly or the adapter works;
+// nothing leaks; and once the refusals are over, a replug shows the right picture. The load of the driver, of
+// which there is one before all that, has a sweep of its own.
 #include "tests/system/rig.h"
 
+#include "driver/device_add.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/machine.h"
 
 #include <array>
 #include <cstdio>
@@ -51,14 +54,19 @@ struct Outcome {
     std::uint64_t reached = 0; // points, in the whole scenario
 };
 
-Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
-                     const std::vector<tool::Setting>& settings) {
+struct Scenario {
+    PlugOptions plug = adapter();
+    std::vector<tool::Setting> settings = {};
+    bool sleeps = false; // after the picture, which has to come back by itself
+};
+
+Outcome runWithFault(std::uint64_t k, FaultMode mode, const Scenario& scenario) {
     static const Surface picture = pattern("bars", kWidth, kHeight);
     static const Surface next = pattern("gradient", kWidth, kHeight);
     Outcome outcome;
-    runSession(inOrder(settings), [&](Session& session) {
+    runSession(inOrder(scenario.settings), [&](Session& session) {
         model::Adapter* victim = nullptr;
-        PlugOptions plugVictim = plug;
+        PlugOptions plugVictim = scenario.plug;
         plugVictim.inFront = [&](usb::Device& device) -> usb::Device& {
             victim = static_cast<model::Adapter*>(&device);
             return device;
@@ -72,6 +80,11 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
             session.present(kDesktop, picture);
             tool::ScreenCheck check(session, picture);
             result = check.waitForMatch(30 * kMillisecond) ? Result::Shown : Result::Dark;
+            if (scenario.sleeps) {
+                session.suspend();
+                session.resume();
+                result = check.waitForMatch(kSecond) ? Result::Shown : Result::Dark;
+            }
             session.remove();
         } catch (const std::exception&) {
             if (session.plugged()) {
@@ -91,7 +104,7 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const PlugOptions& plug,
             victim->clearViolations();
         }
         session.attachMonitor(shortEdid());
-        session.plug(plug);
+        session.plug(scenario.plug);
         switchOn(session);
         session.present(kDesktop, next);
         expectPicture(session);
@@ -108,13 +121,12 @@ std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
     return text == nullptr ? otherwise : std::strtoull(text, nullptr, 0);
 }
 
-void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Setting>& settings = {},
-           std::uint64_t stride = 1) {
+void sweep(FaultMode mode, const Scenario& scenario = {}, std::uint64_t stride = 1) {
     std::array<Tally, kFaultKindNames.size()> tallies{};
     const std::uint64_t only = numberFrom("FAULT_POINT", 0);
     stride = numberFrom("FAULT_STRIDE", stride);
     for (std::uint64_t k = only != 0 ? only : 1;; k += stride) {
-        const Outcome outcome = runWithFault(k, mode, plug, settings);
+        const Outcome outcome = runWithFault(k, mode, scenario);
         if (testing::Test::HasFailure()) {
             const testing::TestInfo& test = *testing::UnitTest::GetInstance()->current_test_info();
             std::printf("replay: FAULT_POINT=%llu system_tests --gtest_filter=%s.%s\n",
@@ -143,23 +155,52 @@ void sweep(FaultMode mode, const PlugOptions& plug, const std::vector<tool::Sett
 }
 
 TEST(FaultSweep, EachPointOnce) {
-    sweep(FaultMode::Once, adapter());
+    sweep(FaultMode::Once);
 }
 
 TEST(FaultSweep, EachPointAndAllOfItsKindAfterIt) {
-    sweep(FaultMode::Sticky, adapter());
+    sweep(FaultMode::Sticky);
 }
 
 // A transmitter's bytes take a dozen transfers each, all of them points: a stride that is coprime to every
 // sequence's length meets each place of each sequence, in a tenth of the time.
 TEST(FaultSweep, EveryThirteenthPointOnceWithTransmitter) {
-    PlugOptions plug = adapter();
-    plug.adapter.transmitter = true;
-    sweep(FaultMode::Once, plug, {}, 13);
+    Scenario scenario;
+    scenario.plug.adapter.transmitter = true;
+    sweep(FaultMode::Once, scenario, 13);
 }
 
 TEST(FaultSweep, EachPointOnceCompressed) {
-    sweep(FaultMode::Once, adapter(), {setting("Usb3PixelFormatTransformCompressionEnable", 1)});
+    sweep(FaultMode::Once, {.settings = {setting("Usb3PixelFormatTransformCompressionEnable", 1)}});
+}
+
+TEST(FaultSweep, EverySeventhPointOnceWithSleepAndResume) {
+    sweep(FaultMode::Once, {.sleeps = true}, 7);
+}
+
+TEST(FaultSweep, EveryThirteenthPointAndAllOfItsKindAfterItWithSleepAndResume) {
+    sweep(FaultMode::Sticky, {.sleeps = true}, 13);
+}
+
+// A load that fails leaves nothing, which the machine checks, and the next one works.
+TEST(FaultSweep, EachPointOfTheLoadOnce) {
+    std::uint64_t points = 0;
+    for (bool fired = true; fired; points += fired) {
+        platform::Machine machine;
+        machine.run([&] {
+            kernel::armFault(points + 1, FaultMode::Once);
+            const NTSTATUS status = machine.loadDriver(DriverEntry);
+            fired = kernel::faultFired();
+            kernel::disarmFault();
+            EXPECT_TRUE(fired || NT_SUCCESS(status));
+            if (!NT_SUCCESS(status)) {
+                ASSERT_EQ(machine.loadDriver(DriverEntry), STATUS_SUCCESS) << kernel::faultDescription();
+            }
+            machine.unloadDriver();
+        });
+    }
+    std::printf("%llu points in a load\n", static_cast<unsigned long long>(points));
+    EXPECT_GT(points, 0U);
 }
 
 } // namespace
