@@ -8,7 +8,7 @@ namespace framework {
 class SpinLock final : public Object {
   public:
     SpinLock() : Object(Kind::SpinLock) {}
-    ~SpinLock() override { verifier::lockDestroyed(&lock_); }
+    ~SpinLock() override { verifier::lockDestroyed(&lock_, "WdfObjectDelete"); }
 
     void take(const Call& call) {
         const KIRQL old = kernel::acquireSpinLock(lock_, call.name());
@@ -28,7 +28,7 @@ class SpinLock final : public Object {
 class WaitLock final : public Object {
   public:
     WaitLock() : Object(Kind::WaitLock) {}
-    ~WaitLock() override { verifier::lockDestroyed(this); }
+    ~WaitLock() override { verifier::lockDestroyed(this, "WdfObjectDelete"); }
 
     // False at the deadline.
     bool take(const Call& call, kernel::Time deadline) {

@@ -2,6 +2,7 @@
 
 #include "platform/framework/object_table.h"
 #include "platform/kernel/pool.h"
+#include "platform/verifier/locks.h"
 
 #include <fmt/format.h>
 
@@ -182,6 +183,8 @@ void Object::destroy() {
     }
     if (context_.memory) {
         kernel::requireUnused(context_.memory.get(), context_.size, "EvtDestroyCallback");
+        verifier::locksDestroyed(context_.memory.get(), context_.memory.get() + context_.size,
+                                 "EvtDestroyCallback");
     }
     Object* parent = nullptr;
     {

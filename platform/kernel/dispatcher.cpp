@@ -121,7 +121,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
         }
         const Task* owner =
             objects.size() == 1 ? ownerOf(*static_cast<DISPATCHER_HEADER*>(objects[0])) : nullptr;
-        const WaitReason reason{call, objects[0], owner};
+        const WaitReason reason{call, objects[0], owner, objects};
         while (wait.satisfiedBy < 0 && block(reason, deadline)) {
         }
         if (wait.satisfiedBy < 0) {

@@ -262,7 +262,7 @@ void freePool(void* address, ULONG tag, std::string_view call) {
     }
     requireNotInUse(block.data, block.size, call);
     requireGuardsIntact(block, call);
-    verifier::locksDestroyed(block.data, block.end());
+    verifier::locksDestroyed(block.data, block.end(), call);
     announceRelease(block.data);
     pool.live.erase(found);
     putAway(block, call);

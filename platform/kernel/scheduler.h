@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -124,9 +125,10 @@ class KernelGuard {
 // Blocks and wakes tasks on behalf of dispatcher objects. All three are called with the kernel lock held,
 // which `block` gives up while the task sleeps and holds again when it returns.
 struct WaitReason {
-    std::string_view call;        // the kernel call that waits, for reports
-    const void* object = nullptr; // what is waited for
-    const Task* owner = nullptr;  // who holds it, when somebody does
+    std::string_view call;               // the kernel call that waits, for reports
+    const void* object = nullptr;        // what is waited for
+    const Task* owner = nullptr;         // who holds it, when somebody does
+    std::span<void* const> objects = {}; // all that is waited for, when it is more than one object
 };
 constexpr Time kForever = INT64_MAX;
 bool block(const WaitReason& reason, Time deadline); // false when the deadline came first

@@ -9,7 +9,8 @@ namespace verifier {
 // call it by its kind and the order of initialisation ("mutex 3"), which is the same in every replay.
 void lockInitialized(const void* lock, std::string_view kind);
 
-// The memory [begin, end) was given back, with all locks in it.
-void locksDestroyed(const void* begin, const void* end);
+// The memory [begin, end) is given back by `call`, with all locks in it. Reports LockLifetime when a task
+// holds one of them or waits for an object there.
+void locksDestroyed(const void* begin, const void* end, std::string_view call);
 
 } // namespace verifier

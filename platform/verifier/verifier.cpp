@@ -13,13 +13,34 @@ namespace verifier {
 
 namespace {
 
-constexpr std::array kRuleNames = {
-    "IrqlTooHigh",    "IrqlChanged",    "LockLeftHeld",        "WaitAtDispatch",     "LockOrder",
-    "LockRecursion",  "LockOwner",      "RequestNotFormatted", "RequestPending",     "RequestCompletedTwice",
-    "BufferLifetime", "BufferTooShort", "HandleStale",         "HandleDeletedTwice", "ObjectTree",
-    "PoolTag",        "PoolOverrun",    "PoolFreedTwice",      "PoolLeak",           "UsbTarget",
-    "UsbPipeHandle",  "PnpOrder",       "ThreadLeak",          "ListCorruption",     "Argument",
-    "Deadlock",       "StepLimit"};
+constexpr std::array kRuleNames = {"IrqlTooHigh",
+                                   "IrqlChanged",
+                                   "LockLeftHeld",
+                                   "WaitAtDispatch",
+                                   "LockOrder",
+                                   "LockRecursion",
+                                   "LockOwner",
+                                   "LockLifetime",
+                                   "RequestNotFormatted",
+                                   "RequestPending",
+                                   "RequestCompletedTwice",
+                                   "BufferLifetime",
+                                   "BufferTooShort",
+                                   "HandleStale",
+                                   "HandleDeletedTwice",
+                                   "ObjectTree",
+                                   "PoolTag",
+                                   "PoolOverrun",
+                                   "PoolFreedTwice",
+                                   "PoolLeak",
+                                   "UsbTarget",
+                                   "UsbPipeHandle",
+                                   "PnpOrder",
+                                   "ThreadLeak",
+                                   "ListCorruption",
+                                   "Argument",
+                                   "Deadlock",
+                                   "StepLimit"};
 static_assert(kRuleNames.size() == kRuleCount);
 
 // That `to` was taken while its predecessor was held, and where that was seen first.
@@ -91,6 +112,34 @@ void noteOrder(const void* held, const void* lock, std::string_view call) {
                          opposite));
     }
     orders.push_back({lock, here(call)});
+}
+
+// Kernel lock held.
+void requireNotInUse(const void* begin, const void* end, std::string_view call) {
+    if (kernel::currentCore() == nullptr) {
+        return;
+    }
+    const auto inside = [begin, end](const void* object) { return object >= begin && object < end; };
+    for (const kernel::Task* task : kernel::currentCore()->tasks()) {
+        // A task notes its locks by itself, so only `sim`, which runs one task at a time, can look at
+        // others'.
+        if (task == kernel::currentTaskOrNull() || kernel::mode() == kernel::Mode::Sim) {
+            for (const HeldLock& held : task->locks) {
+                if (inside(held.lock)) {
+                    fail(Rule::LockLifetime, call, describeLock(held.lock),
+                         fmt::format("its memory is given back while {} holds it", task->name));
+                }
+            }
+        }
+        if (task->state != kernel::Task::State::Blocked || task->woken) {
+            continue;
+        }
+        const kernel::WaitReason& reason = task->reason;
+        if (inside(reason.object) || std::any_of(reason.objects.begin(), reason.objects.end(), inside)) {
+            fail(Rule::LockLifetime, call, fmt::format("{}", begin),
+                 fmt::format("its memory is given back while {} waits in {}", task->name, reason.call));
+        }
+    }
 }
 
 } // namespace
@@ -180,12 +229,13 @@ void lockReleased(const void* lock, std::string_view call) {
     }
 }
 
-void lockDestroyed(const void* lock) {
-    locksDestroyed(lock, static_cast<const char*>(lock) + 1);
+void lockDestroyed(const void* lock, std::string_view call) {
+    locksDestroyed(lock, static_cast<const char*>(lock) + 1, call);
 }
 
-void locksDestroyed(const void* begin, const void* end) {
+void locksDestroyed(const void* begin, const void* end, std::string_view call) {
     kernel::KernelLockIfFree guard;
+    requireNotInUse(begin, end, call);
     auto first = locks.lower_bound(begin);
     auto last = locks.lower_bound(end);
     if (first == last) {
@@ -199,7 +249,7 @@ void locksDestroyed(const void* begin, const void* end) {
 }
 
 void lockInitialized(const void* lock, std::string_view kind) {
-    lockDestroyed(lock);
+    lockDestroyed(lock, "initialisation");
     kernel::KernelLockIfFree guard;
     locks[lock].name = fmt::format("{} {}", kind, ++locksNamed);
 }

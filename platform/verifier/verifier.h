@@ -18,6 +18,7 @@ enum class Rule : std::uint8_t {
     LockOrder,      // two locks taken in both orders
     LockRecursion,  // a spin lock taken twice by one holder
     LockOwner,      // a lock released by someone who does not hold it
+    LockLifetime,   // a lock's memory given back while it is held, an event's while somebody waits for it
     RequestNotFormatted,
     RequestPending, // a request sent, reused or formatted while it is still out
     RequestCompletedTwice,
@@ -79,7 +80,7 @@ enum class LockKind : std::uint8_t { Spin, Mutex };
 void lockAcquiring(const void* lock, LockKind kind, std::string_view name, std::string_view call);
 void lockAcquired(const void* lock, LockKind kind);
 void lockReleased(const void* lock, std::string_view call);
-void lockDestroyed(const void* lock);
+void lockDestroyed(const void* lock, std::string_view call);
 unsigned locksHeld();
 
 // Gives a lock a name for reports; without one its address is shown.

@@ -227,6 +227,34 @@ std::vector<FrameworkCase> levelAndLockCases() {
                  WdfWaitLockRelease(lock);
              }
          }},
+        {Rule::LockLifetime, "a wait lock deleted while it is held",
+         [](World& world) {
+             const WDFWAITLOCK lock = world.makeWaitLock();
+             EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+             WdfObjectDelete(lock);
+         },
+         [](World& world) {
+             const WDFWAITLOCK lock = world.makeWaitLock();
+             EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
+             WdfWaitLockRelease(lock);
+             WdfObjectDelete(lock);
+         }},
+        {Rule::LockLifetime, "an object deleted while the mutex in its context is held",
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             KMUTEX* mutex = &GetPlace(object)->Mutex;
+             KeInitializeMutex(mutex, 0);
+             KeWaitForSingleObject(mutex, Executive, KernelMode, FALSE, nullptr);
+             WdfObjectDelete(object);
+         },
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             KMUTEX* mutex = &GetPlace(object)->Mutex;
+             KeInitializeMutex(mutex, 0);
+             KeWaitForSingleObject(mutex, Executive, KernelMode, FALSE, nullptr);
+             KeReleaseMutex(mutex, FALSE);
+             WdfObjectDelete(object);
+         }},
         {Rule::LockOwner, "a wait lock released by another thread",
          [](World& world) {
              const WDFWAITLOCK lock = world.makeWaitLock();

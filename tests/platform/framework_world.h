@@ -17,6 +17,7 @@ constexpr ULONG kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0, METHOD_NEITHER, FILE
 
 struct PLACE {
     _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
+    KMUTEX Mutex;
 };
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(PLACE, GetPlace)
 
@@ -119,7 +120,7 @@ class World {
         bench.machine().close(file);
     }
 
-    // An object without behaviour of its own, with room for an URB in its context.
+    // An object without behaviour of its own, with room for an URB and a mutex in its context.
     WDFCOLLECTION makeObject(WDFOBJECT parent) {
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
         WDFCOLLECTION object = nullptr;

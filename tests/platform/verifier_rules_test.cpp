@@ -54,6 +54,11 @@ struct World {
     }
 };
 
+void waitForEither(KEVENT& first, KEVENT& second) {
+    PVOID objects[] = {&first, &second};
+    KeWaitForMultipleObjects(2, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr);
+}
+
 void elsewhere(const std::function<void()>& body) {
     join(spawn("other", TaskKind::Host, body));
 }
@@ -264,6 +269,38 @@ const KernelCase kCases[] = {
      [](World& world) {
          waitFor(&world.mutexA);
          KeReleaseMutex(&world.mutexA, FALSE);
+     }},
+    {Rule::LockLifetime, "a block freed while a mutex in it is held",
+     [](World&) {
+         auto* mutex = reinterpret_cast<KMUTEX*>(allocate(sizeof(KMUTEX)));
+         KeInitializeMutex(mutex, 0);
+         waitFor(mutex);
+         ExFreePoolWithTag(mutex, kTag);
+     },
+     [](World&) {
+         auto* mutex = reinterpret_cast<KMUTEX*>(allocate(sizeof(KMUTEX)));
+         KeInitializeMutex(mutex, 0);
+         waitFor(mutex);
+         KeReleaseMutex(mutex, FALSE);
+         ExFreePoolWithTag(mutex, kTag);
+     }},
+    {Rule::LockLifetime, "a block freed while another task waits for an event in it",
+     [](World& world) {
+         auto* event = reinterpret_cast<KEVENT*>(allocate(sizeof(KEVENT)));
+         KeInitializeEvent(event, NotificationEvent, FALSE);
+         spawn("waiter", TaskKind::Host, [&world, event] { waitForEither(world.event, *event); });
+         sleepFor(1);
+         ExFreePoolWithTag(event, kTag);
+     },
+     [](World& world) {
+         auto* event = reinterpret_cast<KEVENT*>(allocate(sizeof(KEVENT)));
+         KeInitializeEvent(event, NotificationEvent, FALSE);
+         Task& waiter =
+             spawn("waiter", TaskKind::Host, [&world, event] { waitForEither(world.event, *event); });
+         sleepFor(1);
+         KeSetEvent(event, 0, FALSE);
+         join(waiter);
+         ExFreePoolWithTag(event, kTag);
      }},
     {Rule::BufferLifetime, "a block freed while a transfer uses its last byte",
      [](World&) {
