@@ -84,7 +84,7 @@ kernel::SystemInformation systemInformation(const MachineOptions& options) {
 
 } // namespace
 
-class DeviceNode {
+class DeviceNode : public std::enable_shared_from_this<DeviceNode> {
   public:
     DeviceNode(usb::Device& device, usb::Clock& clock, const usb::HostOptions& options)
         : host(device, clock, options) {}
@@ -107,7 +107,7 @@ struct Machine::State {
     }
 
     DeviceNode& add(usb::Device& device, const usb::HostOptions& options) {
-        auto node = std::make_unique<DeviceNode>(device, scheduler.clock(), options);
+        auto node = std::make_shared<DeviceNode>(device, scheduler.clock(), options);
         const std::lock_guard lock(nodesMutex);
         nodes.push_back(std::move(node));
         return *nodes.back();
@@ -133,7 +133,7 @@ struct Machine::State {
 
     // The host task adds and removes under the mutex; clients look up under it.
     std::mutex nodesMutex;
-    std::vector<std::unique_ptr<DeviceNode>> nodes;
+    std::vector<std::shared_ptr<DeviceNode>> nodes;
 
     unsigned ports = 0;
     bool abandoned = false;
@@ -144,9 +144,9 @@ Machine::Machine(const MachineOptions& options) : state_(std::make_unique<State>
 Machine::~Machine() {
     if (state_->abandoned) {
         // Tasks that the end of the run stopped where they stood still refer to the devices.
-        for (auto& node : state_->nodes) {
-            static_cast<void>(node.release());
-        }
+        static auto& abandoned =
+            *new std::vector<std::shared_ptr<DeviceNode>>; // outlives every static object
+        abandoned.insert(abandoned.end(), state_->nodes.begin(), state_->nodes.end());
     }
 }
 
@@ -290,11 +290,14 @@ NTSTATUS Machine::restart(DeviceNode& node) {
 
 void Machine::suspend(DeviceNode& node) {
     kernel::PlatformCall platformCall;
+    // The cable may be pulled meanwhile, and the removal be over first.
+    const auto held = node.shared_from_this();
     node.node->sleep();
 }
 
 void Machine::resume(DeviceNode& node) {
     kernel::PlatformCall platformCall;
+    const auto held = node.shared_from_this();
     node.startStatus = node.node->wake();
 }
 

@@ -15,7 +15,8 @@ namespace framework {
 class Queue;
 class Request;
 
-// Where the device stands with the PnP manager. Written by the steps of a DevNode, which exclude each other.
+// Where the device stands with the PnP manager. Written by the steps of a DevNode, which exclude each other,
+// and by a surprise removal during a sleep or a wake.
 enum class PnpState : std::uint8_t {
     Added,
     Preparing, // EvtDevicePrepareHardware runs

@@ -19,6 +19,7 @@ struct DevNode::State {
     // Guarded by the kernel lock.
     Ref<Device> device;
     bool stepUnderWay = false;
+    bool powerStepUnderWay = false; // that step is a sleep or a wake
     std::vector<std::unique_ptr<FILE_OBJECT>> files;
 
     // Written by the steps, which exclude each other.

@@ -12,6 +12,9 @@
 //   surprise       EvtDeviceSurpriseRemoval, down to D3Final, EvtDeviceReleaseHardware; the rest at the
 //   remove
 //
+// These steps come one after the other, with one exception: EvtDeviceSurpriseRemoval is called while a sleep
+// or a wake is under way, as the framework does it, and the rest of the removal follows that step.
+//
 // A device that is not in D0 is not brought down again. EvtDeviceReleaseHardware follows a failed
 // EvtDevicePrepareHardware, too; a failed EvtDeviceD0Entry is followed by it without EvtDeviceD0Exit.
 #include "platform/framework/pnp.h"
@@ -23,6 +26,7 @@
 #include "platform/kernel/interfaces.h"
 
 #include <algorithm>
+#include <optional>
 
 namespace framework {
 
@@ -34,11 +38,14 @@ namespace {
 // One step of a device at a time.
 class Step {
   public:
-    Step(DevNode::State& node, const char* name) : node_(node) {
-        kernel::waitUntil(&node_, {name, &node_, nullptr}, kernel::kForever, [this] {
+    enum class Kind : std::uint8_t { Pnp, Power };
+
+    Step(DevNode::State& node, const char* name, Kind kind = Kind::Pnp) : node_(node) {
+        kernel::waitUntil(&node_, {name, &node_, nullptr}, kernel::kForever, [this, kind] {
             KernelGuard guard;
             if (!taken_ && !node_.stepUnderWay) {
                 node_.stepUnderWay = taken_ = true;
+                node_.powerStepUnderWay = kind == Kind::Power;
             }
             return taken_;
         });
@@ -46,7 +53,7 @@ class Step {
     ~Step() {
         {
             KernelGuard guard;
-            node_.stepUnderWay = false;
+            node_.stepUnderWay = node_.powerStepUnderWay = false;
         }
         kernel::wakeChannel(&node_);
     }
@@ -91,6 +98,11 @@ Ref<Device> deviceOfNode(const DevNode::State& node) {
 void setInD0(DevNode::State& node, bool inD0) {
     KernelGuard guard;
     node.inD0 = inD0;
+}
+
+bool powerStepUnderWay(const DevNode::State& node) {
+    KernelGuard guard;
+    return node.powerStepUnderWay;
 }
 
 // Sends a PnP packet through the driver's preprocess callback, if it has one for it.
@@ -290,7 +302,7 @@ NTSTATUS DevNode::stop() {
 }
 
 void DevNode::sleep() {
-    Step step(*state_, "sleep");
+    Step step(*state_, "sleep", Step::Kind::Power);
     const Ref<Device> device = deviceOfNode(*state_);
     if (!device || device->pnpState() != PnpState::Started || !state_->inD0) {
         return;
@@ -301,7 +313,7 @@ void DevNode::sleep() {
 }
 
 NTSTATUS DevNode::wake() {
-    Step step(*state_, "wake");
+    Step step(*state_, "wake", Step::Kind::Power);
     const Ref<Device> device = deviceOfNode(*state_);
     if (!device || device->pnpState() != PnpState::Started || state_->inD0) {
         return STATUS_INVALID_DEVICE_STATE;
@@ -336,7 +348,10 @@ void DevNode::cancelRemove() {
 }
 
 void DevNode::surpriseRemove() {
-    Step step(*state_, "surprise removal");
+    std::optional<Step> step;
+    if (!powerStepUnderWay(*state_)) {
+        step.emplace(*state_, "surprise removal");
+    }
     const Ref<Device> device = deviceOfNode(*state_);
     // A device that never started is removed without further notice.
     if (!device || !state_->everStarted || device->pnpState() == PnpState::SurpriseRemoved) {
@@ -346,6 +361,10 @@ void DevNode::surpriseRemove() {
     device->setPnpState(PnpState::SurpriseRemoved);
     if (device->callbacks().EvtDeviceSurpriseRemoval != nullptr) {
         callDriver("EvtDeviceSurpriseRemoval", device->callbacks().EvtDeviceSurpriseRemoval, device->wdf());
+    }
+    if (!step) {
+        step.emplace(*state_, "surprise removal");
+        device->setPnpState(PnpState::SurpriseRemoved); // a wake that failed has left its own state
     }
     takeDown(*state_, *device);
 }

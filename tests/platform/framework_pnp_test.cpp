@@ -53,6 +53,52 @@ TEST(FrameworkPnp, SurpriseRemovalTakesDownBeforeTheRemovePacket) {
     });
 }
 
+// The cable is pulled while the driver is inside a power callback: the notice does not wait for its end, the
+// rest of the removal does.
+TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition) {
+    const struct {
+        const char* name;
+        std::function<void(platform::Machine&, platform::DeviceNode&)> before;
+        std::function<void(platform::Machine&, platform::DeviceNode&)> transition;
+        Trace expected;
+    } cases[] = {
+        {"sleep",
+         [](platform::Machine&, platform::DeviceNode&) {},
+         [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
+         {"suspend", "d0 exit(D3)", "surprise", "left", "release", "irp 2", "flush", "cleanup"}},
+        {"wake",
+         [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
+         [](platform::Machine& machine, platform::DeviceNode& node) { machine.resume(node); },
+         {"d0 entry(D3)", "surprise", "entered", "restart", "suspend", "d0 exit(D3Final)", "left", "release",
+          "irp 2", "flush", "cleanup"}},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        FrameworkBench bench;
+        auto& machine = bench.machine();
+        bench.run([&] {
+            auto& node = bench.plug();
+            test.before(machine, node);
+            bench.driver.trace.clear();
+            const auto linger = [&](const char* end) {
+                machine.sleep(10 * usb::kMillisecond);
+                bench.driver.note(end);
+            };
+            bench.driver.d0Exit = [&](WDFDEVICE) { linger("left"); };
+            bench.driver.d0Entry = [&](WDFDEVICE) {
+                linger("entered");
+                return STATUS_SUCCESS;
+            };
+            kernel::Task& power =
+                kernel::spawn("power", kernel::TaskKind::Host, [&] { test.transition(machine, node); });
+            machine.sleep(5 * usb::kMillisecond);
+            machine.surpriseRemove(node);
+            kernel::join(power);
+            EXPECT_EQ(bench.driver.trace, test.expected);
+        });
+    }
+}
+
 TEST(FrameworkPnp, AFailedStartReleasesTheHardwareAndSkipsWhatNeverBegan) {
     const struct {
         const char* name;
