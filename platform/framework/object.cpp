@@ -7,21 +7,12 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <new>
 
 namespace framework {
 
 namespace {
 
 using kernel::KernelGuard;
-
-constexpr std::size_t kContextAlignment = 64;
-
-void freeContext(unsigned char* memory) {
-    std::free(memory);
-}
 
 Fate fateOf(const void* handle) {
     KernelGuard guard;
@@ -86,7 +77,7 @@ void Object::driverDereference(std::string_view call) {
 }
 
 void* Object::context(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const {
-    return type != nullptr && context_.type == type ? context_.memory.get() : nullptr;
+    return type != nullptr && context_.type == type ? context_.memory.begin() : nullptr;
 }
 
 bool Object::deleting() const {
@@ -182,15 +173,16 @@ void Object::destroy() {
         kernel::callDriver("EvtDestroyCallback", context_.destroy, static_cast<WDFOBJECT>(handle_));
     }
     if (context_.memory) {
-        kernel::requireUnused(context_.memory.get(), context_.size, "EvtDestroyCallback");
-        verifier::locksDestroyed(context_.memory.get(), context_.memory.get() + context_.size,
-                                 "EvtDestroyCallback");
+        const ContextMemory& memory = context_.memory;
+        memory.requireIntact("EvtDestroyCallback", name());
+        kernel::requireUnused(memory.begin(), memory.size(), "EvtDestroyCallback");
+        verifier::locksDestroyed(memory.begin(), memory.end(), "EvtDestroyCallback");
     }
     Object* parent = nullptr;
     {
         KernelGuard guard;
         if (context_.memory) {
-            objectTable().removeContext(context_.memory.get());
+            objectTable().removeContext(context_.memory.begin());
         }
         objectTable().remove(*this, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
         parent = std::exchange(parent_, nullptr);
@@ -300,14 +292,10 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
         context.destroy = attributes->EvtDestroyCallback;
         if (const auto* type = attributes->ContextTypeInfo; type != nullptr) {
             const std::size_t size = std::max(type->ContextSize, attributes->ContextSizeOverride);
-            const std::size_t rounded = (size + kContextAlignment) / kContextAlignment * kContextAlignment;
-            auto* memory = static_cast<unsigned char*>(std::aligned_alloc(kContextAlignment, rounded));
-            if (memory == nullptr) {
+            context.memory = ContextMemory(size);
+            if (!context.memory) {
                 return STATUS_INSUFFICIENT_RESOURCES;
             }
-            std::memset(memory, 0, rounded);
-            context.memory = {memory, freeContext};
-            context.size = size;
             context.type = type->UniqueType;
         }
     }
@@ -325,7 +313,7 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
         object.executionLevel_ = attributes->ExecutionLevel;
     }
     if (context.memory) {
-        objectTable().addContext(context.memory.get(), object);
+        objectTable().addContext(context.memory.begin(), object);
     }
     object.context_ = std::move(context);
     return STATUS_SUCCESS;

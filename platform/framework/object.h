@@ -6,6 +6,7 @@
 // the framework itself.
 #pragma once
 
+#include "platform/framework/context_memory.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/scheduler.h"
@@ -157,8 +158,7 @@ class Object {
 
     struct Context {
         PCWDF_OBJECT_CONTEXT_TYPE_INFO type = nullptr;
-        std::unique_ptr<unsigned char, void (*)(unsigned char*)> memory{nullptr, nullptr};
-        std::size_t size = 0;
+        ContextMemory memory;
         PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr;
         PFN_WDF_OBJECT_CONTEXT_DESTROY destroy = nullptr;
     };

@@ -164,6 +164,28 @@ std::vector<FrameworkCase> objectCases() {
              WDF_OBJECT_ATTRIBUTES attributes = attributesOf(nullptr);
              EXPECT_EQ(world.configureReader(&attributes), STATUS_SUCCESS);
          }},
+        {Rule::PoolOverrun, "a byte behind a context",
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             poke(reinterpret_cast<UCHAR*>(GetPlace(object) + 1));
+             WdfObjectDelete(object);
+         },
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             poke(reinterpret_cast<UCHAR*>(GetPlace(object) + 1) - 1);
+             WdfObjectDelete(object);
+         }},
+        {Rule::PoolOverrun, "a byte before a context",
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             poke(reinterpret_cast<UCHAR*>(GetPlace(object)) - 1);
+             WdfObjectDelete(object);
+         },
+         [](World& world) {
+             const WDFCOLLECTION object = world.makeObject();
+             poke(reinterpret_cast<UCHAR*>(GetPlace(object)));
+             WdfObjectDelete(object);
+         }},
         {Rule::PoolLeak, "an object still referenced at unload",
          [](World& world) { WdfObjectReference(world.makeObject()); },
          [](World& world) { world.makeObject(WdfDeviceGetDriver(world.device())); }},

@@ -114,6 +114,7 @@ TEST_F(FrameworkObjects, ContextsAreZeroTypedAndKnowTheirObject) {
         OTHER* context = GetOther(lock);
         const auto* bytes = reinterpret_cast<const UCHAR*>(context);
         EXPECT_EQ(std::count(bytes, bytes + 100'000, 0), 100'000);
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(context) % 32, 16U); // no more than the framework promises
         EXPECT_EQ(WdfObjectContextGetObject(context), lock);
         EXPECT_EQ(GetNamed(lock), nullptr);
         WdfObjectDelete(lock);

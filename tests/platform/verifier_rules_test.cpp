@@ -90,11 +90,6 @@ struct KernelCase {
 // Two callbacks for the rules about what a callback leaves behind.
 World* callbackWorld;
 
-// Writes past the instruments of AddressSanitizer, which would end the program at the write itself.
-__attribute__((noinline, no_sanitize("address"))) void poke(UCHAR* address) {
-    *const_cast<volatile UCHAR*>(address) = 1;
-}
-
 // Damage around a block of `size` bytes, found when the block is freed, or in it after that.
 KernelCase overrun(const char* mistake, std::size_t size, std::ptrdiff_t offset, bool afterFree = false) {
     const auto writeAt = [size](std::ptrdiff_t place, bool freedFirst) {
