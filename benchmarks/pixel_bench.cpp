@@ -205,10 +205,9 @@ void addEncoders(Stage& stage, const Picture& picture) {
     }
     bench::add(frameName(picture), present, [&] {
         UCHAR* output = stage.nextOutput();
-        PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
-        benchmark::DoNotOptimize(COMPRESSION_EncodeGroupsByTable(picture.context.get(), stage.staging.get(),
-                                                                 output, output + kBufferBytes, kPixels,
-                                                                 picture.context->Pixel.QuantLevel));
+        benchmark::DoNotOptimize(COMPRESSION_EncodeBgrx32Groups(picture.context.get(), stage.frame.get(),
+                                                                output, output + kBufferBytes, kPixels,
+                                                                GROUP_TARGET_SIZE));
     });
     bench::add(
         lz4Name(picture),

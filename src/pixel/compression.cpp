@@ -136,12 +136,20 @@ ULONGLONG COMPRESSION_CompressFrame16(DEVICE_CONTEXT* context, ULONG reserved, U
     if (!IsOutputActive(context)) {
         return 0;
     }
+    const UCHAR* destinationEnd = destination + RENDER_BUFFER_CAPACITY;
+    const bool groups = context->Cpu.CpuHasSsse3 && context->Cpu.CpuHasSse41;
+    if (groups && context->Display.Mode.SourceBytesPerPixel == 4) {
+        if (!HoldsFrame(sourceSize, pixelCount, 4)) {
+            return 0;
+        }
+        return COMPRESSION_EncodeBgrx32Groups(context, source, destination, destinationEnd, pixelCount,
+                                              GROUP_TARGET_SIZE);
+    }
     const ENCODER_INPUT input = Stage16(context, source, sourceSize, pixelCount);
     if (input.Source == nullptr) {
         return 0;
     }
-    const UCHAR* destinationEnd = destination + RENDER_BUFFER_CAPACITY;
-    if (context->Cpu.CpuHasSsse3 && context->Cpu.CpuHasSse41) {
+    if (groups) {
         return COMPRESSION_EncodeRgb555Groups(context, input.Source, destination, destinationEnd, pixelCount,
                                               GROUP_TARGET_SIZE);
     }

@@ -185,7 +185,7 @@ TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutStrip(PACK_CURSOR cursor, const UCHAR* s
                                               ULONG words) {
     ULONG done = 0;
     ULONG block = 0;
-    for (ULONG left = masks.WritingBlocks; _BitScanForward(&block, left); left &= left - 1) {
+    for (ULONGLONG left = masks.WritingBlocks; _BitScanForward64(&block, left); left &= left - 1) {
         cursor.Repeats += (block - done) * BLOCK_PIXELS;
         done = block + 1;
         cursor = PutBlock<Source>(cursor, strip + SIZE_T{block} * BLOCK_PIXELS * Source::Bytes,

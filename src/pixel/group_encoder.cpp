@@ -1,6 +1,7 @@
 #include "pixel/group_encoder.h"
 
 #include "driver/device_context.h"
+#include "pixel/reduce_ssse3.h"
 #include "pixel/run_packer.h"
 #include "pixel/run_stream.h"
 
@@ -32,14 +33,73 @@ constexpr QUANTISATION QUANTISATIONS[QUANT_LEVEL_COUNT] = {
     {0x4210, 0x0421}, {0x4200, 0x0421}, {0x0200, 0x0421}, {0x0000, 0x0421},
 };
 
+TARGET_SSE41 FORCEINLINE __m128i Load(const void* source) {
+    return _mm_loadu_si128(static_cast<const __m128i*>(source));
+}
+
+// Where the RGB555 pixels come from. `ReadOctet` gives eight of them, and `FindRepeats` says which pixels of
+// a block equal the one before in all bits of `compared`, which is what `SpreadBits` makes of bits of an
+// RGB555 pixel.
+struct RGB555_SOURCE {
+    static constexpr ULONG Bytes = 2;
+    static ULONG ReadPixel(const UCHAR* pixel) { return pixel[0] | static_cast<ULONG>(pixel[1]) << 8; }
+    TARGET_SSE41 static FORCEINLINE __m128i ReadOctet(const UCHAR* source) { return Load(source); }
+
+    TARGET_SSE41 static FORCEINLINE __m128i SpreadBits(ULONG bits) {
+        return _mm_set1_epi16(static_cast<SHORT>(bits));
+    }
+    TARGET_SSE41 static FORCEINLINE ULONG FindRepeats(const UCHAR* source, __m128i compared) {
+        const __m128i both =
+            _mm_packs_epi16(CompareOctet(source, compared), CompareOctet(source + GROUP_BYTES, compared));
+        return static_cast<ULONG>(_mm_movemask_epi8(both));
+    }
+
+  private:
+    TARGET_SSE41 static FORCEINLINE __m128i CompareOctet(const UCHAR* source, __m128i compared) {
+        const __m128i difference = _mm_xor_si128(Load(source), Load(source - Bytes));
+        return _mm_cmpeq_epi16(_mm_and_si128(difference, compared), _mm_setzero_si128());
+    }
+};
+
+// RGB555 keeps high bits, so pixels are compared as they are and only those that are written are reduced.
+struct BGRX32_SOURCE {
+    static constexpr ULONG Bytes = 4;
+    static ULONG ReadPixel(const UCHAR* pixel) {
+        return static_cast<ULONG>(pixel[2] >> 3) << 10 | static_cast<ULONG>(pixel[1] >> 3) << 5 |
+               pixel[0] >> 3;
+    }
+    TARGET_SSE41 static FORCEINLINE __m128i ReadOctet(const UCHAR* source) {
+        return ReduceOctet<REDUCE_TO_RGB555>(Load(source), Load(source + 16));
+    }
+
+    TARGET_SSE41 static FORCEINLINE __m128i SpreadBits(ULONG bits) {
+        return _mm_set1_epi32(
+            static_cast<LONG>((bits & 0x7C00) << 9 | (bits & 0x03E0) << 6 | (bits & 0x001F) << 3));
+    }
+    TARGET_SSE41 static FORCEINLINE ULONG FindRepeats(const UCHAR* source, __m128i compared) {
+        const __m128i low =
+            _mm_packs_epi32(CompareQuad(source, compared), CompareQuad(source + 16, compared));
+        const __m128i high =
+            _mm_packs_epi32(CompareQuad(source + 32, compared), CompareQuad(source + 48, compared));
+        return static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high)));
+    }
+
+  private:
+    TARGET_SSE41 static FORCEINLINE __m128i CompareQuad(const UCHAR* source, __m128i compared) {
+        const __m128i difference = _mm_xor_si128(Load(source), Load(source - Bytes));
+        return _mm_cmpeq_epi32(_mm_and_si128(difference, compared), _mm_setzero_si128());
+    }
+};
+
+template <typename Source>
 inline ULONG ReadRaw(const UCHAR* source, ULONG index) {
-    const UCHAR* pixel = source + SIZE_T{index} * 2;
-    return pixel[0] | static_cast<ULONG>(pixel[1]) << 8;
+    return Source::ReadPixel(source + SIZE_T{index} * Source::Bytes);
 }
 
 // A pixel as it stands in the stream: quantised, with the literal flag.
+template <typename Source>
 inline ULONG ReadWord(const UCHAR* source, ULONG index, const QUANTISATION& quantisation) {
-    return (ReadRaw(source, index) & quantisation.Mask) | quantisation.Fill | LITERAL_FLAG;
+    return (ReadRaw<Source>(source, index) & quantisation.Mask) | quantisation.Fill | LITERAL_FLAG;
 }
 
 // The word written last and the repeats of it that are not written yet.
@@ -55,13 +115,14 @@ inline void PutRun(UNIT_WRITER* writer, const RUN& run) {
     }
 }
 
+template <typename Source>
 bool MustBreakRun(const RUN& run, const UCHAR* source, ULONG first, ULONG count,
                   const QUANTISATION& quantisation) {
     if (run.Repeats <= LONGEST_OPEN_RUN || count < GROUP_PIXELS) {
         return false;
     }
     for (ULONG lane = 0; lane < count; lane++) {
-        if (ReadWord(source, first + lane, quantisation) != run.Word) {
+        if (ReadWord<Source>(source, first + lane, quantisation) != run.Word) {
             return false;
         }
     }
@@ -69,14 +130,15 @@ bool MustBreakRun(const RUN& run, const UCHAR* source, ULONG first, ULONG count,
 }
 
 // Pixels from `first`, the start of a group, to `end`. The last group of a frame may be incomplete.
+template <typename Source>
 void EncodePixels(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG first, ULONG end,
                   const QUANTISATION& quantisation) {
     for (ULONG group = first; group < end; group += GROUP_PIXELS) {
         const ULONG count = end - group < GROUP_PIXELS ? end - group : GROUP_PIXELS;
         const ULONG breakingLane =
-            MustBreakRun(*run, source, group, count, quantisation) ? BREAKING_LANE : GROUP_PIXELS;
+            MustBreakRun<Source>(*run, source, group, count, quantisation) ? BREAKING_LANE : GROUP_PIXELS;
         for (ULONG lane = 0; lane < count; lane++) {
-            const ULONG word = ReadWord(source, group + lane, quantisation);
+            const ULONG word = ReadWord<Source>(source, group + lane, quantisation);
             if (word == run->Word && lane != breakingLane) {
                 run->Repeats++;
             } else {
@@ -98,8 +160,9 @@ ULONGLONG FinishStream(UNIT_WRITER* writer, const RUN& run, const UCHAR* destina
 }
 
 // Never equal to the first pixel's word, so that the stream starts with a literal.
+template <typename Source>
 RUN StartStream(const UCHAR* source) {
-    return {~ReadRaw(source, 0) & 0xFFFF, 0};
+    return {~ReadRaw<Source>(source, 0) & 0xFFFF, 0};
 }
 
 // A short stream below 80 % of the target counts towards a finer level; one between that and the target ends
@@ -120,45 +183,36 @@ void NoteFrameWithinTarget(PIXEL_CONTEXT* pixel, ULONGLONG length, ULONG targetS
 struct QUANTISER {
     __m128i Mask;
     __m128i Fill;     // with the literal flag
-    __m128i Compared; // the bits in which two quantised pixels can differ
+    __m128i Compared; // the bits in which two quantised pixels can differ, as the source spreads them
 };
 
-TARGET_SSE41 FORCEINLINE __m128i Load(const void* source) {
-    return _mm_loadu_si128(static_cast<const __m128i*>(source));
-}
-
+template <typename Source>
 TARGET_SSE41 FORCEINLINE QUANTISER CreateQuantiser(const GROUP_TABLES& tables, ULONG level) {
-    const __m128i mask = Load(tables.QuantMask[level]);
-    const __m128i fill = Load(tables.QuantFill[level]);
+    const QUANTISATION& quantisation = QUANTISATIONS[level];
     const __m128i flag = _mm_set1_epi16(static_cast<SHORT>(LITERAL_FLAG));
-    return {mask, _mm_or_si128(fill, flag), _mm_andnot_si128(fill, mask)};
+    return {Load(tables.QuantMask[level]), _mm_or_si128(Load(tables.QuantFill[level]), flag),
+            Source::SpreadBits(quantisation.Mask & ~quantisation.Fill)};
 }
 
 // Eight pixels as they stand in the stream.
+template <typename Source>
 TARGET_SSE41 FORCEINLINE __m128i Quantise(const QUANTISER& quantiser, const UCHAR* source) {
-    return _mm_or_si128(_mm_and_si128(Load(source), quantiser.Mask), quantiser.Fill);
+    return _mm_or_si128(_mm_and_si128(Source::ReadOctet(source), quantiser.Mask), quantiser.Fill);
 }
 
-// All ones in the lanes of eight pixels that equal their predecessors.
-TARGET_SSE41 FORCEINLINE __m128i CompareEight(const QUANTISER& quantiser, const UCHAR* source) {
-    const __m128i difference = _mm_xor_si128(Load(source), Load(source - 2));
-    return _mm_cmpeq_epi16(_mm_and_si128(difference, quantiser.Compared), _mm_setzero_si128());
-}
-
-TARGET_SSE41 FORCEINLINE ULONG CompareBlock(const QUANTISER& quantiser, const UCHAR* source) {
-    const __m128i both =
-        _mm_packs_epi16(CompareEight(quantiser, source), CompareEight(quantiser, source + GROUP_BYTES));
-    return static_cast<ULONG>(_mm_movemask_epi8(both));
-}
-
-TARGET_SSE41 FORCEINLINE ULONGLONG FindRepeats(const QUANTISER& quantiser, const UCHAR* source) {
-    return MASKS_JoinBlocks(CompareBlock(quantiser, source), CompareBlock(quantiser, source + BLOCK_BYTES),
-                            CompareBlock(quantiser, source + 2 * BLOCK_BYTES),
-                            CompareBlock(quantiser, source + 3 * BLOCK_BYTES));
+// The pixels of a word that equal the one before.
+template <typename Source>
+TARGET_SSE41 FORCEINLINE ULONGLONG FindRepeats(const UCHAR* source, __m128i compared) {
+    constexpr ULONG blockBytes = BLOCK_PIXELS * Source::Bytes;
+    return MASKS_JoinBlocks(Source::FindRepeats(source, compared),
+                            Source::FindRepeats(source + blockBytes, compared),
+                            Source::FindRepeats(source + 2 * blockBytes, compared),
+                            Source::FindRepeats(source + 3 * blockBytes, compared));
 }
 
 // Encodes strips from `index` on, whose predecessor is readable, until less than a word is left or a run may
 // have to be broken. Returns the pixel it stopped at.
+template <typename Source>
 TARGET_SSE41 ULONG EncodeStrips(const QUANTISATION& quantisation, const QUANTISER& quantiser,
                                 const RUN_PACKER& packer, PACK_CURSOR* position, const UCHAR* source,
                                 ULONG index, ULONG pixelCount) {
@@ -168,21 +222,96 @@ TARGET_SSE41 ULONG EncodeStrips(const QUANTISATION& quantisation, const QUANTISE
         if (words == 0 || cursor.Repeats > LONGEST_OPEN_RUN - STRIP_PIXELS) {
             break;
         }
-        const UCHAR* strip = source + SIZE_T{index} * 2;
+        const UCHAR* strip = source + SIZE_T{index} * Source::Bytes;
         RUN_MASKS masks;
         for (ULONG word = 0; word < words; word++) {
-            masks.Repeats[word] = FindRepeats(quantiser, strip + SIZE_T{word} * WORD_PIXELS * 2);
+            masks.Repeats[word] =
+                FindRepeats<Source>(strip + SIZE_T{word} * WORD_PIXELS * Source::Bytes, quantiser.Compared);
         }
         index += words * WORD_PIXELS;
         MASKS_Complete(&masks, words,
-                       ReadWord(source, index, quantisation) == ReadWord(source, index - 1, quantisation));
+                       ReadWord<Source>(source, index, quantisation) ==
+                           ReadWord<Source>(source, index - 1, quantisation));
         MASKS_ClearLone(&masks, words, cursor.Repeats != 0);
         cursor = PACKER_PutStrip(packer, cursor, masks, words, [&](ULONG group) TARGET_SSE41 {
-            return Quantise(quantiser, strip + SIZE_T{group} * GROUP_BYTES);
+            return Quantise<Source>(quantiser, strip + SIZE_T{group} * GROUP_PIXELS * Source::Bytes);
         });
     }
     *position = cursor;
     return index;
+}
+
+template <typename Source>
+ULONGLONG EncodeByPixel(const UCHAR* source, UCHAR* destination, const UCHAR* destinationEnd,
+                        ULONG pixelCount, ULONG level) {
+    if (pixelCount == 0) {
+        return 0;
+    }
+    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
+    RUN run = StartStream<Source>(source);
+    EncodePixels<Source>(&writer, &run, source, 0, pixelCount, QUANTISATIONS[level]);
+    return FinishStream(&writer, run, destination);
+}
+
+template <typename Source>
+TARGET_SSE41 ULONGLONG EncodeByTable(const PIXEL_CONTEXT& pixel, const UCHAR* source, UCHAR* destination,
+                                     const UCHAR* destinationEnd, ULONG pixelCount, ULONG level) {
+    // Groups are written without asking for room: at most one word stands for each pixel.
+    const SIZE_T room = static_cast<SIZE_T>(destinationEnd - destination);
+    if (room < SIZE_T{pixelCount} * 2 + PACKER_OVERSHOOT || pixelCount < GROUP_PIXELS) {
+        return EncodeByPixel<Source>(source, destination, destinationEnd, pixelCount, level);
+    }
+
+    const QUANTISATION& quantisation = QUANTISATIONS[level];
+    const QUANTISER quantiser = CreateQuantiser<Source>(pixel.Tables, level);
+    const RUN_PACKER packer = PACKER_Create(pixel);
+    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
+    RUN run = StartStream<Source>(source);
+    EncodePixels<Source>(&writer, &run, source, 0, GROUP_PIXELS, quantisation);
+    ULONG index = GROUP_PIXELS;
+    while (MASKS_CountWords(pixelCount - index) != 0) {
+        // Vectors write a run with its last pixel; one that has ended already is not theirs.
+        if (ReadWord<Source>(source, index, quantisation) != run.Word) {
+            PutRun(&writer, run);
+            run.Repeats = 0;
+        }
+        PACK_CURSOR cursor = {writer.Cursor, run.Repeats};
+        index = EncodeStrips<Source>(quantisation, quantiser, packer, &cursor, source, index, pixelCount);
+        writer.Cursor = cursor.Next;
+        run = {ReadWord<Source>(source, index - 1, quantisation), cursor.Repeats};
+        // They also stop before a run that may have to be broken.
+        const ULONG byPixel = MASKS_CountWords(pixelCount - index) * WORD_PIXELS;
+        EncodePixels<Source>(&writer, &run, source, index, index + byPixel, quantisation);
+        index += byPixel;
+    }
+    EncodePixels<Source>(&writer, &run, source, index, pixelCount, quantisation);
+    return FinishStream(&writer, run, destination);
+}
+
+// Encodes at the level that the last frames led to, and at coarser ones until the stream meets its target.
+template <typename Source>
+ULONGLONG EncodeToTarget(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
+                         const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize) {
+    PIXEL_CONTEXT& pixel = context->Pixel;
+    if (!pixel.GroupTablesReady) {
+        COMPRESSION_BuildGroupTables(context);
+    }
+    if (pixelCount == 0) {
+        return 0;
+    }
+    for (;;) {
+        // A stream that does not fit is too long, whatever the target.
+        const ULONGLONG length =
+            EncodeByTable<Source>(pixel, source, destination, destinationEnd, pixelCount, pixel.QuantLevel);
+        if (length != 0 && length <= targetSize) {
+            NoteFrameWithinTarget(&pixel, length, targetSize);
+            return length;
+        }
+        if (pixel.QuantLevel >= QUANT_LEVEL_COARSEST) {
+            return length;
+        }
+        pixel.QuantLevel += (QUANT_LEVEL_COARSEST + 1 - pixel.QuantLevel) / 2;
+    }
 }
 
 } // namespace
@@ -201,70 +330,31 @@ void COMPRESSION_BuildGroupTables(DEVICE_CONTEXT* context) {
 
 ULONGLONG COMPRESSION_EncodeGroupsByPixel(const UCHAR* source, UCHAR* destination,
                                           const UCHAR* destinationEnd, ULONG pixelCount, ULONG level) {
-    if (pixelCount == 0) {
-        return 0;
-    }
-    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
-    RUN run = StartStream(source);
-    EncodePixels(&writer, &run, source, 0, pixelCount, QUANTISATIONS[level]);
-    return FinishStream(&writer, run, destination);
+    return EncodeByPixel<RGB555_SOURCE>(source, destination, destinationEnd, pixelCount, level);
 }
 
-TARGET_SSE41 ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
-                                                       UCHAR* destination, const UCHAR* destinationEnd,
-                                                       ULONG pixelCount, ULONG level) {
-    // Groups are written without asking for room: at most one word stands for each pixel.
-    const SIZE_T room = static_cast<SIZE_T>(destinationEnd - destination);
-    if (room < SIZE_T{pixelCount} * 2 + PACKER_OVERSHOOT || pixelCount < GROUP_PIXELS) {
-        return COMPRESSION_EncodeGroupsByPixel(source, destination, destinationEnd, pixelCount, level);
-    }
+ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
+                                          UCHAR* destination, const UCHAR* destinationEnd, ULONG pixelCount,
+                                          ULONG level) {
+    return EncodeByTable<RGB555_SOURCE>(context->Pixel, source, destination, destinationEnd, pixelCount,
+                                        level);
+}
 
-    const QUANTISATION& quantisation = QUANTISATIONS[level];
-    const QUANTISER quantiser = CreateQuantiser(context->Pixel.Tables, level);
-    const RUN_PACKER packer = PACKER_Create(context->Pixel);
-    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
-    RUN run = StartStream(source);
-    EncodePixels(&writer, &run, source, 0, GROUP_PIXELS, quantisation);
-    ULONG index = GROUP_PIXELS;
-    while (MASKS_CountWords(pixelCount - index) != 0) {
-        // Vectors write a run with its last pixel; one that has ended already is not theirs.
-        if (ReadWord(source, index, quantisation) != run.Word) {
-            PutRun(&writer, run);
-            run.Repeats = 0;
-        }
-        PACK_CURSOR cursor = {writer.Cursor, run.Repeats};
-        index = EncodeStrips(quantisation, quantiser, packer, &cursor, source, index, pixelCount);
-        writer.Cursor = cursor.Next;
-        run = {ReadWord(source, index - 1, quantisation), cursor.Repeats};
-        // They also stop before a run that may have to be broken.
-        const ULONG byPixel = MASKS_CountWords(pixelCount - index) * WORD_PIXELS;
-        EncodePixels(&writer, &run, source, index, index + byPixel, quantisation);
-        index += byPixel;
-    }
-    EncodePixels(&writer, &run, source, index, pixelCount, quantisation);
-    return FinishStream(&writer, run, destination);
+ULONGLONG COMPRESSION_EncodeBgrx32GroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
+                                                UCHAR* destination, const UCHAR* destinationEnd,
+                                                ULONG pixelCount, ULONG level) {
+    return EncodeByTable<BGRX32_SOURCE>(context->Pixel, source, destination, destinationEnd, pixelCount,
+                                        level);
 }
 
 ULONGLONG COMPRESSION_EncodeRgb555Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
                                          const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize) {
-    PIXEL_CONTEXT& pixel = context->Pixel;
-    if (!pixel.GroupTablesReady) {
-        COMPRESSION_BuildGroupTables(context);
-    }
-    if (pixelCount == 0) {
-        return 0;
-    }
-    for (;;) {
-        // A stream that does not fit is too long, whatever the target.
-        const ULONGLONG length = COMPRESSION_EncodeGroupsByTable(context, source, destination, destinationEnd,
-                                                                 pixelCount, pixel.QuantLevel);
-        if (length != 0 && length <= targetSize) {
-            NoteFrameWithinTarget(&pixel, length, targetSize);
-            return length;
-        }
-        if (pixel.QuantLevel >= QUANT_LEVEL_COARSEST) {
-            return length;
-        }
-        pixel.QuantLevel += (QUANT_LEVEL_COARSEST + 1 - pixel.QuantLevel) / 2;
-    }
+    return EncodeToTarget<RGB555_SOURCE>(context, source, destination, destinationEnd, pixelCount,
+                                         targetSize);
+}
+
+ULONGLONG COMPRESSION_EncodeBgrx32Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
+                                         const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize) {
+    return EncodeToTarget<BGRX32_SOURCE>(context, source, destination, destinationEnd, pixelCount,
+                                         targetSize);
 }

@@ -17,13 +17,22 @@ constexpr USHORT QUANT_LEVEL_COARSEST = 11;
 ULONGLONG COMPRESSION_EncodeRgb555Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
                                          const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize);
 
-// One pass at a given level, without level control. The first is the reference pixel by pixel, the second
-// needs the tables, SSSE3 and SSE4.1.
+// The same stream straight from the client's BGRX32 pixels: each is reduced to RGB555 where it is compared,
+// and again where it is written, which costs less than to write the reduced frame and read it back.
+ULONGLONG COMPRESSION_EncodeBgrx32Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
+                                         const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize);
+
+// One pass at a given level, without level control. The first is the reference pixel by pixel, the others
+// need the tables, SSSE3 and SSE4.1.
 ULONGLONG COMPRESSION_EncodeGroupsByPixel(const UCHAR* source, UCHAR* destination,
                                           const UCHAR* destinationEnd, ULONG pixelCount, ULONG level);
 ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
                                           UCHAR* destination, const UCHAR* destinationEnd, ULONG pixelCount,
                                           ULONG level);
+
+ULONGLONG COMPRESSION_EncodeBgrx32GroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
+                                                UCHAR* destination, const UCHAR* destinationEnd,
+                                                ULONG pixelCount, ULONG level);
 
 // Fills the tables and sets GroupTablesReady.
 void COMPRESSION_BuildGroupTables(DEVICE_CONTEXT* context);

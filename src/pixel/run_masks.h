@@ -15,7 +15,7 @@
 #include <emmintrin.h>
 
 constexpr ULONG WORD_PIXELS = 64;
-constexpr ULONG STRIP_WORDS = 8;
+constexpr ULONG STRIP_WORDS = 16;
 constexpr ULONG STRIP_PIXELS = STRIP_WORDS * WORD_PIXELS;
 constexpr ULONG BLOCK_PIXELS = 16;
 constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
@@ -23,7 +23,7 @@ constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
 struct RUN_MASKS {
     alignas(16) ULONGLONG Repeats[STRIP_WORDS + 1]; // behind the strip's words: the pixel after the strip
     alignas(16) ULONGLONG Continued[STRIP_WORDS];
-    ULONG WritingBlocks; // bit i: block i writes something
+    ULONGLONG WritingBlocks; // bit i: block i writes something
 };
 
 // The words of a strip at the start of `pixels` pixels: the pixel after the strip must be there to be looked
@@ -47,11 +47,11 @@ inline void MASKS_Complete(RUN_MASKS* masks, ULONG words, bool repeatAfter) {
     }
     const __m128i* continued = reinterpret_cast<const __m128i*>(masks->Continued);
     const __m128i all = _mm_set1_epi16(-1);
-    ULONG silent = 0;
-    for (ULONG half = 0; half < 2; half++) {
-        const __m128i low = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * half), all);
-        const __m128i high = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * half + 1), all);
-        silent |= static_cast<ULONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) << 16 * half;
+    ULONGLONG silent = 0;
+    for (ULONG part = 0; part < STRIP_WORDS / 4; part++) {
+        const __m128i low = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * part), all);
+        const __m128i high = _mm_cmpeq_epi16(_mm_load_si128(continued + 2 * part + 1), all);
+        silent |= static_cast<ULONGLONG>(_mm_movemask_epi8(_mm_packs_epi16(low, high))) << 16 * part;
     }
     masks->WritingBlocks = ~silent;
 }

@@ -48,7 +48,7 @@ TARGET_SSSE3 FORCEINLINE PACK_CURSOR PACKER_PutStrip(const RUN_PACKER& packer, P
                                                      ReadLiterals readLiterals) {
     ULONG done = 0;
     ULONG block = 0;
-    for (ULONG left = masks.WritingBlocks; _BitScanForward(&block, left); left &= left - 1) {
+    for (ULONGLONG left = masks.WritingBlocks; _BitScanForward64(&block, left); left &= left - 1) {
         cursor.Repeats += (block - done) * BLOCK_PIXELS;
         done = block + 1;
         const ULONG low = 2 * block;

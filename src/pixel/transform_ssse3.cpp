@@ -1,11 +1,8 @@
-// The block conversions. A reduction to 8 or 16 bits per pixel is the same few steps for every format: spread
-// the pixels over 32-bit lanes, keep each channel's high bits, move the channels together by two
-// multiplications, shift, and pack the lanes.
+// The block conversions.
 #include "pixel/transform.h"
 
 #include "driver/device_context.h"
-
-#include <tmmintrin.h>
+#include "pixel/reduce_ssse3.h"
 
 namespace {
 
@@ -13,21 +10,6 @@ namespace {
 struct PIXEL_BLOCK {
     __m128i Quad[4];
 };
-
-// How a 32-bit lane becomes a narrow pixel: the channel bits kept, the factors that first join blue with
-// green and then both with red, and the shift that brings the pixel from its place in the product to bit 16.
-struct REDUCTION {
-    ULONG ChannelMask;
-    ULONG ByteFactors;
-    ULONG WordFactors;
-    int ShiftToHighHalf;
-};
-
-// Blue stays at bits 7..3. Green, at bits 7..2 or 7..3, moves up until it stands above blue; red likewise.
-constexpr REDUCTION REDUCE_TO_RGB565 = {0x00F8FCF8, 0x00404001, 0x00200001, 13};
-constexpr REDUCTION REDUCE_TO_RGB555 = {0x00F8F8F8, 0x00202001, 0x00200001, 13};
-// Blue at bits 7..5, green eight times that, red's two bits above both.
-constexpr REDUCTION REDUCE_TO_RGB8 = {0x00C0E0E0, 0x00200801, 0x00010001, 11};
 
 TARGET_SSSE3 inline __m128i Load(const UCHAR* address) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(address));
@@ -53,21 +35,6 @@ struct BGR24_SOURCE {
                  _mm_shuffle_epi8(_mm_srli_si128(third, 4), spread)}};
     }
 };
-
-// The narrow pixel ends in each lane as a sign-extended 16-bit value, which the saturating signed pack leaves
-// as it is; the unsigned pack would need SSE4.1.
-template <const REDUCTION& Rule>
-TARGET_SSSE3 inline __m128i ReduceQuad(__m128i quad) {
-    const __m128i channels = _mm_and_si128(quad, _mm_set1_epi32(Rule.ChannelMask));
-    const __m128i joined = _mm_madd_epi16(_mm_maddubs_epi16(channels, _mm_set1_epi32(Rule.ByteFactors)),
-                                          _mm_set1_epi32(Rule.WordFactors));
-    return _mm_srai_epi32(_mm_slli_epi32(joined, Rule.ShiftToHighHalf), 16);
-}
-
-template <const REDUCTION& Rule>
-TARGET_SSSE3 inline __m128i ReduceOctet(__m128i low, __m128i high) {
-    return _mm_packs_epi32(ReduceQuad<Rule>(low), ReduceQuad<Rule>(high));
-}
 
 // Plain stores: the compressor reads the converted frame again at once.
 template <typename Source, const REDUCTION& Rule>
@@ -137,8 +104,9 @@ void PIXEL_Bgrx32ToRgb565Blocks(UCHAR* destination, const UCHAR* source, ULONG p
 
 // The converted frame is next read by the USB controller, not by the processor: non-temporal stores keep it
 // out of the caches and save reading the lines that are overwritten whole. The fence orders them before
-// whatever hands the buffer over. Each quad is compacted so that its parts already stand where the three
-// output vectors need them.
+// whatever hands the buffer over. (Only old chips with three adapters on a bus compress such a frame, and
+// read it once more.) Each quad is compacted so that its parts already stand where the three output vectors
+// need them.
 TARGET_SSSE3 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
     const __m128i toHigh12 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14);

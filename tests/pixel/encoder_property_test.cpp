@@ -41,13 +41,12 @@ std::string problemOf(const Encoder& encoder, unsigned level, const Bytes& sourc
     const Bytes stream = test::encode(encoder, form, context.get(), source);
     std::string problem;
     const Bytes shown = test::expand(stream, encoder.unit, pixels, problem);
-    const bool quantised = encoder.name == std::string("groups");
     for (size_t index = 0; index < pixels && problem.empty(); index++) {
-        const unsigned before = pixelAt(source, index, encoder.sourceBytes);
+        const unsigned before = test::asUnit(encoder, pixelAt(source, index, encoder.sourceBytes));
         const unsigned after = pixelAt(shown, index, encoder.unit);
         const unsigned open = kLost[encoder.unit] | (encoder.tolerant ? kTolerated[level] : 0);
-        const bool right =
-            quantised ? after == ((before & kKept[level]) | kSet[level]) : (before | open) == (after | open);
+        const bool right = encoder.quantises ? after == ((before & kKept[level]) | kSet[level])
+                                             : (before | open) == (after | open);
         if (!right) {
             problem = "pixel " + std::to_string(index) + " of " + std::to_string(pixels);
         }

@@ -7,6 +7,7 @@
 #include "pixel/exact_encoder.h"
 #include "pixel/group_encoder.h"
 #include "pixel/run_encoder.h"
+#include "pixel/transform.h"
 
 #include <algorithm>
 #include <string>
@@ -22,7 +23,8 @@ struct Encoder {
     const char* name;
     unsigned sourceBytes;
     unsigned unit;
-    bool tolerant; // follows CompressionLevel, ends with fill bytes
+    bool tolerant;  // follows CompressionLevel, ends with fill bytes
+    bool quantises; // follows QuantLevel
     Encode byPixel;
     Encode vectors; // null: there is none
 };
@@ -36,24 +38,24 @@ ULONGLONG encodeRuns(DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULO
 }
 
 inline const Encoder kEncoders[] = {
-    {"tolerant 8-bit", 1, 1, true, encodeRuns<1, true>, nullptr},
-    {"tolerant 16-bit", 2, 2, true, encodeRuns<2, true>, encodeRuns<2, false>},
-    {"tolerant 24-bit", 3, 3, true, encodeRuns<3, true>, nullptr},
-    {"exact BGR24", 3, 3, false,
+    {"tolerant 8-bit", 1, 1, true, false, encodeRuns<1, true>, nullptr},
+    {"tolerant 16-bit", 2, 2, true, false, encodeRuns<2, true>, encodeRuns<2, false>},
+    {"tolerant 24-bit", 3, 3, true, false, encodeRuns<3, true>, nullptr},
+    {"exact BGR24", 3, 3, false, false,
      [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
          return COMPRESSION_EncodeBgr24Exact(source.data(), destination, end, pixels);
      },
      [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
          return COMPRESSION_EncodeBgr24ExactBlocks(source.data(), destination, end, pixels);
      }},
-    {"exact BGRX32", 4, 3, false,
+    {"exact BGRX32", 4, 3, false, false,
      [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
          return COMPRESSION_EncodeBgrx32Exact(source.data(), destination, end, pixels);
      },
      [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
          return COMPRESSION_EncodeBgrx32ExactBlocks(source.data(), destination, end, pixels);
      }},
-    {"groups", 2, 2, false,
+    {"groups", 2, 2, false, true,
      [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
         const UCHAR* end) {
          return COMPRESSION_EncodeGroupsByPixel(source.data(), destination, end, pixels,
@@ -64,7 +66,28 @@ inline const Encoder kEncoders[] = {
          return COMPRESSION_EncodeGroupsByTable(context, source.data(), destination, end, pixels,
                                                 context->Pixel.QuantLevel);
      }},
+    // The reference reduces the frame first.
+    {"groups from BGRX32", 4, 2, false, true,
+     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
+        const UCHAR* end) {
+         Bytes reduced(size_t{pixels} * 2);
+         PIXEL_Bgrx32ToRgb16(reduced.data(), source.data(), pixels, 1);
+         return COMPRESSION_EncodeGroupsByPixel(reduced.data(), destination, end, pixels,
+                                                context->Pixel.QuantLevel);
+     },
+     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
+        const UCHAR* end) {
+         return COMPRESSION_EncodeBgrx32GroupsByTable(context, source.data(), destination, end, pixels,
+                                                      context->Pixel.QuantLevel);
+     }},
 };
+
+// A pixel of the encoder's source as a unit can carry it.
+inline unsigned asUnit(const Encoder& encoder, unsigned pixel) {
+    return encoder.sourceBytes == 4 && encoder.unit == 2
+               ? (pixel >> 9 & 0x7C00) | (pixel >> 6 & 0x03E0) | (pixel >> 3 & 0x001F)
+               : pixel;
+}
 
 // The bytes of a stream that its pixels need; the rest is filling.
 inline size_t usedBytes(const Bytes& stream, unsigned unit, size_t pixels) {

@@ -1,0 +1,44 @@
+// Reductions to 8 or 16 bits per pixel, the same few steps for every format: with the pixels in 32-bit lanes,
+// keep each channel's high bits, move the channels together by two multiplications, shift, and pack the
+// lanes. SSSE3.
+#pragma once
+
+#include "driver/annotations.h"
+
+#include <tmmintrin.h>
+
+// How a 32-bit lane becomes a narrow pixel: the channel bits kept, the factors that first join blue with
+// green and then both with red, the lowest bit of the pixel in the product, and whether the pixel has a
+// bit 15.
+struct REDUCTION {
+    ULONG ChannelMask;
+    ULONG ByteFactors;
+    ULONG WordFactors;
+    int Place;
+    bool IsSigned;
+};
+
+// Blue stays at bits 7..3. Green, at bits 7..2 or 7..3, moves up until it stands above blue; red likewise.
+constexpr REDUCTION REDUCE_TO_RGB565 = {0x00F8FCF8, 0x00404001, 0x00200001, 3, true};
+constexpr REDUCTION REDUCE_TO_RGB555 = {0x00F8F8F8, 0x00202001, 0x00200001, 3, false};
+// Blue at bits 7..5, green eight times that, red's two bits above both.
+constexpr REDUCTION REDUCE_TO_RGB8 = {0x00C0E0E0, 0x00200801, 0x00010001, 5, false};
+
+// The pack saturates signed numbers: a pixel with a bit 15 ends in its lane as a negative one, which costs
+// another shift. The unsigned pack would need SSE4.1.
+template <const REDUCTION& Rule>
+TARGET_SSSE3 FORCEINLINE __m128i ReduceQuad(__m128i quad) {
+    const __m128i channels = _mm_and_si128(quad, _mm_set1_epi32(Rule.ChannelMask));
+    const __m128i joined = _mm_madd_epi16(_mm_maddubs_epi16(channels, _mm_set1_epi32(Rule.ByteFactors)),
+                                          _mm_set1_epi32(Rule.WordFactors));
+    if constexpr (Rule.IsSigned) {
+        return _mm_srai_epi32(_mm_slli_epi32(joined, 16 - Rule.Place), 16);
+    } else {
+        return _mm_srli_epi32(joined, Rule.Place);
+    }
+}
+
+template <const REDUCTION& Rule>
+TARGET_SSSE3 FORCEINLINE __m128i ReduceOctet(__m128i low, __m128i high) {
+    return _mm_packs_epi32(ReduceQuad<Rule>(low), ReduceQuad<Rule>(high));
+}
