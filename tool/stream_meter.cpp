@@ -155,6 +155,10 @@ void StreamMeter::reportCpu(Report& report) const {
         "CPU per frame",
         fmt::format("client fill {:.2f} ms | convert and queue {:.2f} ms | send and complete {:.2f} ms", fill,
                     convert, complete));
+    report.add("cpu_ms",
+               {{"client_fill", static_cast<double>(end_.fill - begin_.fill) * 1e-6},
+                {"convert_and_queue", static_cast<double>(end_.convert - begin_.convert) * 1e-6},
+                {"send_and_complete", static_cast<double>(end_.complete - begin_.complete) * 1e-6}});
     report.add("allocations", end_.allocations - begin_.allocations, "allocations",
                fmt::format("{} in the driver while streaming", end_.allocations - begin_.allocations));
 }

@@ -85,6 +85,32 @@ TEST_P(Sleep, MeetsASwitch) {
     });
 }
 
+// The surprise does not wait for the power callback under way: Windows orders the two by nothing.
+TEST_P(Sleep, MeetsTheEndOfTheCable) {
+    explore(60, [](Session& session) {
+        showDesktop(session, adapterWith(GetParam()), pattern("bars", kWidth, kHeight));
+        expectPicture(session);
+        {
+            platform::DeviceNode& node = session.node();
+            const bool waking = kernel::choose(2) == 0;
+            if (waking) {
+                session.suspend();
+            }
+            ClientThread power("power", [&] {
+                if (waking) {
+                    session.machine().resume(node);
+                } else {
+                    session.machine().suspend(node);
+                }
+            });
+            session.machine().sleep(static_cast<usb::Time>(kernel::choose(20'000)) * kMillisecond / 10);
+            session.surpriseRemove();
+        }
+        showDesktop(session, adapterWith(GetParam()), pattern("gradient", kWidth, kHeight));
+        expectPicture(session, kSettled);
+    });
+}
+
 INSTANTIATE_TEST_SUITE_P(With, Sleep, testing::Bool(),
                          [](const auto& info) { return info.param ? "Transmitter" : "NoTransmitter"; });
 
