@@ -3,6 +3,8 @@
 #pragma once
 
 #include <ntddk.h>
+#include <usb.h>
+#include <usbdlib.h>
 #include <wdf.h>
 #include <wdfusb.h>
 

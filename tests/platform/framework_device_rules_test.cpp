@@ -129,8 +129,7 @@ std::vector<FrameworkCase> deviceCases() {
          },
          callbacksOnly, useInitInTime},
         {Rule::PnpOrder, "a reader that runs on when the device leaves D0", callbacksAndSleep,
-         [](World& world) { world.startReaderInPrepare(); },
-         callbacksAndSleep,
+         [](World& world) { world.startReaderInPrepare(); }, callbacksAndSleep,
          [](World& world) {
              world.startReaderInPrepare();
              world.bench.driver.selfManagedIoSuspend = [&world](WDFDEVICE) {
