@@ -352,9 +352,9 @@ void Adapter::loadMemory(Memory which, std::span<const std::uint8_t> contents) {
     cellsOf(state_->board, which).load(contents);
 }
 
-void Adapter::corruptWrite(Memory which, std::uint32_t address) {
+void Adapter::corruptWrites(Memory which, std::uint32_t address, unsigned times) {
     const std::lock_guard guard(state_->mutex);
-    cellsOf(state_->board, which).corruptWrite(address);
+    cellsOf(state_->board, which).corruptWrites(address, times);
 }
 
 void Adapter::refuseWrites(Memory which, bool refuse) {

@@ -159,8 +159,8 @@ class Adapter final : public usb::Device {
     // The memories. Loading replaces the start of the contents; throws std::length_error when it is too long.
     std::vector<std::uint8_t> memory(Memory which) const;
     void loadMemory(Memory which, std::span<const std::uint8_t> contents);
-    // The next write that covers `address` stores its lowest bit wrong.
-    void corruptWrite(Memory which, std::uint32_t address);
+    // The next writes that cover `address`, so many of them, store its lowest bit wrong.
+    void corruptWrites(Memory which, std::uint32_t address, unsigned times = 1);
     void refuseWrites(Memory which, bool refuse); // the memory does not acknowledge writes
 
     // The screen.

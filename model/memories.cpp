@@ -15,8 +15,11 @@ void MemoryCells::load(std::span<const std::uint8_t> contents) {
 
 void MemoryCells::set(std::size_t address, std::uint8_t value) {
     address %= cells_.size();
-    if (corrupt_.erase(static_cast<std::uint32_t>(address)) != 0)
+    const auto corrupt = corrupt_.find(static_cast<std::uint32_t>(address));
+    if (corrupt != corrupt_.end() && corrupt->second > 0) {
+        --corrupt->second;
         value ^= 1;
+    }
     cells_[address] = value;
 }
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
-#include <set>
 #include <span>
 #include <vector>
 
@@ -18,7 +18,7 @@ class MemoryCells {
 
     const std::vector<std::uint8_t>& contents() const { return cells_; }
     void load(std::span<const std::uint8_t> contents); // throws std::length_error when it is too long
-    void corruptWrite(std::uint32_t address) { corrupt_.insert(address); }
+    void corruptWrites(std::uint32_t address, unsigned times) { corrupt_[address] = times; }
     void refuseWrites(bool refuse) { refuse_ = refuse; }
 
     bool refusesWrites() const { return refuse_; }
@@ -29,7 +29,7 @@ class MemoryCells {
 
   private:
     std::vector<std::uint8_t> cells_;
-    std::set<std::uint32_t> corrupt_;
+    std::map<std::uint32_t, unsigned> corrupt_; // how many more writes of that byte go wrong
     bool refuse_ = false;
 };
 

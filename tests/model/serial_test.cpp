@@ -105,7 +105,7 @@ TEST(Memories, EepromWritesTakeAWriteCycleAndStayInTheirPage) {
     EXPECT_EQ(cells[0x20], 0xCC) << "a page write wraps";
     EXPECT_EQ(cells[0x30], 0xFF);
 
-    host.adapter.corruptWrite(Memory::Eeprom, 12);
+    host.adapter.corruptWrites(Memory::Eeprom, 12);
     ASSERT_TRUE(host.i2cWrite(i2c::kEeprom, 12, 0));
     ASSERT_TRUE(host.i2cRead(i2c::kEeprom, 12, value));
     EXPECT_EQ(value, 1u);
