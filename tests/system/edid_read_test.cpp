@@ -1,0 +1,146 @@
+// How the monitor's EDID gets into the driver, through the adapter's own master and through the transmitter:
+// whole, whatever its length, and without harm when the monitor garbles it or falls silent.
+#include "tests/system/rig.h"
+
+#include "driver/device_context.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <numeric>
+
+namespace system_test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kBlock = 128;
+
+void fixChecksum(Bytes& edid, std::size_t block) {
+    const auto first = edid.begin() + static_cast<std::ptrdiff_t>(block * kBlock);
+    const unsigned sum = std::accumulate(first, first + kBlock - 1, 0u);
+    edid[block * kBlock + kBlock - 1] = static_cast<std::uint8_t>(0x100 - sum % 0x100);
+}
+
+// The built-in monitor with so many blocks, of which no two are alike.
+Bytes edidOf(std::size_t blocks) {
+    const Bytes builtin = tool::builtinEdid();
+    Bytes edid(builtin.begin(), builtin.begin() + kBlock);
+    edid[126] = static_cast<std::uint8_t>(blocks - 1);
+    fixChecksum(edid, 0);
+    for (std::size_t block = 1; block < blocks; block++) {
+        edid.insert(edid.end(), builtin.begin() + kBlock, builtin.begin() + 2 * kBlock);
+        edid[block * kBlock + kBlock - 2] = static_cast<std::uint8_t>(block); // behind the timings
+        fixChecksum(edid, block);
+    }
+    return edid;
+}
+
+PlugOptions adapterOn(bool transmitter) {
+    PlugOptions options = adapter();
+    options.adapter.transmitter = transmitter;
+    return options;
+}
+
+// What the driver holds of a block. The base block is rewritten for the client.
+Bytes blockInDriver(Session& session, std::size_t block) {
+    const auto* context = static_cast<const DEVICE_CONTEXT*>(session.client().driverRecord().Context);
+    const UCHAR(&bytes)[kBlock] = context->Display.EdidBlocks[block];
+    return {std::begin(bytes), std::end(bytes)};
+}
+
+Bytes offered(Session& session) {
+    Bytes edid(kBlock);
+    require(session.client().command(CMD_QUERY_EDID, {}, edid), "asking for the EDID");
+    return edid;
+}
+
+const Bytes kNothing(kBlock, 0);
+
+unsigned sumOf(const Bytes& block) {
+    return std::accumulate(block.begin(), block.end(), 0u) % 0x100;
+}
+
+class EdidRead : public testing::TestWithParam<bool> {};
+
+TEST_P(EdidRead, BringsEveryBlock) {
+    for (const std::size_t blocks : {1, 2, 3, 8}) {
+        SCOPED_TRACE(fmt::format("{} blocks", blocks));
+        runSession(inOrder(), [&](Session& session) {
+            const Bytes edid = edidOf(blocks);
+            session.attachMonitor(edid);
+            session.plug(adapterOn(GetParam()));
+            session.openClient();
+            EXPECT_EQ(0x00, offered(session)[0]);
+            EXPECT_EQ(0xFF, offered(session)[1]);
+            for (std::size_t block = 1; block < 8; block++) {
+                const auto first = edid.begin() + static_cast<std::ptrdiff_t>(block * kBlock);
+                EXPECT_EQ(block < blocks ? Bytes(first, first + kBlock) : kNothing,
+                          blockInDriver(session, block))
+                    << "block " << block;
+            }
+        });
+    }
+}
+
+// Header and CEA structure are looked at where there is a transmitter to set up by them; checksums never are.
+// What the client is offered has a right one in any case.
+TEST_P(EdidRead, TakesOfACorruptOneWhatItCan) {
+    const struct {
+        const char* what;
+        std::size_t byte;
+        bool structural;
+    } cases[] = {
+        {"header", 5, true}, // the first three are never asked for through the transmitter
+        {"contents", 20, false},
+        {"checksum", 127, false},
+        {"revision of the extension", kBlock + 1, true},
+        {"checksum of the extension", 2 * kBlock - 1, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        runSession(inOrder(), [&](Session& session) {
+            Bytes edid = edidOf(2);
+            edid[c.byte] ^= 0x10;
+            session.attachMonitor(edid);
+            session.plug(adapterOn(GetParam()));
+            session.openClient();
+            EXPECT_EQ(GetParam() && c.structural, offered(session) == kNothing);
+            EXPECT_EQ(0u, sumOf(offered(session)));
+        });
+    }
+}
+
+// The monitor answers so many bytes and then holds the bus. The client arrives all the same, soon enough, and
+// the next monitor is read.
+TEST_P(EdidRead, OutlivesAMonitorThatFallsSilent) {
+    for (const unsigned bytes : {0u, 1u, 7u, 50u, 127u, 128u, 200u, 255u}) {
+        SCOPED_TRACE(fmt::format("silent after {} bytes", bytes));
+        runSession(inOrder(), [&](Session& session) {
+            session.attachMonitor(edidOf(2));
+            session.plug(adapterOn(GetParam()));
+            session.openClient();
+            const Bytes whole = offered(session);
+
+            session.detachMonitor();
+            session.adapter().limitDdcAnswers(bytes);
+            const usb::Time begin = session.machine().clock().now();
+            session.attachMonitor(edidOf(2));
+            session.openClient();
+            EXPECT_LT(session.machine().clock().now() - begin, 60 * kSecond);
+            EXPECT_EQ(0u, sumOf(offered(session)));
+
+            session.detachMonitor();
+            session.adapter().limitDdcAnswers(std::nullopt);
+            session.attachMonitor(edidOf(2));
+            session.openClient();
+            EXPECT_EQ(whole, offered(session));
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Through, EdidRead, testing::Bool(),
+                         [](const auto& info) { return info.param ? "Transmitter" : "Adapter"; });
+
+} // namespace
+} // namespace system_test
