@@ -90,35 +90,42 @@ double median(std::vector<double> values) {
     return values[values.size() / 2];
 }
 
-void printMovingRow(const Scene& scene, usb::Speed link) {
+// The last of several runs, with the medians of their processor times.
+Json repeat(const Scene& scene, usb::Speed link, Desktop desktop) {
     std::vector<double> convert;
     std::vector<double> complete;
     Json last;
     for (unsigned repetition = 0; repetition < kRepetitions; repetition++) {
-        last = stream(scene, link, Desktop::Moves);
-        convert.push_back(last["cpu_ms_per_frame"]["convert_and_queue"].get<double>());
-        complete.push_back(last["cpu_ms_per_frame"]["send_and_complete"].get<double>());
+        last = stream(scene, link, desktop);
+        convert.push_back(last["cpu_ms"]["convert_and_queue"].get<double>());
+        complete.push_back(last["cpu_ms"]["send_and_complete"].get<double>());
     }
+    last["cpu_ms"] = {{"convert_and_queue", median(convert)}, {"send_and_complete", median(complete)}};
+    return last;
+}
+
+const char* nameOf(usb::Speed link) {
+    return link == usb::Speed::Super ? "usb3" : "usb2";
+}
+
+void printMovingRow(const Scene& scene, usb::Speed link) {
+    const Json run = repeat(scene, link, Desktop::Moves);
+    const double presented = run["frames"]["presented"].get<double>();
     fmt::print("{:<16} {:<5} {:>9.1f} {:>11.0f} {:>8.1f} {:>9.3f} {:>9.3f} {:>12}\n", scene.name,
-               link == usb::Speed::Super ? "usb3" : "usb2",
-               last["frame_rate"].is_number() ? last["frame_rate"].get<double>() : 0.0,
-               last["wire"]["bytes_per_frame"].get<double>() * 1e-3, last["wire"]["busy"].get<double>() * 100,
-               median(convert), median(complete), last["allocations"].get<std::uint64_t>());
+               nameOf(link), run["frame_rate"].is_number() ? run["frame_rate"].get<double>() : 0.0,
+               run["wire"]["bytes_per_frame"].get<double>() * 1e-3, run["wire"]["busy"].get<double>() * 100,
+               run["cpu_ms"]["convert_and_queue"].get<double>() / presented,
+               run["cpu_ms"]["send_and_complete"].get<double>() / presented,
+               run["allocations"].get<std::uint64_t>());
 }
 
 void printStillRow(const Scene& scene, usb::Speed link) {
-    std::vector<double> convert;
-    std::vector<double> complete;
-    Json last;
-    for (unsigned repetition = 0; repetition < kRepetitions; repetition++) {
-        last = stream(scene, link, Desktop::StandsStill);
-        convert.push_back(last["cpu_ms"]["convert_and_queue"].get<double>());
-        complete.push_back(last["cpu_ms"]["send_and_complete"].get<double>() * 1000 /
-                           last["frames"]["sent"].get<double>());
-    }
-    fmt::print("{:<16} {:<5} {:>10} {:>9.3f} {:>14.2f} {:>12}\n", scene.name,
-               link == usb::Speed::Super ? "usb3" : "usb2", last["frames"]["sent"].get<std::uint64_t>(),
-               median(convert), median(complete), last["allocations"].get<std::uint64_t>());
+    const Json run = repeat(scene, link, Desktop::StandsStill);
+    const double sent = run["frames"]["sent"].get<double>();
+    fmt::print("{:<16} {:<5} {:>10} {:>9.3f} {:>14.2f} {:>12}\n", scene.name, nameOf(link), sent,
+               run["cpu_ms"]["convert_and_queue"].get<double>(),
+               run["cpu_ms"]["send_and_complete"].get<double>() * 1000 / sent,
+               run["allocations"].get<std::uint64_t>());
 }
 
 } // namespace

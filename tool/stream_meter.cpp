@@ -11,8 +11,10 @@ double seconds(usb::Time time) {
     return static_cast<double>(time) / usb::kSecond;
 }
 
-double perFrameMs(std::uint64_t nanoseconds, std::uint64_t frames) {
-    return static_cast<double>(nanoseconds) / 1e6 / static_cast<double>(std::max<std::uint64_t>(frames, 1));
+// What a thread spent in the driver is estimated, and on a busy machine a later estimate may be the smaller
+// one.
+std::uint64_t growth(std::uint64_t before, std::uint64_t after) {
+    return after > before ? after - before : 0;
 }
 
 // How often the group encoder encoded one frame anew to get from one level to another: each time it goes half
@@ -146,19 +148,22 @@ void StreamMeter::reportFrames(Report& report, bool realTime) const {
 }
 
 void StreamMeter::reportCpu(Report& report) const {
-    const double fill = perFrameMs(end_.fill - begin_.fill, presented_);
-    const double convert = perFrameMs(end_.convert - begin_.convert, presented_);
-    const double complete = perFrameMs(end_.complete - begin_.complete, presented_);
+    const std::uint64_t fill = growth(begin_.fill, end_.fill);
+    const std::uint64_t convert = growth(begin_.convert, end_.convert);
+    const std::uint64_t complete = growth(begin_.complete, end_.complete);
+    const auto inMs = [](std::uint64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e6; };
+    report.add("cpu_ms", {{"client_fill", inMs(fill)},
+                          {"convert_and_queue", inMs(convert)},
+                          {"send_and_complete", inMs(complete)}});
+    const double frames = static_cast<double>(std::max<std::uint64_t>(presented_, 1));
     report.add(
         "cpu_ms_per_frame",
-        {{"client_fill", fill}, {"convert_and_queue", convert}, {"send_and_complete", complete}},
+        {{"client_fill", inMs(fill) / frames},
+         {"convert_and_queue", inMs(convert) / frames},
+         {"send_and_complete", inMs(complete) / frames}},
         "CPU per frame",
-        fmt::format("client fill {:.2f} ms | convert and queue {:.2f} ms | send and complete {:.2f} ms", fill,
-                    convert, complete));
-    report.add("cpu_ms",
-               {{"client_fill", static_cast<double>(end_.fill - begin_.fill) * 1e-6},
-                {"convert_and_queue", static_cast<double>(end_.convert - begin_.convert) * 1e-6},
-                {"send_and_complete", static_cast<double>(end_.complete - begin_.complete) * 1e-6}});
+        fmt::format("client fill {:.2f} ms | convert and queue {:.2f} ms | send and complete {:.2f} ms",
+                    inMs(fill) / frames, inMs(convert) / frames, inMs(complete) / frames));
     report.add("allocations", end_.allocations - begin_.allocations, "allocations",
                fmt::format("{} in the driver while streaming", end_.allocations - begin_.allocations));
 }
