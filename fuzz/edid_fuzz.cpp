@@ -9,24 +9,15 @@
 // written out of bounds. The sanitizers could see neither inside one record.
 #include "display/edid.h"
 #include "display/mode_tables.h"
+#include "fuzz/require.h"
 #include "usb/usb_context.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <span>
 
 namespace {
-
-#define REQUIRE(condition)                                                                                   \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "%s:%d: %s does not hold\n", __FILE__, __LINE__, #condition);               \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 struct Conditions {
     USHORT bcdUsb;

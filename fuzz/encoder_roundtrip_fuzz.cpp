@@ -4,20 +4,10 @@
 // Input: byte 0 picks the encoder, byte 1 the level and (bit 7) the lead-in, byte 2 how much of the largest
 // stream the buffer holds (0: all of it), byte 3 (bit 0) whether the rest is the frame's bytes or a list of
 // runs: two bytes of length, one of colour.
+#include "fuzz/require.h"
 #include "tests/pixel/encoders.h"
 
-#include <cstdio>
-#include <cstdlib>
-
 namespace {
-
-#define REQUIRE(condition)                                                                                   \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "%s:%d: %s does not hold\n", __FILE__, __LINE__, #condition);               \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 using test::Bytes;
 

@@ -2,12 +2,11 @@
 // with a reading of the stream rule that takes one pixel at a time.
 //
 // Input: byte 0 picks the unit (1, 2 or 3 bytes), bytes 1 and 2 the frame's pixels, the rest is the stream.
+#include "fuzz/require.h"
 #include "model/run_stream.h"
 
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <optional>
 #include <span>
@@ -15,14 +14,6 @@
 #include <vector>
 
 namespace {
-
-#define REQUIRE(condition)                                                                                   \
-    do {                                                                                                     \
-        if (!(condition)) {                                                                                  \
-            std::fprintf(stderr, "%s:%d: %s does not hold\n", __FILE__, __LINE__, #condition);               \
-            std::abort();                                                                                    \
-        }                                                                                                    \
-    } while (false)
 
 using Bytes = std::vector<std::uint8_t>;
 

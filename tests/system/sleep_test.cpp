@@ -117,16 +117,14 @@ INSTANTIATE_TEST_SUITE_P(With, Sleep, testing::Bool(),
 // A programme that failed is not taken for one that was made: the next mode set of the same size repeats it.
 TEST(Transmitter, IsProgrammedAgainOnceItHasHealed) {
     runSession(inOrder(), [](Session& session) {
-        showDesktop(session, adapterWith(true), pattern("bars", kWidth, kHeight));
-        expectPicture(session, kSettled);
-        session.setDisplayPower(false);
-        session.createFrameBuffer(kDesktop + 1, 800, 600);
+        session.attachMonitor({});
+        session.plug(adapterWith(true));
         session.adapter().setDeaf(model::Part::Transmitter, true);
-        session.setDisplayPower(true);
+        switchOn(session);
         session.adapter().setDeaf(model::Part::Transmitter, false);
         session.setDisplayPower(false);
         session.setDisplayPower(true);
-        session.present(kDesktop + 1, pattern("gradient", 800, 600));
+        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
         expectPicture(session, kSettled);
     });
 }

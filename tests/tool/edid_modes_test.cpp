@@ -7,6 +7,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <numeric>
@@ -27,8 +28,8 @@ std::vector<std::string> texts(const std::vector<EdidMode>& modes) {
 TEST(BuiltinEdid, IsWhatEdidDecodeCallsConforming) {
     const std::vector<std::uint8_t> edid = builtinEdid();
     ASSERT_EQ(edid.size(), 256u);
-    char name[] = "/tmp/usbdisplay-edid-XXXXXX";
-    const int descriptor = mkstemp(name);
+    std::string name = (std::filesystem::temp_directory_path() / "usbdisplay-edid-XXXXXX").string();
+    const int descriptor = mkstemp(name.data());
     ASSERT_GE(descriptor, 0);
     ASSERT_EQ(write(descriptor, edid.data(), edid.size()), static_cast<ssize_t>(edid.size()));
     close(descriptor);
@@ -40,7 +41,7 @@ TEST(BuiltinEdid, IsWhatEdidDecodeCallsConforming) {
         text += line;
     }
     EXPECT_EQ(pclose(output), 0);
-    std::remove(name);
+    std::remove(name.c_str());
     EXPECT_NE(text.find("EDID conformity: PASS"), std::string::npos) << text;
 }
 
