@@ -1,11 +1,11 @@
 // What a frame costs on its whole way from the client's present to the bus, and how well the link is used:
 // driver, platform, model and client together under the `sim` scheduler. Time on the link is virtual and
 // exact; processor time is the driver's own, without the platform's and the client's.
-#include "desktop/png_image.h"
-#include "tool/builtin_edid.h"
-#include "tool/screen_check.h"
-#include "tool/session.h"
-#include "tool/stream_meter.h"
+#include "rig/builtin_edid.h"
+#include "rig/screen_check.h"
+#include "rig/session.h"
+#include "rig/stream_meter.h"
+#include "support/png_image.h"
 
 #include <fmt/format.h>
 

@@ -3,12 +3,12 @@
 #include "benchmarks/medians.h"
 
 #include "desktop/frame_source.h"
-#include "desktop/png_image.h"
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "pixel/exact_encoder.h"
 #include "pixel/group_encoder.h"
 #include "pixel/run_encoder.h"
 #include "pixel/transform.h"
+#include "support/png_image.h"
 
 #include <fmt/core.h>
 #include <libyuv.h>

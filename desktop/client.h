@@ -2,10 +2,10 @@
 // driver, owns the surfaces and fills the driver's frame buffers when the driver asks for it.
 #pragma once
 
-#include "client/client_abi.h"
 #include "desktop/pointer.h"
-#include "desktop/surface.h"
+#include "device/client_abi.h"
 #include "platform/machine.h"
+#include "support/surface.h"
 
 #include <array>
 #include <cstdint>

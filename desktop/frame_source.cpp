@@ -1,7 +1,7 @@
 #include "desktop/frame_source.h"
 
-#include "desktop/file.h"
-#include "desktop/input_error.h"
+#include "support/file.h"
+#include "support/input_error.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Where a desktop's frames come from: a picture, a test pattern, or a stream of raw frames.
 #pragma once
 
-#include "desktop/surface.h"
+#include "support/surface.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,6 @@
 #include "desktop/pointer.h"
 
-#include "desktop/input_error.h"
+#include "support/input_error.h"
 
 #include <algorithm>
 #include <array>

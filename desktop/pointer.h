@@ -1,8 +1,8 @@
 // Pointer shapes in the three kinds that a client can hand to the driver.
 #pragma once
 
-#include "client/client_abi.h"
-#include "desktop/surface.h"
+#include "device/client_abi.h"
+#include "support/surface.h"
 
 #include <cstdint>
 #include <span>

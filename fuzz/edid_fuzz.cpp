@@ -7,10 +7,10 @@
 // Two copies of everything run side by side. They agree in what an EDID operation may read and differ in all
 // the rest of the context: a result that depends on it was read out of bounds, a byte of it that changes was
 // written out of bounds. The sanitizers could see neither inside one record.
+#include "device/usb_context.h"
 #include "display/edid.h"
 #include "display/mode_tables.h"
 #include "fuzz/require.h"
-#include "usb/usb_context.h"
 
 #include <algorithm>
 #include <cstdint>

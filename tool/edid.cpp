@@ -1,11 +1,11 @@
 #include "tool/edid.h"
 
-#include "desktop/file.h"
-#include "tool/builtin_edid.h"
+#include "rig/builtin_edid.h"
+#include "rig/session.h"
+#include "support/file.h"
 #include "tool/edid_modes.h"
 #include "tool/mode_list.h"
 #include "tool/report.h"
-#include "tool/session.h"
 
 #include <algorithm>
 #include <array>

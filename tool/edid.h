@@ -2,8 +2,8 @@
 #pragma once
 
 #include "model/adapter.h"
-#include "tool/exit_status.h"
-#include "tool/settings.h"
+#include "rig/exit_status.h"
+#include "rig/settings.h"
 
 #include <cstdint>
 #include <string>

@@ -2,7 +2,7 @@
 // the driver. Bytes may be any: nothing outside them is read.
 #pragma once
 
-#include "tool/parse.h"
+#include "support/parse.h"
 
 #include <cstdint>
 #include <functional>

@@ -1,13 +1,13 @@
 // The command line. Reads options, calls one command, and turns what it throws into an exit status.
 #include "desktop/frame_source.h"
-#include "desktop/input_error.h"
+#include "rig/exit_status.h"
+#include "rig/settings.h"
+#include "support/input_error.h"
+#include "support/parse.h"
 #include "tool/edid.h"
-#include "tool/exit_status.h"
 #include "tool/modes.h"
-#include "tool/parse.h"
 #include "tool/script.h"
 #include "tool/script_actions.h"
-#include "tool/settings.h"
 #include "tool/show.h"
 
 #include <CLI/CLI.hpp>

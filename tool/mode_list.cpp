@@ -1,7 +1,7 @@
 #include "tool/mode_list.h"
 
-#include "desktop/input_error.h"
 #include "display/mode_tables.h"
+#include "support/input_error.h"
 
 #include <algorithm>
 #include <fmt/format.h>

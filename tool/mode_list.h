@@ -1,7 +1,7 @@
 // The display modes that the driver carries.
 #pragma once
 
-#include "tool/parse.h"
+#include "support/parse.h"
 
 #include <cstdint>
 #include <string_view>

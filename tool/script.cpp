@@ -1,9 +1,9 @@
 #include "tool/script.h"
 
 #include "desktop/frame_source.h"
-#include "desktop/input_error.h"
 #include "desktop/pointer.h"
-#include "tool/settings.h"
+#include "rig/settings.h"
+#include "support/input_error.h"
 
 #include <algorithm>
 #include <array>

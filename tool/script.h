@@ -1,9 +1,9 @@
 // Scripts: one action a line, `#` starts a comment. Parsing reads no file and touches no machine.
 #pragma once
 
-#include "client/client_abi.h"
+#include "device/client_abi.h"
 #include "model/adapter.h"
-#include "tool/parse.h"
+#include "support/parse.h"
 
 #include <cstdint>
 #include <optional>

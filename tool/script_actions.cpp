@@ -1,15 +1,15 @@
 #include "tool/script_actions.h"
 
-#include "desktop/file.h"
 #include "desktop/frame_source.h"
-#include "desktop/input_error.h"
-#include "desktop/png_image.h"
-#include "tool/builtin_edid.h"
-#include "tool/driver_probe.h"
+#include "rig/builtin_edid.h"
+#include "rig/driver_probe.h"
+#include "rig/screen_check.h"
+#include "rig/session.h"
+#include "support/file.h"
+#include "support/input_error.h"
+#include "support/png_image.h"
 #include "tool/report.h"
-#include "tool/screen_check.h"
 #include "tool/script.h"
-#include "tool/session.h"
 #include "tool/transmitter_report.h"
 
 #include <cstring>

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "model/adapter.h"
-#include "tool/exit_status.h"
-#include "tool/parse.h"
-#include "tool/settings.h"
+#include "rig/exit_status.h"
+#include "rig/settings.h"
+#include "support/parse.h"
 
 #include <cstdint>
 #include <optional>

@@ -1,11 +1,11 @@
 #include "client/commands.h"
 
-#include "client/cursor.h"
-#include "client/frame_buffer.h"
-#include "display/mode_setting.h"
-#include "driver/device_context.h"
+#include "control/mode_setting.h"
+#include "device/device_context.h"
 #include "hdmi/transmitter.h"
 #include "render/start_stop.h"
+#include "surface/cursor.h"
+#include "surface/frame_buffer.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The entry points that the client calls directly (signatures and records: client/client_abi.h).
 #pragma once
 
-#include "client/client_abi.h"
+#include "device/client_abi.h"
 
 // PASSIVE_LEVEL, from several threads at once. Blocks while a mode is set.
 COMMAND_ENTRY CLIENT_Command;

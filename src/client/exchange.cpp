@@ -1,7 +1,7 @@
 #include "client/exchange.h"
 
 #include "client/commands.h"
-#include "driver/device_context.h"
+#include "device/device_context.h"
 
 namespace {
 

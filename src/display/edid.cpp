@@ -1,7 +1,7 @@
 #include "display/edid.h"
 
+#include "device/usb_context.h"
 #include "display/mode_tables.h"
-#include "usb/usb_context.h"
 
 namespace {
 

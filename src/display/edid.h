@@ -6,7 +6,7 @@
 // the block at hand is read.
 #pragma once
 
-#include "display/display_context.h"
+#include "device/display_context.h"
 
 #include <ntddk.h>
 

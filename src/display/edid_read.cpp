@@ -1,7 +1,7 @@
 #include "display/edid_read.h"
 
+#include "device/device_context.h"
 #include "display/edid.h"
-#include "driver/device_context.h"
 #include "hdmi/ddc.h"
 #include "usb/serial_master.h"
 

@@ -1,7 +1,7 @@
 #include "display/mode_timing.h"
 
+#include "device/device_context.h"
 #include "display/mode_tables.h"
-#include "driver/device_context.h"
 #include "usb/configuration.h"
 #include "usb/registers.h"
 

@@ -3,7 +3,7 @@
 // PASSIVE_LEVEL; each blocks for some thirty register accesses. The render pipeline is stopped.
 #pragma once
 
-#include "display/mode_parameters.h"
+#include "device/mode_parameters.h"
 
 #include <ntddk.h>
 

@@ -1,11 +1,11 @@
 #include "driver/device_add.h"
 
 #include "client/exchange.h"
-#include "client/frame_buffer.h"
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "driver/hardware.h"
 #include "driver/power.h"
 #include "render/pipeline.h"
+#include "surface/frame_buffer.h"
 
 #include <intrin.h>
 

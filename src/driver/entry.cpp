@@ -1,5 +1,5 @@
+#include "device/device_context.h"
 #include "driver/device_add.h"
-#include "driver/device_context.h"
 
 POOL_TYPE DriverPoolType = NonPagedPool;
 

@@ -1,10 +1,10 @@
 #include "driver/hardware.h"
 
-#include "client/frame_buffer.h"
-#include "driver/device_context.h"
+#include "control/status_pipe.h"
+#include "device/device_context.h"
 #include "render/pipeline.h"
+#include "surface/frame_buffer.h"
 #include "usb/configuration.h"
-#include "usb/status_pipe.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "driver/power.h"
 
-#include "display/mode_setting.h"
-#include "display/monitor.h"
-#include "driver/chip.h"
-#include "driver/device_context.h"
+#include "control/mode_setting.h"
+#include "control/monitor.h"
+#include "device/device_context.h"
+#include "driver/bring_up.h"
 #include "hdmi/transmitter.h"
 #include "render/start_stop.h"
 #include "usb/registers.h"

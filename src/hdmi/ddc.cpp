@@ -1,6 +1,6 @@
 #include "hdmi/ddc.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "hdmi/register_access.h"
 #include "hdmi/transmitter_registers.h"
 #include "usb/serial_master.h"

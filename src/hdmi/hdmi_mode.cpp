@@ -1,6 +1,6 @@
 #include "hdmi/hdmi_mode.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "hdmi/infoframes.h"
 #include "hdmi/register_access.h"
 #include "hdmi/transmitter.h"

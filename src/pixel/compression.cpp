@@ -1,6 +1,6 @@
 #include "pixel/compression.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "pixel/exact_encoder.h"
 #include "pixel/group_encoder.h"
 #include "pixel/run_encoder.h"

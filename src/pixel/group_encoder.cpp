@@ -1,6 +1,6 @@
 #include "pixel/group_encoder.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "pixel/reduce_ssse3.h"
 #include "pixel/run_packer.h"
 #include "pixel/run_stream.h"

@@ -3,7 +3,7 @@
 // lanes. SSSE3.
 #pragma once
 
-#include "driver/annotations.h"
+#include "base/annotations.h"
 
 #include <tmmintrin.h>
 

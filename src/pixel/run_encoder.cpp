@@ -1,6 +1,6 @@
 #include "pixel/run_encoder.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "pixel/compression.h"
 #include "pixel/group_encoder.h"
 #include "pixel/run_packer.h"

@@ -10,7 +10,7 @@
 //   continued  it does, and so does the pixel after it: it writes nothing
 #pragma once
 
-#include "driver/annotations.h"
+#include "base/annotations.h"
 
 #include <emmintrin.h>
 

@@ -1,7 +1,7 @@
 // The block conversions.
 #include "pixel/transform.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "pixel/reduce_ssse3.h"
 
 namespace {

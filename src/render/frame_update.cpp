@@ -1,15 +1,15 @@
 #include "render/frame_update.h"
 
-#include "client/frame_buffer.h"
-#include "display/mode_setting.h"
+#include "control/mode_setting.h"
+#include "device/device_context.h"
 #include "display/mode_tables.h"
 #include "display/mode_timing.h"
-#include "driver/device_context.h"
 #include "pixel/compression.h"
 #include "pixel/transform.h"
 #include "render/send.h"
 #include "render/start_stop.h"
 #include "render/timers.h"
+#include "surface/frame_buffer.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "render/pipeline.h"
 
-#include "display/mode_setting.h"
-#include "driver/device_context.h"
+#include "control/mode_setting.h"
+#include "device/device_context.h"
 #include "render/frame_update.h"
 #include "render/send.h"
 #include "render/start_stop.h"

@@ -1,6 +1,6 @@
 #include "render/request_pool.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "render/send.h"
 
 namespace {

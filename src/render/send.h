@@ -5,7 +5,7 @@
 // under that lock, too: once a stop has cleared it, nothing is queued or dispatched any more.
 #pragma once
 
-#include "render/render_context.h"
+#include "device/render_context.h"
 
 // Takes and returns contexts that are free for a frame. Up to DISPATCH_LEVEL, also under PendingListLock.
 RENDER_CONTEXT* RENDER_TakeAvailable(DEVICE_CONTEXT* context); // or null

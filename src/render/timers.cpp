@@ -1,8 +1,8 @@
 #include "render/timers.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
+#include "device/usb_context.h"
 #include "pixel/compression.h"
-#include "usb/usb_context.h"
 
 struct RENDER_COMPRESSION_AUTOUPDATETIMER_CONTEXT {
     ::DEVICE_CONTEXT* DeviceContext;

@@ -1,6 +1,6 @@
 #include "usb/configuration.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "usb/programmer.h"
 
-#include "driver/device_context.h"
-#include "driver/settings.h"
+#include "device/device_context.h"
+#include "device/settings.h"
 #include "usb/serial_master.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include "usb/registers.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 
 #include <wdfusb.h>
 

@@ -1,6 +1,6 @@
 #include "usb/serial_master.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "hdmi/transmitter.h"
 #include "usb/registers.h"
 

@@ -1,9 +1,9 @@
 // Where pictures come from and go to: PNG files, raw streams, patterns, and files that appear whole.
-#include "desktop/file.h"
 #include "desktop/frame_source.h"
-#include "desktop/input_error.h"
-#include "desktop/png_image.h"
 #include "desktop/pointer.h"
+#include "support/file.h"
+#include "support/input_error.h"
+#include "support/png_image.h"
 
 #include <gtest/gtest.h>
 

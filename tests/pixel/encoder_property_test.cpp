@@ -1,8 +1,8 @@
 // What a decoder shows of a frame that went through an encoder, for any frame.
 #include "tests/pixel/encoders.h"
 
-#include "desktop/png_image.h"
 #include "pixel/transform.h"
+#include "support/png_image.h"
 
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>

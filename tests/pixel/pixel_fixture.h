@@ -1,7 +1,7 @@
 // Buffers, contents and a device context for the tests of the pixel code.
 #pragma once
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 
 #include <cstdint>
 #include <cstring>

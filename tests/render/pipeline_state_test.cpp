@@ -1,6 +1,6 @@
 // The pipeline's bookkeeping without a device: what a context does after its transfer, and what a stop waits
 // for. The contexts' requests are never formatted, because a dispatch is made out to be running.
-#include "driver/device_context.h"
+#include "device/device_context.h"
 #include "platform/kernel/scheduler.h"
 #include "render/frame_update.h"
 #include "render/request_pool.h"

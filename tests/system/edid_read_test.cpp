@@ -2,7 +2,7 @@
 // whole, whatever its length, and without harm when the monitor garbles it or falls silent.
 #include "tests/system/rig.h"
 
-#include "driver/device_context.h"
+#include "device/device_context.h"
 
 #include <fmt/format.h>
 #include <gtest/gtest.h>

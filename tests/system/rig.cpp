@@ -1,6 +1,6 @@
 #include "tests/system/rig.h"
 
-#include "tool/exit_status.h"
+#include "rig/exit_status.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -2,9 +2,9 @@
 // with the one line that replays a failing one, the monitor compared with the reference.
 #pragma once
 
-#include "tool/builtin_edid.h"
-#include "tool/screen_check.h"
-#include "tool/session.h"
+#include "rig/builtin_edid.h"
+#include "rig/screen_check.h"
+#include "rig/session.h"
 
 #include "desktop/frame_source.h"
 

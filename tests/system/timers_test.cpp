@@ -2,7 +2,7 @@
 // bucket of dropped frames that costs the output a byte per pixel and the check that gives it back.
 #include "tests/system/rig.h"
 
-#include "tool/driver_probe.h"
+#include "rig/driver_probe.h"
 
 #include <fmt/format.h>
 

@@ -1,6 +1,6 @@
 // The built tool, run as a user runs it: exit status, one clear line for bad input, nothing written then.
 #include "desktop/frame_source.h"
-#include "desktop/png_image.h"
+#include "support/png_image.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // The tool's own reading of EDIDs, and its account of what a rewrite did.
-#include "tool/builtin_edid.h"
+#include "rig/builtin_edid.h"
 #include "tool/edid_modes.h"
 
 #include <gtest/gtest.h>

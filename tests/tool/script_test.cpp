@@ -1,5 +1,5 @@
 // Scripts as people write them, right and wrong.
-#include "desktop/input_error.h"
+#include "support/input_error.h"
 #include "tool/script.h"
 
 #include <gtest/gtest.h>

@@ -1,11 +1,11 @@
 // The session that the commands share, with the real driver: a wrong picture is found and named, and the
 // client lets go of the driver at any moment without a command running into nothing.
 #include "desktop/frame_source.h"
-#include "tool/builtin_edid.h"
-#include "tool/exit_status.h"
-#include "tool/parse.h"
-#include "tool/screen_check.h"
-#include "tool/session.h"
+#include "rig/builtin_edid.h"
+#include "rig/exit_status.h"
+#include "rig/screen_check.h"
+#include "rig/session.h"
+#include "support/parse.h"
 
 #include <gtest/gtest.h>
 

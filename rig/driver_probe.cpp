@@ -1,0 +1,40 @@
+#include "rig/driver_probe.h"
+
+#include "device/device_context.h"
+
+namespace tool {
+
+namespace {
+
+// The driver goes on working while it is looked at, and most of these fields are none that it shares: what is
+// read may be old, which is why reports only use it, and no order is claimed that ThreadSanitizer could miss.
+template <typename T>
+__attribute__((no_sanitize("thread"), noinline)) T peek(const T& field) {
+    return *const_cast<const volatile T*>(&field);
+}
+
+} // namespace
+
+std::optional<DriverState> probeDriver(const desktop::Client& client) {
+    const INTERFACE_RECORD record = client.driverRecord();
+    if (record.Context == nullptr) {
+        return std::nullopt;
+    }
+    const DEVICE_CONTEXT& context = *static_cast<const DEVICE_CONTEXT*>(record.Context);
+    const MODE_PARAMETERS& mode = context.Display.Mode;
+    const ULONG colorMode = peek(mode.OutputColorMode);
+    return DriverState{
+        .width = peek(mode.Width),
+        .height = peek(mode.Height),
+        .refresh = peek(mode.Refresh),
+        .outputBytes = colorMode == OUTPUT_COLOR_8_BIT    ? 1u
+                       : colorMode == OUTPUT_COLOR_16_BIT ? 2u
+                                                          : 3u,
+        .compressed = peek(mode.CompressionEnabled) != 0,
+        .compressionLevel = peek(mode.CompressionLevel),
+        .quantisationLevel = peek(context.Pixel.QuantLevel),
+        .groupEncoder = peek(context.Cpu.CpuHasSsse3) != 0 && peek(context.Cpu.CpuHasSse41) != 0,
+    };
+}
+
+} // namespace tool

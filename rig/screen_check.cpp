@@ -1,0 +1,134 @@
+#include "rig/screen_check.h"
+
+#include "rig/driver_probe.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace tool {
+
+namespace {
+
+using desktop::Encoding;
+using desktop::WireFormat;
+
+WireFormat wireFormat(model::PixelFormat format) {
+    switch (format) {
+    case model::PixelFormat::Rgb565:
+        return WireFormat::Rgb565;
+    case model::PixelFormat::Rgb555:
+        return WireFormat::Rgb555;
+    case model::PixelFormat::Rgb8:
+        return WireFormat::Rgb8;
+    default:
+        return WireFormat::Bgr24;
+    }
+}
+
+// Which encoder serves a compressed mode.
+Encoding encoderFor(WireFormat format, bool groupEncoder, unsigned revision) {
+    if (desktop::bytesPerPixel(format) == 2) {
+        return groupEncoder ? Encoding::Quantised : Encoding::Tolerant;
+    }
+    return revision == 2 ? Encoding::Exact : Encoding::Tolerant;
+}
+
+} // namespace
+
+std::optional<WireMode> currentWireMode(Session& session) {
+    const std::optional<model::OutputMode> mode = session.adapter().outputMode();
+    if (!mode) {
+        return std::nullopt;
+    }
+    const WireFormat format = wireFormat(mode->format);
+    if (!mode->compressed) {
+        return WireMode{format, Encoding::Plain};
+    }
+    const std::optional<DriverState> driver = probeDriver(session.client());
+    if (!driver) {
+        return std::nullopt;
+    }
+    return WireMode{format, encoderFor(format, driver->groupEncoder, session.adapter().options().revision)};
+}
+
+// The newest frame was encoded at the driver's present level, or just before the driver moved the level by
+// one: the group encoder encodes anew when it moves up, so that its frames are never below its level.
+// Adapters of revision 1 want streams that begin with 1,025 bytes of literals: always with 16-bit
+// pixels, else when the stream would be shorter.
+std::vector<ScreenCheck::Candidate> ScreenCheck::candidates(WireMode mode) {
+    constexpr unsigned kLeadInBytes = 1025;
+    const std::optional<DriverState> driver = probeDriver(session_.client());
+    const unsigned levels = desktop::levelCount(mode.encoding);
+    if (levels == 1 || !driver) {
+        return {{0, 0}};
+    }
+    const unsigned bytes = desktop::bytesPerPixel(mode.format);
+    const std::size_t leadIn = (kLeadInBytes + bytes - 1) / bytes;
+    const bool quantised = mode.encoding == Encoding::Quantised;
+    const unsigned level = quantised ? driver->quantisationLevel : driver->compressionLevel;
+    const unsigned lowest = quantised || level == 0 ? level : level - 1;
+    std::vector<Candidate> list;
+    for (unsigned candidate = lowest; candidate <= level + 1 && candidate < levels; candidate++) {
+        const bool oldAdapter = session_.adapter().options().revision == 1 && !quantised;
+        if (!oldAdapter || bytes != 2) {
+            list.push_back({candidate, 0});
+        }
+        if (oldAdapter) {
+            list.push_back({candidate, leadIn});
+        }
+    }
+    // The present level first: it is the one that `problem` compares with.
+    std::ranges::stable_sort(list, {},
+                             [level](const Candidate& candidate) { return candidate.level != level; });
+    return list;
+}
+
+const ScreenCheck::Expected& ScreenCheck::expectedFor(const Key& key) {
+    const auto found = cache_.find(key);
+    if (found != cache_.end()) {
+        return found->second;
+    }
+    std::vector<std::uint8_t> frame =
+        desktop::expectedFrame(picture_, key.mode.format, key.mode.encoding, key.level, key.leadIn);
+    const std::uint64_t checksum = model::checksum(frame);
+    return cache_.emplace(key, Expected{std::move(frame), checksum}).first->second;
+}
+
+bool ScreenCheck::matches() {
+    const std::optional<model::OutputMode> output = session_.adapter().outputMode();
+    const std::optional<WireMode> mode = currentWireMode(session_);
+    if (!mode || output->width != picture_.width || output->height != picture_.height) {
+        return false;
+    }
+    const std::uint64_t shown = session_.adapter().rawChecksum();
+    return std::ranges::any_of(candidates(*mode), [&](const Candidate& candidate) {
+        return expectedFor({*mode, candidate.level, candidate.leadIn}).checksum == shown;
+    });
+}
+
+bool ScreenCheck::waitForMatch(usb::Time timeout) {
+    return session_.waitFor(timeout, [this] { return matches(); });
+}
+
+std::string ScreenCheck::problem() {
+    const std::optional<model::RawFrame> shown = session_.adapter().rawFrame();
+    if (!shown) {
+        return fmt::format("the monitor is dark: {}", session_.adapter().darkReason());
+    }
+    if (shown->width != picture_.width || shown->height != picture_.height) {
+        return fmt::format("the monitor shows {}x{}, expected {}x{}", shown->width, shown->height,
+                           picture_.width, picture_.height);
+    }
+    const std::optional<WireMode> mode = currentWireMode(session_);
+    if (!mode) {
+        return "the client is not open, so there is no mode to compare with";
+    }
+    const Candidate candidate = candidates(*mode).front();
+    const std::optional<desktop::Difference> difference =
+        desktop::compareFrames(expectedFor({*mode, candidate.level, candidate.leadIn}).frame, shown->pixels,
+                               shown->width, desktop::bytesPerPixel(mode->format));
+    return difference ? fmt::format("wrong picture: {}", difference->text(mode->format))
+                      : "the picture is right now, but came too late";
+}
+
+} // namespace tool

@@ -1,0 +1,65 @@
+// Compares what the monitor shows with what its mode must show.
+#pragma once
+
+#include "rig/reference.h"
+#include "rig/session.h"
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+// The formats the adapter may be programmed for, and the one way each turns a picture into frame memory.
+struct WireMode {
+    desktop::WireFormat format = desktop::WireFormat::Bgr24;
+    desktop::Encoding encoding = desktop::Encoding::Plain;
+    auto operator<=>(const WireMode&) const = default;
+};
+
+// The mode that adapter and driver are in; nothing while no timing is programmed, or when frames are
+// compressed and the client is not open, so that the encoder is not known.
+std::optional<WireMode> currentWireMode(Session& session);
+
+// Checks the monitor against one picture. The expected frames are worked out once per mode and level.
+class ScreenCheck {
+  public:
+    // Both outlive the check.
+    ScreenCheck(Session& session, const desktop::Surface& picture) : session_(session), picture_(picture) {}
+    ScreenCheck(Session& session, desktop::Surface&& picture) = delete;
+
+    // The monitor shows the picture as it comes through at the driver's present level of compression.
+    bool matches();
+
+    // Waits for `matches`.
+    bool waitForMatch(usb::Time timeout);
+
+    // What is wrong, in one sentence with the first differing pixel.
+    std::string problem();
+
+  private:
+    struct Candidate {
+        unsigned level;
+        std::size_t leadIn;
+    };
+    std::vector<Candidate> candidates(WireMode mode);
+
+    struct Key {
+        WireMode mode;
+        unsigned level;
+        std::size_t leadIn;
+        auto operator<=>(const Key&) const = default;
+    };
+    struct Expected {
+        std::vector<std::uint8_t> frame;
+        std::uint64_t checksum;
+    };
+    const Expected& expectedFor(const Key& key);
+
+    Session& session_;
+    const desktop::Surface& picture_;
+    std::map<Key, Expected> cache_;
+};
+
+} // namespace tool

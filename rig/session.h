@@ -1,0 +1,110 @@
+// One machine with the driver loaded, one adapter in its port, one client: what `show`, `run` and `edid` work
+// with.
+#pragma once
+
+#include "desktop/client.h"
+#include "model/adapter.h"
+#include "platform/kernel/driver_call.h"
+#include "platform/machine.h"
+#include "rig/reference.h"
+#include "rig/settings.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct SessionOptions {
+    kernel::SchedulerOptions scheduler;
+    std::uint32_t cpuFeatures = 0xFFFFFFFF; // mask for CPUID leaf 1, ECX
+    std::vector<Setting> settings;
+};
+
+struct PlugOptions {
+    model::AdapterOptions adapter;
+    std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
+    std::string capture = {};    // pcapng file; empty for none
+    usb::InlineCompletion inlineCompletion = usb::InlineCompletion::Never;
+    // Puts a device of the caller's between link and adapter; it outlives the session.
+    std::function<usb::Device&(usb::Device& adapter)> inFront = nullptr;
+};
+
+class Session {
+  public:
+    explicit Session(const SessionOptions& options);
+    ~Session();
+
+    // Loads the driver, runs `body` as the machine's host task, and afterwards, whatever `body` throws,
+    // closes the client, removes the adapter and unloads the driver. Everything below belongs inside `body`.
+    void run(const std::function<void()>& body);
+
+    platform::Machine& machine() { return machine_; }
+    desktop::Client& client() { return *client_; }
+    desktop::DesktopReference& reference() { return reference_; }
+
+    // All of these throw `DeviceError` when there is no adapter, or when it or the driver fails.
+    void plug(const PlugOptions& options);
+    model::Adapter& adapter();
+    usb::LinkTiming& link();
+    platform::DeviceNode& node();
+    bool plugged() const { return node_ != nullptr; }
+    void surpriseRemove();
+    void remove();
+    void suspend();
+    void resume();
+
+    // Lets the machine run until `done` or the end of `timeout`; what `done` said last.
+    bool waitFor(usb::Time timeout, const std::function<bool()>& done);
+
+    // Something happens at the adapter or its monitor. No thread of the machine does it: when the hardware
+    // writes into a buffer that the host gave it, ThreadSanitizer must not ask which thread went before.
+    template <typename Action>
+    void atHardware(Action action) {
+        kernel::PlatformCall call;
+        action(adapter());
+    }
+
+    // The monitor: also before the adapter is plugged in.
+    void attachMonitor(std::vector<std::uint8_t> edid);
+    // Waits until the driver noticed, when the adapter has the means to tell it.
+    void detachMonitor();
+
+    // Waits for the interface, then opens it.
+    void openClient();
+    // Throws when `status` is a failure; `what` is the command that gave it.
+    static void require(NTSTATUS status, const char* what);
+
+    // Client and reference together.
+    void createFrameBuffer(std::uint64_t identifier, unsigned width, unsigned height);
+    void setDisplayPower(bool on);
+    void present(std::uint64_t identifier, const desktop::Surface& frame);
+    void setPointer(const desktop::PointerImage& shape);
+    void movePointer(int x, int y, bool visible);
+    void setRotation(DISPLAY_ROTATION rotation);
+
+    // Violations of all adapters that were plugged in, as sentences.
+    std::vector<std::string> violations() const;
+    std::uint64_t violationCount() const;
+
+  private:
+    void finish();
+
+    platform::Machine machine_;
+    std::vector<std::unique_ptr<model::Adapter>> adapters_; // use the machine's clock to their end
+    bool stopped_ = false;                                  // the verifier ended the run
+    std::vector<Setting> settings_;
+    std::unique_ptr<desktop::Client> client_;
+    desktop::DesktopReference reference_;
+    platform::DeviceNode* node_ = nullptr;
+    std::optional<std::vector<std::uint8_t>> monitor_; // waits for an adapter
+};
+
+// How long the driver gets to notice a monitor or to bring a picture up: beyond its own longest waits.
+constexpr usb::Time kDriverTimeout = 10 * usb::kSecond;
+
+} // namespace tool

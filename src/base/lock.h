@@ -1,0 +1,75 @@
+// The locks of the driver and the scoped guards that take them.
+//
+// Order, outermost first; a task takes a lock only while it holds none that stands below it:
+//
+//   DisplayPowerMutex -> MonitorMutex -> RenderStartStopMutex -> DisplayStateMutex -> DropFrameCheckMutex
+//   -> SerialMasterMutex -> RegisterMutex;  RenderBufferIndexMutex is taken alone.
+//   SubmitMutex -> FrameBufferListLock. The pixels of a frame buffer (client/frame_buffer.h) come before
+//   both. PendingListLock -> AvailableListLock;  PendingListLock -> SendQueueLock, SentRequestsLock (never
+//   both). CompressionLevelLock is taken alone.
+//
+// Monitor handling stands outside the pipeline because a detach stops the pipeline while it holds
+// MonitorMutex, and stopping the pipeline ends with a change of the display state. Whoever needs
+// DisplayStateMutex for the whole of a stop takes RenderStartStopMutex first; kernel mutexes may be taken
+// again by their owner.
+#pragma once
+
+#include "base/annotations.h"
+
+#include <wdf.h>
+
+constexpr ULONG MUTEX_WAIT_SLICE_MS = 1000;
+
+struct TSA_CAPABILITY("mutex") DEVICE_MUTEX {
+    KMUTEX Mutex;
+};
+
+struct TSA_CAPABILITY("spin lock") DEVICE_SPIN_LOCK {
+    KSPIN_LOCK Lock;
+};
+
+void MUTEX_Initialize(DEVICE_MUTEX* mutex);
+
+// Waits in slices of `waitSliceMs` until the mutex is held. PASSIVE_LEVEL.
+void MUTEX_Acquire(DEVICE_MUTEX* mutex, ULONG waitSliceMs) TSA_ACQUIRE(*mutex);
+void MUTEX_Release(DEVICE_MUTEX* mutex) TSA_RELEASE(*mutex);
+
+class TSA_SCOPED MUTEX_GUARD {
+  public:
+    explicit MUTEX_GUARD(DEVICE_MUTEX& mutex) TSA_ACQUIRE(mutex) : Mutex(mutex) {
+        MUTEX_Acquire(&Mutex, MUTEX_WAIT_SLICE_MS);
+    }
+    ~MUTEX_GUARD() TSA_RELEASE() { MUTEX_Release(&Mutex); }
+    MUTEX_GUARD(const MUTEX_GUARD&) = delete;
+    MUTEX_GUARD& operator=(const MUTEX_GUARD&) = delete;
+
+  private:
+    DEVICE_MUTEX& Mutex;
+};
+
+// Executive spin lock, raises to DISPATCH_LEVEL. Callable at up to DISPATCH_LEVEL.
+class TSA_SCOPED SPIN_LOCK_GUARD {
+  public:
+    explicit SPIN_LOCK_GUARD(DEVICE_SPIN_LOCK& lock) TSA_ACQUIRE(lock) : Lock(lock) {
+        KeAcquireSpinLock(&Lock.Lock, &OldIrql);
+    }
+    ~SPIN_LOCK_GUARD() TSA_RELEASE() { KeReleaseSpinLock(&Lock.Lock, OldIrql); }
+    SPIN_LOCK_GUARD(const SPIN_LOCK_GUARD&) = delete;
+    SPIN_LOCK_GUARD& operator=(const SPIN_LOCK_GUARD&) = delete;
+
+  private:
+    DEVICE_SPIN_LOCK& Lock;
+    KIRQL OldIrql;
+};
+
+// Framework spin lock, raises to DISPATCH_LEVEL.
+class WDF_SPIN_LOCK_GUARD {
+  public:
+    explicit WDF_SPIN_LOCK_GUARD(WDFSPINLOCK lock) : Lock(lock) { WdfSpinLockAcquire(Lock); }
+    ~WDF_SPIN_LOCK_GUARD() { WdfSpinLockRelease(Lock); }
+    WDF_SPIN_LOCK_GUARD(const WDF_SPIN_LOCK_GUARD&) = delete;
+    WDF_SPIN_LOCK_GUARD& operator=(const WDF_SPIN_LOCK_GUARD&) = delete;
+
+  private:
+    WDFSPINLOCK Lock;
+};

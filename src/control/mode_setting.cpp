@@ -1,0 +1,188 @@
+#include "control/mode_setting.h"
+
+#include "device/device_context.h"
+#include "display/mode_timing.h"
+#include "hdmi/hdmi_mode.h"
+#include "hdmi/transmitter.h"
+#include "render/pipeline.h"
+#include "render/start_stop.h"
+#include "usb/registers.h"
+
+namespace {
+
+constexpr ULONG MANY_DEVICES = 3; // so many share a SuperSpeed bus that frames must be compressed
+
+// A few monitors, or long cables, take 1920 x 1080 only at a lower clock.
+ULONG ChooseRefresh(const SETTINGS& settings, const MODE_REQUEST& request) {
+    if (request.Width != 1920 || request.Height != 1080 || request.Refresh != 60) {
+        return request.Refresh;
+    }
+    if (settings.FullHD50Enable != 0) {
+        return 50;
+    }
+    if (settings.FullHD30Enable != 0) {
+        return 30;
+    }
+    return settings.FullHD24Enable != 0 ? 24 : 60;
+}
+
+void UseCompressedRgb555(MODE_PARAMETERS* parameters) {
+    parameters->OutputColorMode = OUTPUT_COLOR_16_BIT;
+    parameters->Rgb555Enable = 1;
+    parameters->CompressionEnabled = 1;
+}
+
+MODE_PARAMETERS BuildParameters(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
+    if (request->Refresh != 50 && request->Refresh != 60) {
+        request->Refresh = 60;
+    }
+    MODE_PARAMETERS parameters = {};
+    parameters.Width = request->Width;
+    parameters.Height = request->Height;
+    parameters.Refresh = ChooseRefresh(context->Settings, *request);
+    parameters.SourceBytesPerPixel = request->SourceBytesPerPixel;
+    parameters.OutputColorMode = request->OutputColorMode;
+    parameters.CompressionEnabled = request->CompressionEnabled;
+    parameters.TransferScheme = request->TransferScheme;
+    BOOLEAN severalDevices;
+    MODE_ApplyTransferPolicy(context, &parameters, &severalDevices);
+    return parameters;
+}
+
+// The caller holds RenderStartStopMutex.
+NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
+    const MODE_PARAMETERS& current = context->Display.Mode;
+    if (request->Width != current.Width || request->Height != current.Height) {
+        // Remembered, because a mode set that fails half-way leaves its size behind: the next one of that
+        // size must not take it for a mode that the transmitter was programmed for.
+        context->Display.HdmiModeStale = TRUE;
+    }
+
+    // The stop comes first, and it takes back what the pixel-bytes adjustment did to
+    // UseUsb3OutputRGB565Enable. With the adjustment enabled the policy therefore never sees the value from
+    // the registry either: the output starts with 24 bits and falls back when frames are dropped.
+    RENDER_Stop(context);
+    MODE_DisableOutput(context);
+    SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_RESET);
+    SHARED_Write(context->Render.PixelBytesUpgradeCount, 0u);
+
+    const MODE_PARAMETERS parameters = BuildParameters(context, request);
+    NTSTATUS status = MODE_Program(context, &parameters);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    if (parameters.CompressionEnabled != 0) {
+        status = RENDER_PrepareRenderBuffers(context, RENDER_BUFFER_CAPACITY);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
+    }
+    if (request->CompressionEnabled == 0) {
+        MODE_UpdateHdmi(context, context->Display.HdmiModeStale);
+        status = RENDER_Start(context);
+    }
+    return status;
+}
+
+} // namespace
+
+NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
+    // Held from the stop to the start: between them the frame update thread might otherwise switch the pixel
+    // bytes of a mode that is about to be replaced, or a detach forget the one just set.
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    const NTSTATUS status = ChangeMode(context, request);
+
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
+    return status;
+}
+
+NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height) {
+    MODE_REQUEST request = {};
+    request.Width = width;
+    request.Height = height;
+    request.Refresh = 60;
+    request.SourceBytesPerPixel = 4;
+    request.OutputColorMode = OUTPUT_COLOR_24_BIT;
+    return MODE_SetMode(context, &request);
+}
+
+void MODE_ForgetForSleep(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD guard(context->Locks.DropFrameCheckMutex);
+    DISPLAY_CONTEXT* display = &context->Display;
+    display->WidthBeforeSleep = display->Mode.Width;
+    display->HeightBeforeSleep = display->Mode.Height;
+    display->Mode.Width = 0;
+    display->Mode.Height = 0;
+    display->Mode.Refresh = 0;
+}
+
+void MODE_Resume(DEVICE_CONTEXT* context) {
+    // Held over both steps, so that a display-off in between finds either a paused stream or a running one.
+    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    if (!context->Render.SuspendedWhileRunning) {
+        return;
+    }
+    if (context->Display.Mode.Width != 0) {
+        RENDER_Resume(context);
+        return;
+    }
+    // A failure leaves the monitor dark until the next switch, as every other mode set does.
+    (void)MODE_SetDesktopMode(context, context->Display.WidthBeforeSleep, context->Display.HeightBeforeSleep);
+}
+
+void MODE_DisableOutput(DEVICE_CONTEXT* context) {
+    if (context->Usb.UsbDevice == nullptr) {
+        return;
+    }
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    if (context->Display.OutputActive) {
+        REG_SetBit(context, REGISTER_SCAN_CONTROL, SCAN_CONTROL_OUTPUT_OFF_BIT);
+        context->Display.OutputActive = FALSE;
+    }
+}
+
+void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices) {
+    SETTINGS* settings = &context->Settings;
+    *severalDevices = FALSE;
+
+    if (context->Usb.DeviceDescriptor.bcdUSB == USB_BCD_HIGH_SPEED_LINK) {
+        if (parameters->Refresh > 60) {
+            parameters->Refresh = 60;
+        }
+        if (settings->Usb2PixelFormatTransformCompressionEnable != 0) {
+            UseCompressedRgb555(parameters);
+        }
+        return;
+    }
+    if (settings->Usb3PixelFormatTransformCompressionEnable != 0) {
+        UseCompressedRgb555(parameters);
+        return;
+    }
+    // Other devices count in the registry; without a value there this device's own count stands.
+    (void)REGISTRY_QueryULong(WIDE("CurrentNumberOfDevices"), &settings->CurrentNumberOfDevices);
+    if (settings->CurrentNumberOfDevices >= MANY_DEVICES) {
+        parameters->CompressionEnabled = 1;
+        *severalDevices = TRUE;
+    }
+    if (SHARED_Read(settings->UseUsb3OutputRGB565Enable) != 0) {
+        parameters->OutputColorMode = OUTPUT_COLOR_16_BIT;
+        parameters->Rgb555Enable = 0;
+    }
+}
+
+void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
+    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    if (!SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
+        return;
+    }
+    // A transmitter that fails here stays marked as not powered, or as not programmed, and the next mode set
+    // tries again. The mode set itself goes on: what is wrong with the transmitter may well heal.
+    const BOOLEAN powered = SHARED_Read(context->Hdmi.HdmiTransmitterPowered) || HDMI_PowerUp(context);
+    if (modeChanged) {
+        REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
+        const BOOLEAN programmed = HDMI_SetMode(context);
+        REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
+        context->Display.HdmiModeStale = !(powered && programmed);
+    }
+}

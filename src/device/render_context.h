@@ -1,0 +1,139 @@
+// The render pipeline of one adapter: contexts, buffers, queues, thread and timers.
+#pragma once
+
+#include "base/lock.h"
+
+#include <ntddk.h>
+#include <usb.h>
+#include <usbdlib.h>
+#include <wdf.h>
+#include <wdfusb.h>
+
+struct DEVICE_CONTEXT;
+
+constexpr ULONG RENDER_CONTEXT_COUNT = 4;
+constexpr ULONG RENDER_BUFFER_COUNT = 4;
+constexpr ULONG RENDER_BUFFER_CAPACITY = 0x6C0036;   // from the aligned address: 2048 x 1152 x 3 + 54
+constexpr ULONG RENDER_BUFFER_ALLOCATION = 0x6C0046; // capacity + 16
+constexpr ULONG COMPRESSION_STAGING_ALLOCATION = 0x6C0056;
+constexpr ULONG RENDER_BUFFER_NONE = ~0u; // no frame was queued since the stream started
+
+// One transfer. A context is on AvailableList (FRAME_CLEARED), on no list and owned by the frame update
+// (FRAME_TAKEN), on PendingList (FRAME_UPDATED), or in flight; the list that holds it is its state.
+struct RENDER_CONTEXT {
+    LIST_ENTRY Link; // points to itself while on no list
+    DEVICE_CONTEXT* DeviceContext;
+    ULONG TransferLength;
+    ULONG RenderBufferIndex;  // the render buffer it sends
+    LONG OutstandingRequests; // interlocked: queued or sent, and not finished
+    BOOLEAN Abandoned;        // a request was not sent; written before that request's OutstandingRequests is
+                              // given back, read once none is left
+    _URB_BULK_OR_INTERRUPT_TRANSFER RenderUrb;
+    WDFMEMORY RenderUrbMemory;
+    WDFREQUEST RenderRequest;
+    _URB_BULK_OR_INTERRUPT_TRANSFER ZeroLengthUrb;
+    WDFMEMORY ZeroLengthUrbMemory;
+    WDFREQUEST ZeroLengthRequest;
+    PMDL RenderMdl[RENDER_BUFFER_COUNT];
+};
+
+struct RENDER_BUFFERS {
+    WDFMEMORY Memory[RENDER_BUFFER_COUNT];
+    UCHAR* NonAligned[RENDER_BUFFER_COUNT];
+    UCHAR* Aligned[RENDER_BUFFER_COUNT]; // 16-byte boundary
+};
+
+enum FRAME_UPDATE_THREAD_STATE : ULONG {
+    THREAD_NOT_STARTED = 0,
+    THREAD_RUNNING = 1,
+    THREAD_ENDED = 3,
+};
+
+enum DROP_FRAME_CHECK_STATE : ULONG {
+    DROP_FRAME_CHECK_RESET = 0,
+    DROP_FRAME_CHECK_SEEN = 1,
+    DROP_FRAME_CHECK_ELAPSED = 2,
+};
+
+struct THREAD_START_CONTEXT {
+    DEVICE_CONTEXT* DeviceContext;
+};
+
+struct RENDER_PIPELINE {
+    // Created at hardware preparation, deleted at release; constant in between.
+    WDFSPINLOCK CompressionLevelLock;
+    WDFSPINLOCK SendQueueLock;
+    WDFSPINLOCK SentRequestsLock;
+    WDFLOOKASIDE RenderContextLookaside;
+    WDFMEMORY RenderContextMemory[RENDER_CONTEXT_COUNT];
+    RENDER_CONTEXT* RenderContexts[RENDER_CONTEXT_COUNT];
+    WDFTIMER CompressionAutoUpdateTimer;
+    WDFTIMER DropFrameEventCheckTimer;
+
+    WDFCOLLECTION SendQueue;    // guarded by SendQueueLock
+    WDFCOLLECTION SentRequests; // guarded by SentRequestsLock
+
+    // Guarded by AvailableListLock; the count is interlocked and may lag the list.
+    DEVICE_SPIN_LOCK AvailableListLock;
+    LIST_ENTRY AvailableList TSA_GUARDED_BY(AvailableListLock);
+    LONG AvailableCount;
+
+    // Guarded by PendingListLock; the count is interlocked.
+    DEVICE_SPIN_LOCK PendingListLock;
+    LIST_ENTRY PendingList TSA_GUARDED_BY(PendingListLock);
+    LONG PendingCount;
+    ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued in this run
+    BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // somebody is sending; new work is left to it
+    KEVENT DispatchIdleEvent;                            // notification; signalled while Dispatching is clear
+    KEVENT DispatchRequestEvent; // synchronization; a dispatch that took too long leaves the rest to the
+                                 // frame update thread
+
+    LONG RenderContextsInFlight; // interlocked
+
+    // Created at device add; they outlive the rest. NextRenderBufferIndex is guarded by
+    // RenderBufferIndexMutex and never reset.
+    RENDER_BUFFERS RenderBuffer;
+    ULONG NextRenderBufferIndex;
+    ULONG RenderBufferLength[RENDER_BUFFER_COUNT]; // bytes to send; written before the buffer is queued
+
+    // Replaced while the pipeline is stopped; used by the frame update.
+    WDFMEMORY CompressionStaging;
+    UCHAR* CompressionStagingAddress;
+    UCHAR* CompressionStagingAligned; // 32-byte boundary
+
+    // The frame update thread.
+    HANDLE FrameUpdateThreadHandle; // closed as soon as the object is referenced
+    PVOID FrameUpdateThreadObject;  // referenced from creation until shutdown has waited for it
+    THREAD_START_CONTEXT ThreadStartContext;
+    KEVENT FrameUpdateRequestEvent;
+    KEVENT ThreadStartStopEvent;
+    BOOLEAN FrameUpdateThreadCreated;
+
+    // Shared fields, each written by one side and polled by the other.
+    ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE, by the thread
+    LONG StartedAnew; // interlocked: set by a start, taken back by the thread at its next frame update
+    BOOLEAN StopAcknowledged; // set by the thread, cleared by a stop
+
+    // Changed under RenderStartStopMutex and PendingListLock. Who holds either knows that it stays; a poll
+    // without them (shared field) only saves work that would be thrown away.
+    ULONG RenderRunning;
+
+    // Guarded by RenderStartStopMutex.
+    BOOLEAN ShutDown;              // the pipeline is being torn down and starts no more
+    BOOLEAN SuspendedWhileRunning; // the stream paused for a sleep and resumes after it
+
+    // Notification; signalled while the thread is not filling a render buffer. The thread clears it under
+    // PendingListLock, and only while RenderRunning is set; a stop waits for it after it cleared
+    // RenderRunning.
+    KEVENT FrameFillIdleEvent;
+
+    // Feedback loops. Written by the frame update thread unless said otherwise.
+    BOOLEAN AutoUpdateArmed;
+    BOOLEAN SmallFrameSeen;
+    ULONG DropFrameCheckState;    // shared field; by the check timer under DropFrameCheckMutex, reset by mode
+                                  // set and attach
+    ULONG PixelBytesUpgradeCount; // shared field
+    BOOLEAN DropFrameEventReceived; // shared field
+    LONG FrameErrorBucket;          // interlocked
+    LONG CompletedTransfers;        // interlocked; render transfers completed since the last mode programming
+};

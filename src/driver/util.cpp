@@ -1,7 +1,0 @@
-#include "driver/util.h"
-
-void UTIL_DelayMs(ULONG milliseconds) {
-    LARGE_INTEGER interval;
-    interval.QuadPart = RelativeMs(milliseconds);
-    KeDelayExecutionThread(KernelMode, TRUE, &interval);
-}
