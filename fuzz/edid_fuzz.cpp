@@ -35,9 +35,9 @@ Conditions conditionsOf(std::uint8_t byte) {
 }
 
 // The EDID in a context whose other bytes, blocks past the extension count among them, are `surroundings`.
-DISPLAY_CONTEXT contextWith(std::span<const std::uint8_t> edid, const Conditions& conditions,
-                            std::uint8_t surroundings) {
-    DISPLAY_CONTEXT display;
+MONITOR_EDID contextWith(std::span<const std::uint8_t> edid, const Conditions& conditions,
+                         std::uint8_t surroundings) {
+    MONITOR_EDID display;
     std::memset(static_cast<void*>(&display), surroundings, sizeof(display));
     UCHAR* const blocks = &display.EdidBlocks[0][0];
     const std::size_t extensions = edid.size() > 126 ? edid[126] : 0;
@@ -55,13 +55,13 @@ DISPLAY_CONTEXT contextWith(std::span<const std::uint8_t> edid, const Conditions
     return display;
 }
 
-bool sameBytes(const DISPLAY_CONTEXT& one, const DISPLAY_CONTEXT& two) {
+bool sameBytes(const MONITOR_EDID& one, const MONITOR_EDID& two) {
     return std::memcmp(&one, &two, sizeof(one)) == 0;
 }
 
 // Nothing but the mode list and, where a rewrite may write, the base block has changed.
-void requireOnlyAllowedChanges(const DISPLAY_CONTEXT& before, const DISPLAY_CONTEXT& after, bool rewritten) {
-    DISPLAY_CONTEXT restored = after;
+void requireOnlyAllowedChanges(const MONITOR_EDID& before, const MONITOR_EDID& after, bool rewritten) {
+    MONITOR_EDID restored = after;
     restored.MonitorModeCount = before.MonitorModeCount;
     std::memcpy(restored.MonitorModes, before.MonitorModes, sizeof(before.MonitorModes));
     if (rewritten) {
@@ -74,7 +74,7 @@ void requireOnlyAllowedChanges(const DISPLAY_CONTEXT& before, const DISPLAY_CONT
     REQUIRE(sameBytes(before, restored));
 }
 
-void requireSoundModeList(const DISPLAY_CONTEXT& display) {
+void requireSoundModeList(const MONITOR_EDID& display) {
     REQUIRE(display.MonitorModeCount <= MONITOR_MODE_COUNT);
     for (ULONG i = 0; i < display.MonitorModeCount; i++) {
         const MONITOR_MODE& mode = display.MonitorModes[i];
@@ -138,7 +138,7 @@ void requireSoundBlock(const UCHAR* block, const Conditions& conditions) {
 }
 
 struct Outcome {
-    DISPLAY_CONTEXT display;
+    MONITOR_EDID display;
     BOOLEAN valid;
     ULONG ceaBlock;
 };
@@ -146,7 +146,7 @@ struct Outcome {
 Outcome runEverything(std::span<const std::uint8_t> edid, const Conditions& conditions,
                       std::uint8_t surroundings) {
     Outcome outcome = {.display = contextWith(edid, conditions, surroundings), .valid = FALSE, .ceaBlock = 0};
-    const DISPLAY_CONTEXT before = outcome.display;
+    const MONITOR_EDID before = outcome.display;
     outcome.valid = EDID_Validate(&outcome.display);
     outcome.ceaBlock = EDID_FindCeaBlock(&outcome.display);
     REQUIRE(outcome.ceaBlock < EDID_BLOCK_COUNT);
@@ -176,8 +176,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     const Conditions conditions = conditionsOf(data[0]);
-    const std::span<const std::uint8_t> edid(data + 1,
-                                             std::min(size - 1, sizeof(DISPLAY_CONTEXT::EdidBlocks)));
+    const std::span<const std::uint8_t> edid(data + 1, std::min(size - 1, sizeof(MONITOR_EDID::EdidBlocks)));
     // Read as part of an EDID, zeroes are the end of something and 4 is the code of 1280 x 720.
     const Outcome one = runEverything(edid, conditions, 0x00);
     const Outcome two = runEverything(edid, conditions, 0x04);

@@ -70,6 +70,8 @@ typedef LONG KPRIORITY;
 #define CONTAINING_RECORD(address, type, field) ((type*)((PCHAR)(address)-offsetof(type, field)))
 #define ALIGN_DOWN_BY(value, alignment) ((ULONG_PTR)(value) & ~((ULONG_PTR)(alignment)-1))
 #define ALIGN_UP_BY(value, alignment) ALIGN_DOWN_BY((ULONG_PTR)(value) + (alignment)-1, alignment)
+#define ALIGN_DOWN_POINTER_BY(address, alignment) ((PVOID)ALIGN_DOWN_BY(address, alignment))
+#define ALIGN_UP_POINTER_BY(address, alignment) ((PVOID)ALIGN_UP_BY(address, alignment))
 
 typedef union _LARGE_INTEGER {
     struct {

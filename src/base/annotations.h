@@ -3,6 +3,7 @@
 #pragma once
 
 #include <ntddk.h>
+#include <sal.h>
 
 #if defined(__clang__)
 #define DRIVER_TSA(x) __attribute__((x))
@@ -35,18 +36,3 @@
 #else
 #define WIDE(text) u##text
 #endif
-
-// A pool tag with its first character in the most significant byte, and one that reads in memory order.
-constexpr ULONG PoolTagHighFirst(const char (&name)[5]) {
-    return (ULONG(UCHAR(name[0])) << 24) | (ULONG(UCHAR(name[1])) << 16) | (ULONG(UCHAR(name[2])) << 8) |
-           ULONG(UCHAR(name[3]));
-}
-
-constexpr ULONG PoolTagMemoryOrder(const char (&name)[5]) {
-    return (ULONG(UCHAR(name[3])) << 24) | (ULONG(UCHAR(name[2])) << 16) | (ULONG(UCHAR(name[1])) << 8) |
-           ULONG(UCHAR(name[0]));
-}
-
-constexpr ULONG POOL_TAG_DRIVER = PoolTagMemoryOrder("OSTV"); // render buffers, control buffers, descriptors
-constexpr ULONG POOL_TAG_FRAME_BUFFER = PoolTagHighFirst("OSTK"); // frame buffers, cursor scratch blocks
-constexpr ULONG POOL_TAG_COMPRESSION = PoolTagHighFirst("OSVd");  // the compression staging buffer

@@ -1,6 +1,10 @@
 #include "base/lock.h"
 #include "base/util.h"
 
+void SPINLOCK_Initialize(DEVICE_SPIN_LOCK* lock) {
+    KeInitializeSpinLock(&lock->Lock);
+}
+
 void MUTEX_Initialize(DEVICE_MUTEX* mutex) {
     KeInitializeMutex(&mutex->Mutex, 0);
 }

@@ -1,17 +1,4 @@
 // The locks of the driver and the scoped guards that take them.
-//
-// Order, outermost first; a task takes a lock only while it holds none that stands below it:
-//
-//   DisplayPowerMutex -> MonitorMutex -> RenderStartStopMutex -> DisplayStateMutex -> DropFrameCheckMutex
-//   -> SerialMasterMutex -> RegisterMutex;  RenderBufferIndexMutex is taken alone.
-//   SubmitMutex -> FrameBufferListLock. The pixels of a frame buffer (client/frame_buffer.h) come before
-//   both. PendingListLock -> AvailableListLock;  PendingListLock -> SendQueueLock, SentRequestsLock (never
-//   both). CompressionLevelLock is taken alone.
-//
-// Monitor handling stands outside the pipeline because a detach stops the pipeline while it holds
-// MonitorMutex, and stopping the pipeline ends with a change of the display state. Whoever needs
-// DisplayStateMutex for the whole of a stop takes RenderStartStopMutex first; kernel mutexes may be taken
-// again by their owner.
 #pragma once
 
 #include "base/annotations.h"
@@ -28,6 +15,12 @@ struct TSA_CAPABILITY("spin lock") DEVICE_SPIN_LOCK {
     KSPIN_LOCK Lock;
 };
 
+// A framework spin lock. Null before its owner creates it and after its owner deleted it.
+struct TSA_CAPABILITY("framework spin lock") DEVICE_WDF_SPIN_LOCK {
+    WDFSPINLOCK Handle;
+};
+
+void SPINLOCK_Initialize(DEVICE_SPIN_LOCK* lock);
 void MUTEX_Initialize(DEVICE_MUTEX* mutex);
 
 // Waits in slices of `waitSliceMs` until the mutex is held. PASSIVE_LEVEL.
@@ -62,14 +55,16 @@ class TSA_SCOPED SPIN_LOCK_GUARD {
     KIRQL OldIrql;
 };
 
-// Framework spin lock, raises to DISPATCH_LEVEL.
-class WDF_SPIN_LOCK_GUARD {
+// Framework spin lock, raises to DISPATCH_LEVEL. Callable at up to DISPATCH_LEVEL.
+class TSA_SCOPED WDF_SPIN_LOCK_GUARD {
   public:
-    explicit WDF_SPIN_LOCK_GUARD(WDFSPINLOCK lock) : Lock(lock) { WdfSpinLockAcquire(Lock); }
-    ~WDF_SPIN_LOCK_GUARD() { WdfSpinLockRelease(Lock); }
+    explicit WDF_SPIN_LOCK_GUARD(DEVICE_WDF_SPIN_LOCK& lock) TSA_ACQUIRE(lock) : Lock(lock) {
+        WdfSpinLockAcquire(Lock.Handle);
+    }
+    ~WDF_SPIN_LOCK_GUARD() TSA_RELEASE() { WdfSpinLockRelease(Lock.Handle); }
     WDF_SPIN_LOCK_GUARD(const WDF_SPIN_LOCK_GUARD&) = delete;
     WDF_SPIN_LOCK_GUARD& operator=(const WDF_SPIN_LOCK_GUARD&) = delete;
 
   private:
-    WDFSPINLOCK Lock;
+    DEVICE_WDF_SPIN_LOCK& Lock;
 };

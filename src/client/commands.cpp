@@ -1,11 +1,16 @@
 #include "client/commands.h"
 
+#include "base/shared_field.h"
+#include "base/util.h"
 #include "control/mode_setting.h"
 #include "device/device_context.h"
+#include "display/video_output.h"
 #include "hdmi/transmitter.h"
+#include "render/drop_frames.h"
 #include "render/start_stop.h"
-#include "surface/cursor.h"
 #include "surface/frame_buffer.h"
+#include "surface/pointer.h"
+#include "surface/present.h"
 
 namespace {
 
@@ -15,8 +20,8 @@ constexpr ULONG PRESENT_MAX_HEIGHT = 1152;
 constexpr ULONG D0_POLL_MS = 10;
 constexpr ULONG D0_LIMIT_MS = 5000;
 
-// A command's input is the caller's memory, which may change under our hands: it is copied once and only the
-// copy is looked at. FALSE when it is shorter than the record.
+// A command's input is the caller's memory, which may change at any time: it is copied once and only the copy
+// is looked at. FALSE when it is shorter than the record.
 template <typename Record>
 [[nodiscard]] BOOLEAN CopyInput(const VOID* input, ULONGLONG inputLength, Record* record) {
     if (input == nullptr || inputLength < sizeof(Record)) {
@@ -34,10 +39,10 @@ NTSTATUS QueryEdid(DEVICE_CONTEXT* context, VOID* output, ULONGLONG outputLength
         return STATUS_BUFFER_TOO_SMALL;
     }
     UCHAR* bytes = static_cast<UCHAR*>(output);
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
-    RtlCopyMemory(bytes, context->Display.EdidBlocks[0], EDID_BLOCK_SIZE);
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
+    RtlCopyMemory(bytes, context->Control.Edid.EdidBlocks[0], EDID_BLOCK_SIZE);
     if (outputLength >= 2 * EDID_BLOCK_SIZE) {
-        RtlCopyMemory(bytes + EDID_BLOCK_SIZE, context->Display.EdidBlocks[0], EDID_BLOCK_SIZE);
+        RtlCopyMemory(bytes + EDID_BLOCK_SIZE, context->Control.Edid.EdidBlocks[0], EDID_BLOCK_SIZE);
     }
     return STATUS_SUCCESS;
 }
@@ -88,29 +93,21 @@ NTSTATUS SetPointer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputL
     return STATUS_SUCCESS;
 }
 
-// The caller holds DisplayPowerMutex.
-void SwitchDisplayOff(DEVICE_CONTEXT* context) {
+void SwitchDisplayOff(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
     if (SHARED_Read(context->Power.CurrentPowerState) != WdfPowerDeviceD0) {
-        // The stream is paused, the transmitter down and the adapter out of reach. It wakes with its output
-        // off, and all that has to be done is to leave it so.
+        // The stream is paused, the transmitter is powered down and the adapter cannot be reached. It wakes
+        // with its output off, and nothing else has to be done.
         RENDER_StopSuspended(context);
         return;
     }
-    SHARED_Write(context->Display.FrameErrorHandlingSuspended, TRUE);
-    {
-        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-        if (SHARED_Read(context->Hdmi.HdmiTransmitterPresent) &&
-            SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
-            (void)HDMI_PowerDown(context);
-        }
-    }
+    RENDER_SuspendFrameErrors(context);
+    HDMI_PowerDownIfPowered(context);
     RENDER_Stop(context);
     MODE_DisableOutput(context);
-    SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
+    RENDER_ResumeFrameErrors(context);
 }
 
-// The caller holds DisplayPowerMutex.
-void SwitchDisplayOn(DEVICE_CONTEXT* context) {
+void SwitchDisplayOn(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
     // A mode that cannot be set leaves the display dark until the next switch; the client is not told.
     (void)MODE_SetDesktopMode(context, SHARED_Read(context->Client.DesktopWidth),
                               SHARED_Read(context->Client.DesktopHeight));
@@ -152,10 +149,10 @@ NTSTATUS SetDisplayPower(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG i
     }
     {
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        if (context->Client.DisplayOn == request.On && !context->Client.NewTenure) {
+        if (context->Client.DisplayOn == request.On && !context->Client.NewSession) {
             return STATUS_SUCCESS;
         }
-        context->Client.NewTenure = FALSE;
+        context->Client.NewSession = FALSE;
         SHARED_Write(context->Client.DisplayOn, request.On);
         if (request.On == 0) {
             SwitchDisplayOff(context);
@@ -207,16 +204,25 @@ NTSTATUS CLIENT_Command(VOID* clientContext, ULONG code, VOID* input, ULONGLONG 
     }
 }
 
+void CLIENT_EndSession(DEVICE_CONTEXT* context) {
+    InterlockedExchange(&context->Client.ClientCount, 0);
+    {
+        MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
+        SHARED_Write(context->Client.DisplayOn, 0);
+    }
+    FRAMEBUFFER_DestroyAll(context);
+}
+
 void CLIENT_ReleaseInterface(VOID* clientContext) {
     DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
     FRAMEBUFFER_DestroyAll(context);
     {
         // The next client knows nothing of what this one left: its first switch acts, whichever way.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        context->Client.NewTenure = TRUE;
+        context->Client.NewSession = TRUE;
     }
     if (InterlockedDecrement(&context->Client.ClientCount) < 0) {
-        // Released twice, or after a restart that had ended the tenure: nothing was held.
+        // Released twice, or after a restart that had ended the session: nothing was held.
         InterlockedIncrement(&context->Client.ClientCount);
     }
 }

@@ -1,10 +1,19 @@
-// The entry points that the client calls directly (signatures and records: client/client_abi.h).
+// The entry points that the client calls directly (signatures and records: device/client_abi.h).
 #pragma once
 
+#include "base/annotations.h"
 #include "device/client_abi.h"
+
+struct DEVICE_CONTEXT;
 
 // PASSIVE_LEVEL, from several threads at once. Blocks while a mode is set.
 COMMAND_ENTRY CLIENT_Command;
 
-// Ends the client's tenure: drops the driver's references to its frame buffers and lets the next client in.
+// Ends the client's session: drops the driver's references to its frame buffers and admits the next client.
+// PASSIVE_LEVEL.
 RELEASE_ENTRY CLIENT_ReleaseInterface;
+
+// At hardware preparation: the session of a client that outlived the previous preparation is over. Its frame
+// buffers are freed by their last user, and the next client finds the interface free and the display off.
+_IRQL_requires_(PASSIVE_LEVEL)
+void CLIENT_EndSession(DEVICE_CONTEXT* context);

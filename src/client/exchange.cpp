@@ -7,7 +7,7 @@ namespace {
 
 constexpr ULONG INTERFACE_VERSION = 1;
 
-// One client at a time: whoever raises the count to 1 has the interface.
+// One client at a time: the exchange that raises the count to 1 has the interface.
 BOOLEAN TakeInterface(CLIENT_CONTEXT* client) {
     if (InterlockedIncrement(&client->ClientCount) == 1) {
         return TRUE;

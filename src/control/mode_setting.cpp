@@ -1,10 +1,13 @@
 #include "control/mode_setting.h"
 
-#include "device/device_context.h"
-#include "display/mode_timing.h"
+#include "base/shared_field.h"
+#include "device/device_count.h"
+#include "display/video_output.h"
 #include "hdmi/hdmi_mode.h"
 #include "hdmi/transmitter.h"
-#include "render/pipeline.h"
+#include "render/drop_frames.h"
+#include "render/mode_change.h"
+#include "render/render_buffers.h"
 #include "render/start_stop.h"
 #include "usb/registers.h"
 
@@ -49,13 +52,13 @@ MODE_PARAMETERS BuildParameters(DEVICE_CONTEXT* context, MODE_REQUEST* request) 
     return parameters;
 }
 
-// The caller holds RenderStartStopMutex.
-NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
+NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request)
+    TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     const MODE_PARAMETERS& current = context->Display.Mode;
     if (request->Width != current.Width || request->Height != current.Height) {
-        // Remembered, because a mode set that fails half-way leaves its size behind: the next one of that
-        // size must not take it for a mode that the transmitter was programmed for.
-        context->Display.HdmiModeStale = TRUE;
+        // Remembered, because a mode set that fails in the middle leaves its size behind: the next mode set
+        // of that size must program the transmitter all the same.
+        context->Control.HdmiModeStale = TRUE;
     }
 
     // The stop comes first, and it takes back what the pixel-bytes adjustment did to
@@ -63,11 +66,10 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
     // the registry either: the output starts with 24 bits and falls back when frames are dropped.
     RENDER_Stop(context);
     MODE_DisableOutput(context);
-    SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_RESET);
-    SHARED_Write(context->Render.PixelBytesUpgradeCount, 0u);
+    RENDER_ResetDropFrameCheck(context);
 
     const MODE_PARAMETERS parameters = BuildParameters(context, request);
-    NTSTATUS status = MODE_Program(context, &parameters);
+    NTSTATUS status = RENDER_ProgramMode(context, &parameters);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -78,7 +80,7 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
         }
     }
     if (request->CompressionEnabled == 0) {
-        MODE_UpdateHdmi(context, context->Display.HdmiModeStale);
+        MODE_UpdateHdmi(context, context->Control.HdmiModeStale);
         status = RENDER_Start(context);
     }
     return status;
@@ -89,11 +91,11 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
 NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
     // Held from the stop to the start: between them the frame update thread might otherwise switch the pixel
     // bytes of a mode that is about to be replaced, or a detach forget the one just set.
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     const NTSTATUS status = ChangeMode(context, request);
 
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+    RENDER_ResumeFrameErrors(context);
     return status;
 }
 
@@ -107,19 +109,9 @@ NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height)
     return MODE_SetMode(context, &request);
 }
 
-void MODE_ForgetForSleep(DEVICE_CONTEXT* context) {
-    MUTEX_GUARD guard(context->Locks.DropFrameCheckMutex);
-    DISPLAY_CONTEXT* display = &context->Display;
-    display->WidthBeforeSleep = display->Mode.Width;
-    display->HeightBeforeSleep = display->Mode.Height;
-    display->Mode.Width = 0;
-    display->Mode.Height = 0;
-    display->Mode.Refresh = 0;
-}
-
 void MODE_Resume(DEVICE_CONTEXT* context) {
     // Held over both steps, so that a display-off in between finds either a paused stream or a running one.
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     if (!context->Render.SuspendedWhileRunning) {
         return;
     }
@@ -131,19 +123,8 @@ void MODE_Resume(DEVICE_CONTEXT* context) {
     (void)MODE_SetDesktopMode(context, context->Display.WidthBeforeSleep, context->Display.HeightBeforeSleep);
 }
 
-void MODE_DisableOutput(DEVICE_CONTEXT* context) {
-    if (context->Usb.UsbDevice == nullptr) {
-        return;
-    }
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    if (context->Display.OutputActive) {
-        REG_SetBit(context, REGISTER_SCAN_CONTROL, SCAN_CONTROL_OUTPUT_OFF_BIT);
-        context->Display.OutputActive = FALSE;
-    }
-}
-
 void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices) {
-    SETTINGS* settings = &context->Settings;
+    const SETTINGS* settings = &context->Settings;
     *severalDevices = FALSE;
 
     if (context->Usb.DeviceDescriptor.bcdUSB == USB_BCD_HIGH_SPEED_LINK) {
@@ -159,9 +140,7 @@ void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* paramete
         UseCompressedRgb555(parameters);
         return;
     }
-    // Other devices count in the registry; without a value there this device's own count stands.
-    (void)REGISTRY_QueryULong(WIDE("CurrentNumberOfDevices"), &settings->CurrentNumberOfDevices);
-    if (settings->CurrentNumberOfDevices >= MANY_DEVICES) {
+    if (DEVICECOUNT_Refresh(context) >= MANY_DEVICES) {
         parameters->CompressionEnabled = 1;
         *severalDevices = TRUE;
     }
@@ -172,17 +151,17 @@ void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* paramete
 }
 
 void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
     if (!SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
         return;
     }
     // A transmitter that fails here stays marked as not powered, or as not programmed, and the next mode set
-    // tries again. The mode set itself goes on: what is wrong with the transmitter may well heal.
+    // tries again. The mode set itself goes on: the transmitter may recover.
     const BOOLEAN powered = SHARED_Read(context->Hdmi.HdmiTransmitterPowered) || HDMI_PowerUp(context);
     if (modeChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
         const BOOLEAN programmed = HDMI_SetMode(context);
         REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
-        context->Display.HdmiModeStale = !(powered && programmed);
+        context->Control.HdmiModeStale = !(powered && programmed);
     }
 }

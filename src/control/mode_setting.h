@@ -1,11 +1,9 @@
-// From "switch the display on" to a running stream. PASSIVE_LEVEL; blocks for up to seconds.
+// From "switch the display on" to a running stream. Blocks for up to seconds.
 #pragma once
 
-#include "device/mode_parameters.h"
+#include "device/device_context.h"
 
 #include <ntddk.h>
-
-struct DEVICE_CONTEXT;
 
 struct MODE_REQUEST {
     ULONG Width;
@@ -21,27 +19,27 @@ static_assert(sizeof(MODE_REQUEST) == 32);
 
 // Stops the stream, programs the mode and starts the stream again. On failure the stream stays stopped and
 // the monitor dark until the next mode set that succeeds. Takes RenderStartStopMutex for the whole change.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request);
 
 // The same with a request for the client's frames of that size: 60 Hz, 4 bytes a pixel, 24-bit output.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height);
-
-// A transmitter loses its programme over a sleep: the mode counts as none, so that the next mode set programs
-// everything again.
-void MODE_ForgetForSleep(DEVICE_CONTEXT* context);
 
 // After a sleep: a stream that RENDER_Suspend paused goes on, in the mode it had. Where that mode was
 // forgotten, it is set anew. The adapter is in D0.
+_IRQL_requires_(PASSIVE_LEVEL)
 void MODE_Resume(DEVICE_CONTEXT* context);
-
-// Turns the adapter's video output off if it is on. Takes DisplayStateMutex.
-void MODE_DisableOutput(DEVICE_CONTEXT* context);
 
 // Chooses bytes per pixel and compression by link speed and settings. `severalDevices` becomes TRUE when
 // their number alone made the frames compressed. Changes `parameters` only, and this device's copy of
 // CurrentNumberOfDevices.
+_IRQL_requires_(PASSIVE_LEVEL)
 void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices);
 
-// Powers an HDMI transmitter up and programs it when `modeChanged`. The caller holds RenderStartStopMutex;
-// takes DisplayStateMutex.
-void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged);
+// Powers an HDMI transmitter up and programs it when `modeChanged`. Takes DisplayStateMutex.
+_IRQL_requires_(PASSIVE_LEVEL)
+void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged)
+    TSA_REQUIRES(context->Render.RenderStartStopMutex);

@@ -1,57 +1,58 @@
 #include "control/monitor.h"
 
-#include "device/device_context.h"
+#include "base/shared_field.h"
+#include "control/device_interface.h"
 #include "display/edid.h"
 #include "display/edid_read.h"
 #include "display/mode_timing.h"
+#include "render/drop_frames.h"
 #include "render/start_stop.h"
-#include "render/timers.h"
+#include "usb/chip.h"
 #include "usb/registers.h"
 
-namespace {
-
-// The client sees the monitor come and go by this. The caller holds MonitorMutex.
-void SwitchInterface(DEVICE_CONTEXT* context, BOOLEAN on) {
-    UNICODE_STRING* link = &context->Display.InterfaceSymbolicLinkName;
-    if (link->Length != 0) {
-        // Off fails when it was not on. On fails only for an interface that is gone with its device.
-        (void)IoSetDeviceInterfaceState(link, on);
-    }
+void MONITOR_IgnoreReports(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Control.IgnoreInterruptStatus, TRUE);
 }
 
-} // namespace
+void MONITOR_AcceptReports(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Control.IgnoreInterruptStatus, FALSE);
+}
+
+void MONITOR_Reset(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Control.MonitorConnected, FALSE);
+}
 
 void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context) {
-    // To the end: a report that comes meanwhile waits for its turn and then reads a status of its own, and a
-    // monitor that goes while its EDID is read is not missed.
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
-    SHARED_Write(context->Usb.IgnoreInterruptStatus, TRUE);
+    // Hold the mutex throughout, so that a concurrent report reads the status again afterwards: a monitor
+    // that goes while its EDID is read is not missed.
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
+    MONITOR_IgnoreReports(context);
     ULONG status;
     if (REG_Read(context, REGISTER_STATUS, &status)) {
-        if (context->Usb.ChipRevision == 2) {
+        if (CHIP_Traits(context).ReportsEvents) {
             MONITOR_OnStatus(context, status);
         } else {
             MONITOR_CheckStatus(context, status);
         }
     }
-    SHARED_Write(context->Usb.IgnoreInterruptStatus, FALSE);
+    MONITOR_AcceptReports(context);
 }
 
 void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status) {
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
-    const BOOLEAN wasAttached = SHARED_Read(context->Display.MonitorConnected);
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
+    const BOOLEAN wasAttached = SHARED_Read(context->Control.MonitorConnected);
     const BOOLEAN isAttached = (status & STATUS_MONITOR_ATTACHED_MASK) != 0;
     if (wasAttached && !isAttached) {
         MONITOR_Detach(context);
     } else if (isAttached && !wasAttached) {
-        context->Display.EdidViaAdapterDdc =
+        context->Control.Edid.ViaAdapterDdc =
             (status & STATUS_EDID_VIA_ADAPTER_MASK) == STATUS_EDID_VIA_ADAPTER_MASK;
         MONITOR_Attach(context, (status & STATUS_EDID_READABLE_MASK) != 0);
     }
 }
 
 void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status) {
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
     if ((status & STATUS_MONITOR_ATTACHED_MASK) == 0) {
         MONITOR_Detach(context);
     } else if ((status & STATUS_FRAME_ERROR_MASK) != 0) {
@@ -63,42 +64,39 @@ void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status) {
 }
 
 void MONITOR_Attach(DEVICE_CONTEXT* context, BOOLEAN readEdid) {
-    SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_RESET);
-    SHARED_Write(context->Render.PixelBytesUpgradeCount, 0u);
-    SHARED_Write(context->Display.MonitorConnected, TRUE);
+    RENDER_ResetDropFrameCheck(context);
+    SHARED_Write(context->Control.MonitorConnected, TRUE);
     RENDER_StartDropFrameEventCheckTimer(context, DROP_FRAME_CHECK_PERIOD_MS);
 
     CHIP_UpdateRegister70Bits(context, FALSE);
-    if (context->Usb.ChipRevision == 2) {
-        REG_ClearBit(context, REGISTER_STANDBY, STANDBY_BIT);
-    }
+    CHIP_SetStandby(context, FALSE);
 
-    EDID_Clear(&context->Display);
+    EDID_Clear(&context->Control.Edid);
     const BOOLEAN hasEdid = readEdid || SHARED_Read(context->Hdmi.HdmiTransmitterPresent);
     if (context->Settings.UseForceNonPnpMonitor != 0) {
         // As without an EDID: a transmitter takes such a monitor for a DVI one.
-        SHARED_Write(context->Display.MonitorIsDvi, TRUE);
+        context->Control.Edid.IsDvi = TRUE;
+        SHARED_Write(context->Control.MonitorIsDvi, TRUE);
     } else if (hasEdid) {
-        EDID_Acquire(context);
+        EDID_Acquire(context, &context->Control.Edid);
+        SHARED_Write(context->Control.MonitorIsDvi, context->Control.Edid.IsDvi);
     }
-    SwitchInterface(context, TRUE);
+    INTERFACE_Enable(context, TRUE);
 }
 
 void MONITOR_Detach(DEVICE_CONTEXT* context) {
-    SHARED_Write(context->Display.MonitorConnected, FALSE);
+    SHARED_Write(context->Control.MonitorConnected, FALSE);
     RENDER_StopDropFrameEventCheckTimer(context);
-    SwitchInterface(context, FALSE);
+    INTERFACE_Enable(context, FALSE);
     {
         // One step: a display-on in between would start the stream with a mode that is forgotten under it.
-        MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+        MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
         RENDER_Stop(context);
         MODE_Forget(context);
     }
-    EDID_Clear(&context->Display);
+    EDID_Clear(&context->Control.Edid);
 
     REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_PLL_BIT);
-    if (context->Usb.ChipRevision == 2) {
-        REG_SetBit(context, REGISTER_STANDBY, STANDBY_BIT);
-    }
+    CHIP_SetStandby(context, TRUE);
     CHIP_UpdateRegister70Bits(context, TRUE);
 }

@@ -1,8 +1,10 @@
 #include "control/status_pipe.h"
 
+#include "base/shared_field.h"
 #include "control/monitor.h"
 #include "device/device_context.h"
-#include "render/timers.h"
+#include "render/drop_frames.h"
+#include "usb/chip.h"
 #include "usb/configuration.h"
 #include "usb/registers.h"
 
@@ -18,13 +20,12 @@ constexpr size_t REPORT_LENGTH = 1;
 constexpr UCHAR REPORT_STATUS_CHANGED = 0x01;
 constexpr UCHAR REPORT_FRAME_STATUS = 0x00; // of interest only while a monitor is attached
 
-// The caller holds MonitorMutex.
-void HandleStatus(DEVICE_CONTEXT* context, ULONG status) {
+void HandleStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->Control.MonitorMutex) {
     if ((status & STATUS_MONITOR_EVENT_MASK) != 0) {
         MONITOR_OnStatus(context, status);
     } else if ((status & STATUS_FRAME_ERROR_MASK) != 0) {
-        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-        if (!SHARED_Read(context->Display.FrameErrorHandlingSuspended)) {
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+        if (!SHARED_Read(context->Render.FrameErrorHandlingSuspended)) {
             RENDER_HandleFrameError(context);
         }
     }
@@ -33,30 +34,42 @@ void HandleStatus(DEVICE_CONTEXT* context, ULONG status) {
 } // namespace
 
 NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context) {
-    USB_CONTEXT* usb = &context->Usb;
-    usb->InterruptPipe =
-        USB_FindPipe(usb->UsbInterfaces[USB_STATUS_INTERFACE], WdfUsbPipeTypeInterrupt, USB_DIRECTION_IN);
-    if (usb->InterruptPipe == nullptr) {
+    CONTROL_CONTEXT* control = &context->Control;
+    control->InterruptPipe = USB_FindPipe(context->Usb.UsbInterfaces[USB_STATUS_INTERFACE],
+                                          WdfUsbPipeTypeInterrupt, USB_DIRECTION_IN);
+    if (control->InterruptPipe == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
     // A report is one byte, and the framework wants reads of whole packets.
-    WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(usb->InterruptPipe);
+    WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(control->InterruptPipe);
 
     WDF_USB_CONTINUOUS_READER_CONFIG config;
     WDF_USB_CONTINUOUS_READER_CONFIG_INIT(&config, INT_EvtReadComplete, context, REPORT_LENGTH);
     config.NumPendingReads = 1;
-    const NTSTATUS status = WdfUsbTargetPipeConfigContinuousReader(usb->InterruptPipe, &config);
+    const NTSTATUS status = WdfUsbTargetPipeConfigContinuousReader(control->InterruptPipe, &config);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    return WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(usb->InterruptPipe));
+    return WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(control->InterruptPipe));
 }
 
 void INT_StopStatusPipe(DEVICE_CONTEXT* context) {
-    USB_CONTEXT* usb = &context->Usb;
-    if (usb->InterruptPipe != nullptr) {
-        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(usb->InterruptPipe), WdfIoTargetCancelSentIo);
-        usb->InterruptPipe = nullptr; // The next configuration makes pipes anew.
+    CONTROL_CONTEXT* control = &context->Control;
+    if (control->InterruptPipe != nullptr) {
+        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(control->InterruptPipe), WdfIoTargetCancelSentIo);
+        control->InterruptPipe = nullptr; // The next configuration makes pipes anew.
+    }
+}
+
+void INT_SuspendStatusPipe(DEVICE_CONTEXT* context) {
+    if (context->Control.InterruptPipe != nullptr) {
+        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(context->Control.InterruptPipe), WdfIoTargetCancelSentIo);
+    }
+}
+
+void INT_ResumeStatusPipe(DEVICE_CONTEXT* context) {
+    if (context->Control.InterruptPipe != nullptr) {
+        (void)WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(context->Control.InterruptPipe));
     }
 }
 
@@ -65,14 +78,14 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
     const UCHAR report = *static_cast<const UCHAR*>(WdfMemoryGetBuffer(buffer, nullptr));
     const BOOLEAN isWanted =
         report == REPORT_STATUS_CHANGED ||
-        (report == REPORT_FRAME_STATUS && SHARED_Read(context->Display.MonitorConnected));
+        (report == REPORT_FRAME_STATUS && SHARED_Read(context->Control.MonitorConnected));
     if (!isWanted) {
         return;
     }
 
     WDF_WORKITEM_CONFIG config;
     WDF_WORKITEM_CONFIG_INIT(&config,
-                             context->Usb.ChipRevision == 2 ? INT_EvtStatusWorkItem : INT_EvtAckWorkItem);
+                             CHIP_Traits(context).ReportsEvents ? INT_EvtStatusWorkItem : INT_EvtAckWorkItem);
     config.AutomaticSerialization = FALSE;
     WDF_OBJECT_ATTRIBUTES attributes;
     WDF_OBJECT_ATTRIBUTES_INIT_CONTEXT_TYPE(&attributes, VGA_WORKITEM_CONTEXT);
@@ -88,13 +101,14 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
 void INT_EvtStatusWorkItem(WDFWORKITEM workItem) {
     DEVICE_CONTEXT* context = INT_GetWorkItemContext(workItem)->DeviceContext;
     {
-        // The monitor's mutex comes first for either kind of status, because a detach takes everything that
-        // stands below it. The status is read under it, too: of two work items at once the later one acts on
-        // the newer status. D0 exit raises the flag and then waits for this mutex: whoever comes later leaves
-        // the monitor alone.
-        MUTEX_GUARD monitor(context->Locks.MonitorMutex);
+        // MonitorMutex comes first for either kind of status, because a detach takes every lock that comes
+        // after it. The status is read under it, too: of two work items at once the later one acts on the
+        // newer status. D0 exit sets the flag and then waits for this mutex: a later work item leaves the
+        // monitor alone.
+        MUTEX_GUARD monitor(context->Control.MonitorMutex);
         ULONG status;
-        if (REG_Read(context, REGISTER_STATUS, &status) && !SHARED_Read(context->Usb.IgnoreInterruptStatus)) {
+        if (REG_Read(context, REGISTER_STATUS, &status) &&
+            !SHARED_Read(context->Control.IgnoreInterruptStatus)) {
             HandleStatus(context, status);
         }
     }

@@ -2,6 +2,8 @@
 // the work items that act on the reports.
 #pragma once
 
+#include "base/annotations.h"
+
 #include <ntddk.h>
 #include <usb.h>
 #include <usbdlib.h>
@@ -10,10 +12,22 @@
 
 struct DEVICE_CONTEXT;
 
-// PASSIVE_LEVEL, framework-serialised. Not for adapters with NoInterruptPipe.
+// From hardware preparation to release, serialized by the framework. Not for chips without a status pipe.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context);
-void INT_StopStatusPipe(DEVICE_CONTEXT* context); // cancels the pending read
+
+// Cancels the pending read. Nothing happens without a pipe.
+_IRQL_requires_(PASSIVE_LEVEL)
+void INT_StopStatusPipe(DEVICE_CONTEXT* context);
+
+// Over a sleep: no read is pending while the device is out of D0. Without the pipe the adapter still shows
+// frames, so a failure of the resume is passed over.
+_IRQL_requires_(PASSIVE_LEVEL)
+void INT_SuspendStatusPipe(DEVICE_CONTEXT* context);
+_IRQL_requires_(PASSIVE_LEVEL)
+void INT_ResumeStatusPipe(DEVICE_CONTEXT* context);
 
 EVT_WDF_USB_READER_COMPLETION_ROUTINE INT_EvtReadComplete; // up to DISPATCH_LEVEL
-EVT_WDF_WORKITEM INT_EvtStatusWorkItem;                    // revision 2
-EVT_WDF_WORKITEM INT_EvtAckWorkItem;                       // other revisions
+EVT_WDF_WORKITEM INT_EvtStatusWorkItem;                    // chips that report events
+EVT_WDF_WORKITEM INT_EvtAckWorkItem;                       // the others

@@ -1,4 +1,4 @@
-// The external HDMI transmitter's state.
+// The external HDMI transmitter's state. Written by hdmi/.
 #pragma once
 
 #include <ntddk.h>

@@ -9,9 +9,6 @@ enum OUTPUT_COLOR_MODE : ULONG {
     OUTPUT_COLOR_24_BIT = 2,
 };
 
-// The copy in DEVICE_CONTEXT changes only while the render pipeline is stopped, under DropFrameCheckMutex;
-// who also starts or stops the pipeline for it holds RenderStartStopMutex around both. The frame update
-// thread reads it between RENDER_BeginFill and RENDER_EndFill.
 struct MODE_PARAMETERS {
     ULONG Width; // pixels
     ULONG Height;

@@ -1,4 +1,4 @@
-// The render pipeline of one adapter: contexts, buffers, queues, thread and timers.
+// The render pipeline of one adapter: contexts, buffers, queues, thread and timers. Written by render/.
 #pragma once
 
 #include "base/lock.h"
@@ -18,16 +18,23 @@ constexpr ULONG RENDER_BUFFER_ALLOCATION = 0x6C0046; // capacity + 16
 constexpr ULONG COMPRESSION_STAGING_ALLOCATION = 0x6C0056;
 constexpr ULONG RENDER_BUFFER_NONE = ~0u; // no frame was queued since the stream started
 
-// One transfer. A context is on AvailableList (FRAME_CLEARED), on no list and owned by the frame update
-// (FRAME_TAKEN), on PendingList (FRAME_UPDATED), or in flight; the list that holds it is its state.
+// Where a render context is in its life. The events that lead from one state to the next: render/send.h.
+enum RENDER_CONTEXT_STATE : ULONG {
+    FRAME_CLEARED,   // on AvailableList
+    FRAME_TAKEN,     // on no list: the frame update thread fills a render buffer for it
+    FRAME_UPDATED,   // on PendingList
+    FRAME_IN_FLIGHT, // on no list: its requests are queued or sent
+    FRAME_REFUSED,   // in flight, but one of its requests was not sent
+};
+
+// One transfer: a frame's bytes and, in most modes, the zero-length transfer that ends it.
 struct RENDER_CONTEXT {
     LIST_ENTRY Link; // points to itself while on no list
     DEVICE_CONTEXT* DeviceContext;
+    ULONG State; // RENDER_CONTEXT_STATE; written by the task that moves the context (shared field)
     ULONG TransferLength;
     ULONG RenderBufferIndex;  // the render buffer it sends
     LONG OutstandingRequests; // interlocked: queued or sent, and not finished
-    BOOLEAN Abandoned;        // a request was not sent; written before that request's OutstandingRequests is
-                              // given back, read once none is left
     _URB_BULK_OR_INTERRUPT_TRANSFER RenderUrb;
     WDFMEMORY RenderUrbMemory;
     WDFREQUEST RenderRequest;
@@ -35,6 +42,13 @@ struct RENDER_CONTEXT {
     WDFMEMORY ZeroLengthUrbMemory;
     WDFREQUEST ZeroLengthRequest;
     PMDL RenderMdl[RENDER_BUFFER_COUNT];
+};
+
+// A collection of USB requests. It refers to the requests of the render contexts and does not own them. Lock
+// and collection are null before the pipeline is built and after it was torn down.
+struct REQUEST_LIST {
+    DEVICE_WDF_SPIN_LOCK Lock;
+    WDFCOLLECTION Requests TSA_GUARDED_BY(Lock);
 };
 
 struct RENDER_BUFFERS {
@@ -61,17 +75,15 @@ struct THREAD_START_CONTEXT {
 
 struct RENDER_PIPELINE {
     // Created at hardware preparation, deleted at release; constant in between.
-    WDFSPINLOCK CompressionLevelLock;
-    WDFSPINLOCK SendQueueLock;
-    WDFSPINLOCK SentRequestsLock;
+    DEVICE_WDF_SPIN_LOCK CompressionLevelLock;
     WDFLOOKASIDE RenderContextLookaside;
     WDFMEMORY RenderContextMemory[RENDER_CONTEXT_COUNT];
     RENDER_CONTEXT* RenderContexts[RENDER_CONTEXT_COUNT];
     WDFTIMER CompressionAutoUpdateTimer;
     WDFTIMER DropFrameEventCheckTimer;
 
-    WDFCOLLECTION SendQueue;    // guarded by SendQueueLock
-    WDFCOLLECTION SentRequests; // guarded by SentRequestsLock
+    REQUEST_LIST SendQueue;    // formatted, of the frame that is being sent
+    REQUEST_LIST SentRequests; // sent and not completed
 
     // Guarded by AvailableListLock; the count is interlocked and may lag the list.
     DEVICE_SPIN_LOCK AvailableListLock;
@@ -83,17 +95,17 @@ struct RENDER_PIPELINE {
     LIST_ENTRY PendingList TSA_GUARDED_BY(PendingListLock);
     LONG PendingCount;
     ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued in this run
-    BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // somebody is sending; new work is left to it
+    BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // a dispatch is running; new work is left to it
     KEVENT DispatchIdleEvent;                            // notification; signalled while Dispatching is clear
     KEVENT DispatchRequestEvent; // synchronization; a dispatch that took too long leaves the rest to the
                                  // frame update thread
 
     LONG RenderContextsInFlight; // interlocked
 
-    // Created at device add; they outlive the rest. NextRenderBufferIndex is guarded by
-    // RenderBufferIndexMutex and never reset.
+    // Created at device add; they outlive the rest. NextRenderBufferIndex is never reset.
     RENDER_BUFFERS RenderBuffer;
-    ULONG NextRenderBufferIndex;
+    DEVICE_MUTEX RenderBufferIndexMutex;
+    ULONG NextRenderBufferIndex TSA_GUARDED_BY(RenderBufferIndexMutex);
     ULONG RenderBufferLength[RENDER_BUFFER_COUNT]; // bytes to send; written before the buffer is queued
 
     // Replaced while the pipeline is stopped; used by the frame update.
@@ -105,7 +117,6 @@ struct RENDER_PIPELINE {
     HANDLE FrameUpdateThreadHandle; // closed as soon as the object is referenced
     PVOID FrameUpdateThreadObject;  // referenced from creation until shutdown has waited for it
     THREAD_START_CONTEXT ThreadStartContext;
-    KEVENT FrameUpdateRequestEvent;
     KEVENT ThreadStartStopEvent;
     BOOLEAN FrameUpdateThreadCreated;
 
@@ -114,18 +125,26 @@ struct RENDER_PIPELINE {
     LONG StartedAnew; // interlocked: set by a start, taken back by the thread at its next frame update
     BOOLEAN StopAcknowledged; // set by the thread, cleared by a stop
 
-    // Changed under RenderStartStopMutex and PendingListLock. Who holds either knows that it stays; a poll
+    // Held while the stream starts, stops or pauses; a task that also changes the mode holds it around both.
+    // PASSIVE_LEVEL.
+    DEVICE_MUTEX RenderStartStopMutex;
+    BOOLEAN ShutDown TSA_GUARDED_BY(RenderStartStopMutex); // being torn down: starts no more
+    BOOLEAN
+    SuspendedWhileRunning TSA_GUARDED_BY(RenderStartStopMutex); // paused for a sleep; resumes after it
+
+    // Changed under RenderStartStopMutex and PendingListLock: it cannot change while either is held. A poll
     // without them (shared field) only saves work that would be thrown away.
     ULONG RenderRunning;
-
-    // Guarded by RenderStartStopMutex.
-    BOOLEAN ShutDown;              // the pipeline is being torn down and starts no more
-    BOOLEAN SuspendedWhileRunning; // the stream paused for a sleep and resumes after it
 
     // Notification; signalled while the thread is not filling a render buffer. The thread clears it under
     // PendingListLock, and only while RenderRunning is set; a stop waits for it after it cleared
     // RenderRunning.
     KEVENT FrameFillIdleEvent;
+
+    // While set, frame-error reports are ignored (shared field). Power callbacks, display switches and mode
+    // changes set and clear it through RENDER_SuspendFrameErrors and RENDER_ResumeFrameErrors; the latest
+    // call decides.
+    BOOLEAN FrameErrorHandlingSuspended;
 
     // Feedback loops. Written by the frame update thread unless said otherwise.
     BOOLEAN AutoUpdateArmed;
@@ -135,5 +154,4 @@ struct RENDER_PIPELINE {
     ULONG PixelBytesUpgradeCount; // shared field
     BOOLEAN DropFrameEventReceived; // shared field
     LONG FrameErrorBucket;          // interlocked
-    LONG CompletedTransfers;        // interlocked; render transfers completed since the last mode programming
 };

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/annotations.h"
+#include "base/shared_field.h"
 
 struct DEVICE_CONTEXT;
 
@@ -35,3 +36,9 @@ void REGISTRY_ReadConfiguration(DEVICE_CONTEXT* context);
 NTSTATUS REGISTRY_QueryULong(PCWSTR name, ULONG* value); // on failure *value is left as it was
 NTSTATUS REGISTRY_AssignULong(PCWSTR name, ULONG value);
 NTSTATUS REGISTRY_QueryBinary(PCWSTR name, ULONG bufferLength, VOID* buffer, ULONG* length);
+
+// The output without compression on SuperSpeed: RGB565, or 24 bits. At run time the pixel-bytes adjustment
+// replaces the registry's value. Any IRQL.
+inline void SETTINGS_UseRgb565Output(SETTINGS* settings, BOOLEAN use) {
+    SHARED_Write(settings->UseUsb3OutputRGB565Enable, use ? 1u : 0u);
+}

@@ -1,4 +1,5 @@
 // USB side of an adapter: identity, target, pipes, and the one control transfer every register access shares.
+// Written by usb/.
 #pragma once
 
 #include "base/lock.h"
@@ -12,6 +13,7 @@
 constexpr ULONG USB_INTERFACE_COUNT = 3; // 0 unused, 1 streaming, 2 status
 constexpr ULONG USB_STREAMING_INTERFACE = 1;
 constexpr ULONG USB_STATUS_INTERFACE = 2;
+
 // The board with the transmitter's video inputs in reverse.
 constexpr USHORT ADAPTER_ALT_PRODUCT_ID = ADAPTER_PRODUCT_ID - 2;
 
@@ -24,24 +26,19 @@ struct USB_CONTEXT {
     WDFUSBDEVICE UsbDevice; // kept across stop and start
     WDFIOTARGET UsbIoTarget;
     WDFUSBINTERFACE UsbInterfaces[USB_INTERFACE_COUNT];
-    ULONG ChipRevision;      // 0 to 3
-    BOOLEAN NoInterruptPipe; // revision 1 has no status pipe
-    WDFUSBPIPE InterruptPipe;
+    ULONG ChipRevision; // 0 to 3; what the revisions differ in: usb/chip.h
 
     // Refreshed by timing programming while the pipeline is stopped; read by the send path.
     WDFUSBPIPE BulkOutPipe;
     USBD_PIPE_HANDLE BulkOutPipeHandle;
 
-    // Guarded by RegisterMutex.
-    WDFREQUEST ControlRequest;
-    WDFMEMORY ControlMemory;
-    ULONG* ControlBuffer;
-    WDF_MEMORY_DESCRIPTOR ControlMemoryDescriptor;
+    DEVICE_MUTEX RegisterMutex; // one register transfer
+    WDFREQUEST ControlRequest TSA_GUARDED_BY(RegisterMutex);
+    WDFMEMORY ControlMemory TSA_GUARDED_BY(RegisterMutex);
+    ULONG* ControlBuffer TSA_GUARDED_BY(RegisterMutex);
+    WDF_MEMORY_DESCRIPTOR ControlMemoryDescriptor TSA_GUARDED_BY(RegisterMutex);
 
-    // Held for a whole procedure on the serial master (an EDID read, a transmitter programme): the master has
-    // one set of command and data registers, and the transmitter one bank selection.
+    // Held for a whole procedure on the serial master (an EDID read, a transmitter's sequence): the master
+    // has one set of command and data registers, and the transmitter one bank selection.
     DEVICE_MUTEX SerialMasterMutex;
-
-    // Set while the device is not fully in D0: the status work item then drops what it read (shared field).
-    BOOLEAN IgnoreInterruptStatus;
 };

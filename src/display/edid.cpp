@@ -53,8 +53,8 @@ ULONG FindDataBlocksEnd(const UCHAR* block) {
 }
 
 // The number of extension blocks that EdidBlocks holds of this EDID.
-ULONG CountExtensions(const DISPLAY_CONTEXT* display) {
-    const ULONG count = display->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET];
+ULONG CountExtensions(const MONITOR_EDID* edid) {
+    const ULONG count = edid->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET];
     return count < EDID_BLOCK_COUNT ? count : EDID_LAST_BLOCK;
 }
 
@@ -88,7 +88,7 @@ EXTENSION_CHECK CheckExtension(const UCHAR* block) {
     for (ULONG offset = CEA_DATA_BLOCKS_OFFSET; offset < end;) {
         const CEA_DATA_BLOCK data = ReadDataBlock(block, offset);
         if (data.Tag == 0 || data.Tag > CEA_LAST_KNOWN_BLOCK || data.Length == 0) {
-            // Something newer than this driver: what was read until here is good, and nobody looks further.
+            // Unknown data block: accept what was checked and stop.
             return EXTENSION_CHECK::EndsCheck;
         }
         if (data.Tag == CEA_VENDOR_BLOCK && !IsHdmiVendorBlock(block, data)) {
@@ -99,8 +99,8 @@ EXTENSION_CHECK CheckExtension(const UCHAR* block) {
     return EXTENSION_CHECK::Passed;
 }
 
-UCHAR* FindDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot) {
-    return &display->EdidBlocks[0][EDID_DETAILED_TIMING_OFFSET + slot * EDID_DETAILED_TIMING_SIZE];
+UCHAR* FindDetailedTiming(MONITOR_EDID* edid, ULONG slot) {
+    return &edid->EdidBlocks[0][EDID_DETAILED_TIMING_OFFSET + slot * EDID_DETAILED_TIMING_SIZE];
 }
 
 // In units of 10 kHz, for that many pixels and lines in all, plus 0.4 Hz for the rounding in the client.
@@ -116,8 +116,8 @@ void WritePixelClock(UCHAR* timing, ULONG clock) {
     timing[1] = static_cast<UCHAR>(clock >> 8);
 }
 
-void FixChecksum(DISPLAY_CONTEXT* display) {
-    UCHAR* block = display->EdidBlocks[0];
+void FixChecksum(MONITOR_EDID* edid) {
+    UCHAR* block = edid->EdidBlocks[0];
     UCHAR sum = 0;
     for (ULONG i = 0; i < EDID_CHECKSUM_OFFSET; i++) {
         sum = static_cast<UCHAR>(sum + block[i]);
@@ -125,14 +125,14 @@ void FixChecksum(DISPLAY_CONTEXT* display) {
     block[EDID_CHECKSUM_OFFSET] = static_cast<UCHAR>(0x100 - sum);
 }
 
-void WriteEstablishedTimings(DISPLAY_CONTEXT* display, UCHAR first, UCHAR second) {
-    UCHAR* established = &display->EdidBlocks[0][ESTABLISHED_TIMING_OFFSET];
+void WriteEstablishedTimings(MONITOR_EDID* edid, UCHAR first, UCHAR second) {
+    UCHAR* established = &edid->EdidBlocks[0][ESTABLISHED_TIMING_OFFSET];
     established[0] = first;
     established[1] = second;
     established[2] = 0;
 }
 
-void OfferSingleMode(DISPLAY_CONTEXT* display, ULONG filter) {
+void OfferSingleMode(MONITOR_EDID* edid, ULONG filter) {
     struct SINGLE_MODE {
         ULONG Filter;
         UCHAR Established[2];
@@ -146,29 +146,29 @@ void OfferSingleMode(DISPLAY_CONTEXT* display, ULONG filter) {
     };
     for (const SINGLE_MODE& mode : MODES) {
         if (mode.Filter == filter) {
-            WriteEstablishedTimings(display, mode.Established[0], mode.Established[1]);
-            RtlFillMemory(&display->EdidBlocks[0][EDID_STANDARD_TIMING_OFFSET],
-                          2 * EDID_STANDARD_TIMING_COUNT, UNUSED_STANDARD_TIMING);
-            EDID_WriteDetailedTiming(display, 0, mode.Width, mode.Height);
+            WriteEstablishedTimings(edid, mode.Established[0], mode.Established[1]);
+            RtlFillMemory(&edid->EdidBlocks[0][EDID_STANDARD_TIMING_OFFSET], 2 * EDID_STANDARD_TIMING_COUNT,
+                          UNUSED_STANDARD_TIMING);
+            EDID_WriteDetailedTiming(edid, 0, mode.Width, mode.Height);
         }
     }
 }
 
 // 640 x 480, 800 x 600 and 1024 x 768 at 60 Hz: what every monitor shows and the adapter drives.
-void RewriteEstablishedTimings(DISPLAY_CONTEXT* display) {
-    WriteEstablishedTimings(display, 0x21, 0x08);
-    MONITOR_AddMode(display, 1024, 768, OFFERED_REFRESH);
+void RewriteEstablishedTimings(MONITOR_EDID* edid) {
+    WriteEstablishedTimings(edid, 0x21, 0x08);
+    MONITOR_AddMode(edid, 1024, 768, OFFERED_REFRESH);
 }
 
-void RewriteStandardTimings(DISPLAY_CONTEXT* display) {
+void RewriteStandardTimings(MONITOR_EDID* edid) {
     for (ULONG i = 0; i < EDID_STANDARD_TIMING_COUNT; i++) {
-        UCHAR* timing = &display->EdidBlocks[0][EDID_STANDARD_TIMING_OFFSET + 2 * i];
+        UCHAR* timing = &edid->EdidBlocks[0][EDID_STANDARD_TIMING_OFFSET + 2 * i];
         ULONG width;
         ULONG height;
         EDID_DecodeStandardTiming(timing[0], timing[1] >> 6u, &width, &height);
         const ULONG refresh = (timing[1] & 0x3Fu) + 60;
         if (MODE_IsSupported(width, height, refresh)) {
-            MONITOR_AddMode(display, width, height, refresh);
+            MONITOR_AddMode(edid, width, height, refresh);
         } else {
             timing[0] = REFUSED_STANDARD_TIMING[0];
             timing[1] = REFUSED_STANDARD_TIMING[1];
@@ -184,8 +184,8 @@ void DisableTiming(UCHAR* timing) {
     timing[3] = DUMMY_DESCRIPTOR_TAG;
 }
 
-void RewriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, const EDID_DETAILED_TIMING& timing) {
-    UCHAR* bytes = FindDetailedTiming(display, slot);
+void RewriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, const EDID_DETAILED_TIMING& timing) {
+    UCHAR* bytes = FindDetailedTiming(edid, slot);
     const ULONG total = (timing.HorizontalActive + timing.HorizontalBlanking) *
                         (timing.VerticalActive + timing.VerticalBlanking);
     if (total == 0) {
@@ -196,63 +196,63 @@ void RewriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, const EDID_DETA
         WritePixelClock(bytes, PixelClockFor(total));
     }
     if (timing.HorizontalActive * timing.VerticalActive > MODE_MAX_PIXELS) {
-        EDID_WriteDetailedTiming(display, 0, LARGEST_WIDTH, LARGEST_HEIGHT);
-        MONITOR_AddMode(display, LARGEST_WIDTH, LARGEST_HEIGHT, OFFERED_REFRESH);
+        EDID_WriteDetailedTiming(edid, 0, LARGEST_WIDTH, LARGEST_HEIGHT);
+        MONITOR_AddMode(edid, LARGEST_WIDTH, LARGEST_HEIGHT, OFFERED_REFRESH);
     } else {
-        MONITOR_AddMode(display, timing.HorizontalActive, timing.VerticalActive, OFFERED_REFRESH);
+        MONITOR_AddMode(edid, timing.HorizontalActive, timing.VerticalActive, OFFERED_REFRESH);
     }
 }
 
-void RewriteDetailedTimings(DISPLAY_CONTEXT* display) {
+void RewriteDetailedTimings(MONITOR_EDID* edid) {
     for (ULONG slot = 0; slot < EDID_DETAILED_TIMING_COUNT; slot++) {
         EDID_DETAILED_TIMING timing;
-        EDID_ReadDetailedTiming(display, slot, &timing);
+        EDID_ReadDetailedTiming(edid, slot, &timing);
         if (timing.PixelClock == 0) {
             return;
         }
-        RewriteDetailedTiming(display, slot, timing);
+        RewriteDetailedTiming(edid, slot, timing);
     }
 }
 
-BOOLEAN IsListed(const DISPLAY_CONTEXT* display, ULONG width, ULONG height) {
-    for (ULONG i = 0; i < display->MonitorModeCount; i++) {
-        if (display->MonitorModes[i].Width == width && display->MonitorModes[i].Height == height) {
+BOOLEAN IsListed(const MONITOR_EDID* edid, ULONG width, ULONG height) {
+    for (ULONG i = 0; i < edid->MonitorModeCount; i++) {
+        if (edid->MonitorModes[i].Width == width && edid->MonitorModes[i].Height == height) {
             return TRUE;
         }
     }
     return FALSE;
 }
 
-void ChoosePreferredTiming(DISPLAY_CONTEXT* display) {
+void ChoosePreferredTiming(MONITOR_EDID* edid) {
     MONITOR_MODE preferred = {};
-    for (ULONG i = 0; i < display->MonitorModeCount; i++) {
-        const MONITOR_MODE& mode = display->MonitorModes[i];
+    for (ULONG i = 0; i < edid->MonitorModeCount; i++) {
+        const MONITOR_MODE& mode = edid->MonitorModes[i];
         if (mode.Width * mode.Height >= preferred.Width * preferred.Height) {
             preferred = mode;
         }
     }
     // A monitor that lists both is a wide one.
-    if (preferred.Width == 1600 && preferred.Height == 1200 && IsListed(display, 1680, 1050)) {
+    if (preferred.Width == 1600 && preferred.Height == 1200 && IsListed(edid, 1680, 1050)) {
         preferred = {1680, 1050, OFFERED_REFRESH};
     }
-    if (display->MonitorModeCount != 0) {
-        EDID_WriteDetailedTiming(display, 0, preferred.Width, preferred.Height);
+    if (edid->MonitorModeCount != 0) {
+        EDID_WriteDetailedTiming(edid, 0, preferred.Width, preferred.Height);
     }
 }
 
 } // namespace
 
-void EDID_Clear(DISPLAY_CONTEXT* display) {
-    RtlZeroMemory(display->EdidBlocks, sizeof(display->EdidBlocks));
+void EDID_Clear(MONITOR_EDID* edid) {
+    RtlZeroMemory(edid->EdidBlocks, sizeof(edid->EdidBlocks));
 }
 
-BOOLEAN EDID_Validate(const DISPLAY_CONTEXT* display) {
-    if (!RtlEqualMemory(display->EdidBlocks[0], EDID_HEADER, sizeof(EDID_HEADER))) {
+BOOLEAN EDID_Validate(const MONITOR_EDID* edid) {
+    if (!RtlEqualMemory(edid->EdidBlocks[0], EDID_HEADER, sizeof(EDID_HEADER))) {
         return FALSE;
     }
-    const ULONG extensions = CountExtensions(display);
+    const ULONG extensions = CountExtensions(edid);
     for (ULONG block = 1; block <= extensions; block++) {
-        const EXTENSION_CHECK check = CheckExtension(display->EdidBlocks[block]);
+        const EXTENSION_CHECK check = CheckExtension(edid->EdidBlocks[block]);
         if (check != EXTENSION_CHECK::Passed) {
             return check == EXTENSION_CHECK::EndsCheck;
         }
@@ -260,21 +260,21 @@ BOOLEAN EDID_Validate(const DISPLAY_CONTEXT* display) {
     return TRUE;
 }
 
-ULONG EDID_FindCeaBlock(const DISPLAY_CONTEXT* display) {
-    const ULONG extensions = CountExtensions(display);
+ULONG EDID_FindCeaBlock(const MONITOR_EDID* edid) {
+    const ULONG extensions = CountExtensions(edid);
     for (ULONG block = 1; block <= extensions; block++) {
-        if (display->EdidBlocks[block][0] == CEA_TAG && display->EdidBlocks[block][1] == CEA_REVISION) {
+        if (edid->EdidBlocks[block][0] == CEA_TAG && edid->EdidBlocks[block][1] == CEA_REVISION) {
             return block;
         }
     }
     return 0;
 }
 
-void EDID_AddCeaModes(DISPLAY_CONTEXT* display, ULONG block) {
+void EDID_AddCeaModes(MONITOR_EDID* edid, ULONG block) {
     if (block > EDID_LAST_BLOCK) {
         return;
     }
-    const UCHAR* bytes = display->EdidBlocks[block];
+    const UCHAR* bytes = edid->EdidBlocks[block];
     if (bytes[CEA_DETAILED_OFFSET] <= CEA_DATA_BLOCKS_OFFSET || bytes[CEA_FLAGS_OFFSET] == 0) {
         return;
     }
@@ -284,25 +284,25 @@ void EDID_AddCeaModes(DISPLAY_CONTEXT* display, ULONG block) {
         for (ULONG i = data.Start; data.Tag == CEA_VIDEO_BLOCK && i < data.End; i++) {
             const ULONG code = bytes[i] & 0x7Fu;
             if (code == VIC_1280X720) {
-                MONITOR_AddMode(display, 1280, 720, OFFERED_REFRESH);
+                MONITOR_AddMode(edid, 1280, 720, OFFERED_REFRESH);
             } else if (code == VIC_1920X1080) {
-                MONITOR_AddMode(display, 1920, 1080, OFFERED_REFRESH);
+                MONITOR_AddMode(edid, 1920, 1080, OFFERED_REFRESH);
             }
         }
         offset += data.Length + 1;
     }
 }
 
-void EDID_Rewrite(DISPLAY_CONTEXT* display, USHORT bcdUsb, ULONG filter) {
+void EDID_Rewrite(MONITOR_EDID* edid, USHORT bcdUsb, ULONG filter) {
     if (bcdUsb != USB_BCD_SUPER_SPEED_LINK) {
-        OfferSingleMode(display, filter);
+        OfferSingleMode(edid, filter);
     } else {
-        RewriteEstablishedTimings(display);
-        RewriteStandardTimings(display);
-        RewriteDetailedTimings(display);
-        ChoosePreferredTiming(display);
+        RewriteEstablishedTimings(edid);
+        RewriteStandardTimings(edid);
+        RewriteDetailedTimings(edid);
+        ChoosePreferredTiming(edid);
     }
-    FixChecksum(display);
+    FixChecksum(edid);
 }
 
 void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, ULONG* width, ULONG* height) {
@@ -316,13 +316,12 @@ void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, ULONG* width, ULONG* h
     *height = *width / ratio.Across * ratio.Down;
 }
 
-void EDID_ReadDetailedTiming(const DISPLAY_CONTEXT* display, ULONG slot, EDID_DETAILED_TIMING* timing) {
+void EDID_ReadDetailedTiming(const MONITOR_EDID* edid, ULONG slot, EDID_DETAILED_TIMING* timing) {
     *timing = {};
     if (slot >= EDID_DETAILED_TIMING_COUNT) {
         return;
     }
-    const UCHAR* bytes =
-        &display->EdidBlocks[0][EDID_DETAILED_TIMING_OFFSET + slot * EDID_DETAILED_TIMING_SIZE];
+    const UCHAR* bytes = &edid->EdidBlocks[0][EDID_DETAILED_TIMING_OFFSET + slot * EDID_DETAILED_TIMING_SIZE];
     timing->PixelClock = bytes[0] | bytes[1] << 8u;
     timing->HorizontalActive = bytes[2] | (bytes[4] & 0xF0u) << 4;
     timing->HorizontalBlanking = bytes[3] | (bytes[4] & 0x0Fu) << 8;
@@ -330,11 +329,11 @@ void EDID_ReadDetailedTiming(const DISPLAY_CONTEXT* display, ULONG slot, EDID_DE
     timing->VerticalBlanking = bytes[6] | (bytes[7] & 0x0Fu) << 8;
 }
 
-void EDID_WriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, ULONG width, ULONG height) {
+void EDID_WriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, ULONG width, ULONG height) {
     if (slot >= EDID_DETAILED_TIMING_COUNT) {
         return;
     }
-    UCHAR* timing = FindDetailedTiming(display, slot);
+    UCHAR* timing = FindDetailedTiming(edid, slot);
     WritePixelClock(timing, PixelClockFor(width * height));
     timing[2] = static_cast<UCHAR>(width);
     timing[3] = 0;
@@ -344,15 +343,15 @@ void EDID_WriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, ULONG width,
     timing[7] = static_cast<UCHAR>(height >> 8 << 4);
 }
 
-void MONITOR_AddMode(DISPLAY_CONTEXT* display, ULONG width, ULONG height, ULONG refresh) {
-    if (display->MonitorModeCount >= MONITOR_MODE_COUNT || ULONGLONG{width} * height > MODE_MAX_PIXELS) {
+void MONITOR_AddMode(MONITOR_EDID* edid, ULONG width, ULONG height, ULONG refresh) {
+    if (edid->MonitorModeCount >= MONITOR_MODE_COUNT || ULONGLONG{width} * height > MODE_MAX_PIXELS) {
         return;
     }
-    for (ULONG i = 0; i < display->MonitorModeCount; i++) {
-        const MONITOR_MODE& mode = display->MonitorModes[i];
+    for (ULONG i = 0; i < edid->MonitorModeCount; i++) {
+        const MONITOR_MODE& mode = edid->MonitorModes[i];
         if (mode.Width == width && mode.Height == height && mode.Refresh == refresh) {
             return;
         }
     }
-    display->MonitorModes[display->MonitorModeCount++] = {width, height, refresh};
+    edid->MonitorModes[edid->MonitorModeCount++] = {width, height, refresh};
 }

@@ -1,12 +1,11 @@
 // EDID (VESA E-EDID 1.3/1.4, CEA-861 extensions): checking it, collecting the modes it offers, and rewriting
 // its base block so that it offers only what the adapter can drive.
 //
-// Pure functions on EdidBlocks, MonitorModeCount and MonitorModes of a DISPLAY_CONTEXT. In the driver the
-// caller holds MonitorMutex. The blocks come from outside: nothing in them is trusted, and nothing outside
-// the block at hand is read.
+// Pure functions on a MONITOR_EDID. In the driver the caller holds MonitorMutex. The blocks come from
+// outside: nothing in them is trusted, and nothing outside the current block is read.
 #pragma once
 
-#include "device/display_context.h"
+#include "device/monitor_edid.h"
 
 #include <ntddk.h>
 
@@ -28,21 +27,21 @@ enum EDID_FILTER : ULONG {
 };
 
 // Empties all blocks, so that nothing of an earlier monitor is ever looked at.
-void EDID_Clear(DISPLAY_CONTEXT* display);
+void EDID_Clear(MONITOR_EDID* edid);
 
 // Whether header and CEA extensions make sense. Checksums are not looked at.
-[[nodiscard]] BOOLEAN EDID_Validate(const DISPLAY_CONTEXT* display);
+[[nodiscard]] BOOLEAN EDID_Validate(const MONITOR_EDID* edid);
 
 // The first extension block that is CEA-861 revision 3, or 0 when there is none.
-ULONG EDID_FindCeaBlock(const DISPLAY_CONTEXT* display);
+ULONG EDID_FindCeaBlock(const MONITOR_EDID* edid);
 
 // Adds the modes of a CEA block's video descriptors that the adapter can drive. `block`: 1 to
 // EDID_LAST_BLOCK.
-void EDID_AddCeaModes(DISPLAY_CONTEXT* display, ULONG block);
+void EDID_AddCeaModes(MONITOR_EDID* edid, ULONG block);
 
 // Rewrites the base block for a link of that bcdUSB under a FilterEdidTableEnable that is not 0, and makes
 // its checksum right.
-void EDID_Rewrite(DISPLAY_CONTEXT* display, USHORT bcdUsb, ULONG filter);
+void EDID_Rewrite(MONITOR_EDID* edid, USHORT bcdUsb, ULONG filter);
 
 // A standard timing's size from its first byte and the top two bits of its second.
 void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, ULONG* width, ULONG* height);
@@ -55,11 +54,11 @@ struct EDID_DETAILED_TIMING {
     ULONG VerticalActive;
     ULONG VerticalBlanking;
 };
-void EDID_ReadDetailedTiming(const DISPLAY_CONTEXT* display, ULONG slot, EDID_DETAILED_TIMING* timing);
+void EDID_ReadDetailedTiming(const MONITOR_EDID* edid, ULONG slot, EDID_DETAILED_TIMING* timing);
 
 // Describes a mode at 60 Hz in a detailed timing slot (0 to 3), without blanking. What else the slot holds
 // stays.
-void EDID_WriteDetailedTiming(DISPLAY_CONTEXT* display, ULONG slot, ULONG width, ULONG height);
+void EDID_WriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, ULONG width, ULONG height);
 
 // Lists a mode unless it is listed, too large, or the list is full.
-void MONITOR_AddMode(DISPLAY_CONTEXT* display, ULONG width, ULONG height, ULONG refresh);
+void MONITOR_AddMode(MONITOR_EDID* edid, ULONG width, ULONG height, ULONG refresh);

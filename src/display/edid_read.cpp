@@ -1,5 +1,6 @@
 #include "display/edid_read.h"
 
+#include "base/shared_field.h"
 #include "device/device_context.h"
 #include "display/edid.h"
 #include "hdmi/ddc.h"
@@ -20,65 +21,62 @@ ULONG CountReadableExtensions(UCHAR extensionCount) {
     return extensionCount < EDID_BLOCK_COUNT ? extensionCount : EDID_LAST_BLOCK;
 }
 
-BOOLEAN ReadAllThroughTransmitter(DEVICE_CONTEXT* context) {
-    DISPLAY_CONTEXT* display = &context->Display;
-    EDID_Clear(display);
-    if (!HDMI_ReadEdidBlock(context, 0)) {
+BOOLEAN ReadAllThroughTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
+    EDID_Clear(edid);
+    if (!HDMI_ReadEdidBlock(context, 0, edid->EdidBlocks[0])) {
         return FALSE;
     }
-    const ULONG extensions = CountReadableExtensions(display->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET]);
+    const ULONG extensions = CountReadableExtensions(edid->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET]);
     if (extensions != 0) {
-        SHARED_Write(display->MonitorIsDvi, FALSE);
+        edid->IsDvi = FALSE;
     }
     for (ULONG block = 1; block <= extensions; block++) {
-        if (!HDMI_ReadEdidBlock(context, static_cast<UCHAR>(block))) {
+        if (!HDMI_ReadEdidBlock(context, static_cast<UCHAR>(block), edid->EdidBlocks[block])) {
             return FALSE;
         }
     }
     return TRUE;
 }
 
-BOOLEAN AcquireWithTransmitter(DEVICE_CONTEXT* context) {
-    DISPLAY_CONTEXT* display = &context->Display;
+BOOLEAN AcquireWithTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
     const BOOLEAN wasRead =
-        (!display->EdidViaAdapterDdc && ReadAllThroughTransmitter(context)) || EDID_ReadAll(context);
-    if (!wasRead || !EDID_Validate(display)) {
-        SHARED_Write(display->MonitorIsDvi, TRUE);
+        (!edid->ViaAdapterDdc && ReadAllThroughTransmitter(context, edid)) || EDID_ReadAll(context, edid);
+    if (!wasRead || !EDID_Validate(edid)) {
+        edid->IsDvi = TRUE;
         return FALSE;
     }
-    if (display->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET] == 0) {
-        if (!display->EdidViaAdapterDdc) {
-            SHARED_Write(display->MonitorIsDvi, TRUE);
+    if (edid->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET] == 0) {
+        if (!edid->ViaAdapterDdc) {
+            edid->IsDvi = TRUE;
         }
         return TRUE;
     }
-    const ULONG ceaBlock = EDID_FindCeaBlock(display);
+    const ULONG ceaBlock = EDID_FindCeaBlock(edid);
     if (ceaBlock != 0) {
-        EDID_AddCeaModes(display, ceaBlock);
+        EDID_AddCeaModes(edid, ceaBlock);
     }
     return TRUE;
 }
 
 } // namespace
 
-void EDID_Acquire(DEVICE_CONTEXT* context) {
-    DISPLAY_CONTEXT* display = &context->Display;
+void EDID_Acquire(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
     MUTEX_GUARD serialMaster(context->Usb.SerialMasterMutex);
 
-    display->MonitorModeCount = 0;
+    edid->MonitorModeCount = 0;
     const BOOLEAN acquired = SHARED_Read(context->Hdmi.HdmiTransmitterPresent)
-                                 ? AcquireWithTransmitter(context)
-                                 : EDID_ReadAll(context);
+                                 ? AcquireWithTransmitter(context, edid)
+                                 : EDID_ReadAll(context, edid);
     if (!acquired) {
-        EDID_Clear(display);
+        EDID_Clear(edid);
         return;
     }
     if (context->Settings.FilterEdidTableEnable != EDID_FILTER_OFF) {
-        EDID_Rewrite(display, context->Usb.DeviceDescriptor.bcdUSB, context->Settings.FilterEdidTableEnable);
+        EDID_Rewrite(edid, context->Usb.DeviceDescriptor.bcdUSB, context->Settings.FilterEdidTableEnable);
     }
 }
 
-BOOLEAN EDID_ReadBlock(DEVICE_CONTEXT* context, ULONG block) {
+BOOLEAN EDID_ReadBlock(DEVICE_CONTEXT* context, MONITOR_EDID* edid, ULONG block) {
     if (block > EDID_LAST_BLOCK) {
         return FALSE;
     }
@@ -95,25 +93,24 @@ BOOLEAN EDID_ReadBlock(DEVICE_CONTEXT* context, ULONG block) {
         if (!NT_SUCCESS(I2C_ReadDword(context, DDC_EDID_ADDRESS, static_cast<UCHAR>(base + offset), &word))) {
             return FALSE;
         }
-        RtlCopyMemory(&context->Display.EdidBlocks[block][offset], &word, DDC_WORD_SIZE);
+        RtlCopyMemory(&edid->EdidBlocks[block][offset], &word, DDC_WORD_SIZE);
     }
     return TRUE;
 }
 
-BOOLEAN EDID_ReadAll(DEVICE_CONTEXT* context) {
-    DISPLAY_CONTEXT* display = &context->Display;
-    EDID_Clear(display);
-    if (!EDID_ReadBlock(context, 0)) {
+BOOLEAN EDID_ReadAll(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
+    EDID_Clear(edid);
+    if (!EDID_ReadBlock(context, edid, 0)) {
         return FALSE;
     }
-    const ULONG extensions = CountReadableExtensions(display->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET]);
+    const ULONG extensions = CountReadableExtensions(edid->EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET]);
     for (ULONG block = 1; block <= extensions; block++) {
-        if (!EDID_ReadBlock(context, block)) {
+        if (!EDID_ReadBlock(context, edid, block)) {
             return FALSE;
         }
     }
     if (extensions != 0) {
-        SHARED_Write(display->MonitorIsDvi, FALSE);
+        edid->IsDvi = FALSE;
     }
     return TRUE;
 }

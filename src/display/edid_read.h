@@ -1,17 +1,24 @@
 // Reading the monitor's EDID, through the adapter's serial master or through an HDMI transmitter.
 //
-// PASSIVE_LEVEL; a block takes some 200 ms. The caller holds MonitorMutex; SerialMasterMutex is taken here.
+// A block takes some 200 ms. SerialMasterMutex is taken here; in the driver the caller holds MonitorMutex.
 #pragma once
 
-#include <ntddk.h>
+#include "base/annotations.h"
+#include "device/monitor_edid.h"
 
 struct DEVICE_CONTEXT;
 
-// Reads, checks and rewrites the EDID. Without a usable one, block 0 is left zero.
-void EDID_Acquire(DEVICE_CONTEXT* context);
+// Reads, checks and rewrites the EDID, by the path that ViaAdapterDdc says, and keeps IsDvi. Without a usable
+// EDID, block 0 is left zero.
+_IRQL_requires_(PASSIVE_LEVEL)
+void EDID_Acquire(DEVICE_CONTEXT* context, MONITOR_EDID* edid);
 
 // Reads one block (0 to 7) over the adapter's own serial master. FALSE at the first failed transaction.
-[[nodiscard]] BOOLEAN EDID_ReadBlock(DEVICE_CONTEXT* context, ULONG block);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] BOOLEAN EDID_ReadBlock(DEVICE_CONTEXT* context, MONITOR_EDID* edid, ULONG block);
 
 // Reads the base block and the extensions that it counts. FALSE when a block cannot be read.
-[[nodiscard]] BOOLEAN EDID_ReadAll(DEVICE_CONTEXT* context);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] BOOLEAN EDID_ReadAll(DEVICE_CONTEXT* context, MONITOR_EDID* edid);

@@ -1,5 +1,6 @@
 #include "display/mode_timing.h"
 
+#include "base/shared_field.h"
 #include "device/device_context.h"
 #include "display/mode_tables.h"
 #include "usb/configuration.h"
@@ -120,8 +121,9 @@ BOOLEAN ClearOrigin(DEVICE_CONTEXT* context) {
     return REG_Write(context, REGISTER_ORIGIN, &origin);
 }
 
-// Steps after the parameters are complete. The caller holds DropFrameCheckMutex.
-NTSTATUS ProgramAdapter(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
+// Steps after the parameters are complete.
+NTSTATUS ProgramAdapter(DEVICE_CONTEXT* context, BOOLEAN pllChanged)
+    TSA_REQUIRES(context->Display.DropFrameCheckMutex) {
     if (!MODE_ProgramTiming(context, pllChanged)) {
         return STATUS_UNSUCCESSFUL;
     }
@@ -133,7 +135,7 @@ NTSTATUS ProgramAdapter(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
 } // namespace
 
 NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters) {
-    MUTEX_GUARD guard(context->Locks.DropFrameCheckMutex);
+    MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
     MODE_PARAMETERS* mode = &context->Display.Mode;
 
     // The PLL word stays: it tells what the adapter runs.
@@ -160,11 +162,7 @@ NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters
     const BOOLEAN pllChanged = entry.PllWord != mode->PllWord || context->Display.PllUnknown;
     mode->PllWord = entry.PllWord;
 
-    InterlockedExchange(&context->Render.CompletedTransfers, 0);
     mode->AutoUpdateEnabled = 1;
-    if (context->Settings.UseFrameErrorBucket != 0) {
-        InterlockedExchange(&context->Render.FrameErrorBucket, 0);
-    }
     return ProgramAdapter(context, pllChanged);
 }
 
@@ -179,8 +177,7 @@ BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
     ULONG pllWord; // 0, which no mode has, when the read fails
     (void)REG_Read(context, REGISTER_PLL, &pllWord);
     if (pllWord != mode.PllWord) {
-        // Nobody knows what clock the adapter runs: the next mode set, of the same mode perhaps, must write
-        // it.
+        // The adapter may run any clock: the next mode set must write it, even for the same mode.
         context->Display.PllUnknown = TRUE;
         return FALSE;
     }
@@ -217,10 +214,32 @@ void MODE_ApplyHdmiTiming(DEVICE_CONTEXT* context) {
 }
 
 void MODE_Forget(DEVICE_CONTEXT* context) {
-    MUTEX_GUARD guard(context->Locks.DropFrameCheckMutex);
+    MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
     MODE_PARAMETERS* mode = &context->Display.Mode;
     mode->Width = 0;
     mode->Height = 0;
     mode->Refresh = 0;
     mode->PllWord = 0;
+}
+
+void MODE_ForgetForSleep(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
+    DISPLAY_CONTEXT* display = &context->Display;
+    display->WidthBeforeSleep = display->Mode.Width;
+    display->HeightBeforeSleep = display->Mode.Height;
+    display->Mode.Width = 0;
+    display->Mode.Height = 0;
+    display->Mode.Refresh = 0;
+}
+
+void MODE_RestoreTiming(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD mode(context->Display.DropFrameCheckMutex);
+    const ULONG expected = context->Display.Mode.PllWord;
+    ULONG pllWord = 0;
+    // Without a PLL word no mode is in force and there is no timing to go back to.
+    if (!REG_Read(context, REGISTER_PLL, &pllWord) || pllWord == expected || expected == 0) {
+        return;
+    }
+    // A failure leaves a dark monitor that the next mode set lights.
+    (void)MODE_ProgramTiming(context, TRUE);
 }

@@ -1,8 +1,11 @@
 #include "driver/bring_up.h"
 
+#include "base/shared_field.h"
+#include "base/util.h"
 #include "device/device_context.h"
 #include "display/mode_timing.h"
 #include "hdmi/transmitter.h"
+#include "usb/chip.h"
 #include "usb/programmer.h"
 #include "usb/registers.h"
 
@@ -10,48 +13,12 @@ namespace {
 
 constexpr ULONG POWER_STAGE_SETTLE_MS = 750;
 
-constexpr UCHAR HDMI_REGISTER_VIDEO_INPUT = 0xBF;
-constexpr UCHAR HDMI_VIDEO_INPUT_SWAP_BIT = 2;
-
-void DetectTransmitter(DEVICE_CONTEXT* context) {
-    HDMI_CONTEXT* hdmi = &context->Hdmi;
-    if (!HDMI_IsPresent(context)) {
-        SHARED_Write(hdmi->HdmiTransmitterPresent, FALSE);
-        return;
-    }
-    if (!SHARED_Read(hdmi->HdmiTransmitterPowered)) {
-        SHARED_Write(hdmi->HdmiTransmitterPresent, TRUE);
-        (void)HDMI_Reset(context);
-        (void)HDMI_PowerUp(context);
-    }
-}
-
-void SetUpTransmitter(DEVICE_CONTEXT* context) {
-    (void)HDMI_Reset(context);
-    if (context->Usb.DeviceDescriptor.idProduct == ADAPTER_ALT_PRODUCT_ID) {
-        // This board has the transmitter's video inputs wired in reverse.
-        context->Settings.HdmiSwapLsbMsb = 1;
-    }
-    if (context->Settings.HdmiSwapLsbMsb != 0) {
-        (void)HDMI_SetBit(context, HDMI_REGISTER_VIDEO_INPUT, HDMI_VIDEO_INPUT_SWAP_BIT);
-    }
-}
-
 // An adapter that lost power with a monitor attached has forgotten its timing, and with it the picture.
 void RestoreTiming(DEVICE_CONTEXT* context) {
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
-    if (!SHARED_Read(context->Display.MonitorConnected)) {
-        return;
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
+    if (SHARED_Read(context->Control.MonitorConnected)) {
+        MODE_RestoreTiming(context);
     }
-    MUTEX_GUARD mode(context->Locks.DropFrameCheckMutex);
-    const ULONG expected = context->Display.Mode.PllWord;
-    ULONG pllWord = 0;
-    // Without a PLL word no mode is in force and there is no timing to go back to.
-    if (!REG_Read(context, REGISTER_PLL, &pllWord) || pllWord == expected || expected == 0) {
-        return;
-    }
-    // A failure leaves a dark monitor that the next mode set lights.
-    (void)MODE_ProgramTiming(context, TRUE);
 }
 
 // The power stages share their register with the serial master's command: a transaction under way between
@@ -69,15 +36,18 @@ void SwitchPowerStage(DEVICE_CONTEXT* context, ULONG bit, BOOLEAN on) {
 
 void CHIP_Initialize(DEVICE_CONTEXT* context) {
     {
-        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
         REG_SetBit(context, REGISTER_SCAN_CONTROL, SCAN_CONTROL_OUTPUT_OFF_BIT);
-        DetectTransmitter(context);
+        HDMI_Detect(context);
     }
-    if (context->Usb.ChipRevision == 1) {
+    switch (CHIP_Traits(context).BringUp) {
+    case CHIP_BRING_UP_REVISION1:
         CHIP_InitRevision1(context);
-    } else if (context->Usb.ChipRevision == 2) {
+        break;
+    case CHIP_BRING_UP_REVISION2:
         CHIP_InitRevision2(context);
-    } else {
+        break;
+    case CHIP_BRING_UP_NONE:
         return;
     }
     RestoreTiming(context);
@@ -86,10 +56,6 @@ void CHIP_Initialize(DEVICE_CONTEXT* context) {
 void CHIP_InitRevision1(DEVICE_CONTEXT* context) {
     CHIP_PowerUpStage1(context);
     CHIP_InitRevision1Registers(context);
-
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    context->Pixel.LegacyCompressionFlag = 1;
-    context->Usb.NoInterruptPipe = TRUE;
 }
 
 void CHIP_InitRevision1Registers(DEVICE_CONTEXT* context) {
@@ -110,7 +76,7 @@ void CHIP_InitRevision1Registers(DEVICE_CONTEXT* context) {
 
 void CHIP_InitRevision2(DEVICE_CONTEXT* context) {
     if (SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
-        SetUpTransmitter(context);
+        HDMI_SetUp(context);
     }
     REG_SetBit(context, REGISTER_SCAN_CONTROL, SCAN_CONTROL_OUTPUT_OFF_BIT);
     CHIP_PowerUpStage1(context);

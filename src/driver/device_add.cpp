@@ -5,13 +5,12 @@
 #include "driver/hardware.h"
 #include "driver/power.h"
 #include "render/pipeline.h"
+#include "render/render_buffers.h"
 #include "surface/frame_buffer.h"
 
 #include <intrin.h>
 
 namespace {
-
-constexpr ULONG RENDER_BUFFER_ALIGNMENT = 16;
 
 void RegisterPnpPowerCallbacks(PWDFDEVICE_INIT deviceInit) {
     WDF_PNPPOWER_EVENT_CALLBACKS callbacks;
@@ -84,27 +83,13 @@ NTSTATUS DEVICE_EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit) {
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    DEVICE_InitMutexes(context);
+    DEVICE_InitLocks(context);
     FRAMEBUFFER_InitializeList(context);
-    RENDER_InitializeLocks(context);
+    RENDER_InitializeEvents(context);
     REGISTRY_ReadConfiguration(context);
     DEVICE_DetectCpuFeatures(context);
 
-    return DEVICE_CreateRenderBuffers(context);
-}
-
-void DEVICE_InitMutexes(DEVICE_CONTEXT* context) {
-    MUTEXES* locks = &context->Locks;
-    MUTEX_Initialize(&locks->DropFrameCheckMutex);
-    MUTEX_Initialize(&locks->RenderBufferIndexMutex);
-    MUTEX_Initialize(&locks->MonitorMutex);
-    MUTEX_Initialize(&locks->SpareMutex);
-    MUTEX_Initialize(&locks->DisplayStateMutex);
-    MUTEX_Initialize(&locks->RegisterMutex);
-    MUTEX_Initialize(&locks->RenderStartStopMutex);
-    MUTEX_Initialize(&context->Usb.SerialMasterMutex);
-    MUTEX_Initialize(&context->Client.DisplayPowerMutex);
-    MUTEX_Initialize(&context->Client.SubmitMutex);
+    return RENDER_CreateBuffers(context);
 }
 
 void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
@@ -120,45 +105,7 @@ void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
     cpu->CpuHasSse42 = (ecx >> 20) & 1;
 }
 
-void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, WDF_OBJECT_ATTRIBUTES* attributes) {
-    WDF_OBJECT_ATTRIBUTES_INIT(attributes);
-    attributes->ParentObject = context->Device;
-}
-
-NTSTATUS DEVICE_CreateRenderBuffers(DEVICE_CONTEXT* context) {
-    RENDER_BUFFERS* buffers = &context->Render.RenderBuffer;
-    WDF_OBJECT_ATTRIBUTES attributes;
-    DEVICE_InitChildAttributes(context, &attributes);
-    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
-        PVOID address = nullptr;
-        const NTSTATUS status = WdfMemoryCreate(&attributes, DriverPoolType, POOL_TAG_DRIVER,
-                                                RENDER_BUFFER_ALLOCATION, &buffers->Memory[i], &address);
-        if (!NT_SUCCESS(status)) {
-            buffers->Memory[i] = nullptr;
-            DEVICE_DeleteRenderBuffers(context);
-            return status;
-        }
-        RtlFillMemory(address, RENDER_BUFFER_ALLOCATION, 0xFF);
-        buffers->NonAligned[i] = static_cast<UCHAR*>(address);
-        buffers->Aligned[i] = reinterpret_cast<UCHAR*>(ALIGN_UP_BY(address, RENDER_BUFFER_ALIGNMENT));
-    }
-    context->Render.NextRenderBufferIndex = 0;
-    return STATUS_SUCCESS;
-}
-
-void DEVICE_DeleteRenderBuffers(DEVICE_CONTEXT* context) {
-    RENDER_BUFFERS* buffers = &context->Render.RenderBuffer;
-    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
-        if (buffers->Memory[i] != nullptr) {
-            WdfObjectDelete(buffers->Memory[i]);
-        }
-        buffers->Memory[i] = nullptr;
-        buffers->NonAligned[i] = nullptr;
-        buffers->Aligned[i] = nullptr;
-    }
-}
-
-// Every open succeeds; what it is good for is decided by the exchange of entry points.
+// Every open succeeds; the exchange of entry points admits or refuses the client.
 void DEVICE_EvtFileCreate(WDFDEVICE, WDFREQUEST request, WDFFILEOBJECT) {
     WdfRequestCompleteWithInformation(request, STATUS_SUCCESS, 0);
 }

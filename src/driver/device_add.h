@@ -14,5 +14,4 @@ EVT_WDF_DEVICE_FILE_CREATE DEVICE_EvtFileCreate;
 EVT_WDF_FILE_CLEANUP DEVICE_EvtFileCleanup;
 
 // Parts of device add.
-void DEVICE_InitMutexes(DEVICE_CONTEXT* context);
 void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context);

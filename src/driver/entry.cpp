@@ -1,7 +1,6 @@
-#include "device/device_context.h"
+#include "base/pool.h"
+#include "device/device_count.h"
 #include "driver/device_add.h"
-
-POOL_TYPE DriverPoolType = NonPagedPool;
 
 namespace {
 
@@ -28,8 +27,7 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING reg
 
     const NTSTATUS status = WdfDriverCreate(driverObject, registryPath, &attributes, &config, WDF_NO_HANDLE);
 
-    // A count left by a system that stopped without releasing its adapters would turn compression on.
-    (void)REGISTRY_AssignULong(WIDE("CurrentNumberOfDevices"), 0);
+    DEVICECOUNT_Clear();
     return status;
 }
 

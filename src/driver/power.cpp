@@ -1,11 +1,17 @@
 #include "driver/power.h"
 
+#include "base/shared_field.h"
+#include "base/util.h"
 #include "control/mode_setting.h"
 #include "control/monitor.h"
+#include "control/status_pipe.h"
 #include "device/device_context.h"
+#include "display/mode_timing.h"
 #include "driver/bring_up.h"
 #include "hdmi/transmitter.h"
+#include "render/drop_frames.h"
 #include "render/start_stop.h"
+#include "usb/chip.h"
 #include "usb/registers.h"
 
 namespace {
@@ -16,26 +22,19 @@ constexpr ULONG CLIENT_RELEASE_LIMIT_MS = 10000;
 void PowerDownForSleep(DEVICE_CONTEXT* context) {
     CHIP_PowerDownStages(context);
     REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_PLL_BIT);
-    if (context->Usb.ChipRevision == 2) {
-        REG_SetBit(context, REGISTER_STANDBY, STANDBY_BIT);
-    }
+    CHIP_SetStandby(context, TRUE);
     if (!SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
         return;
     }
-    {
-        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-        if (SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
-            (void)HDMI_PowerDown(context);
-        }
-    }
+    HDMI_PowerDownIfPowered(context);
     MODE_ForgetForSleep(context);
 }
 
-void PowerDownForGood(DEVICE_CONTEXT* context) {
-    if (SHARED_Read(context->Display.MonitorConnected)) {
+void PowerDownForGood(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Control.MonitorMutex) {
+    if (SHARED_Read(context->Control.MonitorConnected)) {
         MONITOR_Detach(context);
     }
-    if (context->Usb.ChipRevision == 1) {
+    if (CHIP_Traits(context).KeepsOutputDrivers) {
         CHIP_UpdateRegister70Bits(context, FALSE);
     }
     CHIP_UpdateRegister8064Bit17(context, TRUE);
@@ -48,8 +47,8 @@ NTSTATUS DEVICE_EvtD0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previousStat
     CHIP_Initialize(context);
     MONITOR_CheckAtD0Entry(context);
 
-    SHARED_Write(context->Usb.IgnoreInterruptStatus, FALSE);
-    SHARED_Write(context->Display.FrameErrorHandlingSuspended, FALSE);
+    MONITOR_AcceptReports(context);
+    RENDER_ResumeFrameErrors(context);
     context->Power.PreviousPowerState = previousState;
 
     // A display switch finds the device either out of D0 with its stream paused, or in D0 with its stream
@@ -68,11 +67,11 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
         context->Power.PreviousPowerState = context->Power.CurrentPowerState;
         SHARED_Write(context->Power.CurrentPowerState, targetState);
     }
-    SHARED_Write(context->Usb.IgnoreInterruptStatus, TRUE);
-    SHARED_Write(context->Display.FrameErrorHandlingSuspended, TRUE);
+    MONITOR_IgnoreReports(context);
+    RENDER_SuspendFrameErrors(context);
 
     // A monitor event under way finishes first, too; later ones see IgnoreInterruptStatus under this mutex.
-    MUTEX_GUARD monitor(context->Locks.MonitorMutex);
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
 
     // The stream must not outlive D0.
     RENDER_Suspend(context);
@@ -86,24 +85,17 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
 }
 
 NTSTATUS DEVICE_EvtSelfManagedIoSuspend(WDFDEVICE device) {
-    USB_CONTEXT* usb = &DEVICE_GetContext(device)->Usb;
-    if (!usb->NoInterruptPipe && usb->InterruptPipe != nullptr) {
-        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(usb->InterruptPipe), WdfIoTargetCancelSentIo);
-    }
+    INT_SuspendStatusPipe(DEVICE_GetContext(device));
     return STATUS_SUCCESS;
 }
 
 NTSTATUS DEVICE_EvtSelfManagedIoRestart(WDFDEVICE device) {
-    USB_CONTEXT* usb = &DEVICE_GetContext(device)->Usb;
-    if (!usb->NoInterruptPipe && usb->InterruptPipe != nullptr) {
-        // Without the pipe the adapter still shows frames: a failure here must not fail the resume.
-        (void)WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(usb->InterruptPipe));
-    }
+    INT_ResumeStatusPipe(DEVICE_GetContext(device));
     return STATUS_SUCCESS;
 }
 
 void DEVICE_EvtSurpriseRemoval(WDFDEVICE device) {
-    SHARED_Write(DEVICE_GetContext(device)->DeviceRemoved, TRUE);
+    DEVICE_MarkRemoved(DEVICE_GetContext(device));
 }
 
 NTSTATUS DEVICE_PreprocessPnpIrp(WDFDEVICE device, PIRP irp) {

@@ -1,5 +1,6 @@
 #include "hdmi/ddc.h"
 
+#include "base/util.h"
 #include "device/device_context.h"
 #include "hdmi/register_access.h"
 #include "hdmi/transmitter_registers.h"
@@ -20,16 +21,16 @@ constexpr UCHAR CHUNK_SIZE = 32;
 constexpr UCHAR HEAD_REQUEST = 2 * DDC_SHIFT;
 constexpr UCHAR CHUNK_REQUEST = CHUNK_SIZE;
 
-BOOLEAN OwnDdc(DEVICE_CONTEXT* context) {
+BOOLEAN OwnDdc(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     constexpr UCHAR owned = 1 << HDMI_DDC_OWNED_BIT;
     return HDMI_WriteMasked(context, HDMI_DDC_CONTROL, owned, owned);
 }
 
-BOOLEAN Command(DEVICE_CONTEXT* context, UCHAR command) {
+BOOLEAN Command(DEVICE_CONTEXT* context, UCHAR command) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     return HDMI_Write(context, HDMI_DDC_COMMAND, command);
 }
 
-POLL_RESULT ProbeDdcEnded(DEVICE_CONTEXT* context) {
+POLL_RESULT ProbeDdcEnded(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     UCHAR status = 0;
     if (!NT_SUCCESS(HDMI_ReadRegister(context, HDMI_DDC_STATUS, &status))) {
         return POLL_RESULT::Failed;
@@ -39,13 +40,14 @@ POLL_RESULT ProbeDdcEnded(DEVICE_CONTEXT* context) {
 
 // Reads `count` - 3 bytes that begin three bytes after `offset`. Bytes that were not delivered read 0.
 BOOLEAN ReadShifted(DEVICE_CONTEXT* context, UCHAR segment, UCHAR offset, UCHAR count,
-                    UCHAR (&scratch)[CHUNK_SIZE]) {
+                    UCHAR (&scratch)[CHUNK_SIZE]) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     RtlZeroMemory(scratch, sizeof(scratch));
     return NT_SUCCESS(HDMI_DdcRead(context, segment, offset, count, scratch));
 }
 
 // The first three bytes of a chunk that does not begin a segment.
-BOOLEAN ReadChunkHead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR chunkOffset, UCHAR count, UCHAR* head) {
+BOOLEAN ReadChunkHead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR chunkOffset, UCHAR count, UCHAR* head)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     UCHAR scratch[CHUNK_SIZE];
     if (!ReadShifted(context, segment, static_cast<UCHAR>(chunkOffset - DDC_SHIFT), count, scratch)) {
         return FALSE;
@@ -65,9 +67,10 @@ UCHAR SumOf(const UCHAR (&block)[EDID_BLOCK_SIZE]) {
 // The first three bytes of a block that begins a segment cannot be asked for at the offset three bytes
 // earlier of that segment. A monitor whose address counter wraps inside the segment delivers them after
 // offset 0xFD of the same segment, one whose counter runs on after offset 0xFD of the segment before; the
-// block's checksum tells which of the two it was. If neither, the three bytes become 0: an extension block
-// with tag 0 is none that anybody knows, so a guess cannot pass for data.
-BOOLEAN ReadSegmentHead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR (&block)[EDID_BLOCK_SIZE]) {
+// block's checksum tells which of the two it was. If neither, the three bytes become 0: no extension block
+// has tag 0, so a guess cannot pass for data.
+BOOLEAN ReadSegmentHead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR (&block)[EDID_BLOCK_SIZE])
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     const UCHAR candidates[] = {segment, static_cast<UCHAR>(segment - 1)};
     for (const UCHAR candidate : candidates) {
         if (!ReadChunkHead(context, candidate, 0, HEAD_REQUEST, block)) {
@@ -135,7 +138,7 @@ NTSTATUS HDMI_DdcRead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR offset, UCHA
     return STATUS_SUCCESS;
 }
 
-BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block) {
+BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block, UCHAR (&destination)[EDID_BLOCK_SIZE]) {
     if (block >= EDID_BLOCK_COUNT) {
         return FALSE;
     }
@@ -145,7 +148,6 @@ BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block) {
         return FALSE;
     }
 
-    UCHAR(&destination)[EDID_BLOCK_SIZE] = context->Display.EdidBlocks[block];
     const UCHAR segment = block / 2;
     const UCHAR base = block % 2 != 0 ? EDID_BLOCK_SIZE : 0;
     for (UCHAR offset = 0; offset < EDID_BLOCK_SIZE; offset += CHUNK_SIZE) {

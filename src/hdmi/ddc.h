@@ -1,20 +1,27 @@
 // EDID reading through the HDMI transmitter's own DDC master.
 #pragma once
 
+#include "device/device_context.h"
+
 #include <ntddk.h>
 
-struct DEVICE_CONTEXT;
-
-// Reads 128-byte block `block` into EdidBlocks[block]. FALSE when a transfer failed (the parts of the block
-// read until then stay) or when EdidBlocks has no such block. The caller holds MonitorMutex;
-// SerialMasterMutex is taken here. PASSIVE_LEVEL.
-[[nodiscard]] BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block);
+// Reads 128-byte block `block` (0 to EDID_BLOCK_COUNT - 1; any other fails). FALSE when a transfer failed:
+// the parts of the block read until then stay. SerialMasterMutex is taken here.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block,
+                                         UCHAR (&destination)[EDID_BLOCK_SIZE]);
 
 // Asks for `count` EDID bytes (at least 3) from `offset` of `segment` and stores the `count` - 3 bytes that
 // the transmitter delivers, which are those from `offset` + 3 on.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS HDMI_DdcRead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR offset, UCHAR count,
-                                    UCHAR* buffer);
+                                    UCHAR* buffer) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
-BOOLEAN HDMI_DdcAbortIfBusy(DEVICE_CONTEXT* context);
-BOOLEAN HDMI_DdcAbort(DEVICE_CONTEXT* context);
-BOOLEAN HDMI_DdcClearFifo(DEVICE_CONTEXT* context);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_DdcAbortIfBusy(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_DdcAbort(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_DdcClearFifo(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);

@@ -1,5 +1,6 @@
 #include "hdmi/hdmi_mode.h"
 
+#include "base/shared_field.h"
 #include "device/device_context.h"
 #include "hdmi/infoframes.h"
 #include "hdmi/register_access.h"
@@ -35,14 +36,15 @@ constexpr HDMI_WRITE LOW_RANGE[] = {
 };
 
 // The driver is held in reset while the PLLs change their range.
-BOOLEAN SetPllRange(DEVICE_CONTEXT* context, bool high) {
+BOOLEAN SetPllRange(DEVICE_CONTEXT* context, bool high) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     return HDMI_Write(context, HDMI_DRIVER, 0x10) &&
            (high ? HDMI_WriteAll(context, HIGH_RANGE) : HDMI_WriteAll(context, LOW_RANGE)) &&
            HDMI_WriteMasked(context, HDMI_RESET, RESET_VIDEO, 0x00) && HDMI_Write(context, HDMI_DRIVER, 0x00);
 }
 
 // Writes a byte of the audio InfoFrame and takes what the transmitter then holds.
-BOOLEAN WriteBack(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* value) {
+BOOLEAN WriteBack(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* value)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     return HDMI_Write(context, transmitterRegister, *value) &&
            NT_SUCCESS(HDMI_ReadRegister(context, transmitterRegister, value));
 }
@@ -62,7 +64,7 @@ constexpr HDMI_WRITE MEASURE_AUDIO_CLOCK[] = {
     {HDMI_PROTECTION, HDMI_WHOLE_BYTE, 0xFF},
 };
 
-BOOLEAN SetUpAudioClock(DEVICE_CONTEXT* context) {
+BOOLEAN SetUpAudioClock(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     constexpr UCHAR samplingFollowsStream = 0x08;
     UCHAR status = 0;
     if (!NT_SUCCESS(HDMI_ReadRegister(context, HDMI_AUDIO_STATUS, &status))) {
@@ -86,7 +88,8 @@ BOOLEAN SetUpAudioClock(DEVICE_CONTEXT* context) {
 }
 
 // Only the byte that is written alone decides: a sink plays on with an incomplete channel status.
-BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& status) {
+BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& status)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     const UCHAR(&bytes)[5] = status.Bytes;
     HDMI_BANK1_SCOPE bank1(context);
     (void)HDMI_WriteGroup(context, HDMI_BANK1_CHANNEL_STATUS, 0x00, static_cast<UCHAR>((bytes[0] & 0x3E) * 2),
@@ -98,7 +101,7 @@ BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& 
 
 // Reads until the receiver has locked, but only so often; whether the last read succeeded. A receiver that
 // does not lock in time is not a failure: it locks when the source starts.
-BOOLEAN AwaitSpdifLock(DEVICE_CONTEXT* context) {
+BOOLEAN AwaitSpdifLock(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     BOOLEAN read = FALSE;
     UCHAR status = 0;
     for (ULONG poll = 0; poll < SPDIF_LOCK_POLLS && !(status & HDMI_SPDIF_LOCKED); poll++) {
@@ -108,7 +111,7 @@ BOOLEAN AwaitSpdifLock(DEVICE_CONTEXT* context) {
 }
 
 // One I2S line, or S/PDIF, with samples of 16 bits.
-BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) {
+BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     constexpr UCHAR width16 = 0x00;
     constexpr UCHAR oneLine = 0x01;
     constexpr UCHAR fromSpdif = 0x10;
@@ -166,7 +169,7 @@ BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context) {
 BOOLEAN HDMI_SetupVideo(DEVICE_CONTEXT* context) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
     const ULONG pixelRate = mode.HorizontalTotal * mode.VerticalTotal * mode.Refresh;
-    const UCHAR sinkIsHdmi = SHARED_Read(context->Display.MonitorIsDvi) ? 0x00 : 0x01;
+    const UCHAR sinkIsHdmi = SHARED_Read(context->Control.MonitorIsDvi) ? 0x00 : 0x01;
     const HDMI_WRITE videoPath[] = {
         {HDMI_RESET, HDMI_WHOLE_BYTE, 0x09},
         {HDMI_VIDEO_INPUT, 0xFD, 0x01}, // bit 1 stays

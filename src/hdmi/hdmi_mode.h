@@ -1,19 +1,26 @@
 // What the HDMI transmitter is told at a mode set: InfoFrames, video path and audio.
 //
-// HDMI_SetMode takes SerialMasterMutex for the whole programme; its single steps rely on that, and return
-// TRUE on success. PASSIVE_LEVEL.
+// HDMI_SetMode takes SerialMasterMutex for the whole sequence; its single steps rely on that, and return
+// TRUE on success.
 #pragma once
+
+#include "device/device_context.h"
 
 #include <ntddk.h>
 
-struct DEVICE_CONTEXT;
-
 // Programs the transmitter for the current mode. FALSE when a step failed: it stops there and leaves audio
-// and video muted. The caller holds DisplayStateMutex.
-BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context);
+// and video muted.
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 
-BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute);
-BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context);
-BOOLEAN HDMI_SetupVideo(DEVICE_CONTEXT* context);
-BOOLEAN HDMI_SetAudioInfoFrame(DEVICE_CONTEXT* context);
-BOOLEAN HDMI_SetupAudio(DEVICE_CONTEXT* context, ULONG sampleRate, ULONG channels);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetAviInfoFrame(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetupVideo(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetAudioInfoFrame(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN HDMI_SetupAudio(DEVICE_CONTEXT* context, ULONG sampleRate, ULONG channels)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);

@@ -2,9 +2,30 @@
 // SerialMasterMutex. Each returns FALSE when a transfer failed. PASSIVE_LEVEL.
 #pragma once
 
+#include "device/device_context.h"
+
 #include <ntddk.h>
 
-struct DEVICE_CONTEXT;
+constexpr UCHAR HDMI_I2C_ADDRESS = 0x4C;
+
+// `*result` is stored on success only. The bus moves aligned groups of four: a byte is written by reading its
+// group and writing it back.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] NTSTATUS HDMI_ReadRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* result)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+UCHAR HDMI_ReadRegisterChecked(DEVICE_CONTEXT* context, UCHAR transmitterRegister, ULONG* succeeded)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] NTSTATUS HDMI_WriteRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister,
+                                          const UCHAR* value) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+
+// Takes the bits inside `mask` from `value` and keeps the others; with mask 0xFF it does not read first.
+_IRQL_requires_(PASSIVE_LEVEL)
+void HDMI_ModifyRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR mask, UCHAR value,
+                         ULONG* succeeded) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 // A masked register write; mask 0xFF writes the value without reading.
 struct HDMI_WRITE {
@@ -15,19 +36,30 @@ struct HDMI_WRITE {
 
 constexpr UCHAR HDMI_WHOLE_BYTE = 0xFF;
 
-[[nodiscard]] BOOLEAN HDMI_Write(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR value);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] BOOLEAN HDMI_Write(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR value)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_WriteMasked(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR mask,
-                                       UCHAR value);
+                                       UCHAR value) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 // Four registers in one transfer. `offset` is a multiple of 4.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_WriteGroup(DEVICE_CONTEXT* context, UCHAR offset, UCHAR byte0, UCHAR byte1,
-                                      UCHAR byte2, UCHAR byte3);
+                                      UCHAR byte2, UCHAR byte3) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 // Stops at the first write that fails.
-[[nodiscard]] BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE* writes, ULONG count);
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE* writes, ULONG count)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 template <ULONG Count>
-[[nodiscard]] inline BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE (&writes)[Count]) {
+[[nodiscard]] inline BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE (&writes)[Count])
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     return HDMI_WriteAll(context, writes, Count);
 }
 
@@ -35,7 +67,7 @@ template <ULONG Count>
 // accesses that follow, and bank 0 is selected again whatever happened in between.
 class HDMI_BANK1_SCOPE {
   public:
-    explicit HDMI_BANK1_SCOPE(DEVICE_CONTEXT* context);
+    explicit HDMI_BANK1_SCOPE(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
     ~HDMI_BANK1_SCOPE();
     HDMI_BANK1_SCOPE(const HDMI_BANK1_SCOPE&) = delete;
     HDMI_BANK1_SCOPE& operator=(const HDMI_BANK1_SCOPE&) = delete;

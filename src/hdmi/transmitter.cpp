@@ -1,5 +1,7 @@
 #include "hdmi/transmitter.h"
 
+#include "base/shared_field.h"
+#include "base/util.h"
 #include "device/device_context.h"
 #include "hdmi/register_access.h"
 #include "hdmi/transmitter_registers.h"
@@ -12,6 +14,8 @@ constexpr ULONG IDENTIFICATION = 0x6124954;
 constexpr ULONG IDENTIFICATION_MASK = 0x0FFFFFFF;
 
 constexpr ULONG RESET_MS = 300;
+
+constexpr UCHAR VIDEO_INPUT_SWAP_BIT = 2;
 
 // Clocks open, driver and PLLs leave power-down before their resets are released, and the clock gates close
 // to normal operation last.
@@ -79,4 +83,34 @@ BOOLEAN HDMI_SetBit(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR bi
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
     const UCHAR mask = static_cast<UCHAR>(1 << bit);
     return HDMI_WriteMasked(context, transmitterRegister, mask, mask);
+}
+
+void HDMI_Detect(DEVICE_CONTEXT* context) {
+    HDMI_CONTEXT* hdmi = &context->Hdmi;
+    if (!HDMI_IsPresent(context)) {
+        SHARED_Write(hdmi->HdmiTransmitterPresent, FALSE);
+        return;
+    }
+    if (!SHARED_Read(hdmi->HdmiTransmitterPowered)) {
+        SHARED_Write(hdmi->HdmiTransmitterPresent, TRUE);
+        (void)HDMI_Reset(context);
+        (void)HDMI_PowerUp(context);
+    }
+}
+
+void HDMI_SetUp(DEVICE_CONTEXT* context) {
+    (void)HDMI_Reset(context);
+    // The alternative product has the transmitter's video inputs wired in reverse.
+    const BOOLEAN isReversed = context->Usb.DeviceDescriptor.idProduct == ADAPTER_ALT_PRODUCT_ID;
+    if (isReversed || context->Settings.HdmiSwapLsbMsb != 0) {
+        (void)HDMI_SetBit(context, HDMI_VIDEO_INPUT_SWAP, VIDEO_INPUT_SWAP_BIT);
+    }
+}
+
+void HDMI_PowerDownIfPowered(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+    if (SHARED_Read(context->Hdmi.HdmiTransmitterPresent) &&
+        SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
+        (void)HDMI_PowerDown(context);
+    }
 }

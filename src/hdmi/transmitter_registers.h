@@ -48,6 +48,8 @@ constexpr UCHAR HDMI_DRIVER_BIAS = 0x6A;
 constexpr UCHAR HDMI_VIDEO_INPUT = 0x70;
 constexpr UCHAR HDMI_COLOR_SPACE = 0x72;
 
+constexpr UCHAR HDMI_VIDEO_INPUT_SWAP = 0xBF; // order of the video input's bits
+
 // Packets: writing 0x03 sends one with every frame.
 constexpr UCHAR HDMI_SINK_IS_HDMI = 0xC0; // 0: DVI
 constexpr UCHAR HDMI_AV_MUTE = 0xC1;

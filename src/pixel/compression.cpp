@@ -100,7 +100,7 @@ ULONGLONG EncodeExact(const DEVICE_CONTEXT* context, ULONGLONG sourceSize, const
 }
 
 BOOLEAN IsOutputActive(DEVICE_CONTEXT* context) {
-    MUTEX_GUARD guard(context->Locks.DisplayStateMutex);
+    MUTEX_GUARD guard(context->Display.DisplayStateMutex);
     return context->Display.OutputActive;
 }
 

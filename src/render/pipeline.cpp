@@ -1,21 +1,16 @@
 #include "render/pipeline.h"
 
-#include "control/mode_setting.h"
-#include "device/device_context.h"
-#include "render/frame_update.h"
-#include "render/send.h"
+#include "base/pool.h"
+#include "display/video_output.h"
+#include "render/auto_update.h"
+#include "render/context_lists.h"
+#include "render/drop_frames.h"
+#include "render/frame_thread.h"
+#include "render/render_buffers.h"
 #include "render/start_stop.h"
-#include "render/timers.h"
+#include "usb/chip.h"
 
 namespace {
-
-constexpr ULONG COMPRESSION_ALIGNMENT = 32;
-
-// Points `*aligned` at the first 32-byte boundary at or above `address`.
-template <typename T>
-void AlignForCompression(T** aligned, VOID* address) {
-    *aligned = reinterpret_cast<T*>(ALIGN_UP_BY(address, COMPRESSION_ALIGNMENT));
-}
 
 template <typename Handle>
 void DeleteObject(Handle* handle) {
@@ -25,27 +20,41 @@ void DeleteObject(Handle* handle) {
     }
 }
 
+// Nothing uses the list before the pipeline is built.
+NTSTATUS CreateRequestList(WDF_OBJECT_ATTRIBUTES* attributes, REQUEST_LIST* list) TSA_NO_ANALYSIS {
+    const NTSTATUS status = WdfSpinLockCreate(attributes, &list->Lock.Handle);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    return WdfCollectionCreate(attributes, &list->Requests);
+}
+
+// No request is queued or sent any more.
+void DeleteRequestList(REQUEST_LIST* list) TSA_NO_ANALYSIS {
+    DeleteObject(&list->Requests);
+    DeleteObject(&list->Lock.Handle);
+}
+
 NTSTATUS CreateLocksAndCollections(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     WDF_OBJECT_ATTRIBUTES attributes;
     DEVICE_InitChildAttributes(context, &attributes);
-    NTSTATUS status = WdfSpinLockCreate(&attributes, &render->CompressionLevelLock);
+    NTSTATUS status = WdfSpinLockCreate(&attributes, &render->CompressionLevelLock.Handle);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = WdfSpinLockCreate(&attributes, &render->SendQueueLock);
+    status = CreateRequestList(&attributes, &render->SendQueue);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    status = WdfCollectionCreate(&attributes, &render->SendQueue);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    status = WdfSpinLockCreate(&attributes, &render->SentRequestsLock);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    return WdfCollectionCreate(&attributes, &render->SentRequests);
+    return CreateRequestList(&attributes, &render->SentRequests);
+}
+
+constexpr ULONG COMPRESSION_ALIGNMENT = 32;
+
+template <typename T>
+void AlignForCompression(T** aligned, VOID* address) {
+    *aligned = reinterpret_cast<T*>(ALIGN_UP_BY(address, COMPRESSION_ALIGNMENT));
 }
 
 void AlignCompressionTables(PIXEL_CONTEXT* pixel) {
@@ -99,15 +108,6 @@ NTSTATUS CreateRenderContext(DEVICE_CONTEXT* context, ULONG number) {
     return STATUS_SUCCESS;
 }
 
-void FreeMdls(RENDER_CONTEXT* renderContext) {
-    for (PMDL& mdl : renderContext->RenderMdl) {
-        if (mdl != nullptr) {
-            IoFreeMdl(mdl);
-            mdl = nullptr;
-        }
-    }
-}
-
 void DeleteRenderContext(RENDER_PIPELINE* render, ULONG number) {
     RENDER_CONTEXT* renderContext = render->RenderContexts[number];
     if (renderContext != nullptr) {
@@ -115,54 +115,10 @@ void DeleteRenderContext(RENDER_PIPELINE* render, ULONG number) {
         DeleteObject(&renderContext->RenderUrbMemory);
         DeleteObject(&renderContext->ZeroLengthRequest);
         DeleteObject(&renderContext->ZeroLengthUrbMemory);
-        FreeMdls(renderContext);
+        RENDER_FreeMdls(renderContext);
         render->RenderContexts[number] = nullptr;
     }
     DeleteObject(&render->RenderContextMemory[number]);
-}
-
-void DeleteCompressionStaging(RENDER_PIPELINE* render) {
-    DeleteObject(&render->CompressionStaging);
-    render->CompressionStagingAddress = nullptr;
-    render->CompressionStagingAligned = nullptr;
-}
-
-NTSTATUS CreateCompressionStaging(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
-    WDF_OBJECT_ATTRIBUTES attributes;
-    DEVICE_InitChildAttributes(context, &attributes);
-    VOID* address;
-    if (!NT_SUCCESS(WdfMemoryCreate(&attributes, DriverPoolType, POOL_TAG_COMPRESSION,
-                                    COMPRESSION_STAGING_ALLOCATION, &render->CompressionStaging, &address))) {
-        render->CompressionStaging = nullptr;
-        return STATUS_UNSUCCESSFUL;
-    }
-    render->CompressionStagingAddress = static_cast<UCHAR*>(address);
-    AlignForCompression(&render->CompressionStagingAligned, address);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS BuildMdls(const RENDER_BUFFERS& buffers, RENDER_CONTEXT* renderContext, ULONG length) {
-    if (ReadAcquire(&renderContext->OutstandingRequests) != 0) {
-        // A transfer that did not come back within the stop still reads through these, and they describe the
-        // same buffers as new ones would.
-        return STATUS_SUCCESS;
-    }
-    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
-        if (buffers.Aligned[i] == nullptr) {
-            return STATUS_UNSUCCESSFUL;
-        }
-        PMDL mdl = IoAllocateMdl(buffers.Aligned[i], length, FALSE, FALSE, nullptr);
-        if (mdl == nullptr) {
-            return STATUS_UNSUCCESSFUL; // Those from before still serve.
-        }
-        MmBuildMdlForNonPagedPool(mdl);
-        if (renderContext->RenderMdl[i] != nullptr) {
-            IoFreeMdl(renderContext->RenderMdl[i]);
-        }
-        renderContext->RenderMdl[i] = mdl;
-    }
-    return STATUS_SUCCESS;
 }
 
 NTSTATUS Build(DEVICE_CONTEXT* context) {
@@ -178,22 +134,32 @@ NTSTATUS Build(DEVICE_CONTEXT* context) {
         render->RenderContextLookaside = nullptr;
         return status;
     }
-    SHARED_Write(context->Display.MonitorConnected, FALSE);
     status = RENDER_CreateRenderContexts(context);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     AlignCompressionTables(&context->Pixel);
-    return THREAD_CreateFrameUpdateThread(context);
+    context->Pixel.LegacyCompressionFlag = CHIP_Traits(context).NeedsLeadIn;
+    status = THREAD_CreateFrameUpdateThread(context);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = RENDER_CreateCompressionAutoUpdateTimer(context);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    status = RENDER_CreateDropFrameEventCheckTimer(context);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    RENDER_ClearBuffers(context);
+    return STATUS_SUCCESS;
 }
 
 } // namespace
 
-void RENDER_InitializeLocks(DEVICE_CONTEXT* context) {
+void RENDER_InitializeEvents(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
-    KeInitializeSpinLock(&render->AvailableListLock.Lock);
-    KeInitializeSpinLock(&render->PendingListLock.Lock);
-    KeInitializeEvent(&render->FrameUpdateRequestEvent, NotificationEvent, FALSE);
     KeInitializeEvent(&render->ThreadStartStopEvent, NotificationEvent, FALSE);
     KeInitializeEvent(&render->FrameFillIdleEvent, NotificationEvent, TRUE);
     KeInitializeEvent(&render->DispatchIdleEvent, NotificationEvent, TRUE);
@@ -202,7 +168,7 @@ void RENDER_InitializeLocks(DEVICE_CONTEXT* context) {
 
 NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context) {
     {
-        MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+        MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
         context->Render.ShutDown = FALSE;
     }
     const NTSTATUS status = Build(context);
@@ -235,47 +201,23 @@ NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS RENDER_PrepareRenderBuffers(DEVICE_CONTEXT* context, ULONG length) {
-    RENDER_PIPELINE* render = &context->Render;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
-    DeleteCompressionStaging(render);
-    if (context->Display.Mode.CompressionEnabled != 0) {
-        const NTSTATUS status = CreateCompressionStaging(context);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    const ULONG mdlLength = length < RENDER_BUFFER_CAPACITY ? length : RENDER_BUFFER_CAPACITY;
-    for (RENDER_CONTEXT* renderContext : render->RenderContexts) {
-        if (renderContext == nullptr) {
-            return STATUS_UNSUCCESSFUL; // The pipeline has been torn down.
-        }
-        const NTSTATUS status = BuildMdls(render->RenderBuffer, renderContext, mdlLength);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-    }
-    return STATUS_SUCCESS;
-}
-
 void RENDER_Uninitialize(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     RENDER_Shutdown(context);
-    RENDER_DeleteTimers(context);
+    RENDER_DeleteCompressionAutoUpdateTimer(context);
+    RENDER_DeleteDropFrameEventCheckTimer(context);
     MODE_DisableOutput(context);
 
-    // Under the mutex, so that a stop that a late client asks for finds each of these whole or gone.
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    // Under the mutex, so that a stop that a late client asks for finds each of these complete or null.
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     for (ULONG number = 0; number < RENDER_CONTEXT_COUNT; number++) {
         DeleteRenderContext(render, number);
     }
-    DeleteCompressionStaging(render);
+    RENDER_DeleteCompressionStaging(context);
     DeleteObject(&render->RenderContextLookaside);
-    DeleteObject(&render->SentRequests);
-    DeleteObject(&render->SentRequestsLock);
-    DeleteObject(&render->SendQueue);
-    DeleteObject(&render->SendQueueLock);
-    DeleteObject(&render->CompressionLevelLock);
+    DeleteRequestList(&render->SentRequests);
+    DeleteRequestList(&render->SendQueue);
+    DeleteObject(&render->CompressionLevelLock.Handle);
     // The render buffers stay: they belong to the device, like the memory behind them, and a device that is
     // stopped and started again need not find 28 MB a second time.
 }

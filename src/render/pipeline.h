@@ -1,23 +1,23 @@
-// Life of the render pipeline, from hardware preparation to hardware release. PASSIVE_LEVEL.
+// Life of the render pipeline, from hardware preparation to hardware release.
 #pragma once
 
-#include <ntddk.h>
-
-struct DEVICE_CONTEXT;
+#include "device/device_context.h"
 
 // At device add, once: a client that outlives a stop and restart of the device may be waiting for these.
-void RENDER_InitializeLocks(DEVICE_CONTEXT* context);
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_InitializeEvents(DEVICE_CONTEXT* context);
 
 // Builds the pipeline and starts its thread. A failure has been undone.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context);
 
 // Four render contexts with their requests, all on AvailableList. Part of RENDER_Initialize, which undoes it.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context);
-
-// The staging buffer, when the current mode is compressed, and new MDLs of at most `length` bytes over the
-// render buffers. The stream is stopped. Takes RenderStartStopMutex.
-[[nodiscard]] NTSTATUS RENDER_PrepareRenderBuffers(DEVICE_CONTEXT* context, ULONG length);
 
 // Ends thread and transfers and deletes everything but the render buffers. Works on a partly built pipeline,
 // and twice.
+_IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_Uninitialize(DEVICE_CONTEXT* context);

@@ -1,7 +1,7 @@
 #include "render/request_pool.h"
 
+#include "base/util.h"
 #include "device/device_context.h"
-#include "render/send.h"
 
 namespace {
 
@@ -9,38 +9,41 @@ constexpr ULONG SEND_TIMEOUT_MS = 2000;
 constexpr ULONG COMPLETION_POLL_MS = 100;
 constexpr ULONG COMPLETION_POLL_COUNT = 31; // a little longer than the time-out of what is waited for
 
-NTSTATUS AddRequest(WDFSPINLOCK lock, WDFCOLLECTION collection, WDFREQUEST request) {
-    if (lock == nullptr) {
+NTSTATUS AddRequest(REQUEST_LIST* list, WDFREQUEST request) {
+    if (list->Lock.Handle == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
-    WDF_SPIN_LOCK_GUARD guard(lock);
-    return collection != nullptr ? WdfCollectionAdd(collection, request) : STATUS_UNSUCCESSFUL;
+    WDF_SPIN_LOCK_GUARD guard(list->Lock);
+    return list->Requests != nullptr ? WdfCollectionAdd(list->Requests, request) : STATUS_UNSUCCESSFUL;
 }
 
 // By position, because the framework objects to the removal of an object that is not in the collection, and a
 // request that was no longer tracked may still complete.
-void RemoveRequest(WDFSPINLOCK lock, WDFCOLLECTION collection, WDFREQUEST request) {
-    if (lock == nullptr || collection == nullptr) {
+void RemoveRequest(REQUEST_LIST* list, WDFREQUEST request) {
+    if (list->Lock.Handle == nullptr) {
         return;
     }
-    WDF_SPIN_LOCK_GUARD guard(lock);
-    const ULONG count = WdfCollectionGetCount(collection);
+    WDF_SPIN_LOCK_GUARD guard(list->Lock);
+    const ULONG count = list->Requests != nullptr ? WdfCollectionGetCount(list->Requests) : 0;
     for (ULONG i = 0; i < count; i++) {
-        if (WdfCollectionGetItem(collection, i) == request) {
-            WdfCollectionRemoveItem(collection, i);
+        if (WdfCollectionGetItem(list->Requests, i) == request) {
+            WdfCollectionRemoveItem(list->Requests, i);
             return;
         }
     }
 }
 
-WDFREQUEST TakeFirstRequest(WDFSPINLOCK lock, WDFCOLLECTION collection) {
-    if (lock == nullptr || collection == nullptr) {
+WDFREQUEST TakeFirstRequest(REQUEST_LIST* list) {
+    if (list->Lock.Handle == nullptr) {
         return nullptr;
     }
-    WDF_SPIN_LOCK_GUARD guard(lock);
-    const WDFOBJECT first = WdfCollectionGetFirstItem(collection);
+    WDF_SPIN_LOCK_GUARD guard(list->Lock);
+    if (list->Requests == nullptr) {
+        return nullptr;
+    }
+    const WDFOBJECT first = WdfCollectionGetFirstItem(list->Requests);
     if (first != nullptr) {
-        WdfCollectionRemoveItem(collection, 0);
+        WdfCollectionRemoveItem(list->Requests, 0);
     }
     return static_cast<WDFREQUEST>(first);
 }
@@ -52,30 +55,15 @@ POLL_RESULT ProbeSentCompleted(DEVICE_CONTEXT* context) {
 } // namespace
 
 NTSTATUS REQUEST_QueueForSend(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    return AddRequest(context->Render.SendQueueLock, context->Render.SendQueue, request);
+    return AddRequest(&context->Render.SendQueue, request);
 }
 
 void REQUEST_RemoveFromSendQueue(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    RemoveRequest(context->Render.SendQueueLock, context->Render.SendQueue, request);
+    RemoveRequest(&context->Render.SendQueue, request);
 }
 
 WDFREQUEST REQUEST_TakeNextToSend(DEVICE_CONTEXT* context) {
-    return TakeFirstRequest(context->Render.SendQueueLock, context->Render.SendQueue);
-}
-
-BOOLEAN REQUEST_SendQueued(DEVICE_CONTEXT* context) {
-    BOOLEAN allSent = TRUE;
-    for (;;) {
-        const WDFREQUEST request = REQUEST_TakeNextToSend(context);
-        if (request == nullptr) {
-            return allSent;
-        }
-        NTSTATUS status = STATUS_CANCELLED;
-        if (RENDER_IsFrameAbandoned(context, request) || !REQUEST_Send(context, request, &status)) {
-            RENDER_AbandonRequest(context, request, status);
-            allSent = FALSE;
-        }
-    }
+    return TakeFirstRequest(&context->Render.SendQueue);
 }
 
 BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* status) {
@@ -96,34 +84,25 @@ BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* stat
 }
 
 NTSTATUS REQUEST_TrackSent(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    return AddRequest(context->Render.SentRequestsLock, context->Render.SentRequests, request);
+    return AddRequest(&context->Render.SentRequests, request);
 }
 
 void REQUEST_UntrackSent(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    RemoveRequest(context->Render.SentRequestsLock, context->Render.SentRequests, request);
-}
-
-void REQUEST_DiscardQueued(DEVICE_CONTEXT* context) {
-    for (;;) {
-        const WDFREQUEST request = REQUEST_TakeNextToSend(context);
-        if (request == nullptr) {
-            return;
-        }
-        RENDER_AbandonRequest(context, request, STATUS_CANCELLED);
-    }
+    RemoveRequest(&context->Render.SentRequests, request);
 }
 
 void REQUEST_DiscardSent(DEVICE_CONTEXT* context) {
-    while (TakeFirstRequest(context->Render.SentRequestsLock, context->Render.SentRequests) != nullptr) {
+    while (TakeFirstRequest(&context->Render.SentRequests) != nullptr) {
     }
 }
 
 BOOLEAN REQUEST_AllSentCompleted(DEVICE_CONTEXT* context) {
-    if (context->Render.SentRequestsLock == nullptr || context->Render.SentRequests == nullptr) {
+    REQUEST_LIST* list = &context->Render.SentRequests;
+    if (list->Lock.Handle == nullptr) {
         return TRUE;
     }
-    WDF_SPIN_LOCK_GUARD guard(context->Render.SentRequestsLock);
-    return WdfCollectionGetCount(context->Render.SentRequests) == 0;
+    WDF_SPIN_LOCK_GUARD guard(list->Lock);
+    return list->Requests == nullptr || WdfCollectionGetCount(list->Requests) == 0;
 }
 
 void REQUEST_WaitSentCompleted(DEVICE_CONTEXT* context) {

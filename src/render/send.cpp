@@ -1,8 +1,11 @@
 #include "render/send.h"
 
-#include "device/device_context.h"
+#include "base/shared_field.h"
+#include "render/auto_update.h"
+#include "render/bulk_transfer.h"
+#include "render/context_lists.h"
+#include "render/drop_frames.h"
 #include "render/request_pool.h"
-#include "render/timers.h"
 
 namespace {
 
@@ -11,66 +14,12 @@ namespace {
 // for it may be running at DISPATCH_LEVEL.
 constexpr ULONG DISPATCH_LIMIT = 2 * RENDER_CONTEXT_COUNT;
 
-static_assert(sizeof(_URB_BULK_OR_INTERRUPT_TRANSFER) == 0x80);
-
-RENDER_CONTEXT* FromLink(LIST_ENTRY* link) {
-    return CONTAINING_RECORD(link, RENDER_CONTEXT, Link);
-}
-
-struct BULK_TRANSFER {
-    WDFREQUEST Request;
-    _URB_BULK_OR_INTERRUPT_TRANSFER* Urb;
-    WDFMEMORY UrbMemory;
-    PMDL Mdl;
-    ULONG Length;
-    PFN_WDF_REQUEST_COMPLETION_ROUTINE Completed;
-};
-
-NTSTATUS FormatTransfer(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext,
-                        const BULK_TRANSFER& transfer) {
-    WDF_REQUEST_REUSE_PARAMS reuse;
-    WDF_REQUEST_REUSE_PARAMS_INIT(&reuse, WDF_REQUEST_REUSE_NO_FLAGS, STATUS_SUCCESS);
-    NTSTATUS status = WdfRequestReuse(transfer.Request, &reuse);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    _URB_BULK_OR_INTERRUPT_TRANSFER* urb = transfer.Urb;
-    urb->Hdr.Length = sizeof(*urb);
-    urb->Hdr.Function = URB_FUNCTION_BULK_OR_INTERRUPT_TRANSFER;
-    urb->PipeHandle = context->Usb.BulkOutPipeHandle;
-    urb->TransferFlags = USBD_TRANSFER_DIRECTION_OUT;
-    urb->TransferBufferLength = transfer.Length;
-    urb->TransferBuffer = nullptr;
-    urb->TransferBufferMDL = transfer.Mdl;
-    urb->UrbLink = nullptr;
-    status = WdfUsbTargetDeviceFormatRequestForUrb(context->Usb.UsbDevice, transfer.Request,
-                                                   transfer.UrbMemory, nullptr);
-    if (NT_SUCCESS(status)) {
-        WdfRequestSetCompletionRoutine(transfer.Request, transfer.Completed, renderContext);
-    }
-    return status;
-}
-
-void AppendPending(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
-    TSA_REQUIRES(context->Render.PendingListLock) {
-    InsertTailList(&context->Render.PendingList, &renderContext->Link);
-    InterlockedIncrement(&context->Render.PendingCount);
-}
-
-RENDER_CONTEXT* RemoveFirstPending(DEVICE_CONTEXT* context, LONG* remaining)
-    TSA_REQUIRES(context->Render.PendingListLock) {
-    RENDER_CONTEXT* renderContext = FromLink(RemoveHeadList(&context->Render.PendingList));
-    InitializeListHead(&renderContext->Link);
-    *remaining = InterlockedDecrement(&context->Render.PendingCount);
-    return renderContext;
-}
-
 // Formats the requests of a context and queues them for sending; on failure none is queued.
 NTSTATUS QueueRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
     TSA_REQUIRES(context->Render.PendingListLock) {
     renderContext->TransferLength = context->Render.RenderBufferLength[renderContext->RenderBufferIndex];
-    renderContext->Abandoned = FALSE;
-    NTSTATUS status = RENDER_FormatRequests(context, renderContext);
+    NTSTATUS status = RENDER_FormatRequests(context, renderContext, RENDER_RenderRequestCompleted,
+                                            RENDER_ZeroLengthRequestCompleted);
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -78,6 +27,7 @@ NTSTATUS QueueRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    SHARED_Write(renderContext->State, FRAME_IN_FLIGHT);
     InterlockedIncrement(&renderContext->OutstandingRequests);
     if (context->Display.Mode.ZeroLengthFlag != 1) {
         return STATUS_SUCCESS;
@@ -103,7 +53,7 @@ BOOLEAN BeginDispatch(DEVICE_CONTEXT* context) {
     return TRUE;
 }
 
-// In the same critical section that saw nothing to do: what is queued later finds nobody dispatching.
+// In the same critical section that found nothing to do: work that is queued later finds no dispatch running.
 void EndDispatch(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
     context->Render.Dispatching = FALSE;
     KeSetEvent(&context->Render.DispatchIdleEvent, IO_NO_INCREMENT, FALSE);
@@ -124,68 +74,59 @@ void TopUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock
     RENDER_CONTEXT* second = RENDER_TakeAvailable(context);
     if (second != nullptr) {
         second->RenderBufferIndex = context->Render.LatestRenderBufferIndex;
-        AppendPending(context, second);
+        RENDER_AppendPending(context, second);
     }
 }
 
-// No completion will keep the stream going, and a client with nothing to redraw would be left with the
-// picture before. Under the lock and while the context at hand is not returned, a stop cannot have passed by
-// and deleted the timer behind this.
+// No completion will keep the stream going, and a client that has nothing to redraw would be left with the
+// picture before. The lock is held and this context is not returned yet, so no stop can have completed: the
+// timer still exists.
 void RepeatLater(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
     if (context->Render.RenderRunning != 0 && !SHARED_Read(context->DeviceRemoved)) {
         RENDER_RepeatFrameLater(context);
     }
 }
 
-// Moves the next context to send off PendingList and queues its requests. FALSE when there is none, or when
+// Moves the next context to send off PendingList and queues its requests. Null when there is none, or when
 // the dispatch has to end.
-BOOLEAN QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
+RENDER_CONTEXT* QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     TSA_REQUIRES(context->Render.PendingListLock) {
     const LIST_ENTRY* pendingList = &context->Render.PendingList;
     if (context->Render.RenderRunning == 0) {
-        return FALSE;
+        return nullptr;
     }
     if (dispatch->IsAlone && !dispatch->Refused && IsListEmpty(pendingList)) {
         TopUp(context);
     }
     if (IsListEmpty(pendingList)) {
-        return FALSE;
+        return nullptr;
     }
     if (dispatch->Sent == DISPATCH_LIMIT) {
         KeSetEvent(&context->Render.DispatchRequestEvent, EVENT_INCREMENT, FALSE);
-        return FALSE;
+        return nullptr;
     }
     LONG remaining;
-    RENDER_CONTEXT* renderContext = RemoveFirstPending(context, &remaining);
+    RENDER_CONTEXT* renderContext = RENDER_RemoveFirstPending(context, &remaining);
     if (!NT_SUCCESS(QueueRequests(context, renderContext))) {
         RENDER_ReturnToAvailable(context, renderContext);
         dispatch->Refused = TRUE;
-        return FALSE;
+        return nullptr;
     }
     dispatch->Sent++;
     dispatch->IsAlone = InterlockedIncrement(&context->Render.RenderContextsInFlight) == 1 && remaining == 0;
-    return TRUE;
+    return renderContext;
 }
 
-BOOLEAN PrepareNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch) {
+RENDER_CONTEXT* PrepareNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    if (QueueNextTransfer(context, dispatch)) {
-        return TRUE;
+    RENDER_CONTEXT* renderContext = QueueNextTransfer(context, dispatch);
+    if (renderContext != nullptr) {
+        return renderContext;
     }
     if (dispatch->Refused && ReadAcquire(&context->Render.RenderContextsInFlight) == 0) {
         RepeatLater(context);
     }
     EndDispatch(context);
-    return FALSE;
-}
-
-RENDER_CONTEXT* FindOwner(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    for (RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
-        if (renderContext != nullptr &&
-            (renderContext->RenderRequest == request || renderContext->ZeroLengthRequest == request)) {
-            return renderContext;
-        }
-    }
     return nullptr;
 }
 
@@ -194,42 +135,62 @@ BOOLEAN IsDeviceGone(NTSTATUS status, USBD_STATUS usbdStatus) {
            usbdStatus == USBD_STATUS_DEVICE_GONE || usbdStatus == USBD_STATUS_ENDPOINT_HALTED;
 }
 
-// No frame gets through any more: register access and commands are refused, and the thread ends.
+// No frame reaches the adapter any more: register access and commands are refused, and the thread ends.
 void GiveUpDevice(DEVICE_CONTEXT* context) {
-    SHARED_Write(context->DeviceRemoved, TRUE);
+    DEVICE_MarkRemoved(context);
     KeResetEvent(&context->Render.ThreadStartStopEvent);
     KeSetEvent(&context->Render.ThreadStartStopEvent, IO_NO_INCREMENT, FALSE);
 }
 
-// Decides what a context does after its transfer. TRUE when something waits to be dispatched.
-BOOLEAN ContinueStream(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, LONG inFlight) {
-    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+// What becomes of a context when all its requests are done.
+enum class NEXT_STEP {
+    Return,
+    ReturnForNewerFrame,
+    ReturnAndRepeatLater,
+    SendNewest,
+};
+
+NEXT_STEP ChooseNextStep(DEVICE_CONTEXT* context, const RENDER_CONTEXT* renderContext, LONG inFlight)
+    TSA_REQUIRES(context->Render.PendingListLock) {
     if (context->Render.RenderRunning == 0) {
-        RENDER_ReturnToAvailable(context, renderContext);
-        return FALSE;
+        return NEXT_STEP::Return;
     }
-    const BOOLEAN newerFrameWaits = !IsListEmpty(&context->Render.PendingList);
+    if (!IsListEmpty(&context->Render.PendingList)) {
+        return NEXT_STEP::ReturnForNewerFrame;
+    }
     const ULONG latest = context->Render.LatestRenderBufferIndex;
-    const BOOLEAN carriesLatest = renderContext->RenderBufferIndex == latest;
-    // Two transfers of the newest frame are enough; of the older ones, the last but one takes it over.
-    // Without a newest frame the context comes from before a stop, and what it carries must not be seen
-    // again.
-    const BOOLEAN goesOn = carriesLatest || (inFlight == 1 && latest != RENDER_BUFFER_NONE);
-    if (newerFrameWaits || renderContext->Abandoned || !goesOn) {
-        // The newest frame may have been refused while this transfer, of an older one, was still out.
-        const BOOLEAN nothingIsOut = ReadAcquire(&context->Render.RenderContextsInFlight) == 0;
-        if (!newerFrameWaits && nothingIsOut && latest != RENDER_BUFFER_NONE) {
-            RepeatLater(context);
-        }
-        RENDER_ReturnToAvailable(context, renderContext);
-        return newerFrameWaits;
+    if (latest == RENDER_BUFFER_NONE) {
+        // The context comes from before a stop, and what it carries must not be seen again.
+        return NEXT_STEP::Return;
     }
-    renderContext->RenderBufferIndex = latest;
-    AppendPending(context, renderContext);
-    return TRUE;
+    const BOOLEAN wasRefused = SHARED_Read(renderContext->State) == FRAME_REFUSED;
+    const BOOLEAN carriesNewest = renderContext->RenderBufferIndex == latest;
+    if (!wasRefused && (carriesNewest || inFlight == 1)) {
+        return NEXT_STEP::SendNewest;
+    }
+    // The newest frame may have been refused while this transfer, of an older one, was still out.
+    const BOOLEAN nothingIsOut = ReadAcquire(&context->Render.RenderContextsInFlight) == 0;
+    return nothingIsOut ? NEXT_STEP::ReturnAndRepeatLater : NEXT_STEP::Return;
 }
 
-// All requests of the context are back. The context belongs to somebody else once it was returned or queued.
+// TRUE when something waits to be dispatched. The context belongs to another task once it was returned or
+// queued.
+BOOLEAN ContinueStream(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, LONG inFlight) {
+    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+    const NEXT_STEP next = ChooseNextStep(context, renderContext, inFlight);
+    if (next == NEXT_STEP::SendNewest) {
+        renderContext->RenderBufferIndex = context->Render.LatestRenderBufferIndex;
+        RENDER_AppendPending(context, renderContext);
+        return TRUE;
+    }
+    if (next == NEXT_STEP::ReturnAndRepeatLater) {
+        RepeatLater(context);
+    }
+    RENDER_ReturnToAvailable(context, renderContext);
+    return next == NEXT_STEP::ReturnForNewerFrame;
+}
+
+// All requests of the context are done.
 void FinishContext(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTATUS status,
                    USBD_STATUS usbdStatus) {
     const LONG inFlight = InterlockedDecrement(&context->Render.RenderContextsInFlight);
@@ -240,6 +201,31 @@ void FinishContext(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTA
     }
     if (ContinueStream(context, renderContext, inFlight)) {
         RENDER_DispatchPendingContexts(context);
+    }
+}
+
+// A request that was queued but not sent is done: it does not complete. The rest of its frame is of no use to
+// the adapter, and sending the frame again at once would only be refused again.
+void RefuseRequest(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTATUS status) {
+    SHARED_Write(renderContext->State, FRAME_REFUSED);
+    if (InterlockedDecrement(&renderContext->OutstandingRequests) == 0) {
+        FinishContext(context, renderContext, status, USBD_STATUS_SUCCESS);
+    }
+}
+
+// Sends the requests that a dispatch queued, oldest first: those of one context. FALSE when one was refused.
+BOOLEAN SendQueued(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
+    BOOLEAN refused = FALSE;
+    for (;;) {
+        const WDFREQUEST request = REQUEST_TakeNextToSend(context);
+        if (request == nullptr) {
+            return !refused;
+        }
+        NTSTATUS status = STATUS_CANCELLED;
+        if (refused || !REQUEST_Send(context, request, &status)) {
+            refused = TRUE;
+            RefuseRequest(context, renderContext, status);
+        }
     }
 }
 
@@ -254,112 +240,23 @@ void CompleteRequest(WDFREQUEST request, PWDF_REQUEST_COMPLETION_PARAMS params,
 
 } // namespace
 
-RENDER_CONTEXT* RENDER_TakeAvailable(DEVICE_CONTEXT* context) {
-    RENDER_CONTEXT* renderContext;
-    {
-        SPIN_LOCK_GUARD available(context->Render.AvailableListLock);
-        if (IsListEmpty(&context->Render.AvailableList)) {
-            return nullptr;
-        }
-        renderContext = FromLink(RemoveHeadList(&context->Render.AvailableList));
-    }
-    InterlockedDecrement(&context->Render.AvailableCount);
-    InitializeListHead(&renderContext->Link);
-    return renderContext;
-}
-
-void RENDER_ReturnToAvailable(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
-    {
-        SPIN_LOCK_GUARD available(context->Render.AvailableListLock);
-        InsertTailList(&context->Render.AvailableList, &renderContext->Link);
-    }
-    InterlockedIncrement(&context->Render.AvailableCount);
-}
-
-ULONG RENDER_CountAvailable(DEVICE_CONTEXT* context) {
-    SPIN_LOCK_GUARD available(context->Render.AvailableListLock);
-    ULONG count = 0;
-    const LIST_ENTRY* head = &context->Render.AvailableList;
-    for (const LIST_ENTRY* link = head->Flink; link != head; link = link->Flink) {
-        count++;
-    }
-    return count;
-}
-
-NTSTATUS RENDER_FormatRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
-    const BULK_TRANSFER render = {.Request = renderContext->RenderRequest,
-                                  .Urb = &renderContext->RenderUrb,
-                                  .UrbMemory = renderContext->RenderUrbMemory,
-                                  .Mdl = renderContext->RenderMdl[renderContext->RenderBufferIndex],
-                                  .Length = renderContext->TransferLength,
-                                  .Completed = RENDER_RenderRequestCompleted};
-    if (render.Mdl == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES; // The last preparation of the render buffers failed.
-    }
-    const NTSTATUS status = FormatTransfer(context, renderContext, render);
-    if (!NT_SUCCESS(status) || context->Display.Mode.ZeroLengthFlag != 1) {
-        return status;
-    }
-    const BULK_TRANSFER zeroLength = {.Request = renderContext->ZeroLengthRequest,
-                                      .Urb = &renderContext->ZeroLengthUrb,
-                                      .UrbMemory = renderContext->ZeroLengthUrbMemory,
-                                      .Mdl = nullptr,
-                                      .Length = 0,
-                                      .Completed = RENDER_ZeroLengthRequestCompleted};
-    return FormatTransfer(context, renderContext, zeroLength);
-}
-
-BOOLEAN RENDER_QueueFrame(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
-    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    if (context->Render.RenderRunning == 0) {
-        return FALSE;
-    }
-    context->Render.LatestRenderBufferIndex = renderContext->RenderBufferIndex;
-    AppendPending(context, renderContext);
-    return TRUE;
-}
-
-// The requests are sent without PendingListLock, because a completion that runs inside the send wants it. In
-// its place Dispatching keeps two dispatches from mixing their frames on the pipe: whoever finds it set, be
-// it such a completion or another processor, leaves its work on PendingList, which the running dispatch looks
-// at again before it ends.
+// The requests are sent without PendingListLock, because a completion that runs inside the send acquires it.
+// In its place Dispatching keeps two dispatches from mixing their frames on the pipe: a completion or another
+// processor that finds it set leaves its work on PendingList, which the running dispatch looks at again
+// before it ends.
 void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context) {
     if (!BeginDispatch(context)) {
         return;
     }
     DISPATCH dispatch = {.Sent = 0, .IsAlone = FALSE, .Refused = FALSE};
-    while (PrepareNextTransfer(context, &dispatch)) {
-        if (!REQUEST_SendQueued(context)) {
+    for (;;) {
+        RENDER_CONTEXT* renderContext = PrepareNextTransfer(context, &dispatch);
+        if (renderContext == nullptr) {
+            return;
+        }
+        if (!SendQueued(context, renderContext)) {
             dispatch.Refused = TRUE;
         }
-    }
-}
-
-BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index) {
-    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    if (context->Render.LatestRenderBufferIndex == index) {
-        return TRUE;
-    }
-    const LIST_ENTRY* head = &context->Render.PendingList;
-    for (LIST_ENTRY* link = head->Flink; link != head; link = link->Flink) {
-        if (FromLink(link)->RenderBufferIndex == index) {
-            return TRUE;
-        }
-    }
-    for (const RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
-        if (renderContext->RenderBufferIndex == index &&
-            ReadAcquire(&renderContext->OutstandingRequests) != 0) {
-            return TRUE;
-        }
-    }
-    return FALSE;
-}
-
-void RENDER_ClearPending(DEVICE_CONTEXT* context) {
-    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    while (!IsListEmpty(&context->Render.PendingList)) {
-        LONG remaining;
-        RENDER_ReturnToAvailable(context, RemoveFirstPending(context, &remaining));
     }
 }
 
@@ -367,7 +264,6 @@ void RENDER_RenderRequestCompleted(WDFREQUEST request, WDFIOTARGET, PWDF_REQUEST
                                    WDFCONTEXT completionContext) {
     RENDER_CONTEXT* renderContext = static_cast<RENDER_CONTEXT*>(completionContext);
     RENDER_DecayFrameErrorBucket(renderContext->DeviceContext);
-    InterlockedIncrement(&renderContext->DeviceContext->Render.CompletedTransfers);
     CompleteRequest(request, params, renderContext);
 }
 
@@ -382,21 +278,4 @@ void RENDER_CompleteRenderContext(DEVICE_CONTEXT* context, RENDER_CONTEXT* rende
         params->Type == WdfRequestTypeUsb && params->Parameters.Usb.Completion != nullptr;
     FinishContext(context, renderContext, params->IoStatus.Status,
                   hasUsbStatus ? params->Parameters.Usb.Completion->UsbdStatus : USBD_STATUS_SUCCESS);
-}
-
-void RENDER_AbandonRequest(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS status) {
-    RENDER_CONTEXT* renderContext = FindOwner(context, request);
-    if (renderContext == nullptr) {
-        return;
-    }
-    // Sending it again at once would only be refused again, for ever.
-    renderContext->Abandoned = TRUE;
-    if (InterlockedDecrement(&renderContext->OutstandingRequests) == 0) {
-        FinishContext(context, renderContext, status, USBD_STATUS_SUCCESS);
-    }
-}
-
-BOOLEAN RENDER_IsFrameAbandoned(DEVICE_CONTEXT* context, WDFREQUEST request) {
-    const RENDER_CONTEXT* renderContext = FindOwner(context, request);
-    return renderContext == nullptr || renderContext->Abandoned;
 }

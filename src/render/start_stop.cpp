@@ -1,8 +1,12 @@
 #include "render/start_stop.h"
 
-#include "device/device_context.h"
+#include "base/shared_field.h"
+#include "base/util.h"
+#include "display/video_output.h"
+#include "render/context_lists.h"
+#include "render/drop_frames.h"
 #include "render/request_pool.h"
-#include "render/send.h"
+#include "surface/present.h"
 #include "usb/registers.h"
 
 namespace {
@@ -13,14 +17,13 @@ constexpr ULONG CONTEXT_RETURN_POLL_COUNT = 100;
 constexpr ULONG CANCEL_POLL_MS = 10;
 
 // Under PendingListLock: the frame update thread and each completion have either finished what they began
-// while the stream ran, or find it stopped. The caller holds RenderStartStopMutex.
-void SetStopped(DEVICE_CONTEXT* context) {
+// while the stream ran, or find it stopped.
+void SetStopped(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     SHARED_Write(context->Render.RenderRunning, 0u);
 }
 
-// The caller holds RenderStartStopMutex.
-void SetRunning(DEVICE_CONTEXT* context) {
+void SetRunning(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     {
         SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
         // What the render buffers hold is from before the stop, in another mode perhaps.
@@ -30,7 +33,7 @@ void SetRunning(DEVICE_CONTEXT* context) {
     // The newest presented frame goes out now, be it one from before the stop or one that came meanwhile: a
     // client that has nothing to redraw would leave the monitor dark, or with an old picture.
     InterlockedExchange(&context->Render.StartedAnew, 1);
-    KeSetEvent(&context->Render.FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+    FRAMEBUFFER_RequestUpdate(context);
 }
 
 BOOLEAN IsFrameUpdateThread(const RENDER_PIPELINE* render) {
@@ -38,12 +41,13 @@ BOOLEAN IsFrameUpdateThread(const RENDER_PIPELINE* render) {
 }
 
 // Wakes the thread out of whatever it waits for, and lets it consume a frame request that is now void.
-void AwaitAcknowledgement(RENDER_PIPELINE* render) {
-    KeSetEvent(&render->FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+void AwaitAcknowledgement(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    FRAMEBUFFER_RequestUpdate(context);
     if (!IsFrameUpdateThread(render) && !SHARED_Read(render->StopAcknowledged) &&
         SHARED_Read(render->FrameUpdateThreadState) == THREAD_RUNNING) {
         UTIL_DelayMs(STOP_ACKNOWLEDGE_MS);
-        KeSetEvent(&render->FrameUpdateRequestEvent, EVENT_INCREMENT, FALSE);
+        FRAMEBUFFER_RequestUpdate(context);
     }
     SHARED_Write(render->StopAcknowledged, FALSE);
 }
@@ -63,11 +67,11 @@ POLL_RESULT ProbeContextsReturned(DEVICE_CONTEXT* context) {
     return RENDER_CountAvailable(context) == RENDER_CONTEXT_COUNT ? POLL_RESULT::Done : POLL_RESULT::Again;
 }
 
-// Brings everything home that was queued or sent. The stream is stopped and the thread fills nothing.
+// Returns every context that was queued or sent to AvailableList. The stream is stopped and the thread fills
+// nothing.
 void DrainTransfers(DEVICE_CONTEXT* context) {
-    // A dispatch under way owns the send queue until it ends; a new one finds the stream stopped.
+    // A running dispatch sends what it queued before it ends; a new one finds the stream stopped.
     WaitForEvent(&context->Render.DispatchIdleEvent);
-    REQUEST_DiscardQueued(context);
     RENDER_ClearPending(context);
 
     REQUEST_WaitSentCompleted(context);
@@ -92,22 +96,14 @@ void CancelOutstanding(DEVICE_CONTEXT* context) {
     }
 }
 
-// The fallback to 16 bits lasts as long as the stream that dropped frames.
-void ForgetDroppedFrames(DEVICE_CONTEXT* context) {
-    if (context->Settings.UseDynamicPixelBytesAdjustmentEnable != 0) {
-        SHARED_Write(context->Settings.UseUsb3OutputRGB565Enable, 0u);
-    }
-    SHARED_Write(context->Render.DropFrameEventReceived, FALSE);
-}
-
 // FALSE when there is no thread to end.
 BOOLEAN RequestThreadEnd(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
-    render->ShutDown = TRUE;
-    render->SuspendedWhileRunning = FALSE;
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
+    context->Render.ShutDown = TRUE;
+    context->Render.SuspendedWhileRunning = FALSE;
     SetStopped(context);
-    ForgetDroppedFrames(context);
+    RENDER_ForgetDroppedFrames(context);
     if (!render->FrameUpdateThreadCreated) {
         return FALSE;
     }
@@ -121,8 +117,8 @@ BOOLEAN RequestThreadEnd(DEVICE_CONTEXT* context) {
 NTSTATUS RENDER_Start(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     const MODE_PARAMETERS& mode = context->Display.Mode;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
-    if (render->ShutDown) {
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
+    if (context->Render.ShutDown) {
         return STATUS_SUCCESS;
     }
     if (mode.CompressionEnabled == 0) {
@@ -130,23 +126,20 @@ NTSTATUS RENDER_Start(DEVICE_CONTEXT* context) {
             length = mode.Width * mode.Height * mode.SourceBytesPerPixel;
         }
     }
-    {
-        MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-        context->Display.OutputActive = TRUE;
-    }
+    MODE_MarkOutput(context, TRUE);
     SetRunning(context);
     return STATUS_SUCCESS;
 }
 
 void RENDER_Stop(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
-    render->SuspendedWhileRunning = FALSE;
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
+    context->Render.SuspendedWhileRunning = FALSE;
     SHARED_Write(render->StopAcknowledged, FALSE);
     SetStopped(context);
 
     if (render->FrameUpdateThreadCreated) {
-        AwaitAcknowledgement(render);
+        AwaitAcknowledgement(context);
         AwaitFillEnd(render);
         if (context->Display.Mode.BandwidthFlag != 0) {
             REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_BANDWIDTH_BIT);
@@ -154,39 +147,38 @@ void RENDER_Stop(DEVICE_CONTEXT* context) {
         DrainTransfers(context);
     }
 
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    ForgetDroppedFrames(context);
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+    RENDER_ForgetDroppedFrames(context);
 }
 
 void RENDER_Suspend(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     if (render->RenderRunning == 0) {
         return;
     }
     SetStopped(context);
-    render->SuspendedWhileRunning = TRUE;
+    context->Render.SuspendedWhileRunning = TRUE;
     AwaitFillEnd(render);
     DrainTransfers(context);
 }
 
 void RENDER_Resume(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
-    if (render->SuspendedWhileRunning && !render->ShutDown) {
-        render->SuspendedWhileRunning = FALSE;
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
+    if (context->Render.SuspendedWhileRunning && !context->Render.ShutDown) {
+        context->Render.SuspendedWhileRunning = FALSE;
         SetRunning(context);
     }
 }
 
 void RENDER_StopSuspended(DEVICE_CONTEXT* context) {
     {
-        MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+        MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
         context->Render.SuspendedWhileRunning = FALSE;
     }
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    context->Display.OutputActive = FALSE;
-    ForgetDroppedFrames(context);
+    MODE_MarkOutput(context, FALSE);
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+    RENDER_ForgetDroppedFrames(context);
 }
 
 void RENDER_Shutdown(DEVICE_CONTEXT* context) {
@@ -194,14 +186,26 @@ void RENDER_Shutdown(DEVICE_CONTEXT* context) {
     if (!RequestThreadEnd(context)) {
         return;
     }
-    // The object and not the thread's own word for it: the driver must not be unloaded, nor its records
-    // deleted, under the last instructions of the thread.
+    // Wait on the thread object: the thread still runs driver code after it set its state.
     (void)KeWaitForSingleObject(render->FrameUpdateThreadObject, Executive, KernelMode, FALSE, nullptr);
 
-    MUTEX_GUARD startStop(context->Locks.RenderStartStopMutex);
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     ObDereferenceObject(render->FrameUpdateThreadObject);
     render->FrameUpdateThreadObject = nullptr;
     render->FrameUpdateThreadCreated = FALSE;
     DrainTransfers(context);
     CancelOutstanding(context);
+}
+
+BOOLEAN RENDER_BeginFill(DEVICE_CONTEXT* context) {
+    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+    if (context->Render.RenderRunning == 0) {
+        return FALSE;
+    }
+    KeClearEvent(&context->Render.FrameFillIdleEvent);
+    return TRUE;
+}
+
+void RENDER_EndFill(DEVICE_CONTEXT* context) {
+    KeSetEvent(&context->Render.FrameFillIdleEvent, IO_NO_INCREMENT, FALSE);
 }

@@ -1,26 +1,30 @@
 #include "usb/configuration.h"
 
+#include "base/pool.h"
 #include "device/device_context.h"
+#include "usb/chip.h"
 
 namespace {
 
 constexpr UCHAR ENDPOINT_DIRECTION_IN = 0x80;
 constexpr ULONG CONTROL_BUFFER_SIZE = sizeof(ULONG);
 
-NTSTATUS CreateControlRequest(USB_CONTEXT* usb) {
-    NTSTATUS status = WdfRequestCreate(WDF_NO_OBJECT_ATTRIBUTES, usb->UsbIoTarget, &usb->ControlRequest);
+NTSTATUS CreateControlRequest(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.RegisterMutex) {
+    USB_CONTEXT* usb = &context->Usb;
+    NTSTATUS status =
+        WdfRequestCreate(WDF_NO_OBJECT_ATTRIBUTES, usb->UsbIoTarget, &context->Usb.ControlRequest);
     if (!NT_SUCCESS(status)) {
-        usb->ControlRequest = nullptr;
+        context->Usb.ControlRequest = nullptr;
         return status;
     }
     PVOID buffer = nullptr;
     status = WdfMemoryCreate(WDF_NO_OBJECT_ATTRIBUTES, DriverPoolType, POOL_TAG_DRIVER, CONTROL_BUFFER_SIZE,
-                             &usb->ControlMemory, &buffer);
+                             &context->Usb.ControlMemory, &buffer);
     if (!NT_SUCCESS(status)) {
-        usb->ControlMemory = nullptr;
+        context->Usb.ControlMemory = nullptr;
         buffer = nullptr;
     }
-    usb->ControlBuffer = static_cast<ULONG*>(buffer);
+    context->Usb.ControlBuffer = static_cast<ULONG*>(buffer);
     return status;
 }
 
@@ -38,8 +42,8 @@ NTSTATUS USB_CreateTarget(DEVICE_CONTEXT* context) {
         usb->UsbIoTarget = WdfUsbTargetDeviceGetIoTarget(usb->UsbDevice);
     }
     {
-        MUTEX_GUARD transfer(context->Locks.RegisterMutex);
-        const NTSTATUS status = CreateControlRequest(usb);
+        MUTEX_GUARD transfer(context->Usb.RegisterMutex);
+        const NTSTATUS status = CreateControlRequest(context);
         if (!NT_SUCCESS(status)) {
             return status;
         }
@@ -50,45 +54,15 @@ NTSTATUS USB_CreateTarget(DEVICE_CONTEXT* context) {
 }
 
 void USB_DeleteControlRequest(DEVICE_CONTEXT* context) {
-    USB_CONTEXT* usb = &context->Usb;
-    MUTEX_GUARD transfer(context->Locks.RegisterMutex);
-    if (usb->ControlRequest != nullptr) {
-        WdfObjectDelete(usb->ControlRequest);
-        usb->ControlRequest = nullptr;
+    MUTEX_GUARD transfer(context->Usb.RegisterMutex);
+    if (context->Usb.ControlRequest != nullptr) {
+        WdfObjectDelete(context->Usb.ControlRequest);
+        context->Usb.ControlRequest = nullptr;
     }
-    if (usb->ControlMemory != nullptr) {
-        WdfObjectDelete(usb->ControlMemory);
-        usb->ControlMemory = nullptr;
-        usb->ControlBuffer = nullptr;
-    }
-}
-
-ULONG USB_RevisionOf(const USB_DEVICE_DESCRIPTOR* descriptor) {
-    const USHORT vendor = descriptor->idVendor;
-    const USHORT product = descriptor->idProduct;
-    const USHORT release = descriptor->bcdDevice;
-    if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0100) {
-        return 1;
-    }
-    // Before the other products of our own: the partner may use our vendor identifier.
-    if (vendor == PARTNER_VENDOR_ID && product == PARTNER_PRODUCT_ID && release == 0x0200) {
-        return 2;
-    }
-    if (vendor == ADAPTER_VENDOR_ID && release == 0x0200) {
-        return product == ADAPTER_PRODUCT_ID || product == ADAPTER_ALT_PRODUCT_ID ? 2 : 0;
-    }
-    if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0300) {
-        return 3;
-    }
-    return 0;
-}
-
-void USB_ClassifyChip(DEVICE_CONTEXT* context) {
-    USB_CONTEXT* usb = &context->Usb;
-    MUTEX_GUARD displayState(context->Locks.DisplayStateMutex);
-    usb->ChipRevision = USB_RevisionOf(&usb->DeviceDescriptor);
-    if (usb->ChipRevision == 1) {
-        usb->NoInterruptPipe = TRUE;
+    if (context->Usb.ControlMemory != nullptr) {
+        WdfObjectDelete(context->Usb.ControlMemory);
+        context->Usb.ControlMemory = nullptr;
+        context->Usb.ControlBuffer = nullptr;
     }
 }
 
@@ -119,7 +93,7 @@ NTSTATUS USB_RetrieveConfigDescriptor(DEVICE_CONTEXT* context) {
 
 NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context) {
     USB_CONTEXT* usb = &context->Usb;
-    if (usb->ChipRevision == 3) {
+    if (!CHIP_Traits(context).IsSupported) {
         return STATUS_UNSUCCESSFUL;
     }
 

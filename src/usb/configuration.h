@@ -14,12 +14,6 @@ struct DEVICE_CONTEXT;
 [[nodiscard]] NTSTATUS USB_RetrieveConfigDescriptor(DEVICE_CONTEXT* context);
 [[nodiscard]] NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context);
 
-// 0 to 3, by the identity that the adapter reports.
-ULONG USB_RevisionOf(const USB_DEVICE_DESCRIPTOR* descriptor);
-
-// Sets ChipRevision and NoInterruptPipe from the device descriptor, under DisplayStateMutex.
-void USB_ClassifyChip(DEVICE_CONTEXT* context);
-
 // Deletes what register transfers use; later transfers fail. For hardware release.
 void USB_DeleteControlRequest(DEVICE_CONTEXT* context);
 

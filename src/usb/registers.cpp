@@ -1,5 +1,7 @@
 #include "usb/registers.h"
 
+#include "base/shared_field.h"
+#include "base/util.h"
 #include "device/device_context.h"
 
 #include <wdfusb.h>
@@ -14,22 +16,23 @@ constexpr ULONG BitMask(ULONG bit) {
     return 1u << (bit & 31);
 }
 
-// The caller holds RegisterMutex: request, descriptor and buffer are the only ones of their kind.
-NTSTATUS TransferLocked(DEVICE_CONTEXT* context, BOOLEAN isRead, USHORT offset, ULONG* value) {
-    USB_CONTEXT* usb = &context->Usb;
-    if (SHARED_Read(context->DeviceRemoved) || usb->ControlRequest == nullptr) {
+// Request, descriptor and buffer are the only ones of their kind.
+NTSTATUS TransferLocked(DEVICE_CONTEXT* context, BOOLEAN isRead, USHORT offset, ULONG* value)
+    TSA_REQUIRES(context->Usb.RegisterMutex) {
+    if (SHARED_Read(context->DeviceRemoved) || context->Usb.ControlRequest == nullptr) {
         return STATUS_UNSUCCESSFUL;
     }
 
     WDF_REQUEST_REUSE_PARAMS reuse;
     WDF_REQUEST_REUSE_PARAMS_INIT(&reuse, WDF_REQUEST_REUSE_NO_FLAGS, STATUS_SUCCESS);
-    NTSTATUS status = WdfRequestReuse(usb->ControlRequest, &reuse);
+    NTSTATUS status = WdfRequestReuse(context->Usb.ControlRequest, &reuse);
     if (!NT_SUCCESS(status)) {
         return status;
     }
 
-    *usb->ControlBuffer = *value;
-    WDF_MEMORY_DESCRIPTOR_INIT_HANDLE(&usb->ControlMemoryDescriptor, usb->ControlMemory, nullptr);
+    *context->Usb.ControlBuffer = *value;
+    WDF_MEMORY_DESCRIPTOR_INIT_HANDLE(&context->Usb.ControlMemoryDescriptor, context->Usb.ControlMemory,
+                                      nullptr);
     WDF_USB_CONTROL_SETUP_PACKET setup;
     WDF_USB_CONTROL_SETUP_PACKET_INIT_VENDOR(&setup, isRead ? BmRequestDeviceToHost : BmRequestHostToDevice,
                                              BmRequestToDevice,
@@ -39,9 +42,10 @@ NTSTATUS TransferLocked(DEVICE_CONTEXT* context, BOOLEAN isRead, USHORT offset, 
     WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, RelativeMs(REGISTER_TRANSFER_TIMEOUT_MS));
 
     status = WdfUsbTargetDeviceSendControlTransferSynchronously(
-        usb->UsbDevice, usb->ControlRequest, &options, &setup, &usb->ControlMemoryDescriptor, nullptr);
+        context->Usb.UsbDevice, context->Usb.ControlRequest, &options, &setup,
+        &context->Usb.ControlMemoryDescriptor, nullptr);
     if (NT_SUCCESS(status)) {
-        *value = *usb->ControlBuffer;
+        *value = *context->Usb.ControlBuffer;
     }
     return status;
 }
@@ -49,7 +53,7 @@ NTSTATUS TransferLocked(DEVICE_CONTEXT* context, BOOLEAN isRead, USHORT offset, 
 } // namespace
 
 NTSTATUS REG_Transfer(DEVICE_CONTEXT* context, ULONG isRead, ULONG offset, ULONG* value) {
-    MUTEX_GUARD transfer(context->Locks.RegisterMutex);
+    MUTEX_GUARD transfer(context->Usb.RegisterMutex);
     return TransferLocked(context, isRead != 0, static_cast<USHORT>(offset), value);
 }
 
@@ -85,18 +89,4 @@ void REG_SetBit(DEVICE_CONTEXT* context, ULONG offset, ULONG bit) {
 
 void REG_ClearBit(DEVICE_CONTEXT* context, ULONG offset, ULONG bit) {
     REG_ClearMask(context, offset, BitMask(bit));
-}
-
-void CHIP_UpdateRegister70Bits(DEVICE_CONTEXT* context, BOOLEAN clear) {
-    const auto update = clear ? REG_ClearBit : REG_SetBit;
-    update(context, REGISTER_OUTPUT, OUTPUT_MONITOR_B_BIT);
-    update(context, REGISTER_OUTPUT, OUTPUT_MONITOR_A_BIT);
-}
-
-void CHIP_UpdateRegister8064Bit17(DEVICE_CONTEXT* context, BOOLEAN clear) {
-    if (context->Usb.ChipRevision != 2) {
-        return;
-    }
-    const auto update = clear ? REG_ClearBit : REG_SetBit;
-    update(context, REGISTER_POWER, POWER_BIT);
 }

@@ -22,9 +22,3 @@ void REG_SetBit(DEVICE_CONTEXT* context, ULONG offset, ULONG bit);
 void REG_ClearBit(DEVICE_CONTEXT* context, ULONG offset, ULONG bit);
 void REG_SetMask(DEVICE_CONTEXT* context, ULONG offset, ULONG mask);
 void REG_ClearMask(DEVICE_CONTEXT* context, ULONG offset, ULONG mask);
-
-// Bits 20 and 19 of REGISTER_OUTPUT, in this order: the output's drivers.
-void CHIP_UpdateRegister70Bits(DEVICE_CONTEXT* context, BOOLEAN clear);
-
-// Bit 17 of REGISTER_POWER; nothing on other revisions than 2.
-void CHIP_UpdateRegister8064Bit17(DEVICE_CONTEXT* context, BOOLEAN clear);

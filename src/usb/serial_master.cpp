@@ -1,7 +1,8 @@
 #include "usb/serial_master.h"
 
+#include "base/util.h"
 #include "device/device_context.h"
-#include "hdmi/transmitter.h"
+#include "usb/chip.h"
 #include "usb/registers.h"
 
 namespace {
@@ -46,8 +47,8 @@ BOOLEAN RunCommand(DEVICE_CONTEXT* context, ULONG command, ULONG waitMs) {
     if (!REG_Read(context, REGISTER_SERIAL_CONTROL, &control)) {
         return FALSE;
     }
-    if (context->Usb.ChipRevision == 2) {
-        control |= 1u << SERIAL_CONTROL_STAGE2_BIT; // powers the master, too
+    if (CHIP_Traits(context).SerialMasterOnStage2) {
+        control |= 1u << SERIAL_CONTROL_STAGE2_BIT;
     }
     control = (control & COMMAND_KEPT_MASK) | command;
     if (!REG_Write(context, REGISTER_SERIAL_CONTROL, &control)) {
@@ -74,15 +75,6 @@ NTSTATUS WriteDword(DEVICE_CONTEXT* context, ULONG command, ULONG waitMs, const 
     return STATUS_SUCCESS;
 }
 
-// The group of four transmitter registers that holds one of them, and its place in the group's word.
-constexpr UCHAR GroupOf(UCHAR transmitterRegister) {
-    return transmitterRegister & 0xFC;
-}
-
-constexpr ULONG ShiftOf(UCHAR transmitterRegister) {
-    return 8 * (transmitterRegister & 3);
-}
-
 } // namespace
 
 NTSTATUS I2C_ReadDword(DEVICE_CONTEXT* context, UCHAR deviceAddress, UCHAR offset, ULONG* result) {
@@ -100,44 +92,4 @@ NTSTATUS SPI_ReadDword(DEVICE_CONTEXT* context, ULONG address, ULONG* result) {
 NTSTATUS SPI_WriteDword(DEVICE_CONTEXT* context, ULONG address, const ULONG* value, UCHAR isFirstWrite) {
     const ULONG firstWrite = ULONG(isFirstWrite & 1) << COMMAND_FIRST_WRITE_SHIFT;
     return WriteDword(context, SpiCommand(address) | firstWrite, SPI_WAIT_MS, value);
-}
-
-NTSTATUS HDMI_ReadRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* result) {
-    ULONG group;
-    const NTSTATUS status = I2C_ReadDword(context, HDMI_I2C_ADDRESS, GroupOf(transmitterRegister), &group);
-    if (NT_SUCCESS(status)) {
-        *result = static_cast<UCHAR>(group >> ShiftOf(transmitterRegister));
-    }
-    return status;
-}
-
-UCHAR HDMI_ReadRegisterChecked(DEVICE_CONTEXT* context, UCHAR transmitterRegister, ULONG* succeeded) {
-    UCHAR value = 0;
-    *succeeded = NT_SUCCESS(HDMI_ReadRegister(context, transmitterRegister, &value)) ? 1 : 0;
-    return value;
-}
-
-NTSTATUS HDMI_WriteRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, const UCHAR* value) {
-    const UCHAR groupOffset = GroupOf(transmitterRegister);
-    const ULONG shift = ShiftOf(transmitterRegister);
-    ULONG group;
-    const NTSTATUS status = I2C_ReadDword(context, HDMI_I2C_ADDRESS, groupOffset, &group);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    group = (group & ~(0xFFu << shift)) | (ULONG(*value) << shift);
-    return I2C_WriteDword(context, HDMI_I2C_ADDRESS, groupOffset, &group);
-}
-
-void HDMI_ModifyRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR mask, UCHAR value,
-                         ULONG* succeeded) {
-    UCHAR merged = value;
-    if (mask != 0xFF) {
-        const UCHAR old = HDMI_ReadRegisterChecked(context, transmitterRegister, succeeded);
-        if (!*succeeded) {
-            return;
-        }
-        merged = static_cast<UCHAR>((old & ~mask) | (value & mask));
-    }
-    *succeeded = NT_SUCCESS(HDMI_WriteRegister(context, transmitterRegister, &merged)) ? 1 : 0;
 }

@@ -1,4 +1,4 @@
-// EDIDs for tests, built piece by piece into a DISPLAY_CONTEXT.
+// EDIDs for tests, built piece by piece into a MONITOR_EDID.
 #pragma once
 
 #include "display/edid.h"
@@ -24,8 +24,8 @@ struct Timing {
 
 class Monitor {
   public:
-    Monitor() : display_(std::make_unique<DISPLAY_CONTEXT>()) {
-        *display_ = {};
+    Monitor() : edid_(std::make_unique<MONITOR_EDID>()) {
+        *edid_ = {};
         constexpr std::uint8_t header[8] = {0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0};
         std::copy(std::begin(header), std::end(header), base());
         for (unsigned i = 0; i < 16; i++) {
@@ -33,10 +33,10 @@ class Monitor {
         }
     }
 
-    DISPLAY_CONTEXT* operator->() { return display_.get(); }
-    DISPLAY_CONTEXT* get() { return display_.get(); }
-    std::uint8_t* base() { return display_->EdidBlocks[0]; }
-    std::uint8_t* block(unsigned number) { return display_->EdidBlocks[number]; }
+    MONITOR_EDID* operator->() { return edid_.get(); }
+    MONITOR_EDID* get() { return edid_.get(); }
+    std::uint8_t* base() { return edid_->EdidBlocks[0]; }
+    std::uint8_t* block(unsigned number) { return edid_->EdidBlocks[number]; }
 
     Monitor& extensions(unsigned count) {
         base()[126] = static_cast<std::uint8_t>(count);
@@ -82,14 +82,14 @@ class Monitor {
 
     EDID_DETAILED_TIMING timing(unsigned slot) {
         EDID_DETAILED_TIMING timing;
-        EDID_ReadDetailedTiming(display_.get(), slot, &timing);
+        EDID_ReadDetailedTiming(edid_.get(), slot, &timing);
         return timing;
     }
 
     std::vector<std::array<ULONG, 3>> modes() {
         std::vector<std::array<ULONG, 3>> list;
-        for (ULONG i = 0; i < display_->MonitorModeCount; i++) {
-            const MONITOR_MODE& mode = display_->MonitorModes[i];
+        for (ULONG i = 0; i < edid_->MonitorModeCount; i++) {
+            const MONITOR_MODE& mode = edid_->MonitorModes[i];
             list.push_back({mode.Width, mode.Height, mode.Refresh});
         }
         return list;
@@ -98,7 +98,7 @@ class Monitor {
     std::uint8_t sum() { return std::accumulate(base(), base() + EDID_BLOCK_SIZE, std::uint8_t{0}); }
 
   private:
-    std::unique_ptr<DISPLAY_CONTEXT> display_;
+    std::unique_ptr<MONITOR_EDID> edid_;
 };
 
 // Data blocks of a CEA extension.

@@ -1,11 +1,14 @@
 // The pipeline's bookkeeping without a device: what a context does after its transfer, and what a stop waits
 // for. The contexts' requests are never formatted, because a dispatch is made out to be running.
+#include "base/util.h"
 #include "device/device_context.h"
 #include "platform/kernel/scheduler.h"
-#include "render/frame_update.h"
+#include "render/context_lists.h"
+#include "render/pipeline.h"
 #include "render/request_pool.h"
 #include "render/send.h"
 #include "render/start_stop.h"
+#include "surface/present.h"
 
 #include <gtest/gtest.h>
 
@@ -25,19 +28,11 @@ class Pipeline {
     RENDER_CONTEXT contexts[RENDER_CONTEXT_COUNT] = {};
 
     Pipeline() TSA_NO_ANALYSIS {
-        MUTEX_Initialize(&context->Locks.RenderStartStopMutex);
-        MUTEX_Initialize(&context->Locks.DisplayStateMutex);
-        KeInitializeSpinLock(&render.AvailableListLock.Lock);
-        KeInitializeSpinLock(&render.PendingListLock.Lock);
+        DEVICE_InitLocks(context.get());
+        FRAMEBUFFER_InitializeList(context.get());
+        RENDER_InitializeEvents(context.get());
         InitializeListHead(&render.AvailableList);
         InitializeListHead(&render.PendingList);
-        for (KEVENT* event : {&render.FrameUpdateRequestEvent, &render.ThreadStartStopEvent}) {
-            KeInitializeEvent(event, NotificationEvent, FALSE);
-        }
-        for (KEVENT* event : {&render.FrameFillIdleEvent, &render.DispatchIdleEvent}) {
-            KeInitializeEvent(event, NotificationEvent, TRUE);
-        }
-        KeInitializeEvent(&render.DispatchRequestEvent, SynchronizationEvent, FALSE);
         for (ULONG i = 0; i < RENDER_CONTEXT_COUNT; i++) {
             InitializeListHead(&contexts[i].Link);
             contexts[i].DeviceContext = context.get();
@@ -81,7 +76,7 @@ struct Completion {
     ULONG buffer = 0;  // that it carried
     ULONG latest = 0;  // the newest one
     bool newerWaits = false;
-    bool abandoned = false;
+    bool refused = false;
     NTSTATUS status = STATUS_SUCCESS;
     USBD_STATUS usbdStatus = USBD_STATUS_SUCCESS;
 
@@ -97,7 +92,7 @@ const Completion kCompletions[] = {
     {.what = "a newer frame waits", .newerWaits = true},
     {.what = "the stream is stopped", .running = false},
     {.what = "the frame comes from before a stop", .latest = RENDER_BUFFER_NONE},
-    {.what = "the frame was not sent", .abandoned = true},
+    {.what = "the frame was not sent", .refused = true},
     {.what = "a time-out is no reason to stop", .status = STATUS_IO_TIMEOUT, .goesOn = true},
     {.what = "nor is a cancellation",
      .status = STATUS_CANCELLED,
@@ -135,7 +130,7 @@ TEST(Completions, DecideWhatAContextDoesNext) {
             pipeline.setLatest(expected.latest);
             pipeline.render.RenderContextsInFlight = expected.inFlight;
             done.RenderBufferIndex = expected.buffer;
-            done.Abandoned = expected.abandoned;
+            done.State = expected.refused ? FRAME_REFUSED : FRAME_IN_FLIGHT;
 
             WDF_USB_REQUEST_COMPLETION_PARAMS usbParams = {};
             usbParams.UsbdStatus = expected.usbdStatus;
@@ -180,7 +175,7 @@ TEST(RenderBuffers, AreInUseWhileATransferMayReadThem) {
         pipeline.contexts[0].RenderBufferIndex = 1; // queued, then no longer the newest
         ASSERT_TRUE(RENDER_QueueFrame(context, &pipeline.contexts[0]));
         pipeline.contexts[1].RenderBufferIndex = 2; // in flight
-        pipeline.contexts[1].OutstandingRequests = 1;
+        pipeline.contexts[1].State = FRAME_IN_FLIGHT;
         pipeline.contexts[2].RenderBufferIndex = 3; // idle
         pipeline.contexts[3].RenderBufferIndex = 3;
         pipeline.setLatest(0);
@@ -191,9 +186,9 @@ TEST(RenderBuffers, AreInUseWhileATransferMayReadThem) {
     });
 }
 
-// A stop must not return while somebody still works with what it stopped. Each case holds the stop up in one
-// way, for longer than any of its own delays.
-TEST(Stop, WaitsForWhoeverIsAtWork) {
+// A stop must not return while another task still works with what it stopped. Each case holds the stop up in
+// one way, for longer than any of its own delays.
+TEST(Stop, WaitsForTasksAtWork) {
     constexpr usb::Time kHold = 700 * kMillisecond;
     struct {
         const char* what;
@@ -259,11 +254,11 @@ TEST(Start, BeginsWithoutTheFramesOfTheLastRun) {
         }
         (void)RENDER_Start(context);
         pipeline.setLatest(2);
-        KeClearEvent(&pipeline.render.FrameUpdateRequestEvent);
+        FRAMEBUFFER_ClearUpdateRequest(context);
         RENDER_Suspend(context);
         RENDER_Resume(context);
         EXPECT_FALSE(RENDER_IsBufferInUse(context, 2));
-        EXPECT_TRUE(KeReadStateEvent(&pipeline.render.FrameUpdateRequestEvent));
+        EXPECT_TRUE(KeReadStateEvent(&context->Surface.FrameUpdateRequestEvent));
     });
 }
 
@@ -301,7 +296,6 @@ TEST(RequestPools, WithoutCollectionsRefuseAndDoNothing) {
         EXPECT_TRUE(REQUEST_AllSentCompleted(context));
         REQUEST_RemoveFromSendQueue(context, request);
         REQUEST_UntrackSent(context, request);
-        REQUEST_DiscardQueued(context);
         REQUEST_DiscardSent(context);
         REQUEST_WaitSentCompleted(context);
     });

@@ -1,8 +1,12 @@
 // The software pointer: turning, clipping, blending, and drawing into a frame that a client has described.
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/scheduler.h"
-#include "surface/cursor.h"
+#include "surface/cursor_drawing.h"
+#include "surface/cursor_shape.h"
 #include "surface/frame_buffer.h"
+#include "surface/frame_pixels.h"
+#include "surface/pointer.h"
+#include "surface/present.h"
 
 #include <gtest/gtest.h>
 
@@ -318,7 +322,6 @@ struct Frame {
         }
         record->Width = width;
         record->Height = height;
-        record->Pitch = width * 4 + 64; // a client may say anything
         record->PixelBuffer = pixels.data();
         record->ByteSize = byteSize;
     }

@@ -3,8 +3,12 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/pool.h"
 #include "platform/kernel/scheduler.h"
-#include "surface/cursor.h"
+#include "surface/cursor_drawing.h"
+#include "surface/cursor_shape.h"
 #include "surface/frame_buffer.h"
+#include "surface/frame_pixels.h"
+#include "surface/pointer.h"
+#include "surface/present.h"
 
 #include <gtest/gtest.h>
 
@@ -32,8 +36,8 @@ class ClientSide {
 
     ClientSide() {
         FRAMEBUFFER_InitializeList(context.get());
-        MUTEX_Initialize(&context->Client.SubmitMutex);
-        KeInitializeEvent(&context->Render.FrameUpdateRequestEvent, NotificationEvent, FALSE);
+        MUTEX_Initialize(&context->Surface.SubmitMutex);
+        KeInitializeEvent(&context->Surface.FrameUpdateRequestEvent, NotificationEvent, FALSE);
         context->Render.RenderRunning = 1;
         context->Client.DisplayOn = 1;
         context->Client.ClientInterface.Context = this;
@@ -279,8 +283,8 @@ TEST(FrameBuffers, DestroyedInUseTheyLastUntilTheLastUserAndNoLonger) {
         });
         EXPECT_TRUE(owned);
         // The next frame buffer may get the same address.
-        SPIN_LOCK_GUARD list(side.context->Client.FrameBufferListLock);
-        EXPECT_EQ(side.context->Client.PendingFrameBuffer, nullptr) << "a frame that is gone is still shown";
+        SPIN_LOCK_GUARD list(side.context->Surface.FrameBufferListLock);
+        EXPECT_EQ(side.context->Surface.PendingFrameBuffer, nullptr) << "a frame that is gone is still shown";
     });
 }
 

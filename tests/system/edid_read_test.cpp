@@ -45,7 +45,7 @@ PlugOptions adapterOn(bool transmitter) {
 // What the driver holds of a block. The base block is rewritten for the client.
 Bytes blockInDriver(Session& session, std::size_t block) {
     const auto* context = static_cast<const DEVICE_CONTEXT*>(session.client().driverRecord().Context);
-    const UCHAR(&bytes)[kBlock] = context->Display.EdidBlocks[block];
+    const UCHAR(&bytes)[kBlock] = context->Control.Edid.EdidBlocks[block];
     return {std::begin(bytes), std::end(bytes)};
 }
 

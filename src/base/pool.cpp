@@ -1,0 +1,3 @@
+#include "base/pool.h"
+
+POOL_TYPE DriverPoolType = NonPagedPool;

@@ -1,0 +1,32 @@
+// The monitor, as the adapter's status reports describe it, and what mode setting remembers. Written by
+// control/.
+#pragma once
+
+#include "base/lock.h"
+#include "device/monitor_edid.h"
+
+#include <ntddk.h>
+#include <wdf.h>
+#include <wdfusb.h>
+
+struct CONTROL_CONTEXT {
+    WDFUSBPIPE InterruptPipe; // set at hardware preparation, null while there is none
+
+    // Set while the device is not fully in D0: the status work item then drops what it read (shared field).
+    BOOLEAN IgnoreInterruptStatus;
+
+    // Set at hardware preparation.
+    DEVICE_OBJECT* PhysicalDeviceObject;
+
+    // Held while the monitor's state changes, EDID reads included: a second or more. PASSIVE_LEVEL.
+    DEVICE_MUTEX MonitorMutex;
+    UNICODE_STRING InterfaceSymbolicLinkName TSA_GUARDED_BY(MonitorMutex); // length 0: not registered
+    MONITOR_EDID Edid TSA_GUARDED_BY(MonitorMutex);
+
+    // Written under MonitorMutex; polled elsewhere (shared fields).
+    BOOLEAN MonitorConnected;
+    BOOLEAN MonitorIsDvi;
+
+    // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex.
+    BOOLEAN HdmiModeStale;
+};

@@ -1,0 +1,47 @@
+// Frames that the adapter dropped: reports are collected in a leaky bucket, and a check timer lets the output
+// try 24 bits again after a while. What follows from them: render/output_switch.h.
+#pragma once
+
+#include "device/device_context.h"
+
+constexpr ULONG DROP_FRAME_CHECK_PERIOD_MS = 5000;
+
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] NTSTATUS RENDER_CreateDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
+
+// Waits for a running callback.
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_DeleteDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
+
+EVT_WDF_TIMER RENDER_DropFrameEventCheckTimerFunc; // PASSIVE_LEVEL
+
+// From monitor attach to monitor detach. The stop does not wait for a running callback. No effect without
+// the timer.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_StartDropFrameEventCheckTimer(DEVICE_CONTEXT* context, ULONG milliseconds);
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_StopDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
+
+// At mode set and monitor attach: no check period has passed, and no switch back to 24 bits was tried.
+void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context);
+
+// A stop of the stream: its dropped frames are forgotten, and with them the fallback to 16 bits, which lasts
+// as long as the stream that dropped frames.
+void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context);
+
+// While suspended, reports of dropped frames are ignored: the stream is being stopped or the adapter is not
+// in D0. Of two callers the later one decides.
+void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context);
+void RENDER_ResumeFrameErrors(DEVICE_CONTEXT* context);
+
+// One report of a dropped frame.
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_HandleFrameError(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Control.MonitorMutex);
+
+// At a new mode: an empty bucket.
+void RENDER_EmptyFrameErrorBucket(DEVICE_CONTEXT* context);
+
+// A completed frame lowers the bucket by one.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_DecayFrameErrorBucket(DEVICE_CONTEXT* context);

@@ -1,0 +1,114 @@
+#include "render/frame_thread.h"
+
+#include "base/shared_field.h"
+#include "base/util.h"
+#include "render/buffer_turn.h"
+#include "render/frame_update.h"
+#include "surface/present.h"
+
+namespace {
+
+constexpr ULONG THREAD_END_POLL_MS = 10;
+
+enum THREAD_EVENT : ULONG {
+    EVENT_END_THREAD, // wins when several are signalled
+    EVENT_FRAME_REQUESTED,
+    EVENT_DISPATCH_REQUESTED,
+    THREAD_EVENT_COUNT,
+};
+static_assert(THREAD_EVENT_COUNT <= THREAD_WAIT_OBJECTS);
+
+BOOLEAN IsRunning(const DEVICE_CONTEXT* context) {
+    return SHARED_Read(context->Render.RenderRunning) != 0;
+}
+
+// As they were at device add, whatever the last run of the pipeline left.
+void ResetEvents(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    FRAMEBUFFER_ClearUpdateRequest(context);
+    KeClearEvent(&render->ThreadStartStopEvent);
+    KeClearEvent(&render->DispatchRequestEvent);
+    KeSetEvent(&render->FrameFillIdleEvent, IO_NO_INCREMENT, FALSE);
+    KeSetEvent(&render->DispatchIdleEvent, IO_NO_INCREMENT, FALSE);
+}
+
+// Ends a thread whose object cannot be waited for.
+void EndThreadByState(RENDER_PIPELINE* render) {
+    KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
+    while (SHARED_Read(render->FrameUpdateThreadState) != THREAD_ENDED) {
+        UTIL_DelayMs(THREAD_END_POLL_MS);
+    }
+}
+
+// Leaves a reference to the thread object, which shutdown waits for and drops, and no handle.
+NTSTATUS StartThread(DEVICE_CONTEXT* context) {
+    RENDER_PIPELINE* render = &context->Render;
+    render->ThreadStartContext.DeviceContext = context;
+    SHARED_Write(render->FrameUpdateThreadState, THREAD_NOT_STARTED);
+
+    NTSTATUS status = PsCreateSystemThread(&render->FrameUpdateThreadHandle, 0, nullptr, nullptr, nullptr,
+                                           THREAD_FrameUpdateProcess, &render->ThreadStartContext);
+    if (NT_SUCCESS(status)) {
+        status = ObReferenceObjectByHandle(render->FrameUpdateThreadHandle, SYNCHRONIZE, nullptr, KernelMode,
+                                           &render->FrameUpdateThreadObject, nullptr);
+        if (NT_SUCCESS(status)) {
+            render->FrameUpdateThreadCreated = TRUE;
+        } else {
+            render->FrameUpdateThreadObject = nullptr;
+            EndThreadByState(render);
+        }
+    }
+    if (render->FrameUpdateThreadHandle != nullptr) {
+        (void)ZwClose(render->FrameUpdateThreadHandle);
+        render->FrameUpdateThreadHandle = nullptr;
+    }
+    return status;
+}
+
+void HandleFrameRequest(DEVICE_CONTEXT* context) {
+    if (IsRunning(context) && InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
+        FRAMEBUFFER_ResubmitPresented(context);
+    }
+    // Only now, so that what was just handed over is shown once.
+    FRAMEBUFFER_ClearUpdateRequest(context);
+    if (!IsRunning(context)) {
+        SHARED_Write(context->Render.StopAcknowledged, TRUE);
+    } else if (ReadAcquire(&context->Render.StartedAnew) != 0) {
+        // A start came in between, and its request has just been cleared.
+        FRAMEBUFFER_RequestUpdate(context);
+    } else {
+        RENDER_FrameUpdate(context);
+    }
+}
+
+} // namespace
+
+NTSTATUS THREAD_CreateFrameUpdateThread(DEVICE_CONTEXT* context) {
+    ResetEvents(context);
+    return StartThread(context);
+}
+
+void THREAD_FrameUpdateProcess(PVOID startContext) {
+    DEVICE_CONTEXT* context = static_cast<THREAD_START_CONTEXT*>(startContext)->DeviceContext;
+    RENDER_PIPELINE* render = &context->Render;
+    SHARED_Write(render->FrameUpdateThreadState, THREAD_RUNNING);
+
+    PVOID events[THREAD_EVENT_COUNT];
+    events[EVENT_END_THREAD] = &render->ThreadStartStopEvent;
+    events[EVENT_FRAME_REQUESTED] = &context->Surface.FrameUpdateRequestEvent;
+    events[EVENT_DISPATCH_REQUESTED] = &render->DispatchRequestEvent;
+    for (;;) {
+        const NTSTATUS status = KeWaitForMultipleObjects(THREAD_EVENT_COUNT, events, WaitAny, Executive,
+                                                         KernelMode, FALSE, nullptr, nullptr);
+        if (status == STATUS_WAIT_0 + EVENT_END_THREAD) {
+            break;
+        }
+        if (status == STATUS_WAIT_0 + EVENT_FRAME_REQUESTED) {
+            HandleFrameRequest(context);
+        } else if (status == STATUS_WAIT_0 + EVENT_DISPATCH_REQUESTED) {
+            RENDER_ContinueDispatch(context);
+        }
+    }
+    KeResetEvent(&render->ThreadStartStopEvent);
+    SHARED_Write(render->FrameUpdateThreadState, THREAD_ENDED);
+}
