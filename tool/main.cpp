@@ -210,6 +210,7 @@ int fail(ExitStatus status, const char* message) {
 int runTool(int argc, char** argv) {
     CLI::App app(kAbout, "usbdisplay");
     app.require_subcommand(0, 1);
+    app.set_version_flag("--version", "usbdisplay " USBDISPLAY_VERSION);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return fmt::format("usbdisplay: {} (--help tells what is allowed)\n", error.what());
     });
