@@ -1,9 +1,9 @@
-# Warnings are errors, with both compilers; sanitizers are a property of a whole build directory.
+# Warnings are errors with both compilers. Sanitizers apply to a whole build directory.
 add_compile_options(-Wall -Wextra -Werror -fno-omit-frame-pointer)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   add_compile_options(-Wthread-safety)
 else()
-  # The four-character pool tags are the kernel's convention.
+  # Pool tags are four-character constants, as is usual in the kernel.
   add_compile_options(-Wno-multichar)
 endif()
 
@@ -25,9 +25,9 @@ function(instrument target)
   endif()
 endfunction()
 
-# The platform's own bookkeeping is serialised by a lock that ThreadSanitizer must not see: every call of the
-# driver would otherwise appear ordered with every other, and the driver's own races would stay hidden. The
-# orders that Windows really guarantees are announced to it one by one.
+# A lock serializes the platform's own bookkeeping. ThreadSanitizer must not see it: otherwise every call of the driver
+# would appear ordered with every other call, and races in the driver would stay hidden. The platform announces each
+# order that Windows guarantees to ThreadSanitizer explicitly.
 function(instrument_platform target)
   if(NOT SANITIZE STREQUAL "thread")
     instrument(${target})
