@@ -3,10 +3,9 @@
 #include "benchmarks/medians.h"
 
 #include "desktop/frame_source.h"
-#include "device/device_context.h"
 #include "pixel/exact_encoder.h"
 #include "pixel/group_encoder.h"
-#include "pixel/run_encoder.h"
+#include "pixel/group_level.h"
 #include "pixel/transform.h"
 #include "support/png_image.h"
 
@@ -25,7 +24,7 @@ constexpr ULONG kWidth = 1920;
 constexpr ULONG kHeight = 1080;
 constexpr ULONG kPixels = kWidth * kHeight;
 constexpr size_t kFrameBytes = size_t{kPixels} * 4;
-constexpr size_t kBufferBytes = RENDER_BUFFER_CAPACITY;
+constexpr size_t kBufferBytes = kFrameBytes; // as much as any stream of a frame needs
 
 struct AlignedDelete {
     void operator()(UCHAR* memory) const { ::operator delete (memory, std::align_val_t{4096}); }
@@ -52,33 +51,18 @@ struct Stage {
 struct Picture {
     std::string name;
     std::vector<desktop::Pixel> pixels;
-    std::unique_ptr<DEVICE_CONTEXT> context; // with the level at which the group encoder settles
+    GROUP_ENCODER_STATE groupState = {}; // with the level at which the group encoder settles
     ULONGLONG groupStream = 0;
     Buffer rgb565 = makeBuffer(size_t{kPixels} * 2);
 };
 
-std::unique_ptr<DEVICE_CONTEXT> makeContext() {
-    auto context = std::make_unique<DEVICE_CONTEXT>();
-    const auto align = [](UCHAR* area) {
-        return reinterpret_cast<UCHAR*>((reinterpret_cast<uintptr_t>(area) + 31) & ~uintptr_t{31});
-    };
-    PIXEL_CONTEXT& pixel = context->Pixel;
-    pixel.Tables.GroupPackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
-    pixel.Tables.GroupCountShuffle = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea1));
-    pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
-    pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
-    context->Display.Mode.CompressionLevel = 5;
-    context->Cpu.CpuHasSsse3 = TRUE;
-    return context;
-}
-
 Picture makePicture(Stage& stage, std::string name, std::vector<desktop::Pixel> pixels) {
-    Picture picture{std::move(name), std::move(pixels), makeContext(), 0, makeBuffer(size_t{kPixels} * 2)};
+    Picture picture{std::move(name), std::move(pixels)};
     const auto* source = reinterpret_cast<const UCHAR*>(picture.pixels.data());
-    PIXEL_Bgrx32ToRgb565Blocks(picture.rgb565.get(), source, kPixels);
-    PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), source, kPixels);
+    PIXEL_Bgrx32ToRgb16Blocks(picture.rgb565.get(), source, kPixels, 0);
+    PIXEL_Bgrx32ToRgb16Blocks(stage.staging.get(), source, kPixels, 1);
     UCHAR* output = stage.nextOutput();
-    picture.groupStream = COMPRESSION_EncodeRgb555Groups(picture.context.get(), stage.staging.get(), output,
+    picture.groupStream = COMPRESSION_EncodeRgb555Groups(&picture.groupState, stage.staging.get(), output,
                                                          output + kBufferBytes, kPixels, GROUP_TARGET_SIZE);
     return picture;
 }
@@ -115,12 +99,12 @@ const Conversion kConversions[] = {
          libyuv::ARGBToRGB24(in, kSourceStride, out, kWidth * 3, kWidth, kHeight);
      }},
     {"BGRX32 to RGB565", "ARGBToRGB565",
-     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb565Blocks(out, in, kPixels); },
+     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb16Blocks(out, in, kPixels, 0); },
      [](UCHAR* out, const UCHAR* in) {
          libyuv::ARGBToRGB565(in, kSourceStride, out, kWidth * 2, kWidth, kHeight);
      }},
     {"BGRX32 to RGB555", "ARGBToARGB1555",
-     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb555Blocks(out, in, kPixels); },
+     [](UCHAR* out, const UCHAR* in) { PIXEL_Bgrx32ToRgb16Blocks(out, in, kPixels, 1); },
      [](UCHAR* out, const UCHAR* in) {
          libyuv::ARGBToARGB1555(in, kSourceStride, out, kWidth * 2, kWidth, kHeight);
      }},
@@ -157,17 +141,8 @@ struct EncoderForm {
 const EncoderForm kEncoders[] = {
     {"groups, staged 16-bit", 2,
      [](Stage& stage, const Picture& picture, UCHAR* output, bool vectors) {
-         const ULONG level = picture.context->Pixel.QuantLevel;
-         return vectors ? COMPRESSION_EncodeGroupsByTable(picture.context.get(), stage.staging.get(), output,
-                                                          output + kBufferBytes, kPixels, level)
-                        : COMPRESSION_EncodeGroupsByPixel(stage.staging.get(), output, output + kBufferBytes,
-                                                          kPixels, level);
-     }},
-    {"tolerant, staged 16-bit", 2,
-     [](Stage& stage, const Picture& picture, UCHAR* output, bool vectors) {
-         return (vectors ? COMPRESSION_EncodeRuns : COMPRESSION_EncodeRunsByPixel)(
-             picture.context.get(), stage.staging.get(), kFrameBytes, kPixels, 2, output,
-             output + kBufferBytes, FALSE);
+         return (vectors ? COMPRESSION_EncodeGroupsByTable : COMPRESSION_EncodeGroupsByPixel)(
+             stage.staging.get(), output, output + kBufferBytes, kPixels, picture.groupState.QuantLevel);
      }},
     {"exact, BGRX32", 4,
      [](Stage& stage, const Picture&, UCHAR* output, bool vectors) {
@@ -192,7 +167,7 @@ void addEncoders(Stage& stage, const Picture& picture) {
     const auto present = [&] { std::memcpy(stage.frame.get(), picture.pixels.data(), kFrameBytes); };
     const auto presentAndStage = [&stage, present] {
         present();
-        PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
+        PIXEL_Bgrx32ToRgb16Blocks(stage.staging.get(), stage.frame.get(), kPixels, 1);
     };
     for (const EncoderForm& encoder : kEncoders) {
         for (const bool vectors : {true, false}) {
@@ -203,11 +178,11 @@ void addEncoders(Stage& stage, const Picture& picture) {
                        });
         }
     }
-    bench::add(frameName(picture), present, [&] {
+    bench::add(frameName(picture), present, [&stage, &picture] {
+        GROUP_ENCODER_STATE state = picture.groupState;
         UCHAR* output = stage.nextOutput();
-        benchmark::DoNotOptimize(COMPRESSION_EncodeBgrx32Groups(picture.context.get(), stage.frame.get(),
-                                                                output, output + kBufferBytes, kPixels,
-                                                                GROUP_TARGET_SIZE));
+        benchmark::DoNotOptimize(COMPRESSION_EncodeBgrx32Groups(
+            &state, stage.frame.get(), output, output + kBufferBytes, kPixels, GROUP_TARGET_SIZE));
     });
     bench::add(
         lz4Name(picture),
@@ -220,13 +195,13 @@ void addEncoders(Stage& stage, const Picture& picture) {
 }
 
 void printEncoders(const bench::Medians& medians, Stage& stage, const std::vector<Picture>& pictures) {
-    fmt::print("\nEncoders; groups at the level where the level control settles, tolerant at level 5\n\n");
+    fmt::print("\nEncoders; groups at the level where the level control settles\n\n");
     fmt::print("{:<25} {:<15} {:>9} {:>9} {:>13} {:>10}\n", "", "", "stream KB", "ms", "GB/s input",
                "x scalar");
     for (const EncoderForm& encoder : kEncoders) {
         for (const Picture& picture : pictures) {
             std::memcpy(stage.frame.get(), picture.pixels.data(), kFrameBytes);
-            PIXEL_Bgrx32ToRgb555Blocks(stage.staging.get(), stage.frame.get(), kPixels);
+            PIXEL_Bgrx32ToRgb16Blocks(stage.staging.get(), stage.frame.get(), kPixels, 1);
             const ULONGLONG length = encoder.encode(stage, picture, stage.nextOutput(), true);
             const double ms = medians.milliseconds(encoderName(encoder, picture, true));
             const double scalarMs = medians.milliseconds(encoderName(encoder, picture, false));
@@ -241,8 +216,8 @@ void printEncoders(const bench::Medians& medians, Stage& stage, const std::vecto
         const double ms = medians.milliseconds(frameName(picture));
         const double lz4Ms = medians.milliseconds(lz4Name(picture));
         fmt::print("{:<15} {:>6} {:>9.0f} {:>9.3f} {:>9.3f} {:>9.2f}\n", picture.name,
-                   unsigned{picture.context->Pixel.QuantLevel},
-                   static_cast<double>(picture.groupStream) * 1e-3, ms, lz4Ms, lz4Ms / ms);
+                   unsigned{picture.groupState.QuantLevel}, static_cast<double>(picture.groupStream) * 1e-3,
+                   ms, lz4Ms, lz4Ms / ms);
     }
 }
 

@@ -1,9 +1,9 @@
-// Any frame through each encoder and back: the vector form writes the stream of its reference, the stream
-// stays inside its buffer, and the adapter's run expander shows every pixel as the level allows.
+// Encodes any frame with each encoder and decodes it: the vector form writes the stream of its reference, the
+// stream stays inside its buffer, and the adapter's run expander shows every pixel as the level allows.
 //
 // Input: byte 0 picks the encoder, byte 1 the level and (bit 7) the lead-in, byte 2 how much of the largest
 // stream the buffer holds (0: all of it), byte 3 (bit 0) whether the rest is the frame's bytes or a list of
-// runs: two bytes of length, one of colour.
+// runs: two bytes of length, one of color.
 #include "fuzz/require.h"
 #include "tests/pixel/encoders.h"
 
@@ -36,12 +36,11 @@ void requireShown(const test::Encoder& encoder, unsigned level, const Bytes& fra
     std::string problem;
     const Bytes shown = test::expand(stream, encoder.unit, pixels, problem);
     REQUIRE(problem.empty());
-    // Without tolerance and quantisation every carried bit arrives; level 0 of the groups gives up the lowest
-    // one.
+    // At level 0 every carried bit is shown, except the lowest one of the group encoder's.
     if (level != 0) {
         return;
     }
-    const unsigned same = carried(encoder) & ~(encoder.quantises ? 1u : 0u);
+    const unsigned same = carried(encoder) & ~(encoder.quantizes ? 1u : 0u);
     for (size_t index = 0; index < pixels; index++) {
         unsigned before = 0;
         unsigned after = 0;
@@ -53,12 +52,12 @@ void requireShown(const test::Encoder& encoder, unsigned level, const Bytes& fra
 }
 
 // The stream, which is empty when it did not fit `room` bytes; the bytes after those stay.
-Bytes encodeInto(size_t room, const test::Encoder& encoder, test::Encode form, DEVICE_CONTEXT* context,
+Bytes encodeInto(size_t room, const test::Encoder& encoder, test::Encode form, const test::Settings& settings,
                  const Bytes& frame) {
     constexpr unsigned char kCanary = 0xA5;
     test::AlignedBuffer destination(room + 64, kCanary);
     const ULONG pixels = static_cast<ULONG>(frame.size() / encoder.sourceBytes);
-    const ULONGLONG length = form(context, frame, pixels, destination.data(), destination.data() + room);
+    const ULONGLONG length = form(settings, frame, pixels, destination.data(), destination.data() + room);
     REQUIRE(length <= room);
     REQUIRE(destination.bytes(room, 64) == Bytes(64, kCanary));
     Bytes stream = destination.bytes(0, length);
@@ -77,18 +76,14 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, size_t size) {
     }
     const test::Encoder& encoder = test::kEncoders[data[0] % std::size(test::kEncoders)];
     const unsigned level = (data[1] & 0x7F) % 12;
-    static const auto context = test::makeContext();
-    COMPRESSION_BuildGroupTables(context.get());
-    context->Display.Mode.CompressionLevel = level;
-    context->Pixel.QuantLevel = static_cast<USHORT>(level);
-    context->Pixel.LegacyCompressionFlag = data[1] >> 7;
+    const test::Settings settings{level, data[1] >> 7 != 0};
 
     const Bytes frame = frameOf({data + kHeader, size - kHeader}, data[3] & 1, encoder.sourceBytes);
     const size_t largest = frame.size() / encoder.sourceBytes * encoder.unit + 32;
     const size_t room = data[2] == 0 ? largest : largest * data[2] / 256;
-    const Bytes stream = encodeInto(room, encoder, encoder.byPixel, context.get(), frame);
+    const Bytes stream = encodeInto(room, encoder, encoder.byPixel, settings, frame);
     if (encoder.vectors != nullptr) {
-        REQUIRE(encodeInto(room, encoder, encoder.vectors, context.get(), frame) == stream);
+        REQUIRE(encodeInto(room, encoder, encoder.vectors, settings, frame) == stream);
     }
     REQUIRE(data[2] != 0 || !stream.empty() || frame.empty());
     if (!stream.empty()) {

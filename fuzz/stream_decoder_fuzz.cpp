@@ -1,5 +1,5 @@
-// Any bytes into the adapter's run expander: it writes exactly the frame or says what is wrong, and it agrees
-// with a reading of the stream rule that takes one pixel at a time.
+// Decodes any bytes with the adapter's run expander: it writes exactly the frame or reports what is wrong,
+// and it agrees with a decoder that expands one pixel at a time.
 //
 // Input: byte 0 picks the unit (1, 2 or 3 bytes), bytes 1 and 2 the frame's pixels, the rest is the stream.
 #include "fuzz/require.h"
@@ -17,7 +17,7 @@ namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// The frame, or nothing for a stream that does not give one.
+// The frame, or nothing for an invalid stream.
 std::optional<Bytes> expandByPixel(std::span<const std::uint8_t> stream, unsigned unit, std::size_t pixels) {
     Bytes frame(pixels * unit);
     Bytes pixel;
@@ -33,7 +33,7 @@ std::optional<Bytes> expandByPixel(std::span<const std::uint8_t> stream, unsigne
         std::size_t count = 1;
         if (literal) {
             pixel.assign(bytes.begin(), bytes.end());
-            // 8 and 24 bits give up the lowest bit of the byte that holds the flag, 16 bits the unused one.
+            // With 8 and 24 bits the flag replaces the lowest bit of its byte, with 16 bits an unused bit.
             pixel.back() = static_cast<std::uint8_t>(unit == 2 ? pixel.back() & 0x7F : pixel.back() << 1);
         } else {
             count = 0;
@@ -48,8 +48,8 @@ std::optional<Bytes> expandByPixel(std::span<const std::uint8_t> stream, unsigne
             std::memcpy(&frame[done * unit], pixel.data(), unit);
         }
     }
-    const std::size_t filling = stream.size() - at;
-    if (filling > 3 || (filling > 0 && stream.size() % 4 != 0)) {
+    const std::size_t fill = stream.size() - at;
+    if (fill > 3 || (fill > 0 && stream.size() % 4 != 0)) {
         return std::nullopt;
     }
     return frame;

@@ -22,16 +22,13 @@ std::optional<DriverState> probeDriver(const desktop::Client& client) {
     }
     const DEVICE_CONTEXT& context = *static_cast<const DEVICE_CONTEXT*>(record.Context);
     const MODE_PARAMETERS& mode = context.Display.Mode;
-    const ULONG colorMode = peek(mode.OutputColorMode);
     return DriverState{
         .width = peek(mode.Width),
         .height = peek(mode.Height),
         .refresh = peek(mode.Refresh),
-        .outputBytes = colorMode == OUTPUT_COLOR_8_BIT    ? 1u
-                       : colorMode == OUTPUT_COLOR_16_BIT ? 2u
-                                                          : 3u,
+        .outputBytes = PIXEL_OutputBytes(peek(mode.OutputColorMode)),
         .compressed = peek(mode.CompressionEnabled) != 0,
-        .compressionLevel = peek(mode.CompressionLevel),
+        .compressionLevel = peek(context.Render.CompressionLevel),
         .quantisationLevel = peek(context.Pixel.QuantLevel),
         .groupEncoder = peek(context.Cpu.CpuHasSsse3) != 0 && peek(context.Cpu.CpuHasSse41) != 0,
     };

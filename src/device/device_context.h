@@ -24,18 +24,11 @@
 #include "device/settings.h"
 #include "device/surface_context.h"
 #include "device/usb_context.h"
-#include "pixel/pixel_context.h"
+#include "pixel/cpu_features.h"
+#include "pixel/group_level.h"
 
 #include <ntddk.h>
 #include <wdf.h>
-
-// Set once at device add.
-struct CPU_FEATURES {
-    ULONG CpuInfo[4]; // EAX, EBX, ECX, EDX of CPUID leaf 1
-    BOOLEAN CpuHasSsse3;
-    BOOLEAN CpuHasSse41;
-    BOOLEAN CpuHasSse42;
-};
 
 struct DEVICE_CONTEXT {
     WDFDEVICE Device; // always first: a pointer to the context also reaches the device
@@ -46,13 +39,13 @@ struct DEVICE_CONTEXT {
     BOOLEAN DeviceRemoved;
 
     SETTINGS Settings;
-    CPU_FEATURES Cpu;
+    CPU_FEATURES Cpu; // set once at device add
     USB_CONTEXT Usb;
     SURFACE_CONTEXT Surface;
     HDMI_CONTEXT Hdmi;
     DISPLAY_CONTEXT Display;
     RENDER_PIPELINE Render;
-    PIXEL_CONTEXT Pixel;
+    GROUP_ENCODER_STATE Pixel; // of the frame update thread; the other encoders keep nothing between frames
     CONTROL_CONTEXT Control;
     CLIENT_CONTEXT Client;
     POWER_CONTEXT Power;

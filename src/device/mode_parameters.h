@@ -1,13 +1,9 @@
 // The display mode in force.
 #pragma once
 
-#include <ntddk.h>
+#include "pixel/pixel_format.h"
 
-enum OUTPUT_COLOR_MODE : ULONG {
-    OUTPUT_COLOR_8_BIT = 0,
-    OUTPUT_COLOR_16_BIT = 1,
-    OUTPUT_COLOR_24_BIT = 2,
-};
+#include <ntddk.h>
 
 struct MODE_PARAMETERS {
     ULONG Width; // pixels
@@ -21,7 +17,7 @@ struct MODE_PARAMETERS {
     ULONG VerticalBackPorch;
     ULONG TransferScheme; // 0: bulk
     ULONG CompressionEnabled;
-    ULONG CompressionLevel; // guarded by CompressionLevelLock while frames are encoded
+    ULONG CompressionLevel; // that the stream begins with
     ULONG CompressionLevelMin;
     ULONG CompressionLevelMax;
     ULONG CompressedLowThreshold; // bytes

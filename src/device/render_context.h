@@ -82,6 +82,9 @@ struct RENDER_PIPELINE {
     WDFTIMER CompressionAutoUpdateTimer;
     WDFTIMER DropFrameEventCheckTimer;
 
+    // Of the mode in force; raised and lowered while frames are encoded.
+    ULONG CompressionLevel TSA_GUARDED_BY(CompressionLevelLock);
+
     REQUEST_LIST SendQueue;    // formatted, of the frame that is being sent
     REQUEST_LIST SentRequests; // sent and not completed
 

@@ -1,35 +1,46 @@
-// Compressed frames: what goes out when the mode has compression enabled.
+// Compressed frames: which encoder a frame goes to, and in what shape. The stream: pixel/run_stream.h.
 //
-// A run stream is a sequence of little-endian units of U bytes, U being 1, 2 or 3. The top bit of a unit
-// tells its kind: set, a literal pixel in the other bits; clear, a repeat count (at least 1): the pixel
-// decoded last occurs that many times more. Every stream starts with a literal.
-//
-//   U   literal                                                  largest count
-//   1   bits 7..1 of the RGB8 pixel in bits 6..0                           127
-//   2   RGB555 pixel in bits 14..0                                      32,767
-//   3   blue, green, red 7..1 in bits 6..0 of byte 2                 8,388,607
-//
-// Frames are encoded on the frame update thread, one at a time. PASSIVE_LEVEL.
+//   output color mode   chip, processor        encoder                     units
+//   16-bit              SSSE3 and SSE4.1       group (pixel/group_level.h) 2 bytes
+//   16-bit              any other processor    tolerant                    2 bytes
+//   8-bit, 24-bit       exact units only       exact                       3 bytes
+//   8-bit, 24-bit       any other chip         tolerant                    1 byte, 3 bytes
 #pragma once
 
-#include <ntddk.h>
+#include "pixel/cpu_features.h"
+#include "pixel/group_level.h"
+#include "pixel/pixel_format.h"
 
-struct DEVICE_CONTEXT;
+// How the mode in force and the adapter's chip want a compressed frame.
+struct COMPRESSION_FORMAT {
+    FRAME_FORMAT Frame;
+    ULONG CompressionLevel; // 0 to 12, of the tolerant encoder
+    BOOLEAN ExactUnitsOnly; // the run expander of revision 2 knows 3-byte units only, also in an 8-bit mode
+    BOOLEAN LeadIn;         // revision 1 needs streams of at least LEAD_IN_BYTES bytes
+};
 
-// Encodes a frame of `pixelCount` pixels, the client's `sourceSize` bytes at `source`, into the render buffer
-// whose aligned address is `destination`, and returns the length of the stream in bytes. 0 means that nothing
-// is to be sent: the output is off, the frame is shorter than its pixels, or its stream does not fit the
-// render buffer; the next frame starts afresh. `reserved` is 0.
+// The client's frame. It may be shorter than its pixels need: such a frame is not read.
+struct FRAME_SOURCE {
+    const UCHAR* Pixels;
+    ULONGLONG Size; // bytes
+    ULONG PixelCount;
+};
+
+// The bytes from Start up to End.
+struct BYTE_RANGE {
+    UCHAR* Start;
+    UCHAR* End;
+};
+
+// Encodes a frame into `destination` and returns the length of the stream in bytes. 0 means that nothing is
+// to be sent: the frame is shorter than its pixels, or it does not fit `staging` or `destination`; the next
+// frame starts afresh. COMPRESSION_CompressFrame16 serves 16-bit output, COMPRESSION_CompressFrame the rest.
 //
-// COMPRESSION_CompressFrame16 serves OutputColorMode 1, COMPRESSION_CompressFrame the others.
-ULONGLONG COMPRESSION_CompressFrame(DEVICE_CONTEXT* context, ULONG reserved, ULONGLONG sourceSize,
-                                    const UCHAR* source, UCHAR* destination, ULONG pixelCount);
-ULONGLONG COMPRESSION_CompressFrame16(DEVICE_CONTEXT* context, ULONG reserved, ULONGLONG sourceSize,
-                                      const UCHAR* source, UCHAR* destination, ULONG pixelCount);
-
-// Moves the compression level by one within the mode's bounds, under CompressionLevelLock.
-void COMPRESSION_RaiseLevel(DEVICE_CONTEXT* context);
-void COMPRESSION_LowerLevel(DEVICE_CONTEXT* context);
-
-// The bits in which a pixel may differ from the literal it repeats, at the current compression level.
-ULONG COMPRESSION_GetToleranceMask(DEVICE_CONTEXT* context);
+// `staging` takes the frame in the output format where the encoder does not convert it itself. It starts on a
+// 16-byte boundary and does not overlap the other buffers; Start is null when there is none. No locks; any
+// IRQL.
+ULONGLONG COMPRESSION_CompressFrame(const COMPRESSION_FORMAT& format, const CPU_FEATURES& cpu,
+                                    const FRAME_SOURCE& frame, BYTE_RANGE staging, BYTE_RANGE destination);
+ULONGLONG COMPRESSION_CompressFrame16(const COMPRESSION_FORMAT& format, const CPU_FEATURES& cpu,
+                                      GROUP_ENCODER_STATE* groupState, const FRAME_SOURCE& frame,
+                                      BYTE_RANGE staging, BYTE_RANGE destination);

@@ -8,7 +8,7 @@
 
 namespace {
 
-// The bits of a pixel that a literal keeps.
+// A literal keeps these bits of a pixel.
 constexpr ULONG KEPT_BITS = 0xFEFFFF;
 
 template <ULONG SourceBytes>
@@ -17,7 +17,7 @@ inline ULONG ReadKey(const UCHAR* source, ULONG index) {
     return (pixel[0] | static_cast<ULONG>(pixel[1]) << 8 | static_cast<ULONG>(pixel[2]) << 16) & KEPT_BITS;
 }
 
-// The pixel written last and how often it has come again since.
+// The pixel written last and its repeats that are not written yet.
 struct RUN {
     ULONG Key;
     ULONG Repeats;
@@ -37,7 +37,7 @@ void EncodePixels(UNIT_WRITER* writer, RUN* run, const UCHAR* source, ULONG firs
     }
 }
 
-// The stream goes out in whole 32-bit words; what the last word holds beyond the stream means nothing.
+// The stream is sent in whole 32-bit words; the adapter ignores the bytes of the last word beyond the stream.
 ULONGLONG FinishStream(UNIT_WRITER* writer, const RUN& run, const UCHAR* destination) {
     COMPRESSION_EmitRepeat<3>(writer, run.Key, run.Repeats);
     const SIZE_T length = (static_cast<SIZE_T>(writer->Cursor - destination) + 3) / 4 * 4;
@@ -50,28 +50,27 @@ ULONGLONG EncodeByPixel(const UCHAR* source, UCHAR* destination, const UCHAR* de
     if (pixelCount == 0) {
         return 0;
     }
-    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
+    UNIT_WRITER writer = {destination, destinationEnd, FALSE};
     RUN run = {~ReadKey<SourceBytes>(source, 0), 0};
     EncodePixels<SourceBytes>(&writer, &run, source, 0, pixelCount);
     return FinishStream(&writer, run, destination);
 }
 
-// Four pixels, in 32-bit lanes: a quad. It is written without a branch, by a table: the repeats among its
-// pixels and the pixel after them (pixel/run_masks.h) say which pixels write what.
+// A quad is four pixels in 32-bit lanes. It is written without a branch, by a table. The index is a mask of
+// the repeats among its pixels and, in bit 4, the pixel after them (pixel/run_masks.h).
 constexpr ULONG QUAD_PIXELS = 4;
 constexpr ULONG QUAD_MASK_COUNT = 32;
 
-// How far past its cursor a quad stores.
-constexpr ULONG OVERSHOOT = 16;
+// A quad stores this many bytes at its cursor, whatever it writes.
+constexpr ULONG QUAD_STORE_BYTES = 16;
 
 struct alignas(32) QUAD_ROW {
-    UCHAR Shuffle[16]; // brings together three bytes of each lane that writes a literal; 0 in place of counts
-    UCHAR Counts[12];  // the counts in their places: the length of the run up to and with the lane
-    // What the quad writes and leaves. In the same vector as the counts, where nothing reads them: a quad
-    // writes twelve bytes at most.
-    UCHAR Bytes;
+    UCHAR Shuffle[16]; // packs three bytes of each lane that writes a literal; 0 in place of counts
+    UCHAR Counts[12];  // in place of each count, the length of the run that ends there
+    // Loaded together with the counts, but beyond the twelve bytes that a quad writes at most.
+    UCHAR Bytes;  // length of what the quad writes
     UCHAR Open;   // repeats at its end that the next quad continues
-    CHAR AllOpen; // -1: all four do, and the run before them with them; else 0
+    CHAR AllOpen; // -1: the whole quad continues the run before it; else 0
 };
 
 struct QUAD_TABLE {
@@ -116,7 +115,7 @@ TARGET_SSSE3 FORCEINLINE __m128i Load(const void* source) {
     return _mm_loadu_si128(static_cast<const __m128i*>(source));
 }
 
-// `PixelsRead` says how many pixels must be there for a word of them to be read.
+// Where the pixels come from. To read a word of them, `PixelsRead` pixels must be readable.
 struct BGRX32_SOURCE {
     static constexpr ULONG Bytes = 4;
     static constexpr ULONG PixelsRead = WORD_PIXELS;
@@ -125,7 +124,7 @@ struct BGRX32_SOURCE {
 
 struct BGR24_SOURCE {
     static constexpr ULONG Bytes = 3;
-    static constexpr ULONG PixelsRead = WORD_PIXELS + 2; // the last quad is read with four bytes too many
+    static constexpr ULONG PixelsRead = WORD_PIXELS + 2; // the load of the last quad reads four bytes more
     TARGET_SSSE3 static FORCEINLINE __m128i ReadQuad(const UCHAR* source) {
         return _mm_shuffle_epi8(Load(source),
                                 _mm_setr_epi8(0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11, -1));
@@ -159,12 +158,12 @@ TARGET_SSSE3 FORCEINLINE ULONGLONG FindRepeats(const UCHAR* source) {
 
 TARGET_SSSE3 FORCEINLINE PACK_CURSOR PutQuad(PACK_CURSOR cursor, __m128i pixels, ULONG mask) {
     const QUAD_ROW& row = TABLE.Rows[mask];
-    // The rounded average with 0xFF is half of red, its lowest bit dropped, with the flag; that of equal
-    // bytes leaves blue and green alone.
+    // The rounded average of red and 0xFF is red / 2 with the literal flag; blue and green are averaged with
+    // themselves and do not change.
     const __m128i literals = _mm_avg_epu8(pixels, _mm_or_si128(pixels, _mm_set1_epi32(0xFF0000)));
     const __m128i shuffle = _mm_load_si128(reinterpret_cast<const __m128i*>(row.Shuffle));
     const __m128i counts = _mm_load_si128(reinterpret_cast<const __m128i*>(row.Counts));
-    // An open run ends in the first unit of this quad, if it ends here at all.
+    // If an open run ends in this quad, its count is the quad's first unit.
     const __m128i before = _mm_cvtsi32_si128(static_cast<LONG>(cursor.Repeats));
     const __m128i packed = _mm_add_epi32(_mm_or_si128(_mm_shuffle_epi8(literals, shuffle), counts), before);
     _mm_storeu_si128(reinterpret_cast<__m128i*>(cursor.Next), packed);
@@ -223,18 +222,19 @@ TARGET_SSSE3 ULONG EncodeStrips(PACK_CURSOR* position, const UCHAR* source, ULON
 template <typename Source>
 TARGET_SSSE3 ULONGLONG EncodeByStrips(const UCHAR* source, UCHAR* destination, const UCHAR* destinationEnd,
                                       ULONG pixelCount) {
-    // Quads are written without asking for room: at most one unit stands for each pixel. Nor does a count
-    // outgrow its unit in a frame of so many pixels.
+    // Quads are written without bounds checks: the room suffices for one unit per pixel, which is the most
+    // they write, and no count in a frame of at most MaxRepeatCount(3) pixels exceeds its unit.
     constexpr ULONG first = 2 * QUAD_PIXELS;
     const SIZE_T room = static_cast<SIZE_T>(destinationEnd - destination);
-    if (room < SIZE_T{pixelCount} * 3 + OVERSHOOT || pixelCount > MaxRepeatCount(3) || pixelCount <= first) {
+    if (room < SIZE_T{pixelCount} * 3 + QUAD_STORE_BYTES || pixelCount > MaxRepeatCount(3) ||
+        pixelCount <= first) {
         return EncodeByPixel<Source::Bytes>(source, destination, destinationEnd, pixelCount);
     }
 
-    UNIT_WRITER writer = {destination, const_cast<UCHAR*>(destinationEnd), FALSE};
+    UNIT_WRITER writer = {destination, destinationEnd, FALSE};
     RUN run = {~ReadKey<Source::Bytes>(source, 0), 0};
     EncodePixels<Source::Bytes>(&writer, &run, source, 0, first);
-    // Vectors write a run with its last pixel; one that has ended already is not theirs.
+    // The vector form writes a run at its last pixel; a run that has ended already is written here.
     if (ReadKey<Source::Bytes>(source, first) != run.Key) {
         COMPRESSION_EmitRepeat<3>(&writer, run.Key, run.Repeats);
         run.Repeats = 0;

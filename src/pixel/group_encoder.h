@@ -1,38 +1,28 @@
-// The quantising 16-bit encoder: clears low bits of each channel so that near-equal pixels become equal, and
-// more of them as long as the stream exceeds its target. Its 2-byte run stream has counts of 2 to 32,767,
-// never two in a row, and ends with a literal.
+// The quantizing 16-bit encoder: replaces low bits of each channel by fixed ones, so that near-equal pixels
+// become equal, and writes the runs of the result as a 2-byte run stream (pixel/run_stream.h). Its counts are
+// 2 to 32,767, two counts never follow each other, and the stream ends with a literal.
+//
+// One pass at a given level. Which level a frame gets: pixel/group_level.h.
 #pragma once
 
 #include <ntddk.h>
 
-struct DEVICE_CONTEXT;
+// Levels 0, the finest, to 15. The level control uses 0 to 11.
+constexpr ULONG QUANT_LEVEL_COUNT = 16;
 
-// The stream the level control aims at.
-constexpr ULONG GROUP_TARGET_SIZE = 500000;
-constexpr USHORT QUANT_LEVEL_COARSEST = 11;
-
-// Encodes `pixelCount` RGB555 pixels (bit 15 ignored) into [destination, destinationEnd) and returns the
-// length of the stream in bytes, or 0 when it does not fit. A stream longer than `targetSize` is encoded
-// again at a coarser level at once; a long series of short ones makes the level finer. Uses SSSE3 and SSE4.1.
-ULONGLONG COMPRESSION_EncodeRgb555Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
-                                         const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize);
-
-// The same stream straight from the client's BGRX32 pixels: each is reduced to RGB555 where it is compared,
-// and again where it is written, which costs less than to write the reduced frame and read it back.
-ULONGLONG COMPRESSION_EncodeBgrx32Groups(DEVICE_CONTEXT* context, const UCHAR* source, UCHAR* destination,
-                                         const UCHAR* destinationEnd, ULONG pixelCount, ULONG targetSize);
-
-// One pass at a given level, without level control. The first is the reference pixel by pixel, the others
-// need the tables, SSSE3 and SSE4.1.
+// Each encodes `pixelCount` pixels from `source` into [destination, destinationEnd) and returns the length of
+// the stream in bytes, or 0 when it does not fit or there is no pixel. `level` is below QUANT_LEVEL_COUNT. No
+// alignment needed. No state, no locks; any IRQL.
+//
+// RGB555 pixels (bit 15 ignored), pixel by pixel: the reference of the vector forms.
 ULONGLONG COMPRESSION_EncodeGroupsByPixel(const UCHAR* source, UCHAR* destination,
                                           const UCHAR* destinationEnd, ULONG pixelCount, ULONG level);
-ULONGLONG COMPRESSION_EncodeGroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
-                                          UCHAR* destination, const UCHAR* destinationEnd, ULONG pixelCount,
-                                          ULONG level);
 
-ULONGLONG COMPRESSION_EncodeBgrx32GroupsByTable(const DEVICE_CONTEXT* context, const UCHAR* source,
-                                                UCHAR* destination, const UCHAR* destinationEnd,
-                                                ULONG pixelCount, ULONG level);
+// The same stream in vectors; needs SSSE3 and SSE4.1.
+ULONGLONG COMPRESSION_EncodeGroupsByTable(const UCHAR* source, UCHAR* destination,
+                                          const UCHAR* destinationEnd, ULONG pixelCount, ULONG level);
 
-// Fills the tables and sets GroupTablesReady.
-void COMPRESSION_BuildGroupTables(DEVICE_CONTEXT* context);
+// The same stream in vectors from BGRX32 pixels. Each pixel is reduced to RGB555 only where it is written,
+// which costs less than to write the reduced frame and read it back.
+ULONGLONG COMPRESSION_EncodeBgrx32GroupsByTable(const UCHAR* source, UCHAR* destination,
+                                                const UCHAR* destinationEnd, ULONG pixelCount, ULONG level);

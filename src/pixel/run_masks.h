@@ -1,11 +1,11 @@
-// Where a strip of pixels repeats itself, as bit masks, and which of its pixels write a unit.
+// Bit masks of a strip of pixels: which pixels repeat their predecessor, and which write a unit.
 //
-// The encoders' vector forms first compare a whole strip and then walk over those of its blocks that write
-// anything at all: how long flat areas are then costs nothing that a processor would have to foresee.
+// The encoders' vector forms first compare a whole strip and then visit only the blocks that write anything,
+// so the length of flat areas causes no branch mispredictions.
 //
-// A repeat is written by the last pixel of its run, as the run's count; a literal is written by itself. So
-// each pixel writes one unit or none, and a run may cross any number of blocks before its last pixel is met.
-// Bit i of word w stands for pixel 64 w + i of the strip:
+// The last pixel of a run writes the run's count; a literal writes itself. So each pixel writes one unit or
+// none, and a run may extend over any number of blocks before its last pixel. Bit i of word w describes pixel
+// 64 w + i of the strip:
 //   repeats    the pixel equals the one before
 //   continued  it does, and so does the pixel after it: it writes nothing
 #pragma once
@@ -21,13 +21,13 @@ constexpr ULONG BLOCK_PIXELS = 16;
 constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
 
 struct RUN_MASKS {
-    alignas(16) ULONGLONG Repeats[STRIP_WORDS + 1]; // behind the strip's words: the pixel after the strip
+    alignas(16) ULONGLONG Repeats[STRIP_WORDS + 1]; // the last word: the pixel after the strip
     alignas(16) ULONGLONG Continued[STRIP_WORDS];
     ULONGLONG WritingBlocks; // bit i: block i writes something
 };
 
-// The words of a strip at the start of `pixels` pixels: the pixel after the strip must be there to be looked
-// at.
+// The number of words in the next strip when `pixels` pixels are left. The pixel after the strip must exist:
+// it is compared, too.
 inline ULONG MASKS_CountWords(ULONG pixels) {
     const ULONG words = pixels == 0 ? 0 : (pixels - 1) / WORD_PIXELS;
     return words < STRIP_WORDS ? words : STRIP_WORDS;
@@ -56,7 +56,8 @@ inline void MASKS_Complete(RUN_MASKS* masks, ULONG words, bool repeatAfter) {
     masks->WritingBlocks = ~silent;
 }
 
-// Makes literals of repeats that stand alone. `openBefore`: a run comes into the strip.
+// Turns repeats that have no other repeat beside them into literals. `openBefore`: a run continues into the
+// strip.
 inline void MASKS_ClearLone(RUN_MASKS* masks, ULONG words, bool openBefore) {
     ULONGLONG before = openBefore ? 1 : 0;
     for (ULONG word = 0; word < words; word++) {
@@ -87,8 +88,8 @@ FORCEINLINE ULONGLONG MASKS_JoinBlocks(ULONG first, ULONG second, ULONG third, U
     return first | second << BLOCK_PIXELS | static_cast<ULONGLONG>(third | fourth << BLOCK_PIXELS) << 32;
 }
 
-// The stream while vectors write it. The place and the open run are values of the loop, not memory: each
-// group depends on them, and through memory that would cost more than all its other work.
+// Position in the stream while vectors write it. Passed by value so that it stays in registers: each group
+// depends on the one before, and a dependency through memory would cost more than the rest of its work.
 struct PACK_CURSOR {
     UCHAR* Next;
     ULONG Repeats; // of the run that the next pixel continues

@@ -1,4 +1,13 @@
-// Units of the run stream (their layout: pixel/compression.h) and the bounded place they are written to.
+// The run stream, which the adapter expands, and the bounded place it is written to.
+//
+// A run stream is a sequence of little-endian units of U bytes, U being 1, 2 or 3. The top bit of a unit
+// tells its kind: set, a literal pixel in the other bits; clear, a repeat count (at least 1): the pixel
+// decoded last occurs that many times more. Every stream starts with a literal.
+//
+//   U   literal                                                  largest count
+//   1   bits 7..1 of the RGB8 pixel in bits 6..0                           127
+//   2   RGB555 pixel in bits 14..0                                      32,767
+//   3   blue, green, red 7..1 in bits 6..0 of byte 2                 8,388,607
 #pragma once
 
 #include <ntddk.h>
@@ -8,11 +17,11 @@ constexpr ULONG MaxRepeatCount(ULONG unitBytes) {
     return (1u << (8 * unitBytes - 1)) - 1;
 }
 
-// Where the next unit goes. A unit that would pass the end is not written; Overflow then stays set, and the
-// stream is worthless.
+// Where the next unit is written. A unit that would pass the end is not written; Overflow then stays set, and
+// the stream must not be sent.
 struct UNIT_WRITER {
     UCHAR* Cursor;
-    UCHAR* End;
+    const UCHAR* End;
     BOOLEAN Overflow;
 };
 

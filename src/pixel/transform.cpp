@@ -1,10 +1,7 @@
 #include "pixel/transform.h"
 
-#include "device/device_context.h"
-
 namespace {
 
-// A 16-bit layout, from 8-bit channels to bit positions.
 USHORT PackRgb565(UCHAR blue, UCHAR green, UCHAR red) {
     return static_cast<USHORT>((red >> 3) << 11 | (green >> 2) << 5 | blue >> 3);
 }
@@ -33,24 +30,23 @@ void ConvertToRgb8(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     }
 }
 
-// A processor without SSSE3 converts every pair too, by the per-pixel formulas: a render buffer that kept its
-// previous contents would show an old frame as if it were the new one.
-void TransformFramePerPixel(const MODE_PARAMETERS& mode, UCHAR* destination, const UCHAR* source,
+// The choice among the pixel-by-pixel routines.
+void TransformFramePerPixel(const FRAME_FORMAT& format, UCHAR* destination, const UCHAR* source,
                             ULONG pixelCount) {
-    const ULONG outputBytes = PIXEL_OutputBytes(mode);
-    if (mode.SourceBytesPerPixel == 4) {
+    const ULONG outputBytes = PIXEL_OutputBytes(format.OutputColorMode);
+    if (format.SourceBytesPerPixel == 4) {
         if (outputBytes == 3) {
             PIXEL_Bgrx32ToBgr24(destination, source, pixelCount);
         } else if (outputBytes == 2) {
-            PIXEL_Bgrx32ToRgb16(destination, source, pixelCount, mode.Rgb555Enable);
+            PIXEL_Bgrx32ToRgb16(destination, source, pixelCount, format.Rgb555Enable);
         } else {
             PIXEL_Bgrx32ToRgb8(destination, source, pixelCount);
         }
-    } else if (mode.SourceBytesPerPixel == 3) {
+    } else if (format.SourceBytesPerPixel == 3) {
         if (outputBytes == 3) {
             PIXEL_Copy24Blocks(destination, source, pixelCount);
         } else if (outputBytes == 2) {
-            PIXEL_Bgr24ToRgb16(destination, source, pixelCount, mode.Rgb555Enable);
+            PIXEL_Bgr24ToRgb16(destination, source, pixelCount, format.Rgb555Enable);
         } else {
             PIXEL_Bgr24ToRgb8(destination, source, pixelCount);
         }
@@ -59,45 +55,34 @@ void TransformFramePerPixel(const MODE_PARAMETERS& mode, UCHAR* destination, con
 
 } // namespace
 
-ULONG PIXEL_OutputBytes(const MODE_PARAMETERS& mode) {
-    switch (mode.OutputColorMode) {
-    case OUTPUT_COLOR_8_BIT:
-        return 1;
-    case OUTPUT_COLOR_16_BIT:
-        return 2;
-    default:
-        return 3;
-    }
-}
-
-void PIXEL_TransformFrame(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source,
-                          ULONG pixelCount) {
-    const MODE_PARAMETERS& mode = context->Display.Mode;
-    if (pixelCount == 0) {
-        return;
-    }
-    if (context->Cpu.CpuHasSsse3) {
-        PIXEL_TransformFrameSimd(context, destination, source, pixelCount, PIXEL_OutputBytes(mode),
-                                 mode.SourceBytesPerPixel);
+void PIXEL_TransformFrame(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, UCHAR* destination,
+                          const UCHAR* source, ULONG pixelCount) {
+    if (cpu.CpuHasSsse3) {
+        PIXEL_TransformFrameSimd(format, destination, source, pixelCount);
     } else {
-        TransformFramePerPixel(mode, destination, source, pixelCount);
+        TransformFramePerPixel(format, destination, source, pixelCount);
     }
 }
 
-void PIXEL_TransformFrameSimd(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source,
-                              ULONG pixelCount, ULONG outputBytesPerPixel, ULONG sourceBytesPerPixel) {
-    if (outputBytesPerPixel == 3 && sourceBytesPerPixel == 4) {
-        PIXEL_Bgrx32ToBgr24Blocks(destination, source, pixelCount);
-    } else if (outputBytesPerPixel == 3 && sourceBytesPerPixel == 3) {
-        PIXEL_Copy24Blocks(destination, source, pixelCount);
-    } else if (outputBytesPerPixel == 2 && sourceBytesPerPixel == 3) {
-        PIXEL_Bgr24ToRgb16Blocks(destination, source, pixelCount, context->Display.Mode.Rgb555Enable);
-    } else if (outputBytesPerPixel == 2 && sourceBytesPerPixel == 4) {
-        PIXEL_Bgrx32ToRgb16Blocks(context, destination, source, pixelCount);
-    } else if (outputBytesPerPixel == 1 && sourceBytesPerPixel == 3) {
-        PIXEL_Bgr24ToRgb8Blocks(destination, source, pixelCount);
-    } else if (outputBytesPerPixel == 1 && sourceBytesPerPixel == 4) {
-        PIXEL_Bgrx32ToRgb8Blocks(destination, source, pixelCount);
+void PIXEL_TransformFrameSimd(const FRAME_FORMAT& format, UCHAR* destination, const UCHAR* source,
+                              ULONG pixelCount) {
+    const ULONG outputBytes = PIXEL_OutputBytes(format.OutputColorMode);
+    if (format.SourceBytesPerPixel == 4) {
+        if (outputBytes == 3) {
+            PIXEL_Bgrx32ToBgr24Blocks(destination, source, pixelCount);
+        } else if (outputBytes == 2) {
+            PIXEL_Bgrx32ToRgb16Blocks(destination, source, pixelCount, format.Rgb555Enable);
+        } else {
+            PIXEL_Bgrx32ToRgb8Blocks(destination, source, pixelCount);
+        }
+    } else if (format.SourceBytesPerPixel == 3) {
+        if (outputBytes == 3) {
+            PIXEL_Copy24Blocks(destination, source, pixelCount);
+        } else if (outputBytes == 2) {
+            PIXEL_Bgr24ToRgb16Blocks(destination, source, pixelCount, format.Rgb555Enable);
+        } else {
+            PIXEL_Bgr24ToRgb8Blocks(destination, source, pixelCount);
+        }
     }
 }
 

@@ -1,12 +1,11 @@
-// The block conversions.
+// The block routines.
 #include "pixel/transform.h"
 
-#include "device/device_context.h"
 #include "pixel/reduce_ssse3.h"
 
 namespace {
 
-// Sixteen pixels, four to a vector, each in a 32-bit lane as blue, green, red and a byte of anything.
+// Sixteen pixels in four vectors, each pixel in a 32-bit lane: blue, green, red and an undefined byte.
 struct PIXEL_BLOCK {
     __m128i Quad[4];
 };
@@ -36,7 +35,7 @@ struct BGR24_SOURCE {
     }
 };
 
-// Plain stores: the compressor reads the converted frame again at once.
+// Plain stores: an encoder may read the converted frame next.
 template <typename Source, const REDUCTION& Rule>
 TARGET_SSSE3 void ConvertTo16(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
@@ -71,42 +70,28 @@ void PIXEL_Bgr24ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixe
 
 void PIXEL_Bgr24ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
     if (rgb555 == 1) {
-        PIXEL_Bgr24ToRgb555Blocks(destination, source, pixelCount);
+        ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
     } else {
         ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
     }
-}
-
-void PIXEL_Bgr24ToRgb555Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
-    ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
 }
 
 void PIXEL_Bgrx32ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     ConvertTo8<BGRX32_SOURCE>(destination, source, pixelCount);
 }
 
-void PIXEL_Bgrx32ToRgb16Blocks(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source,
-                               ULONG pixelCount) {
-    if (context->Display.Mode.Rgb555Enable == 1) {
-        PIXEL_Bgrx32ToRgb555Blocks(destination, source, pixelCount);
+void PIXEL_Bgrx32ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
+    if (rgb555 == 1) {
+        ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
     } else {
-        PIXEL_Bgrx32ToRgb565Blocks(destination, source, pixelCount);
+        ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
     }
 }
 
-void PIXEL_Bgrx32ToRgb555Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
-    ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
-}
-
-void PIXEL_Bgrx32ToRgb565Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
-    ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
-}
-
-// The converted frame is next read by the USB controller, not by the processor: non-temporal stores keep it
-// out of the caches and save reading the lines that are overwritten whole. The fence orders them before
-// whatever hands the buffer over. (Only old chips with three adapters on a bus compress such a frame, and
-// read it once more.) Each quad is compacted so that its parts already stand where the three output vectors
-// need them.
+// The USB controller reads the converted frame next, not the processor: non-temporal stores keep it out of
+// the caches and avoid reading lines that are overwritten completely. The fence orders the stores before the
+// buffer is handed over. (Only a compressed 24-bit mode reads the frame once more, in the tolerant encoder.)
+// Each quad is packed so that its bytes are where the three output vectors need them.
 TARGET_SSSE3 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
     const __m128i toHigh12 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14);

@@ -1,7 +1,7 @@
 #include "render/auto_update.h"
 
 #include "base/util.h"
-#include "pixel/compression.h"
+#include "render/compression_level.h"
 #include "render/passive_timer.h"
 #include "surface/present.h"
 

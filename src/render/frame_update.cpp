@@ -1,29 +1,49 @@
 #include "render/frame_update.h"
 
 #include "display/mode_tables.h"
+#include "display/video_output.h"
 #include "pixel/compression.h"
 #include "pixel/transform.h"
 #include "render/auto_update.h"
 #include "render/buffer_turn.h"
+#include "render/compression_level.h"
 #include "render/context_lists.h"
 #include "render/output_switch.h"
 #include "render/send.h"
 #include "render/start_stop.h"
 #include "surface/frame_pixels.h"
+#include "usb/chip.h"
 
 namespace {
 
-// Converts or compresses a whole frame and returns the number of bytes to send, 0 for none.
-ULONG ConvertFrame(DEVICE_CONTEXT* context, UCHAR* destination, const UCHAR* source, ULONGLONG sourceSize,
-                   ULONG pixelCount) {
+BYTE_RANGE StagingBuffer(const RENDER_PIPELINE& render) {
+    UCHAR* start = render.CompressionStagingAligned;
+    return {start, start == nullptr ? nullptr : start + RENDER_BUFFER_CAPACITY};
+}
+
+// Converts or compresses a whole frame and returns the number of bytes to send, 0 for none. A 16-bit frame is
+// compressed only while the output is active.
+ULONG ConvertFrame(DEVICE_CONTEXT* context, UCHAR* destination, const FRAME_SOURCE& frame) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
+    const FRAME_FORMAT format = {mode.SourceBytesPerPixel, mode.OutputColorMode, mode.Rgb555Enable};
     if (mode.CompressionEnabled == 0) {
-        PIXEL_TransformFrame(context, destination, source, pixelCount);
-        return PIXEL_OutputBytes(mode) * pixelCount;
+        PIXEL_TransformFrame(format, context->Cpu, destination, frame.Pixels, frame.PixelCount);
+        return PIXEL_OutputBytes(format.OutputColorMode) * frame.PixelCount;
     }
-    const auto compress =
-        mode.OutputColorMode == OUTPUT_COLOR_16_BIT ? COMPRESSION_CompressFrame16 : COMPRESSION_CompressFrame;
-    return static_cast<ULONG>(compress(context, 0, sourceSize, source, destination, pixelCount));
+    const CHIP_TRAITS& chip = CHIP_Traits(context);
+    const COMPRESSION_FORMAT compression = {format, COMPRESSION_CurrentLevel(context),
+                                            chip.ExactRunUnits != 0, chip.NeedsLeadIn != 0};
+    const BYTE_RANGE staging = StagingBuffer(context->Render);
+    const BYTE_RANGE stream = {destination, destination + RENDER_BUFFER_CAPACITY};
+    if (mode.OutputColorMode != OUTPUT_COLOR_16_BIT) {
+        return static_cast<ULONG>(
+            COMPRESSION_CompressFrame(compression, context->Cpu, frame, staging, stream));
+    }
+    if (!MODE_IsOutputActive(context)) {
+        return 0;
+    }
+    return static_cast<ULONG>(
+        COMPRESSION_CompressFrame16(compression, context->Cpu, &context->Pixel, frame, staging, stream));
 }
 
 // FALSE when there is nothing to send.
@@ -33,7 +53,7 @@ BOOLEAN FillRenderBuffer(DEVICE_CONTEXT* context, ULONG index, FRAME_BUFFER_CONT
         return FALSE;
     }
     const ULONG length = ConvertFrame(context, context->Render.RenderBuffer.Aligned[index],
-                                      frameBuffer->PixelBuffer, frameBuffer->ByteSize, pixelCount);
+                                      {frameBuffer->PixelBuffer, frameBuffer->ByteSize, pixelCount});
     FRAMEBUFFER_EndRead(frameBuffer);
 
     context->Render.RenderBufferLength[index] = length;

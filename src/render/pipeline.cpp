@@ -8,7 +8,6 @@
 #include "render/frame_thread.h"
 #include "render/render_buffers.h"
 #include "render/start_stop.h"
-#include "usb/chip.h"
 
 namespace {
 
@@ -48,21 +47,6 @@ NTSTATUS CreateLocksAndCollections(DEVICE_CONTEXT* context) {
         return status;
     }
     return CreateRequestList(&attributes, &render->SentRequests);
-}
-
-constexpr ULONG COMPRESSION_ALIGNMENT = 32;
-
-template <typename T>
-void AlignForCompression(T** aligned, VOID* address) {
-    *aligned = reinterpret_cast<T*>(ALIGN_UP_BY(address, COMPRESSION_ALIGNMENT));
-}
-
-void AlignCompressionTables(PIXEL_CONTEXT* pixel) {
-    GROUP_TABLES* tables = &pixel->Tables;
-    AlignForCompression(&tables->GroupPackShuffle, pixel->CompressionWorkArea0);
-    AlignForCompression(&tables->GroupCountShuffle, pixel->CompressionWorkArea1);
-    AlignForCompression(&tables->QuantMask, pixel->CompressionWorkArea2);
-    AlignForCompression(&tables->QuantFill, pixel->CompressionWorkArea3);
 }
 
 NTSTATUS CreateTransfer(DEVICE_CONTEXT* context, _URB_BULK_OR_INTERRUPT_TRANSFER* urb, WDFREQUEST* request,
@@ -138,8 +122,6 @@ NTSTATUS Build(DEVICE_CONTEXT* context) {
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    AlignCompressionTables(&context->Pixel);
-    context->Pixel.LegacyCompressionFlag = CHIP_Traits(context).NeedsLeadIn;
     status = THREAD_CreateFrameUpdateThread(context);
     if (!NT_SUCCESS(status)) {
         return status;

@@ -1,4 +1,4 @@
-// Every encoder behind one signature, so that one test can say the same of all of them.
+// Every encoder behind one signature, so that one test covers all of them.
 #pragma once
 
 #include "tests/pixel/pixel_fixture.h"
@@ -6,81 +6,82 @@
 #include "model/run_stream.h"
 #include "pixel/exact_encoder.h"
 #include "pixel/group_encoder.h"
-#include "pixel/run_encoder.h"
+#include "pixel/tolerant_encoder.h"
 #include "pixel/transform.h"
 
 #include <algorithm>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace test {
 
-// The context carries what an encoder reads: level, lead-in flag, tables.
-using Encode = ULONGLONG (*)(DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels,
+struct Settings {
+    unsigned level = 0; // of compression or quantization
+    bool leadIn = false;
+};
+
+using Encode = ULONGLONG (*)(const Settings& settings, std::span<const UCHAR> source, ULONG pixels,
                              UCHAR* destination, const UCHAR* end);
+
+template <unsigned Unit>
+ULONGLONG tolerant(const Settings& settings, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
+                   const UCHAR* end) {
+    return COMPRESSION_EncodeRuns(source.data(), source.size(), pixels, Unit, destination, end,
+                                  COMPRESSION_GetToleranceMask(settings.level), settings.leadIn);
+}
+
+template <auto Encoder>
+ULONGLONG exact(const Settings&, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
+                const UCHAR* end) {
+    return Encoder(source.data(), destination, end, pixels);
+}
+
+template <auto Encoder>
+ULONGLONG groups(const Settings& settings, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
+                 const UCHAR* end) {
+    return Encoder(source.data(), destination, end, pixels, settings.level);
+}
+
+inline ULONGLONG reduceAndEncode(const UCHAR* source, UCHAR* destination, const UCHAR* end, ULONG pixels,
+                                 ULONG level) {
+    Bytes reduced(size_t{pixels} * 2);
+    PIXEL_Bgrx32ToRgb16(reduced.data(), source, pixels, 1);
+    return COMPRESSION_EncodeGroupsByPixel(reduced.data(), destination, end, pixels, level);
+}
 
 struct Encoder {
     const char* name;
     unsigned sourceBytes;
     unsigned unit;
-    bool tolerant;  // follows CompressionLevel, ends with fill bytes
-    bool quantises; // follows QuantLevel
+    bool tolerant; // ends with fill bytes
+    bool quantizes;
     Encode byPixel;
     Encode vectors; // null: there is none
 };
 
-template <unsigned Unit, bool ByPixel>
-ULONGLONG encodeRuns(DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
-                     const UCHAR* end) {
-    context->Cpu.CpuHasSsse3 = TRUE;
-    return (ByPixel ? COMPRESSION_EncodeRunsByPixel : COMPRESSION_EncodeRuns)(
-        context, source.data(), source.size(), pixels, Unit, destination, end, TRUE);
-}
-
 inline const Encoder kEncoders[] = {
-    {"tolerant 8-bit", 1, 1, true, false, encodeRuns<1, true>, nullptr},
-    {"tolerant 16-bit", 2, 2, true, false, encodeRuns<2, true>, encodeRuns<2, false>},
-    {"tolerant 24-bit", 3, 3, true, false, encodeRuns<3, true>, nullptr},
-    {"exact BGR24", 3, 3, false, false,
-     [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
-         return COMPRESSION_EncodeBgr24Exact(source.data(), destination, end, pixels);
-     },
-     [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
-         return COMPRESSION_EncodeBgr24ExactBlocks(source.data(), destination, end, pixels);
-     }},
-    {"exact BGRX32", 4, 3, false, false,
-     [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
-         return COMPRESSION_EncodeBgrx32Exact(source.data(), destination, end, pixels);
-     },
-     [](DEVICE_CONTEXT*, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination, const UCHAR* end) {
-         return COMPRESSION_EncodeBgrx32ExactBlocks(source.data(), destination, end, pixels);
-     }},
-    {"groups", 2, 2, false, true,
-     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
-        const UCHAR* end) {
-         return COMPRESSION_EncodeGroupsByPixel(source.data(), destination, end, pixels,
-                                                context->Pixel.QuantLevel);
-     },
-     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
-        const UCHAR* end) {
-         return COMPRESSION_EncodeGroupsByTable(context, source.data(), destination, end, pixels,
-                                                context->Pixel.QuantLevel);
-     }},
-    // The reference reduces the frame first.
-    {"groups from BGRX32", 4, 2, false, true,
-     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
-        const UCHAR* end) {
-         Bytes reduced(size_t{pixels} * 2);
-         PIXEL_Bgrx32ToRgb16(reduced.data(), source.data(), pixels, 1);
-         return COMPRESSION_EncodeGroupsByPixel(reduced.data(), destination, end, pixels,
-                                                context->Pixel.QuantLevel);
-     },
-     [](DEVICE_CONTEXT* context, std::span<const UCHAR> source, ULONG pixels, UCHAR* destination,
-        const UCHAR* end) {
-         return COMPRESSION_EncodeBgrx32GroupsByTable(context, source.data(), destination, end, pixels,
-                                                      context->Pixel.QuantLevel);
-     }},
+    {"tolerant 8-bit", 1, 1, true, false, tolerant<1>, nullptr},
+    {"tolerant 16-bit", 2, 2, true, false, tolerant<2>, nullptr},
+    {"tolerant 24-bit", 3, 3, true, false, tolerant<3>, nullptr},
+    {"exact BGR24", 3, 3, false, false, exact<COMPRESSION_EncodeBgr24Exact>,
+     exact<COMPRESSION_EncodeBgr24ExactBlocks>},
+    {"exact BGRX32", 4, 3, false, false, exact<COMPRESSION_EncodeBgrx32Exact>,
+     exact<COMPRESSION_EncodeBgrx32ExactBlocks>},
+    {"groups", 2, 2, false, true, groups<COMPRESSION_EncodeGroupsByPixel>,
+     groups<COMPRESSION_EncodeGroupsByTable>},
+    {"groups from BGRX32", 4, 2, false, true, groups<reduceAndEncode>,
+     groups<COMPRESSION_EncodeBgrx32GroupsByTable>},
 };
+
+inline const Encoder& encoder(const std::string& name) {
+    for (const Encoder& one : kEncoders) {
+        if (one.name == name) {
+            return one;
+        }
+    }
+    throw std::invalid_argument(name);
+}
 
 // A pixel of the encoder's source as a unit can carry it.
 inline unsigned asUnit(const Encoder& encoder, unsigned pixel) {
@@ -89,7 +90,7 @@ inline unsigned asUnit(const Encoder& encoder, unsigned pixel) {
                : pixel;
 }
 
-// The bytes of a stream that its pixels need; the rest is filling.
+// The bytes of a stream that its pixels need; the rest is fill.
 inline size_t usedBytes(const Bytes& stream, unsigned unit, size_t pixels) {
     size_t at = 0;
     for (size_t done = 0; done < pixels && at + unit <= stream.size(); at += unit) {
@@ -100,12 +101,12 @@ inline size_t usedBytes(const Bytes& stream, unsigned unit, size_t pixels) {
     return at;
 }
 
-// Encodes with ample room. The filling of an exact stream, which may read anything, reads 0xCC.
-inline Bytes encode(const Encoder& encoder, Encode form, DEVICE_CONTEXT* context,
+// Encodes with ample room. The fill of an exact stream, which is undefined, becomes 0xCC.
+inline Bytes encode(const Encoder& encoder, Encode form, const Settings& settings,
                     std::span<const UCHAR> source) {
     const size_t pixels = source.size() / encoder.sourceBytes;
     AlignedBuffer destination(pixels * 3 + 64, 0xCC);
-    const ULONGLONG length = form(context, source, static_cast<ULONG>(pixels), destination.data(),
+    const ULONGLONG length = form(settings, source, static_cast<ULONG>(pixels), destination.data(),
                                   destination.data() + destination.size());
     Bytes stream = destination.bytes(0, length);
     if (!encoder.tolerant) {

@@ -1,5 +1,7 @@
-// The quantising encoder: its stream by the rule as it is stated, group by group, and its level control.
+// The quantizing encoder: its stream against a group-by-group model, and its level control.
 #include "tests/pixel/encoders.h"
+
+#include "pixel/group_level.h"
 
 #include <gtest/gtest.h>
 
@@ -9,8 +11,8 @@ using test::Bytes;
 using test::run;
 using test::operator+;
 
-// Eight pixels at a time with the run before them, as a decoder's author would describe the stream; no
-// quantisation (the caller's pixels are quantised already).
+// The stream built eight pixels at a time, with the run before them. The caller's pixels are quantized
+// already.
 std::vector<unsigned> encodeGroupByGroup(const std::vector<unsigned>& pixels) {
     std::vector<unsigned> out;
     unsigned previous = ~pixels[0] & 0xFFFF;
@@ -61,8 +63,6 @@ std::vector<unsigned> encodeGroupByGroup(const std::vector<unsigned>& pixels) {
 
 TEST(GroupEncoder, FollowsTheGroupRule) {
     std::mt19937 random(5);
-    const auto context = test::makeContext();
-    COMPRESSION_BuildGroupTables(context.get());
     for (int round = 0; round < 400; round++) {
         // Short runs, and once in a while one that outgrows a count.
         std::vector<unsigned> pixels;
@@ -77,9 +77,9 @@ TEST(GroupEncoder, FollowsTheGroupRule) {
             source.push_back(static_cast<unsigned char>(pixel >> 8));
         }
         const std::vector<unsigned> expected = encodeGroupByGroup(pixels);
-        const test::Encoder& groups = test::kEncoders[5];
+        const test::Encoder& groups = test::encoder("groups");
         for (const test::Encode form : {groups.byPixel, groups.vectors}) {
-            const Bytes stream = test::encode(groups, form, context.get(), source);
+            const Bytes stream = test::encode(groups, form, {}, source);
             std::vector<unsigned> units;
             for (size_t at = 0; at < stream.size(); at += 2) {
                 units.push_back(stream[at] | stream[at + 1] << 8);
@@ -90,11 +90,11 @@ TEST(GroupEncoder, FollowsTheGroupRule) {
 }
 
 struct Control {
-    std::unique_ptr<DEVICE_CONTEXT> context = test::makeContext();
+    GROUP_ENCODER_STATE state = {};
     test::AlignedBuffer destination{100000};
 
     ULONGLONG encode(const Bytes& source, ULONG target, size_t room = 100000) {
-        return COMPRESSION_EncodeRgb555Groups(context.get(), source.data(), destination.data(),
+        return COMPRESSION_EncodeRgb555Groups(&state, source.data(), destination.data(),
                                               destination.data() + room,
                                               static_cast<ULONG>(source.size() / 2), target);
     }
@@ -113,7 +113,7 @@ TEST(GroupEncoder, GoesThroughTheLevelsUntilAFrameFits) {
     std::vector<ULONGLONG> lengths;
     for (USHORT level = 0; level < 12; level++) {
         Control control;
-        control.context->Pixel.QuantLevel = level;
+        control.state.QuantLevel = level;
         lengths.push_back(control.encode(source, 100000));
     }
     // Every step from level 0 is taken when the one before it does not fit.
@@ -125,7 +125,7 @@ TEST(GroupEncoder, GoesThroughTheLevelsUntilAFrameFits) {
                                         {lengths[11] - 1, 11}}) {
         Control control;
         EXPECT_EQ(control.encode(source, static_cast<ULONG>(target)), lengths[static_cast<size_t>(level)]);
-        EXPECT_EQ(control.context->Pixel.QuantLevel, level) << "target " << target;
+        EXPECT_EQ(control.state.QuantLevel, level) << "target " << target;
     }
 }
 
@@ -147,12 +147,12 @@ TEST(GroupEncoder, BecomesFinerAfterALongSeriesOfSmallFrames) {
     };
     for (const auto& one : cases) {
         Control control;
-        control.context->Pixel.QuantLevel = one.level;
-        control.context->Pixel.QuantSmallFrameCount = one.count;
+        control.state.QuantLevel = one.level;
+        control.state.QuantSmallFrameCount = one.count;
         const ULONGLONG length = control.encode(one.frame, 1000);
         EXPECT_LE(length, 1000u) << one.what;
-        EXPECT_EQ(control.context->Pixel.QuantLevel, one.levelAfter) << one.what;
-        EXPECT_EQ(control.context->Pixel.QuantSmallFrameCount, one.countAfter) << one.what;
+        EXPECT_EQ(control.state.QuantLevel, one.levelAfter) << one.what;
+        EXPECT_EQ(control.state.QuantSmallFrameCount, one.countAfter) << one.what;
     }
 }
 
@@ -167,7 +167,7 @@ TEST(GroupEncoder, FallsBackToACoarserLevelWhenTheBufferEnds) {
     const ULONGLONG length = control.encode(source, 100000, 4000);
     EXPECT_GT(length, 0u);
     EXPECT_LE(length, 4000u);
-    EXPECT_GT(control.context->Pixel.QuantLevel, 0);
+    EXPECT_GT(control.state.QuantLevel, 0);
 
     Control full;
     EXPECT_EQ(full.encode(test::noise(8000, 8), 100000, 4000), 0u);

@@ -1,9 +1,6 @@
-// Buffers, contents and a device context for the tests of the pixel code.
+// Buffers and contents for the tests of the pixel code.
 #pragma once
 
-#include "device/device_context.h"
-
-#include <cstdint>
 #include <cstring>
 #include <initializer_list>
 #include <memory>
@@ -44,20 +41,6 @@ inline Bytes noise(size_t size, unsigned seed) {
         byte = static_cast<unsigned char>(generator());
     }
     return bytes;
-}
-
-// A device context whose group encoder tables lie where the render pipeline puts them.
-inline std::unique_ptr<DEVICE_CONTEXT> makeContext() {
-    auto context = std::make_unique<DEVICE_CONTEXT>();
-    const auto align = [](unsigned char* area) {
-        return reinterpret_cast<unsigned char*>((reinterpret_cast<uintptr_t>(area) + 31) & ~uintptr_t{31});
-    };
-    PIXEL_CONTEXT& pixel = context->Pixel;
-    pixel.Tables.GroupPackShuffle = reinterpret_cast<UCHAR(*)[16]>(align(pixel.CompressionWorkArea0));
-    pixel.Tables.GroupCountShuffle = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea1));
-    pixel.Tables.QuantMask = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea2));
-    pixel.Tables.QuantFill = reinterpret_cast<USHORT(*)[8]>(align(pixel.CompressionWorkArea3));
-    return context;
 }
 
 inline Bytes words(std::initializer_list<unsigned> values) {

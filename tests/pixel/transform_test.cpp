@@ -76,13 +76,14 @@ const Routine kRoutines[] = {
     {"Bgr24ToRgb8Blocks", 3, Format::kRgb8, true, PIXEL_Bgr24ToRgb8Blocks},
     {"Bgr24ToRgb565Blocks", 3, Format::kRgb565, true,
      [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgr24ToRgb16Blocks(d, s, n, 0); }},
-    {"Bgr24ToRgb16Blocks, 555", 3, Format::kRgb555, true,
+    {"Bgr24ToRgb555Blocks", 3, Format::kRgb555, true,
      [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgr24ToRgb16Blocks(d, s, n, 1); }},
-    {"Bgr24ToRgb555Blocks", 3, Format::kRgb555, true, PIXEL_Bgr24ToRgb555Blocks},
     {"Copy24Blocks", 3, Format::kBgr24, true, PIXEL_Copy24Blocks},
     {"Bgrx32ToRgb8Blocks", 4, Format::kRgb8, true, PIXEL_Bgrx32ToRgb8Blocks},
-    {"Bgrx32ToRgb565Blocks", 4, Format::kRgb565, true, PIXEL_Bgrx32ToRgb565Blocks},
-    {"Bgrx32ToRgb555Blocks", 4, Format::kRgb555, true, PIXEL_Bgrx32ToRgb555Blocks},
+    {"Bgrx32ToRgb565Blocks", 4, Format::kRgb565, true,
+     [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Blocks(d, s, n, 2); }},
+    {"Bgrx32ToRgb555Blocks", 4, Format::kRgb555, true,
+     [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Blocks(d, s, n, 1); }},
     {"Bgrx32ToBgr24Blocks", 4, Format::kBgr24, true, PIXEL_Bgrx32ToBgr24Blocks},
 };
 
@@ -124,8 +125,8 @@ TEST(Transform, StatedPixels) {
     }
 }
 
-// The mode's fields choose the formats; both processor paths give the same bytes.
-TEST(Transform, ModeChoosesTheConversion) {
+// Both processor paths give the same bytes.
+TEST(Transform, FrameFormatChoosesTheConversion) {
     const struct {
         ULONG sourceBytes, outputColorMode, rgb555;
         Format format;
@@ -135,25 +136,23 @@ TEST(Transform, ModeChoosesTheConversion) {
         {3, 0, 0, Format::kRgb8},   {3, 1, 0, Format::kRgb565}, {3, 1, 1, Format::kRgb555},
         {3, 2, 0, Format::kBgr24},
     };
-    const auto context = test::makeContext();
     for (const bool ssse3 : {false, true}) {
-        context->Cpu.CpuHasSsse3 = ssse3;
+        CPU_FEATURES cpu = {};
+        cpu.CpuHasSsse3 = ssse3;
         for (const auto& one : cases) {
             SCOPED_TRACE(std::to_string(one.sourceBytes) + " bytes, output mode " +
                          std::to_string(one.outputColorMode) + (ssse3 ? ", SSSE3" : ", plain"));
-            context->Display.Mode.SourceBytesPerPixel = one.sourceBytes;
-            context->Display.Mode.OutputColorMode = one.outputColorMode;
-            context->Display.Mode.Rgb555Enable = one.rgb555;
             const Bytes source = mixedPixels(1024, one.sourceBytes);
             const Bytes expected = convertByFormula(source, one.sourceBytes, one.format);
             AlignedBuffer output(expected.size(), 0xA5);
-            PIXEL_TransformFrame(context.get(), output.data(), source.data(), 1024);
+            PIXEL_TransformFrame({one.sourceBytes, one.outputColorMode, one.rgb555}, cpu, output.data(),
+                                 source.data(), 1024);
             EXPECT_EQ(output.bytes(0, expected.size()), expected);
         }
         for (const ULONG sourceBytes : {0u, 1u, 2u, 5u}) {
-            context->Display.Mode.SourceBytesPerPixel = sourceBytes;
             AlignedBuffer output(64, 0xA5);
-            PIXEL_TransformFrame(context.get(), output.data(), Bytes(256).data(), 16);
+            PIXEL_TransformFrame({sourceBytes, OUTPUT_COLOR_24_BIT, 0}, cpu, output.data(), Bytes(256).data(),
+                                 16);
             EXPECT_EQ(output.bytes(0, 64), Bytes(64, 0xA5)) << "a source of " << sourceBytes << " bytes";
         }
     }
