@@ -2,7 +2,6 @@
 // driver, platform, model and client together under the `sim` scheduler. Time on the link is virtual and
 // exact; processor time is the driver's own, without the platform's and the client's.
 #include "rig/builtin_edid.h"
-#include "rig/screen_check.h"
 #include "rig/session.h"
 #include "rig/stream_meter.h"
 #include "support/png_image.h"
@@ -18,8 +17,8 @@
 
 namespace {
 
-using desktop::Surface;
-using tool::Json;
+using rig::StreamFigures;
+using support::Surface;
 
 constexpr unsigned kFrames = 180;
 constexpr unsigned kRepetitions = 5;
@@ -34,7 +33,7 @@ struct Scene {
 // replaces, as when a window or a document that fills the desktop is scrolled.
 Scene scrolled(const std::string& name, const std::string& file) {
     Scene scene{name, {}};
-    const Surface picture = desktop::readPng(file);
+    const Surface picture = support::readPng(file);
     for (unsigned step = 0; step < 8; step++) {
         Surface frame = picture;
         const std::size_t shift = std::size_t{step} * 19 * picture.width;
@@ -49,15 +48,15 @@ enum class Desktop { Moves, StandsStill };
 
 // Streams the scene at 60 frames a second, or leaves its first frame standing as long, and returns what the
 // meter saw.
-Json stream(const Scene& scene, usb::Speed link, Desktop desktop) {
-    Json result;
-    tool::SessionOptions options;
+StreamFigures stream(const Scene& scene, usb::Speed link, Desktop desktop) {
+    StreamFigures result;
+    rig::SessionOptions options;
     options.scheduler.strategy = kernel::Strategy::InOrder;
-    tool::Session session(options);
+    rig::Session session(options);
     session.run([&] {
-        tool::PlugOptions plug;
+        rig::PlugOptions plug;
         plug.adapter.link = link;
-        session.attachMonitor(tool::builtinEdid());
+        session.attachMonitor(rig::builtinEdid());
         session.plug(plug);
         session.openClient();
         const Surface& first = scene.frames.front();
@@ -67,7 +66,7 @@ Json stream(const Scene& scene, usb::Speed link, Desktop desktop) {
         session.present(1, first);
         session.machine().sleep(500 * usb::kMillisecond); // levels settle, tables are built
 
-        tool::StreamMeter meter(session);
+        rig::StreamMeter meter(session);
         usb::Time due = session.machine().clock().now();
         for (unsigned frame = 0; frame < kFrames; frame++) {
             if (desktop == Desktop::Moves) {
@@ -77,31 +76,33 @@ Json stream(const Scene& scene, usb::Speed link, Desktop desktop) {
             due += kFramePeriod;
             session.machine().sleep(std::max<usb::Time>(0, due - session.machine().clock().now()));
         }
-        meter.finish();
-        tool::Report report;
-        meter.report(report, false);
-        result = report.json();
+        result = meter.finish();
     });
     return result;
 }
 
-double median(std::vector<double> values) {
+std::uint64_t median(std::vector<std::uint64_t> values) {
     std::sort(values.begin(), values.end());
     return values[values.size() / 2];
 }
 
 // The last of several runs, with the medians of their processor times.
-Json repeat(const Scene& scene, usb::Speed link, Desktop desktop) {
-    std::vector<double> convert;
-    std::vector<double> complete;
-    Json last;
+StreamFigures repeat(const Scene& scene, usb::Speed link, Desktop desktop) {
+    std::vector<std::uint64_t> convert;
+    std::vector<std::uint64_t> complete;
+    StreamFigures last;
     for (unsigned repetition = 0; repetition < kRepetitions; repetition++) {
         last = stream(scene, link, desktop);
-        convert.push_back(last["cpu_ms"]["convert_and_queue"].get<double>());
-        complete.push_back(last["cpu_ms"]["send_and_complete"].get<double>());
+        convert.push_back(last.convertNanoseconds);
+        complete.push_back(last.completeNanoseconds);
     }
-    last["cpu_ms"] = {{"convert_and_queue", median(convert)}, {"send_and_complete", median(complete)}};
+    last.convertNanoseconds = median(convert);
+    last.completeNanoseconds = median(complete);
     return last;
+}
+
+double milliseconds(std::uint64_t nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1e6;
 }
 
 const char* nameOf(usb::Speed link) {
@@ -109,23 +110,19 @@ const char* nameOf(usb::Speed link) {
 }
 
 void printMovingRow(const Scene& scene, usb::Speed link) {
-    const Json run = repeat(scene, link, Desktop::Moves);
-    const double presented = run["frames"]["presented"].get<double>();
-    fmt::print("{:<16} {:<5} {:>9.1f} {:>11.0f} {:>8.1f} {:>9.3f} {:>9.3f} {:>12}\n", scene.name,
-               nameOf(link), run["frame_rate"].is_number() ? run["frame_rate"].get<double>() : 0.0,
-               run["wire"]["bytes_per_frame"].get<double>() * 1e-3, run["wire"]["busy"].get<double>() * 100,
-               run["cpu_ms"]["convert_and_queue"].get<double>() / presented,
-               run["cpu_ms"]["send_and_complete"].get<double>() / presented,
-               run["allocations"].get<std::uint64_t>());
+    const StreamFigures run = repeat(scene, link, Desktop::Moves);
+    const double frames = static_cast<double>(run.presented);
+    fmt::print("{:<16} {:<5} {:>9.1f} {:>11} {:>8.1f} {:>9.3f} {:>9.3f} {:>12}\n", scene.name, nameOf(link),
+               run.frameRate, run.bytes / std::max<std::uint64_t>(run.sent, 1) / 1000, run.busy * 100,
+               milliseconds(run.convertNanoseconds) / frames, milliseconds(run.completeNanoseconds) / frames,
+               run.allocations);
 }
 
 void printStillRow(const Scene& scene, usb::Speed link) {
-    const Json run = repeat(scene, link, Desktop::StandsStill);
-    const double sent = run["frames"]["sent"].get<double>();
-    fmt::print("{:<16} {:<5} {:>10} {:>9.3f} {:>14.2f} {:>12}\n", scene.name, nameOf(link), sent,
-               run["cpu_ms"]["convert_and_queue"].get<double>(),
-               run["cpu_ms"]["send_and_complete"].get<double>() * 1000 / sent,
-               run["allocations"].get<std::uint64_t>());
+    const StreamFigures run = repeat(scene, link, Desktop::StandsStill);
+    fmt::print("{:<16} {:<5} {:>10} {:>9.3f} {:>14.2f} {:>12}\n", scene.name, nameOf(link), run.sent,
+               milliseconds(run.convertNanoseconds),
+               milliseconds(run.completeNanoseconds) * 1000 / static_cast<double>(run.sent), run.allocations);
 }
 
 } // namespace

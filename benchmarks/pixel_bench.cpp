@@ -50,13 +50,13 @@ struct Stage {
 
 struct Picture {
     std::string name;
-    std::vector<desktop::Pixel> pixels;
+    std::vector<support::Pixel> pixels;
     GROUP_ENCODER_STATE groupState = {}; // with the level at which the group encoder settles
     ULONGLONG groupStream = 0;
     Buffer rgb565 = makeBuffer(size_t{kPixels} * 2);
 };
 
-Picture makePicture(Stage& stage, std::string name, std::vector<desktop::Pixel> pixels) {
+Picture makePicture(Stage& stage, std::string name, std::vector<support::Pixel> pixels) {
     Picture picture{std::move(name), std::move(pixels)};
     const auto* source = reinterpret_cast<const UCHAR*>(picture.pixels.data());
     PIXEL_Bgrx32ToRgb16Blocks(picture.rgb565.get(), source, kPixels, 0);
@@ -68,17 +68,17 @@ Picture makePicture(Stage& stage, std::string name, std::vector<desktop::Pixel> 
 }
 
 std::vector<Picture> makePictures(Stage& stage) {
-    const auto load = [](const char* file) { return desktop::readPng(file).pixels; };
-    std::vector<desktop::Pixel> noise(kPixels);
+    const auto load = [](const char* file) { return support::readPng(file).pixels; };
+    std::vector<support::Pixel> noise(kPixels);
     std::mt19937 random(1);
-    for (desktop::Pixel& pixel : noise) {
-        pixel = static_cast<desktop::Pixel>(random());
+    for (support::Pixel& pixel : noise) {
+        pixel = static_cast<support::Pixel>(random());
     }
     std::vector<Picture> pictures;
     pictures.push_back(makePicture(stage, "desktop-office", load(DEMO_DATA "/desktop-office.png")));
     pictures.push_back(makePicture(stage, "desktop-sheet", load(DEMO_DATA "/desktop-sheet.png")));
     pictures.push_back(makePicture(stage, "photo", load(TEST_DATA "/photo.png")));
-    pictures.push_back(makePicture(stage, "solid", std::vector<desktop::Pixel>(kPixels, 0xFF336699)));
+    pictures.push_back(makePicture(stage, "solid", std::vector<support::Pixel>(kPixels, 0xFF336699)));
     pictures.push_back(makePicture(stage, "noise", std::move(noise)));
     return pictures;
 }

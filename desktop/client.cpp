@@ -25,7 +25,7 @@ std::uint64_t threadCpuTime() {
 
 // What a present hands to its own fill request, by way of the driver.
 struct FillJob {
-    const Surface* frame;
+    const support::Surface* frame;
     std::uint64_t identifier;
 };
 
@@ -328,7 +328,7 @@ NTSTATUS Client::destroyFrameBuffer(std::uint64_t identifier) {
     return command(CMD_DESTROY_FRAME_BUFFER, bytesOf(request), {});
 }
 
-NTSTATUS Client::present(std::uint64_t identifier, const Surface& frame) {
+NTSTATUS Client::present(std::uint64_t identifier, const support::Surface& frame) {
     const FillJob job = {&frame, identifier};
     PRESENT_REQUEST request{};
     request.Identifier = identifier;

@@ -53,7 +53,7 @@ class Client {
 
     // Hands a frame over; it is copied before the call returns. The driver makes a frame buffer of the
     // frame's size when it knows none by that identifier. The frame has the size of the frame buffer.
-    NTSTATUS present(std::uint64_t identifier, const Surface& frame);
+    NTSTATUS present(std::uint64_t identifier, const support::Surface& frame);
 
     // X and Y are the top-left corner of the shape on the desktop.
     NTSTATUS setPointer(const PointerImage& shape);

@@ -14,6 +14,11 @@ namespace desktop {
 
 namespace {
 
+using support::InputError;
+using support::makePixel;
+using support::Pixel;
+using support::Surface;
+
 // splitmix64 (Steele, Lea and Flood, 2014): one well-mixed word per input.
 std::uint64_t mix(std::uint64_t value) {
     value += 0x9E3779B97F4A7C15;
@@ -182,7 +187,7 @@ class PatternSource final : public FrameSource {
 class RawVideoSource final : public FrameSource {
   public:
     RawVideoSource(const std::string& file, unsigned width, unsigned height)
-        : name_(inputName(file)), width_(width), height_(height),
+        : name_(support::inputName(file)), width_(width), height_(height),
           stream_(file == "-" ? stdin : std::fopen(file.c_str(), "rb")) {
         if (stream_ == nullptr) {
             throw InputError("cannot read " + name_ + ": " + std::strerror(errno));

@@ -16,11 +16,11 @@ class FrameSource {
     virtual ~FrameSource() = default;
 
     // The next frame; false when there is none. `frame` keeps its memory from call to call.
-    virtual bool next(Surface& frame) = 0;
+    virtual bool next(support::Surface& frame) = 0;
 };
 
 // The same picture for ever.
-std::unique_ptr<FrameSource> stillSource(Surface picture);
+std::unique_ptr<FrameSource> stillSource(support::Surface picture);
 
 // A test pattern, for ever. `seed` chooses the picture of the patterns that are random.
 struct Pattern {
@@ -30,8 +30,8 @@ struct Pattern {
 };
 std::span<const Pattern> patterns();
 const Pattern* findPattern(std::string_view name); // null when there is none
-Surface drawPattern(const Pattern& pattern, unsigned width, unsigned height, std::uint64_t frame,
-                    std::uint64_t seed);
+support::Surface drawPattern(const Pattern& pattern, unsigned width, unsigned height, std::uint64_t frame,
+                             std::uint64_t seed);
 std::unique_ptr<FrameSource> patternSource(const Pattern& pattern, unsigned width, unsigned height,
                                            std::uint64_t seed);
 

@@ -11,6 +11,9 @@ namespace desktop {
 
 namespace {
 
+using support::Pixel;
+using support::Surface;
+
 // Monochrome pointers are drawn as text: '#' black (AND 0, XOR 0), 'o' white (AND 0, XOR 1), 'x' inverted
 // (AND 1, XOR 1), anything else transparent (AND 1, XOR 0).
 PointerImage monochrome(std::span<const std::string_view> rows) {
@@ -129,8 +132,9 @@ PointerImage builtinPointer(std::string_view name) {
 
 PointerImage pointerFromPicture(const Surface& picture, const std::string& name) {
     if (picture.width > kMaxPointerSide || picture.height > kMaxPointerSide) {
-        throw InputError(name + " has " + std::to_string(picture.width) + " x " +
-                         std::to_string(picture.height) + " pixels; a pointer has at most 256 x 256");
+        throw support::InputError(name + " has " + std::to_string(picture.width) + " x " +
+                                  std::to_string(picture.height) +
+                                  " pixels; a pointer has at most 256 x 256");
     }
     return colored(POINTER_COLOR_ALPHA, picture.width, picture.height,
                    [&](unsigned x, unsigned y) { return picture.at(x, y); });

@@ -33,6 +33,6 @@ bool isBuiltinPointer(std::string_view name);
 PointerImage builtinPointer(std::string_view name);
 
 // A colour pointer with the picture's alpha. Throws `InputError` when a side exceeds `kMaxPointerSide`.
-PointerImage pointerFromPicture(const Surface& picture, const std::string& name);
+PointerImage pointerFromPicture(const support::Surface& picture, const std::string& name);
 
 } // namespace desktop

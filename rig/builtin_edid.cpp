@@ -1,21 +1,16 @@
 #include "rig/builtin_edid.h"
 
-#include "support/file.h"
-#include "support/input_error.h"
+#include "device/client_abi.h"
 
 #include <array>
-#include <fmt/format.h>
 #include <numeric>
 #include <string_view>
 
-namespace tool {
+namespace rig {
 
 namespace {
 
-constexpr std::size_t kBlockBytes = 128;
-constexpr std::size_t kMaxBlocks = 256;
-
-using Block = std::array<std::uint8_t, kBlockBytes>;
+using Block = std::array<std::uint8_t, EDID_BLOCK_SIZE>;
 
 // A detailed timing (VESA E-EDID, section 3.10.2).
 struct DetailedTiming {
@@ -115,20 +110,4 @@ std::vector<std::uint8_t> builtinEdid() {
     return edid;
 }
 
-std::vector<std::uint8_t> loadEdid(const std::string& file) {
-    if (file == "none") {
-        return {};
-    }
-    if (file == "default") {
-        return builtinEdid();
-    }
-    std::vector<std::uint8_t> edid = desktop::readFile(file, kMaxBlocks * kBlockBytes);
-    if (edid.empty() || edid.size() % kBlockBytes != 0) {
-        throw desktop::InputError(fmt::format("{} has {} bytes; an EDID has 1 to {} blocks of {} bytes",
-                                              desktop::inputName(file), edid.size(), kMaxBlocks,
-                                              kBlockBytes));
-    }
-    return edid;
-}
-
-} // namespace tool
+} // namespace rig

@@ -2,7 +2,7 @@
 
 #include "device/device_context.h"
 
-namespace tool {
+namespace rig {
 
 namespace {
 
@@ -34,4 +34,4 @@ std::optional<DriverState> probeDriver(const desktop::Client& client) {
     };
 }
 
-} // namespace tool
+} // namespace rig

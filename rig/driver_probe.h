@@ -6,7 +6,7 @@
 
 #include <optional>
 
-namespace tool {
+namespace rig {
 
 struct DriverState {
     unsigned width = 0;
@@ -22,4 +22,4 @@ struct DriverState {
 // Nothing while the client is not open.
 std::optional<DriverState> probeDriver(const desktop::Client& client);
 
-} // namespace tool
+} // namespace rig

@@ -4,17 +4,20 @@
 #include <array>
 #include <cstdio>
 
-namespace desktop {
+namespace rig {
 
 namespace {
 
-bool maskBit(const PointerImage& shape, std::size_t maskStart, unsigned column, unsigned row) {
+using support::Pixel;
+using support::Surface;
+
+bool maskBit(const desktop::PointerImage& shape, std::size_t maskStart, unsigned column, unsigned row) {
     const std::uint8_t byte = shape.bits[maskStart + std::size_t{row} * shape.pitch + column / 8];
     return (byte >> (7 - column % 8) & 1) != 0;
 }
 
 // One pixel of the shape, in the client's orientation, over one pixel of the frame.
-Pixel over(const PointerImage& shape, unsigned column, unsigned row, Pixel below) {
+Pixel over(const desktop::PointerImage& shape, unsigned column, unsigned row, Pixel below) {
     if (shape.type == POINTER_MONOCHROME) {
         const bool keep = maskBit(shape, 0, column, row);
         const bool invert = maskBit(shape, std::size_t{shape.pitch} * shape.height, column, row);
@@ -66,7 +69,7 @@ void DesktopReference::createFrameBuffer(unsigned width, unsigned height) {
     desktopHeight_ = height;
 }
 
-void DesktopReference::setPointer(const PointerImage& shape) {
+void DesktopReference::setPointer(const desktop::PointerImage& shape) {
     shape_ = shape;
     shapeRotation_ = rotation_;
     if (presented_) {
@@ -304,4 +307,4 @@ std::optional<Difference> compareFrames(std::span<const std::uint8_t> expected,
     return difference;
 }
 
-} // namespace desktop
+} // namespace rig

@@ -13,38 +13,38 @@
 #include <string>
 #include <vector>
 
-namespace desktop {
+namespace rig {
 
 // The desktop as the driver has been told of it, and the frame that it must have on the way to the monitor.
 class DesktopReference {
   public:
     void createFrameBuffer(unsigned width, unsigned height);
     void setRotation(DISPLAY_ROTATION rotation) { rotation_ = rotation; }
-    void setPointer(const PointerImage& shape);
+    void setPointer(const desktop::PointerImage& shape);
     void movePointer(int x, int y, bool visible);
-    void present(const Surface& frame);
+    void present(const support::Surface& frame);
 
     // Nothing presented is left: the client has closed the driver or its adapter is gone.
     void forgetFrames();
 
     // Nothing before the first present.
-    const std::optional<Surface>& picture() const { return drawn_; }
+    const std::optional<support::Surface>& picture() const { return drawn_; }
 
   private:
-    void drawPointer(Surface& frame) const;
+    void drawPointer(support::Surface& frame) const;
 
     unsigned desktopWidth_ = 0;
     unsigned desktopHeight_ = 0;
     DISPLAY_ROTATION rotation_ = ROTATION_NONE;
-    std::optional<PointerImage> shape_;
+    std::optional<desktop::PointerImage> shape_;
     DISPLAY_ROTATION shapeRotation_ = ROTATION_NONE; // in force when the shape was set
     int lastX_ = 0;                                  // as the client gave them
     int lastY_ = 0;
     bool lastVisible_ = false;
     int x_ = 0; // after rotation
     int y_ = 0;
-    std::optional<Surface> presented_;
-    std::optional<Surface> drawn_; // the frame with the pointer as of the last hand-over
+    std::optional<support::Surface> presented_;
+    std::optional<support::Surface> drawn_; // the frame with the pointer as of the last hand-over
 };
 
 // The formats in which pixels reach the adapter.
@@ -54,7 +54,7 @@ constexpr unsigned bytesPerPixel(WireFormat format) {
 }
 
 // One pixel in a wire format, as a little-endian number: the high bits of each channel.
-std::uint32_t reduce(Pixel pixel, WireFormat format);
+std::uint32_t reduce(support::Pixel pixel, WireFormat format);
 
 // How a frame was encoded, which decides what of a pixel survives.
 enum class Encoding : std::uint8_t {
@@ -69,7 +69,7 @@ unsigned levelCount(Encoding encoding);
 
 // The frame memory of the adapter after `picture` has come through: bytes without padding between rows.
 // `leadIn` is the number of pixels that a tolerant stream begins with unmerged, as old adapters want it.
-std::vector<std::uint8_t> expectedFrame(const Surface& picture, WireFormat format, Encoding encoding,
+std::vector<std::uint8_t> expectedFrame(const support::Surface& picture, WireFormat format, Encoding encoding,
                                         unsigned level = 0, std::size_t leadIn = 0);
 
 // The first difference between two frames, and how many pixels differ; pixels that only one of them has do.
@@ -86,4 +86,4 @@ std::optional<Difference> compareFrames(std::span<const std::uint8_t> expected,
                                         std::span<const std::uint8_t> shown, unsigned width,
                                         unsigned bytesPerPixel);
 
-} // namespace desktop
+} // namespace rig

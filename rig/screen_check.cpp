@@ -5,12 +5,9 @@
 #include <algorithm>
 #include <fmt/format.h>
 
-namespace tool {
+namespace rig {
 
 namespace {
-
-using desktop::Encoding;
-using desktop::WireFormat;
 
 WireFormat wireFormat(model::PixelFormat format) {
     switch (format) {
@@ -27,7 +24,7 @@ WireFormat wireFormat(model::PixelFormat format) {
 
 // Which encoder serves a compressed mode.
 Encoding encoderFor(WireFormat format, bool groupEncoder, unsigned revision) {
-    if (desktop::bytesPerPixel(format) == 2) {
+    if (bytesPerPixel(format) == 2) {
         return groupEncoder ? Encoding::Quantised : Encoding::Tolerant;
     }
     return revision == 2 ? Encoding::Exact : Encoding::Tolerant;
@@ -58,11 +55,11 @@ std::optional<WireMode> currentWireMode(Session& session) {
 std::vector<ScreenCheck::Candidate> ScreenCheck::candidates(WireMode mode) {
     constexpr unsigned kLeadInBytes = 1025;
     const std::optional<DriverState> driver = probeDriver(session_.client());
-    const unsigned levels = desktop::levelCount(mode.encoding);
+    const unsigned levels = levelCount(mode.encoding);
     if (levels == 1 || !driver) {
         return {{0, 0}};
     }
-    const unsigned bytes = desktop::bytesPerPixel(mode.format);
+    const unsigned bytes = bytesPerPixel(mode.format);
     const std::size_t leadIn = (kLeadInBytes + bytes - 1) / bytes;
     const bool quantised = mode.encoding == Encoding::Quantised;
     const unsigned level = quantised ? driver->quantisationLevel : driver->compressionLevel;
@@ -89,7 +86,7 @@ const ScreenCheck::Expected& ScreenCheck::expectedFor(const Key& key) {
         return found->second;
     }
     std::vector<std::uint8_t> frame =
-        desktop::expectedFrame(picture_, key.mode.format, key.mode.encoding, key.level, key.leadIn);
+        expectedFrame(picture_, key.mode.format, key.mode.encoding, key.level, key.leadIn);
     const std::uint64_t checksum = model::checksum(frame);
     return cache_.emplace(key, Expected{std::move(frame), checksum}).first->second;
 }
@@ -124,11 +121,11 @@ std::string ScreenCheck::problem() {
         return "the client is not open, so there is no mode to compare with";
     }
     const Candidate candidate = candidates(*mode).front();
-    const std::optional<desktop::Difference> difference =
-        desktop::compareFrames(expectedFor({*mode, candidate.level, candidate.leadIn}).frame, shown->pixels,
-                               shown->width, desktop::bytesPerPixel(mode->format));
+    const std::optional<Difference> difference =
+        compareFrames(expectedFor({*mode, candidate.level, candidate.leadIn}).frame, shown->pixels,
+                      shown->width, bytesPerPixel(mode->format));
     return difference ? fmt::format("wrong picture: {}", difference->text(mode->format))
                       : "the picture is right now, but came too late";
 }
 
-} // namespace tool
+} // namespace rig

@@ -9,12 +9,12 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace rig {
 
 // The formats the adapter may be programmed for, and the one way each turns a picture into frame memory.
 struct WireMode {
-    desktop::WireFormat format = desktop::WireFormat::Bgr24;
-    desktop::Encoding encoding = desktop::Encoding::Plain;
+    WireFormat format = rig::WireFormat::Bgr24;
+    Encoding encoding = rig::Encoding::Plain;
     auto operator<=>(const WireMode&) const = default;
 };
 
@@ -26,8 +26,8 @@ std::optional<WireMode> currentWireMode(Session& session);
 class ScreenCheck {
   public:
     // Both outlive the check.
-    ScreenCheck(Session& session, const desktop::Surface& picture) : session_(session), picture_(picture) {}
-    ScreenCheck(Session& session, desktop::Surface&& picture) = delete;
+    ScreenCheck(Session& session, const support::Surface& picture) : session_(session), picture_(picture) {}
+    ScreenCheck(Session& session, support::Surface&& picture) = delete;
 
     // The monitor shows the picture as it comes through at the driver's present level of compression.
     bool matches();
@@ -58,8 +58,8 @@ class ScreenCheck {
     const Expected& expectedFor(const Key& key);
 
     Session& session_;
-    const desktop::Surface& picture_;
+    const support::Surface& picture_;
     std::map<Key, Expected> cache_;
 };
 
-} // namespace tool
+} // namespace rig

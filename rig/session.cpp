@@ -1,13 +1,13 @@
 #include "rig/session.h"
 
 #include "driver/device_add.h"
-#include "rig/exit_status.h"
+#include "rig/errors.h"
 
 #include <exception>
 #include <fmt/format.h>
 #include <utility>
 
-namespace tool {
+namespace rig {
 
 namespace {
 
@@ -196,7 +196,7 @@ void Session::setDisplayPower(bool on) {
     require(client_->setDisplayPower(on), on ? "switching the display on" : "switching the display off");
 }
 
-void Session::present(std::uint64_t identifier, const desktop::Surface& frame) {
+void Session::present(std::uint64_t identifier, const support::Surface& frame) {
     require(client_->present(identifier, frame), "presenting a frame");
     reference_.present(frame);
 }
@@ -236,4 +236,4 @@ std::uint64_t Session::violationCount() const {
     return count;
 }
 
-} // namespace tool
+} // namespace rig

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace tool {
+namespace rig {
 
 struct SessionOptions {
     kernel::SchedulerOptions scheduler;
@@ -45,7 +45,7 @@ class Session {
 
     platform::Machine& machine() { return machine_; }
     desktop::Client& client() { return *client_; }
-    desktop::DesktopReference& reference() { return reference_; }
+    DesktopReference& reference() { return reference_; }
 
     // All of these throw `DeviceError` when there is no adapter, or when it or the driver fails.
     void plug(const PlugOptions& options);
@@ -82,7 +82,7 @@ class Session {
     // Client and reference together.
     void createFrameBuffer(std::uint64_t identifier, unsigned width, unsigned height);
     void setDisplayPower(bool on);
-    void present(std::uint64_t identifier, const desktop::Surface& frame);
+    void present(std::uint64_t identifier, const support::Surface& frame);
     void setPointer(const desktop::PointerImage& shape);
     void movePointer(int x, int y, bool visible);
     void setRotation(DISPLAY_ROTATION rotation);
@@ -99,7 +99,7 @@ class Session {
     bool stopped_ = false;                                  // the verifier ended the run
     std::vector<Setting> settings_;
     std::unique_ptr<desktop::Client> client_;
-    desktop::DesktopReference reference_;
+    DesktopReference reference_;
     platform::DeviceNode* node_ = nullptr;
     std::optional<std::vector<std::uint8_t>> monitor_; // waits for an adapter
 };
@@ -107,4 +107,4 @@ class Session {
 // How long the driver gets to notice a monitor or to bring a picture up: beyond its own longest waits.
 constexpr usb::Time kDriverTimeout = 10 * usb::kSecond;
 
-} // namespace tool
+} // namespace rig

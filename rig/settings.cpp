@@ -8,9 +8,11 @@
 #include <array>
 #include <fmt/format.h>
 
-namespace tool {
+namespace rig {
 
 namespace {
+
+using support::InputError;
 
 constexpr std::array<SettingName, 22> kNames = {{
     {"FullHD50Enable", false},
@@ -63,25 +65,25 @@ Setting parseSetting(std::string_view name, std::string_view value) {
     const auto known =
         std::ranges::find_if(kNames, [name](const SettingName& entry) { return sameName(entry.name, name); });
     if (known == kNames.end()) {
-        throw desktop::InputError(
-            fmt::format("setting \"{}\" is unknown; allowed are {}", name, allowedNames()));
+        throw InputError(fmt::format("setting \"{}\" is unknown; allowed are {}", name, allowedNames()));
     }
     if (known->binary) {
         if (!value.starts_with('@') || value.size() == 1) {
-            throw desktop::InputError(
+            throw InputError(
                 fmt::format("{} is \"{}\"; it is a binary value, allowed is @FILE", known->name, value));
         }
-        return {std::string(known->name), desktop::readFile(std::string(value.substr(1)), kMaxBinaryBytes)};
+        return {std::string(known->name), support::readFile(std::string(value.substr(1)), kMaxBinaryBytes)};
     }
-    return {std::string(known->name), static_cast<ULONG>(parseNumber(value, known->name, 0, 0xFFFFFFFF))};
+    return {std::string(known->name),
+            static_cast<ULONG>(support::parseNumber(value, known->name, 0, 0xFFFFFFFF))};
 }
 
 Setting parseAssignment(std::string_view text) {
     const std::size_t equals = text.find('=');
     if (equals == std::string_view::npos) {
-        throw desktop::InputError(fmt::format("setting \"{}\" has no value; allowed is NAME=VALUE", text));
+        throw InputError(fmt::format("setting \"{}\" has no value; allowed is NAME=VALUE", text));
     }
     return parseSetting(text.substr(0, equals), text.substr(equals + 1));
 }
 
-} // namespace tool
+} // namespace rig

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-namespace tool {
+namespace rig {
 
 struct Setting {
     std::string name;
@@ -27,4 +27,4 @@ Setting parseSetting(std::string_view name, std::string_view value);
 // "NAME=VALUE".
 Setting parseAssignment(std::string_view text);
 
-} // namespace tool
+} // namespace rig

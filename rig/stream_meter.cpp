@@ -1,9 +1,10 @@
 #include "rig/stream_meter.h"
 
 #include <algorithm>
-#include <fmt/format.h>
+#include <optional>
+#include <utility>
 
-namespace tool {
+namespace rig {
 
 namespace {
 
@@ -28,8 +29,24 @@ unsigned encodingsAgain(unsigned from, unsigned to) {
     return count;
 }
 
-std::string range(unsigned lowest, unsigned highest) {
-    return lowest == highest ? std::to_string(lowest) : fmt::format("{} to {}", lowest, highest);
+std::uint64_t framesEncodedAgain(const std::vector<StreamSample>& samples) {
+    std::uint64_t again = 0;
+    unsigned level = 0;
+    for (const StreamSample& sample : samples) {
+        again += encodingsAgain(level, sample.quantisationLevel);
+        level = sample.quantisationLevel;
+    }
+    return again;
+}
+
+std::uint64_t formatSwitches(const std::vector<StreamSample>& samples) {
+    std::uint64_t switches = 0;
+    unsigned bits = 0;
+    for (const StreamSample& sample : samples) {
+        switches += bits != 0 && sample.bitsPerPixel != 0 && sample.bitsPerPixel != bits;
+        bits = sample.bitsPerPixel != 0 ? sample.bitsPerPixel : bits;
+    }
+    return switches;
 }
 
 } // namespace
@@ -62,19 +79,13 @@ StreamMeter::Counters StreamMeter::count() const {
         }
     }
     counters.allocations = session_.machine().poolAllocations() + session_.machine().objectCreations();
-    counters.adapter = session_.adapter().statistics();
+    counters.frameErrors = session_.adapter().statistics().frameErrors;
     return counters;
 }
 
 void StreamMeter::framePresented() {
     presented_++;
     sample();
-}
-
-void StreamMeter::finish() {
-    sample();
-    end_ = count();
-    session_.adapter().setScreenListener(nullptr);
 }
 
 void StreamMeter::sample() {
@@ -88,119 +99,37 @@ void StreamMeter::sample() {
                         .compressed = mode && mode->compressed,
                         .compressionLevel = driver.compressionLevel,
                         .quantisationLevel = driver.quantisationLevel,
-                        .frameErrors = now.adapter.frameErrors - begin_.adapter.frameErrors});
+                        .frameErrors = now.frameErrors - begin_.frameErrors});
     atLastSample_ = now;
 }
 
-std::uint64_t StreamMeter::framesEncodedAgain() const {
-    std::uint64_t again = 0;
-    unsigned level = 0;
-    for (const Sample& sample : samples_) {
-        again += encodingsAgain(level, sample.quantisationLevel);
-        level = sample.quantisationLevel;
-    }
-    return again;
-}
-
-std::uint64_t StreamMeter::formatSwitches() const {
-    std::uint64_t switches = 0;
-    unsigned bits = 0;
-    for (const Sample& sample : samples_) {
-        switches += bits != 0 && sample.bitsPerPixel != 0 && sample.bitsPerPixel != bits;
-        bits = sample.bitsPerPixel != 0 ? sample.bitsPerPixel : bits;
-    }
-    return switches;
-}
-
-void StreamMeter::report(Report& report, bool realTime) const {
-    reportFrames(report, realTime);
-    reportCpu(report);
-    reportLevels(report);
-    report.add("series", series());
-}
-
-void StreamMeter::reportFrames(Report& report, bool realTime) const {
+double StreamMeter::frameRate() const {
     const std::uint64_t shown = screen_->changes;
-    const std::uint64_t sent = end_.transfers - begin_.transfers;
-    const std::uint64_t bytes = end_.bytes - begin_.bytes;
-    const usb::Time elapsed = std::max<usb::Time>(end_.time - begin_.time, 1);
-    const double rate = shown > 1 ? static_cast<double>(shown - 1) /
-                                        seconds(std::max<usb::Time>(screen_->last - screen_->first, 1))
-                                  : 0;
-    const double busy = static_cast<double>(end_.busy - begin_.busy) / static_cast<double>(elapsed);
-    report.add("frames", {{"presented", presented_}, {"shown", shown}, {"sent", sent}}, "frames",
-               fmt::format("{} presented, {} shown, {} sent with their repeats", presented_, shown, sent));
-    report.add("wire",
-               {{"bytes", bytes},
-                {"bytes_per_frame", sent == 0 ? 0 : bytes / sent},
-                {"bandwidth", session_.link().bandwidth()},
-                {"busy", busy}},
-               "wire",
-               fmt::format("{} bytes, {} a frame; link of {:.3g} MB/s busy {:.1f} %", bytes,
-                           sent == 0 ? 0 : bytes / sent,
-                           static_cast<double>(session_.link().bandwidth()) / 1e6, busy * 100));
-    report.add("frame_rate", rate, "frame rate",
-               shown > 1
-                   ? fmt::format("{:.1f} pictures a second of {} time", rate, realTime ? "real" : "virtual")
-                   : "one picture, no rate");
-    report.add("seconds", seconds(elapsed));
-    report.add("clock", realTime ? "real" : "virtual");
+    const usb::Time elapsed = std::max<usb::Time>(screen_->last - screen_->first, 1);
+    return shown > 1 ? static_cast<double>(shown - 1) / seconds(elapsed) : 0;
 }
 
-void StreamMeter::reportCpu(Report& report) const {
-    const std::uint64_t fill = growth(begin_.fill, end_.fill);
-    const std::uint64_t convert = growth(begin_.convert, end_.convert);
-    const std::uint64_t complete = growth(begin_.complete, end_.complete);
-    const auto inMs = [](std::uint64_t nanoseconds) { return static_cast<double>(nanoseconds) / 1e6; };
-    report.add("cpu_ms", {{"client_fill", inMs(fill)},
-                          {"convert_and_queue", inMs(convert)},
-                          {"send_and_complete", inMs(complete)}});
-    const double frames = static_cast<double>(std::max<std::uint64_t>(presented_, 1));
-    report.add(
-        "cpu_ms_per_frame",
-        {{"client_fill", inMs(fill) / frames},
-         {"convert_and_queue", inMs(convert) / frames},
-         {"send_and_complete", inMs(complete) / frames}},
-        "CPU per frame",
-        fmt::format("client fill {:.2f} ms | convert and queue {:.2f} ms | send and complete {:.2f} ms",
-                    inMs(fill) / frames, inMs(convert) / frames, inMs(complete) / frames));
-    report.add("allocations", end_.allocations - begin_.allocations, "allocations",
-               fmt::format("{} in the driver while streaming", end_.allocations - begin_.allocations));
+StreamFigures StreamMeter::finish() {
+    sample();
+    const Counters end = count();
+    session_.adapter().setScreenListener(nullptr);
+    const usb::Time elapsed = std::max<usb::Time>(end.time - begin_.time, 1);
+    return {.presented = presented_,
+            .shown = screen_->changes,
+            .sent = end.transfers - begin_.transfers,
+            .bytes = end.bytes - begin_.bytes,
+            .bandwidth = session_.link().bandwidth(),
+            .busy = static_cast<double>(end.busy - begin_.busy) / static_cast<double>(elapsed),
+            .frameRate = frameRate(),
+            .seconds = seconds(elapsed),
+            .fillNanoseconds = growth(begin_.fill, end.fill),
+            .convertNanoseconds = growth(begin_.convert, end.convert),
+            .completeNanoseconds = growth(begin_.complete, end.complete),
+            .allocations = end.allocations - begin_.allocations,
+            .frameErrors = end.frameErrors - begin_.frameErrors,
+            .formatSwitches = formatSwitches(samples_),
+            .framesEncodedAgain = framesEncodedAgain(samples_),
+            .samples = std::move(samples_)};
 }
 
-void StreamMeter::reportLevels(Report& report) const {
-    const std::uint64_t errors = end_.adapter.frameErrors - begin_.adapter.frameErrors;
-    report.add("frame_errors", errors);
-    report.add("format_switches", formatSwitches());
-    if (errors != 0 || formatSwitches() != 0) {
-        report.addLine(
-            fmt::format("{} frame errors, {} changes of bits per pixel", errors, formatSwitches()));
-    }
-    report.add("frames_encoded_again", framesEncodedAgain());
-    if (std::ranges::none_of(samples_, &Sample::compressed)) {
-        return;
-    }
-    const auto [coarse, finest] = std::ranges::minmax_element(samples_, {}, &Sample::compressionLevel);
-    const auto [low, high] = std::ranges::minmax_element(samples_, {}, &Sample::quantisationLevel);
-    report.add("compression_level", samples_.back().compressionLevel, "compression",
-               fmt::format("level {}; quantisation level {}; {} frames encoded again",
-                           range(coarse->compressionLevel, finest->compressionLevel),
-                           range(low->quantisationLevel, high->quantisationLevel), framesEncodedAgain()));
-    report.add("quantisation_level", samples_.back().quantisationLevel);
-}
-
-Json StreamMeter::series() const {
-    Json list = Json::array();
-    for (const Sample& sample : samples_) {
-        list.push_back({{"ms", seconds(sample.time) * 1000},
-                        {"bytes", sample.bytes},
-                        {"transfers", sample.transfers},
-                        {"bits_per_pixel", sample.bitsPerPixel},
-                        {"compression_level", sample.compressionLevel},
-                        {"quantisation_level", sample.quantisationLevel},
-                        {"frame_errors", sample.frameErrors}});
-    }
-    return list;
-}
-
-} // namespace tool
+} // namespace rig

@@ -3,14 +3,44 @@
 
 #include "rig/driver_probe.h"
 #include "rig/session.h"
-#include "tool/report.h"
 
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
 
-namespace tool {
+namespace rig {
+
+// The stream just after a frame was presented, or at its end.
+struct StreamSample {
+    usb::Time time = 0;      // since the meter began
+    std::uint64_t bytes = 0; // since the sample before
+    std::uint64_t transfers = 0;
+    unsigned bitsPerPixel = 0;
+    bool compressed = false;
+    unsigned compressionLevel = 0;
+    unsigned quantisationLevel = 0;
+    std::uint64_t frameErrors = 0; // since the meter began
+};
+
+struct StreamFigures {
+    std::uint64_t presented = 0; // frames
+    std::uint64_t shown = 0;     // pictures that became visible
+    std::uint64_t sent = 0;      // transfers, with the repeats of a frame
+    std::uint64_t bytes = 0;
+    std::uint64_t bandwidth = 0; // of the link, bytes per second
+    double busy = 0;             // share of the time in which the link carried data
+    double frameRate = 0;        // pictures per second; 0 with fewer than two
+    double seconds = 0;
+    std::uint64_t fillNanoseconds = 0;     // processor time: the client fills frame buffers,
+    std::uint64_t convertNanoseconds = 0;  // the driver converts and queues,
+    std::uint64_t completeNanoseconds = 0; // and sends and completes
+    std::uint64_t allocations = 0;         // pool allocations and framework objects
+    std::uint64_t frameErrors = 0;
+    std::uint64_t formatSwitches = 0; // changes of bits per pixel
+    std::uint64_t framesEncodedAgain = 0;
+    std::vector<StreamSample> samples;
+};
 
 class StreamMeter {
   public:
@@ -23,10 +53,8 @@ class StreamMeter {
     // After each present: takes a sample.
     void framePresented();
 
-    // The last picture is there.
-    void finish();
-
-    void report(Report& report, bool realTime) const;
+    // The last picture is there: ends the measurement.
+    StreamFigures finish();
 
   private:
     struct Counters {
@@ -38,16 +66,6 @@ class StreamMeter {
         std::uint64_t convert = 0;  // ns
         std::uint64_t complete = 0; // ns
         std::uint64_t allocations = 0;
-        model::Statistics adapter;
-    };
-    struct Sample {
-        usb::Time time = 0;
-        std::uint64_t bytes = 0; // since the sample before
-        std::uint64_t transfers = 0;
-        unsigned bitsPerPixel = 0;
-        bool compressed = false;
-        unsigned compressionLevel = 0;
-        unsigned quantisationLevel = 0;
         std::uint64_t frameErrors = 0;
     };
     // Pictures that became visible; written by the task that delivers a frame.
@@ -59,20 +77,14 @@ class StreamMeter {
 
     Counters count() const;
     void sample();
-    std::uint64_t framesEncodedAgain() const;
-    std::uint64_t formatSwitches() const;
-    void reportFrames(Report& report, bool realTime) const;
-    void reportCpu(Report& report) const;
-    void reportLevels(Report& report) const;
-    Json series() const;
+    double frameRate() const;
 
     Session& session_;
     std::shared_ptr<Screen> screen_ = std::make_shared<Screen>();
     Counters begin_;
-    Counters end_;
     Counters atLastSample_;
     std::uint64_t presented_ = 0;
-    std::vector<Sample> samples_;
+    std::vector<StreamSample> samples_;
 };
 
-} // namespace tool
+} // namespace rig

@@ -12,7 +12,7 @@
 #include <unistd.h>
 #include <utility>
 
-namespace desktop {
+namespace support {
 
 namespace {
 
@@ -152,4 +152,4 @@ void requireWritable(const std::string& file) {
     }
 }
 
-} // namespace desktop
+} // namespace support

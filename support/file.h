@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace desktop {
+namespace support {
 
 // What messages call the file: its name in quotes, or "standard input".
 std::string inputName(const std::string& file);
@@ -21,4 +21,4 @@ void writeFile(const std::string& file, std::span<const std::uint8_t> contents);
 // Fails as `writeFile` would for want of a writable directory, so that a long run need not end in it.
 void requireWritable(const std::string& file);
 
-} // namespace desktop
+} // namespace support

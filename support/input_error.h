@@ -3,11 +3,11 @@
 
 #include <stdexcept>
 
-namespace desktop {
+namespace support {
 
 class InputError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-} // namespace desktop
+} // namespace support

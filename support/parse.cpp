@@ -6,7 +6,7 @@
 #include <charconv>
 #include <fmt/format.h>
 
-namespace tool {
+namespace support {
 
 namespace {
 
@@ -26,7 +26,7 @@ std::uint64_t parseNumber(std::string_view text, std::string_view what, std::uin
     std::uint64_t value = 0;
     if (!readNumber(hexadecimal ? text.substr(2) : text, value, hexadecimal ? 16 : 10) || value < least ||
         value > most) {
-        throw desktop::InputError(
+        throw InputError(
             fmt::format("{} is \"{}\"; allowed is a number from {} to {}", what, text, least, most));
     }
     return value;
@@ -36,7 +36,7 @@ int parseCoordinate(std::string_view text, std::string_view what) {
     constexpr int kLimit = 32768;
     int value = 0;
     if (!readNumber(text, value) || value < -kLimit || value > kLimit) {
-        throw desktop::InputError(
+        throw InputError(
             fmt::format("{} is \"{}\"; allowed is a number from {} to {}", what, text, -kLimit, kLimit));
     }
     return value;
@@ -47,9 +47,9 @@ Size parseSize(std::string_view text, std::string_view what) {
     Size size;
     if (cross == std::string_view::npos || !readNumber(text.substr(0, cross), size.width) ||
         !readNumber(text.substr(cross + 1), size.height) || size.width == 0 || size.height == 0 ||
-        size.width > desktop::kMaxSurfaceSide || size.height > desktop::kMaxSurfaceSide) {
-        throw desktop::InputError(fmt::format("{} is \"{}\"; allowed is WIDTHxHEIGHT, each from 1 to {}",
-                                              what, text, desktop::kMaxSurfaceSide));
+        size.width > kMaxSurfaceSide || size.height > kMaxSurfaceSide) {
+        throw InputError(fmt::format("{} is \"{}\"; allowed is WIDTHxHEIGHT, each from 1 to {}", what, text,
+                                     kMaxSurfaceSide));
     }
     return size;
 }
@@ -57,10 +57,10 @@ Size parseSize(std::string_view text, std::string_view what) {
 std::uint64_t parseBandwidth(std::string_view text, std::string_view what) {
     double megabytes = 0;
     if (!readNumber(text, megabytes) || !(megabytes >= 0.001 && megabytes <= 100000)) {
-        throw desktop::InputError(
+        throw InputError(
             fmt::format("{} is \"{}\"; allowed are 0.001 to 100000 megabytes per second", what, text));
     }
     return static_cast<std::uint64_t>(megabytes * 1e6);
 }
 
-} // namespace tool
+} // namespace support

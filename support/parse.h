@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
-namespace tool {
+namespace support {
 
 struct Size {
     unsigned width = 0;
@@ -26,4 +26,4 @@ Size parseSize(std::string_view text, std::string_view what);
 // Megabytes (10^6 bytes) per second, with decimals; as bytes per second.
 std::uint64_t parseBandwidth(std::string_view text, std::string_view what);
 
-} // namespace tool
+} // namespace support

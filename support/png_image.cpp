@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-namespace desktop {
+namespace support {
 
 namespace {
 
@@ -82,4 +82,4 @@ void writePng(const std::string& file, const Surface& picture) {
     writeFile(file, contents);
 }
 
-} // namespace desktop
+} // namespace support

@@ -7,7 +7,7 @@
 #include <span>
 #include <string>
 
-namespace desktop {
+namespace support {
 
 // With straight alpha in byte 3 of each pixel; 255 everywhere when the file has none.
 Surface readPngWithAlpha(const std::string& file);
@@ -19,4 +19,4 @@ Surface readPng(const std::string& file);
 // 8 bits per channel, no alpha. "-" writes to standard output.
 void writePng(const std::string& file, const Surface& picture);
 
-} // namespace desktop
+} // namespace support

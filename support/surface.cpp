@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace desktop {
+namespace support {
 
 Surface scale(const Surface& source, unsigned width, unsigned height) {
     if (source.width == width && source.height == height) {
@@ -31,4 +31,4 @@ Surface center(const Surface& source, unsigned width, unsigned height) {
     return result;
 }
 
-} // namespace desktop
+} // namespace support

@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-namespace desktop {
+namespace support {
 
 static_assert(std::endian::native == std::endian::little, "pixels are read as little-endian words");
 
@@ -41,4 +41,4 @@ Surface scale(const Surface& source, unsigned width, unsigned height);
 // The picture in the middle of a black frame of the given size, cut where it does not fit.
 Surface center(const Surface& source, unsigned width, unsigned height);
 
-} // namespace desktop
+} // namespace support

@@ -1,8 +1,8 @@
 #include "tool/edid.h"
 
-#include "rig/builtin_edid.h"
 #include "rig/session.h"
 #include "support/file.h"
+#include "tool/edid_file.h"
 #include "tool/edid_modes.h"
 #include "tool/mode_list.h"
 #include "tool/report.h"
@@ -15,6 +15,9 @@
 namespace tool {
 
 namespace {
+
+using rig::Session;
+using rig::Setting;
 
 using Block = std::array<std::uint8_t, EDID_BLOCK_SIZE>;
 
@@ -122,15 +125,15 @@ void printReport(const EdidOptions& options, const std::vector<ModeFate>& fates,
 ExitStatus showEdid(const EdidOptions& options) {
     const std::vector<std::uint8_t> edid = loadEdid(options.file);
     if (!options.out.empty()) {
-        desktop::requireWritable(options.out);
+        support::requireWritable(options.out);
     }
-    SessionOptions sessionOptions;
+    rig::SessionOptions sessionOptions;
     sessionOptions.scheduler.seed = options.seed;
     sessionOptions.settings = options.settings;
     Session session(sessionOptions);
     const Block block = readThroughDriver(session, options, edid);
     if (!options.out.empty()) {
-        desktop::writeFile(options.out, block);
+        support::writeFile(options.out, block);
     }
     printReport(options, explainRewrite(edid, block, conditionsOf(options)), block, session.violations());
     return session.violationCount() == 0 ? ExitStatus::Right : ExitStatus::Wrong;

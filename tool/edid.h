@@ -2,8 +2,8 @@
 #pragma once
 
 #include "model/adapter.h"
-#include "rig/exit_status.h"
 #include "rig/settings.h"
+#include "tool/exit_status.h"
 
 #include <cstdint>
 #include <string>
@@ -14,7 +14,7 @@ namespace tool {
 struct EdidOptions {
     std::string file; // "-" for standard input
     model::AdapterOptions adapter;
-    std::vector<Setting> settings;
+    std::vector<rig::Setting> settings;
     std::string out; // the block the client reads
     std::uint64_t seed = 1;
     bool json = false;

@@ -22,7 +22,7 @@ using Bytes = std::span<const std::uint8_t>;
 
 struct KnownMode {
     unsigned code; // bit from the highest of byte 35 on, or VIC
-    Size size;
+    support::Size size;
     unsigned refresh;
 };
 

@@ -14,7 +14,7 @@ namespace tool {
 
 struct EdidMode {
     std::string place; // "established", "standard 3", "detailed 1", "CEA VIC 16"
-    Size size;
+    support::Size size;
     unsigned refresh = 0; // Hz, rounded
     unsigned code = 0;    // bit number, entry, slot or VIC: what tells two modes of one kind apart
 
@@ -41,7 +41,7 @@ struct RewriteConditions {
     unsigned filter = 1;        // "FilterEdidTableEnable"
     bool ignored = false;       // "UseForceNonPnpMonitor": the EDID is not read
     bool ceaModesCount = false; // read with a transmitter: CEA modes take part in choosing the preferred one
-    std::function<bool(Size, unsigned refresh)> supported; // the adapter can drive it
+    std::function<bool(support::Size, unsigned refresh)> supported; // the adapter can drive it
 };
 
 // `after` is the block the client reads.

@@ -1,10 +1,11 @@
 // The command line. Reads options, calls one command, and turns what it throws into an exit status.
 #include "desktop/frame_source.h"
-#include "rig/exit_status.h"
+#include "rig/errors.h"
 #include "rig/settings.h"
 #include "support/input_error.h"
 #include "support/parse.h"
 #include "tool/edid.h"
+#include "tool/exit_status.h"
 #include "tool/modes.h"
 #include "tool/script.h"
 #include "tool/script_actions.h"
@@ -18,7 +19,8 @@
 
 namespace {
 
-using desktop::InputError;
+using support::InputError;
+
 using tool::ExitStatus;
 
 constexpr const char* kAbout =
@@ -55,17 +57,17 @@ std::pair<int, int> parsePoint(const std::string& text, const std::string& name)
     if (comma == std::string::npos) {
         throw InputError(fmt::format("{} is \"{}\"; allowed is X,Y", name, text));
     }
-    return {tool::parseCoordinate(text.substr(0, comma), name),
-            tool::parseCoordinate(text.substr(comma + 1), name)};
+    return {support::parseCoordinate(text.substr(0, comma), name),
+            support::parseCoordinate(text.substr(comma + 1), name)};
 }
 
-void addSettings(CLI::App* command, std::vector<tool::Setting>& settings) {
+void addSettings(CLI::App* command, std::vector<rig::Setting>& settings) {
     command
         ->add_option_function<std::vector<std::string>>(
             "--set",
             [&settings](const std::vector<std::string>& list) {
                 for (const std::string& text : list) {
-                    settings.push_back(tool::parseAssignment(text));
+                    settings.push_back(rig::parseAssignment(text));
                 }
             },
             "A value under the driver's Parameters key; again for more. Binary values: NAME=@FILE")
@@ -82,7 +84,7 @@ void addLink(CLI::App* command, usb::Speed& link) {
 void addSeed(CLI::App* command, std::uint64_t& seed) {
     addParsed(command, "--seed", seed, "Chooses the schedule: which task runs when. A failure names it", "N",
               [](const std::string& text, const std::string& name) {
-                  return tool::parseNumber(text, name, 0, UINT64_MAX);
+                  return support::parseNumber(text, name, 0, UINT64_MAX);
               });
     command->get_option("--seed")->envname("SIM_SEED");
 }
@@ -121,13 +123,13 @@ void addShow(CLI::App& app, CommandBody& action) {
                      "Needs --size")
         ->type_name("F|-");
     addParsed(command, "--size", options->size, "Size of the frames; a picture is scaled to it", "WxH",
-              tool::parseSize);
+              support::parseSize);
     addParsed(command, "--mode", options->mode,
               "Display mode; frames of another size stand in its middle. By default the size of the frames",
-              "WxH", tool::parseSize);
+              "WxH", support::parseSize);
     addAdapter(command, options->adapter);
     addParsed(command, "--bandwidth", options->bandwidth,
-              "What the link carries, by default 40 (usb2) or 400 (usb3)", "MB/S", tool::parseBandwidth);
+              "What the link carries, by default 40 (usb2) or 400 (usb3)", "MB/S", support::parseBandwidth);
     command
         ->add_option("--edid", options->edid,
                      "The monitor's EDID; by default one of 1920x1080, none for a monitor without")
@@ -136,11 +138,11 @@ void addShow(CLI::App& app, CommandBody& action) {
     addParsed(command, "--frames", options->frames,
               "Frames to present, by default 1, or 60 for a pattern that moves, or the whole video", "N",
               [](const std::string& text, const std::string& name) {
-                  return static_cast<unsigned>(tool::parseNumber(text, name, 1, 10'000'000));
+                  return static_cast<unsigned>(support::parseNumber(text, name, 1, 10'000'000));
               });
     addParsed(command, "--rate", options->rate, "Frames presented a second, by default 60", "N",
               [](const std::string& text, const std::string& name) {
-                  return static_cast<unsigned>(tool::parseNumber(text, name, 1, 1000));
+                  return static_cast<unsigned>(support::parseNumber(text, name, 1, 1000));
               });
     addParsed(command, "--pointer", options->pointer, "Show an arrow with its top-left corner there", "X,Y",
               parsePoint);
@@ -237,7 +239,7 @@ int main(int argc, char** argv) {
         return runTool(argc, argv);
     } catch (const InputError& error) {
         return fail(ExitStatus::BadInput, error.what());
-    } catch (const tool::WrongResult& error) {
+    } catch (const rig::WrongResult& error) {
         return fail(ExitStatus::Wrong, error.what());
     } catch (const std::exception& error) {
         return fail(ExitStatus::Failed, error.what());

@@ -11,6 +11,8 @@ namespace tool {
 
 namespace {
 
+using support::Size;
+
 constexpr unsigned kDesktopRefresh = 60; // at which the driver sets every mode that a client asks for
 
 // 10 MHz times the multiplier over the divider; half of it when bit 9 is set.
@@ -63,7 +65,7 @@ void requireShowable(Size size, std::string_view what) {
             allowed += fmt::format("{}{}x{}", allowed.empty() ? "" : ", ", mode.size.width, mode.size.height);
         }
     }
-    throw desktop::InputError(
+    throw support::InputError(
         fmt::format("{} is {}x{}; the adapter can show {}", what, size.width, size.height, allowed));
 }
 

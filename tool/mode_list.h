@@ -10,7 +10,7 @@
 namespace tool {
 
 struct ModeInfo {
-    Size size;
+    support::Size size;
     unsigned refresh = 0;         // Hz, nominal
     double exactRefresh = 0;      // Hz, of the pixel clock that the PLL makes
     std::uint64_t pixelClock = 0; // Hz, of the timing at the nominal refresh
@@ -24,9 +24,9 @@ struct ModeInfo {
 std::vector<ModeInfo> modeList();
 
 // A monitor may offer the mode to the client.
-bool isOffered(Size size, unsigned refresh);
+bool isOffered(support::Size size, unsigned refresh);
 
 // Throws `InputError` unless a client can show frames of this size.
-void requireShowable(Size size, std::string_view what);
+void requireShowable(support::Size size, std::string_view what);
 
 } // namespace tool

@@ -1,7 +1,7 @@
 // `usbdisplay modes`: the driver's mode table.
 #pragma once
 
-#include "rig/exit_status.h"
+#include "tool/exit_status.h"
 
 namespace tool {
 

@@ -14,7 +14,7 @@ namespace tool {
 
 namespace {
 
-using desktop::InputError;
+using support::InputError;
 
 // The words of a line after the action's name.
 using Words = std::span<const std::string_view>;
@@ -55,11 +55,11 @@ Action parseSimple(Words words) {
 Action parseRegistry(Words words) {
     requireCount(words, 2, 2);
     if (!words[1].starts_with('@')) {
-        const Setting checked = parseSetting(words[0], words[1]);
+        const rig::Setting checked = rig::parseSetting(words[0], words[1]);
         return RegistryAction{checked.name, std::string(words[1])};
     }
-    const auto binary = [&](const SettingName& entry) { return entry.binary && entry.name == words[0]; };
-    if (std::ranges::none_of(settingNames(), binary) || words[1].size() == 1) {
+    const auto binary = [&](const rig::SettingName& entry) { return entry.binary && entry.name == words[0]; };
+    if (std::ranges::none_of(rig::settingNames(), binary) || words[1].size() == 1) {
         throw InputError(fmt::format("\"{}\" takes no @FILE; allowed are EepromData and SpiData", words[0]));
     }
     return RegistryAction{std::string(words[0]), std::string(words[1])};
@@ -80,17 +80,17 @@ void applyPlugOption(PlugAction& plug, std::string_view word) {
     const std::string_view key = word.substr(0, equals);
     const std::string_view value = equals == std::string_view::npos ? "" : word.substr(equals + 1);
     if (key == "revision") {
-        plug.adapter.revision = static_cast<unsigned>(parseNumber(value, key, 0, 3));
+        plug.adapter.revision = static_cast<unsigned>(support::parseNumber(value, key, 0, 3));
     } else if (key == "link") {
         plug.adapter.link = choose(value, key, kLinks);
     } else if (key == "product") {
         plug.adapter.product = choose(value, key, kProducts);
     } else if (key == "bcd-usb") {
-        plug.adapter.bcdUsb = static_cast<std::uint16_t>(parseNumber(value, key, 0, 0xFFFF));
+        plug.adapter.bcdUsb = static_cast<std::uint16_t>(support::parseNumber(value, key, 0, 0xFFFF));
     } else if (key == "ddc") {
         plug.adapter.ddcPath = choose(value, key, kPaths);
     } else if (key == "bandwidth") {
-        plug.bandwidth = parseBandwidth(value, key);
+        plug.bandwidth = support::parseBandwidth(value, key);
     } else {
         throw WrongArguments{};
     }
@@ -115,12 +115,12 @@ Action parseAttach(Words words) {
 }
 
 std::uint64_t parseIdentifier(std::string_view word) {
-    return parseNumber(word, "frame buffer", 0, UINT64_MAX);
+    return support::parseNumber(word, "frame buffer", 0, UINT64_MAX);
 }
 
 Action parseCreate(Words words) {
     requireCount(words, 2, 2);
-    return CreateAction{parseIdentifier(words[0]), parseSize(words[1], "size")};
+    return CreateAction{parseIdentifier(words[0]), support::parseSize(words[1], "size")};
 }
 
 Action parseDisplay(Words words) {
@@ -136,8 +136,9 @@ Action parsePresent(Words words) {
 
 Action parseStream(Words words) {
     requireCount(words, 3, 3);
-    return PresentAction{parseIdentifier(words[0]), std::string(words[1]),
-                         static_cast<unsigned>(parseNumber(words[2], "number of frames", 1, 1'000'000))};
+    return PresentAction{
+        parseIdentifier(words[0]), std::string(words[1]),
+        static_cast<unsigned>(support::parseNumber(words[2], "number of frames", 1, 1'000'000))};
 }
 
 Action parsePointer(Words words) {
@@ -151,8 +152,8 @@ Action parsePointer(Words words) {
         pointer.shape = words[0];
     }
     if (words.size() == 3) {
-        pointer.x = parseCoordinate(words[1], "X");
-        pointer.y = parseCoordinate(words[2], "Y");
+        pointer.x = support::parseCoordinate(words[1], "X");
+        pointer.y = support::parseCoordinate(words[2], "Y");
     } else if (words.size() == 2 || pointer.shape.empty()) {
         throw WrongArguments{};
     }
@@ -161,12 +162,12 @@ Action parsePointer(Words words) {
 
 Action parseRotate(Words words) {
     requireCount(words, 1, 1);
-    return RotateAction{static_cast<DISPLAY_ROTATION>(parseNumber(words[0], "rotation", 1, 4))};
+    return RotateAction{static_cast<DISPLAY_ROTATION>(support::parseNumber(words[0], "rotation", 1, 4))};
 }
 
 Action parseWait(Words words) {
     requireCount(words, 1, 1);
-    return WaitAction{parseNumber(words[0], "milliseconds", 0, 86'400'000)};
+    return WaitAction{support::parseNumber(words[0], "milliseconds", 0, 86'400'000)};
 }
 
 Action parseSave(Words words) {
@@ -176,7 +177,7 @@ Action parseSave(Words words) {
 
 Action parseBandwidthAction(Words words) {
     requireCount(words, 1, 1);
-    return BandwidthAction{parseBandwidth(words[0], "bandwidth")};
+    return BandwidthAction{support::parseBandwidth(words[0], "bandwidth")};
 }
 
 Action parseMemory(Words words) {

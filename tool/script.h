@@ -28,7 +28,7 @@ struct AttachAction {
 struct OpenAction {};
 struct CreateAction {
     std::uint64_t identifier = 0;
-    Size size;
+    support::Size size;
 };
 struct DisplayAction {
     bool on = false;

@@ -1,13 +1,14 @@
 #include "tool/script_actions.h"
 
 #include "desktop/frame_source.h"
-#include "rig/builtin_edid.h"
 #include "rig/driver_probe.h"
+#include "rig/errors.h"
 #include "rig/screen_check.h"
 #include "rig/session.h"
 #include "support/file.h"
 #include "support/input_error.h"
 #include "support/png_image.h"
+#include "tool/edid_file.h"
 #include "tool/report.h"
 #include "tool/script.h"
 #include "tool/transmitter_report.h"
@@ -21,8 +22,14 @@ namespace tool {
 
 namespace {
 
-using desktop::InputError;
-using desktop::Surface;
+using rig::DeviceError;
+using rig::kDriverTimeout;
+using rig::Session;
+using rig::SessionOptions;
+using rig::Setting;
+using rig::WrongResult;
+using support::InputError;
+using support::Surface;
 
 constexpr std::size_t kMaxScriptBytes = 16u << 20;
 constexpr unsigned kStreamRate = 60;
@@ -57,8 +64,8 @@ class ScriptFiles {
                                pointers_.emplace(a.shape, pointer(a.shape));
                            }
                        },
-                       [](const SaveAction& a) { desktop::requireWritable(a.file); },
-                       [](const MemoryAction& a) { desktop::requireWritable(a.file); },
+                       [](const SaveAction& a) { support::requireWritable(a.file); },
+                       [](const MemoryAction& a) { support::requireWritable(a.file); },
                        [](const auto&) {},
                    },
                    action);
@@ -74,7 +81,7 @@ class ScriptFiles {
   private:
     Setting setting(const RegistryAction& action) const {
         const bool fromFile = action.value.starts_with('@');
-        return parseSetting(action.name, fromFile ? "@" + place(action.value.substr(1)) : action.value);
+        return rig::parseSetting(action.name, fromFile ? "@" + place(action.value.substr(1)) : action.value);
     }
 
     std::string edidPlace(const std::string& file) const {
@@ -83,15 +90,15 @@ class ScriptFiles {
 
     void loadPicture(const std::string& file) {
         if (!pictures_.contains(file)) {
-            pictures_.emplace(file, desktop::readPng(place(file)));
+            pictures_.emplace(file, support::readPng(place(file)));
         }
     }
 
     desktop::PointerImage pointer(const std::string& name) const {
         return desktop::isBuiltinPointer(name)
                    ? desktop::builtinPointer(name)
-                   : desktop::pointerFromPicture(desktop::readPngWithAlpha(place(name)),
-                                                 desktop::inputName(place(name)));
+                   : desktop::pointerFromPicture(support::readPngWithAlpha(place(name)),
+                                                 support::inputName(place(name)));
     }
 
     std::filesystem::path folder_;
@@ -183,10 +190,10 @@ class Performer {
         }
         Surface picture(shown->width, shown->height);
         std::memcpy(picture.pixels.data(), shown->pixels.data(), shown->pixels.size());
-        desktop::writePng(a.file, picture);
+        support::writePng(a.file, picture);
     }
 
-    void perform(const MemoryAction& a) { desktop::writeFile(a.file, session_.adapter().memory(a.memory)); }
+    void perform(const MemoryAction& a) { support::writeFile(a.file, session_.adapter().memory(a.memory)); }
 
     void perform(const TransmitterAction& a) {
         session_.adapter().setDeaf(model::Part::Transmitter, a.state == TransmitterState::Deaf);
@@ -204,7 +211,7 @@ class Performer {
             details_["bits_per_pixel"] = 8 * model::bytesPerPixel(mode->format);
             details_["compressed"] = mode->compressed;
         }
-        if (const std::optional<DriverState> driver = probeDriver(session_.client())) {
+        if (const std::optional<rig::DriverState> driver = rig::probeDriver(session_.client())) {
             details_["compression_level"] = driver->compressionLevel;
             details_["quantisation_level"] = driver->quantisationLevel;
         }
@@ -258,14 +265,14 @@ class Performer {
         }
         const Surface& picture = files_.picture(action.picture);
         return size == sizes_.end() ? picture
-                                    : desktop::scale(picture, size->second.width, size->second.height);
+                                    : support::scale(picture, size->second.width, size->second.height);
     }
 
     void expectPicture() {
         if (!session_.reference().picture()) {
             throw WrongResult("nothing was presented that could be expected");
         }
-        ScreenCheck check(session_, *session_.reference().picture());
+        rig::ScreenCheck check(session_, *session_.reference().picture());
         if (!check.waitForMatch(kDriverTimeout)) {
             throw WrongResult(check.problem());
         }
@@ -306,7 +313,7 @@ class Performer {
     const RunOptions& options_;
     const ScriptFiles& files_;
     Session& session_;
-    std::map<std::uint64_t, Size> sizes_; // of the frame buffers created
+    std::map<std::uint64_t, support::Size> sizes_; // of the frame buffers created
     int pointerX_ = 0;
     int pointerY_ = 0;
     std::uint64_t presented_ = 0;
@@ -331,7 +338,7 @@ void atPlace(const std::string& place, Body body) {
 class ScriptRun {
   public:
     ScriptRun(const RunOptions& options, std::vector<ScriptLine> lines)
-        : options_(options), lines_(std::move(lines)), name_(desktop::inputName(options.script)),
+        : options_(options), lines_(std::move(lines)), name_(support::inputName(options.script)),
           files_(options.script), session_(sessionOptions(options)), performer_(options, files_, session_) {
         for (const ScriptLine& line : lines_) {
             atPlace(fmt::format("{}, line {}", name_, line.number), [&] { files_.load(line.action); });
@@ -407,12 +414,12 @@ class ScriptRun {
 } // namespace
 
 ExitStatus runScript(const RunOptions& options) {
-    const std::vector<std::uint8_t> text = desktop::readFile(options.script, kMaxScriptBytes);
+    const std::vector<std::uint8_t> text = support::readFile(options.script, kMaxScriptBytes);
     if (!options.capture.empty()) {
-        desktop::requireWritable(options.capture);
+        support::requireWritable(options.capture);
     }
     return ScriptRun(options, parseScript({reinterpret_cast<const char*>(text.data()), text.size()},
-                                          desktop::inputName(options.script)))
+                                          support::inputName(options.script)))
         .run();
 }
 

@@ -1,7 +1,7 @@
 // `usbdisplay run`: carries a script out.
 #pragma once
 
-#include "rig/exit_status.h"
+#include "tool/exit_status.h"
 
 #include <cstdint>
 #include <string>

@@ -1,16 +1,17 @@
 #include "tool/show.h"
 
 #include "desktop/frame_source.h"
-#include "rig/builtin_edid.h"
-#include "rig/driver_probe.h"
+#include "rig/errors.h"
 #include "rig/screen_check.h"
 #include "rig/session.h"
 #include "rig/stream_meter.h"
 #include "support/file.h"
 #include "support/input_error.h"
 #include "support/png_image.h"
+#include "tool/edid_file.h"
 #include "tool/mode_list.h"
 #include "tool/report.h"
+#include "tool/stream_report.h"
 #include "tool/transmitter_report.h"
 
 #include <algorithm>
@@ -23,8 +24,11 @@ namespace tool {
 namespace {
 
 using desktop::FrameSource;
-using desktop::InputError;
-using desktop::Surface;
+using rig::SessionOptions;
+using rig::StreamMeter;
+using support::InputError;
+using support::Size;
+using support::Surface;
 
 constexpr Size kDefaultSize = {1920, 1080};
 constexpr unsigned kMovingFrames = 60;
@@ -39,10 +43,10 @@ struct Source {
 };
 
 Source imageSource(const ShowOptions& options) {
-    Surface picture = desktop::readPng(options.image);
+    Surface picture = support::readPng(options.image);
     const Size size = options.size.value_or(Size{picture.width, picture.height});
     if (size != Size{picture.width, picture.height}) {
-        picture = desktop::scale(picture, size.width, size.height);
+        picture = support::scale(picture, size.width, size.height);
     }
     return {desktop::stillSource(std::move(picture)), size, options.frames.value_or(1)};
 }
@@ -106,7 +110,7 @@ class ShowRun {
         // Taking the adapter away is part of what must go right.
         reportViolations();
         if (screen_) {
-            desktop::writePng(options_.out, *screen_);
+            support::writePng(options_.out, *screen_);
         }
         report_.print(options_.json, options_.out == "-");
         return problem_.empty() && session_.violationCount() == 0 ? ExitStatus::Right : ExitStatus::Wrong;
@@ -128,8 +132,8 @@ class ShowRun {
         }
         session_.setDisplayPower(true);
         if (!session_.adapter().outputMode()) {
-            throw DeviceError(fmt::format("the driver did not set the mode {}x{}: {}", mode_.width,
-                                          mode_.height, session_.adapter().darkReason()));
+            throw rig::DeviceError(fmt::format("the driver did not set the mode {}x{}: {}", mode_.width,
+                                               mode_.height, session_.adapter().darkReason()));
         }
     }
 
@@ -143,14 +147,14 @@ class ShowRun {
             waitUntil(begin + presented * usb::kSecond / options_.rate);
             const bool fits = frame.width == mode_.width && frame.height == mode_.height;
             session_.present(1 + presented % kFrameBuffers,
-                             fits ? frame : desktop::center(frame, mode_.width, mode_.height));
+                             fits ? frame : support::center(frame, mode_.width, mode_.height));
             presented++;
             meter_->framePresented();
             progress.show(fmt::format("frame {}{}", presented,
                                       source_.count ? fmt::format(" of {}", *source_.count) : ""));
         }
         if (presented == 0) {
-            throw InputError(fmt::format("{} holds no frame", desktop::inputName(options_.video)));
+            throw InputError(fmt::format("{} holds no frame", support::inputName(options_.video)));
         }
     }
 
@@ -166,11 +170,11 @@ class ShowRun {
         const std::uint64_t frameBytes = std::uint64_t{mode_.width} * mode_.height * 3;
         const usb::Time transfers = static_cast<usb::Time>(
             8 * frameBytes * usb::kSecond / std::max<std::uint64_t>(session_.link().bandwidth(), 1));
-        ScreenCheck check(session_, *session_.reference().picture());
-        if (!check.waitForMatch(kDriverTimeout + transfers)) {
+        rig::ScreenCheck check(session_, *session_.reference().picture());
+        if (!check.waitForMatch(rig::kDriverTimeout + transfers)) {
             problem_ = check.problem();
         }
-        meter_->finish();
+        figures_ = meter_->finish();
         if (options_.out.empty()) {
             return;
         }
@@ -188,7 +192,7 @@ class ShowRun {
             report_.addLine(problem_);
         }
         reportMode();
-        meter_->report(report_, options_.free);
+        reportStream(report_, figures_, options_.free);
         if (const std::optional<model::TransmitterReport> transmitter = session_.adapter().transmitter()) {
             report_.add("transmitter", transmitterJson(*transmitter), "transmitter",
                         describeTransmitter(*transmitter));
@@ -226,8 +230,9 @@ class ShowRun {
     Source source_;
     Size mode_;
     std::vector<std::uint8_t> edid_;
-    Session session_;
+    rig::Session session_;
     std::unique_ptr<StreamMeter> meter_;
+    rig::StreamFigures figures_;
     std::optional<Surface> screen_;
     std::string problem_;
     Report report_;
@@ -241,7 +246,7 @@ ExitStatus show(const ShowOptions& options) {
     requireShowable(mode, options.mode ? "--mode" : "the size of the frames");
     for (const std::string& file : {options.out, options.capture}) {
         if (!file.empty()) {
-            desktop::requireWritable(file);
+            support::requireWritable(file);
         }
     }
     return ShowRun(options, std::move(source), mode, loadEdid(options.edid)).run();

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "model/adapter.h"
-#include "rig/exit_status.h"
 #include "rig/settings.h"
 #include "support/parse.h"
+#include "tool/exit_status.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,12 +18,12 @@ struct ShowOptions {
     std::string image; // at most one of these three; none shows the pattern "bars"
     std::string pattern;
     std::string video;
-    std::optional<Size> size; // of the frames; by default the image's, or 1920x1080
-    std::optional<Size> mode; // of the display; by default `size`
+    std::optional<support::Size> size; // of the frames; by default the image's, or 1920x1080
+    std::optional<support::Size> mode; // of the display; by default `size`
     model::AdapterOptions adapter;
     std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
     std::string edid = "default";
-    std::vector<Setting> settings;
+    std::vector<rig::Setting> settings;
     std::optional<unsigned> frames; // by default 1, 60 for what moves, and the whole of a video
     unsigned rate = 60;             // frames a second
     std::optional<std::pair<int, int>> pointer;

@@ -89,7 +89,7 @@ RC_GTEST_PROP(Encoding, ShowsAnyFrameOfRuns, ()) {
 TEST(Encoding, ShowsDesktopsAndPhotos) {
     for (const char* file :
          {DEMO_DATA "/desktop-office.png", DEMO_DATA "/desktop-sheet.png", TEST_DATA "/photo.png"}) {
-        const desktop::Surface picture = desktop::readPng(file);
+        const support::Surface picture = support::readPng(file);
         const ULONG pixels = picture.width * picture.height;
         const auto* bgrx = reinterpret_cast<const UCHAR*>(picture.pixels.data());
         Bytes converted[5] = {

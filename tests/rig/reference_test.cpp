@@ -8,8 +8,13 @@
 #include <cstring>
 #include <string>
 
-namespace desktop {
+namespace rig {
 namespace {
+
+using desktop::PointerImage;
+using support::makePixel;
+using support::Pixel;
+using support::Surface;
 
 Surface patchwork(unsigned width, unsigned height, std::uint32_t seed = 1) {
     Surface surface(width, height);
@@ -275,4 +280,4 @@ TEST(Reference, NamesTheFirstDifference) {
 }
 
 } // namespace
-} // namespace desktop
+} // namespace rig

@@ -89,7 +89,7 @@ TEST(Commands, ClearTheReturnedLength) {
 
 TEST(Commands, WriteTheEdidOnceOrTwice) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor(tool::builtinEdid());
+        session.attachMonitor(rig::builtinEdid());
         session.plug(adapter());
         session.openClient();
         std::array<std::uint8_t, EDID_BLOCK_SIZE> edid{};

@@ -24,7 +24,7 @@ void fixChecksum(Bytes& edid, std::size_t block) {
 
 // The built-in monitor with so many blocks, of which no two are alike.
 Bytes edidOf(std::size_t blocks) {
-    const Bytes builtin = tool::builtinEdid();
+    const Bytes builtin = rig::builtinEdid();
     Bytes edid(builtin.begin(), builtin.begin() + kBlock);
     edid[126] = static_cast<std::uint8_t>(blocks - 1);
     fixChecksum(edid, 0);

@@ -23,7 +23,7 @@ using kernel::kFaultKindNames;
 
 // One block of EDID keeps the number of register accesses, each of them a point, within reason.
 std::vector<std::uint8_t> shortEdid() {
-    std::vector<std::uint8_t> edid = tool::builtinEdid();
+    std::vector<std::uint8_t> edid = rig::builtinEdid();
     edid.resize(128);
     edid[126] = 0;
     return edid;
@@ -56,7 +56,7 @@ struct Outcome {
 
 struct Scenario {
     PlugOptions plug = adapter();
-    std::vector<tool::Setting> settings = {};
+    std::vector<rig::Setting> settings = {};
     bool sleeps = false; // after the picture, which has to come back by itself
 };
 
@@ -78,7 +78,7 @@ Outcome runWithFault(std::uint64_t k, FaultMode mode, const Scenario& scenario) 
             session.attachMonitor(shortEdid());
             switchOn(session);
             session.present(kDesktop, picture);
-            tool::ScreenCheck check(session, picture);
+            rig::ScreenCheck check(session, picture);
             result = check.waitForMatch(30 * kMillisecond) ? Result::Shown : Result::Dark;
             if (scenario.sleeps) {
                 session.suspend();

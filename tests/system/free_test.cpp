@@ -77,7 +77,7 @@ TEST(FreeRunning, SleepsAndWakesInMidStream) {
 }
 
 TEST(FreeRunning, ThreadsOfTheClientDoNotMind) {
-    const std::vector<tool::Setting> settings = {setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 100)};
+    const std::vector<rig::Setting> settings = {setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 100)};
     runSession(freeRunning(settings), [](Session& session) {
         session.attachMonitor({});
         session.plug(adapter());

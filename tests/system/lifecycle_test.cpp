@@ -95,9 +95,9 @@ TEST(Lifecycle, SleepAndResumeInMidStream) {
 }
 
 TEST(Lifecycle, SleepAndResumeOnEveryRevisionAndFormat) {
-    const std::vector<tool::Setting> compressed = {setting("Usb3PixelFormatTransformCompressionEnable", 1)};
+    const std::vector<rig::Setting> compressed = {setting("Usb3PixelFormatTransformCompressionEnable", 1)};
     for (unsigned revision = 0; revision <= 2; revision++) {
-        for (const auto& settings : {std::vector<tool::Setting>(), compressed}) {
+        for (const auto& settings : {std::vector<rig::Setting>(), compressed}) {
             SCOPED_TRACE(fmt::format("revision {}, {}", revision, settings.empty() ? "plain" : "compressed"));
             runSession(inOrder(settings), [&](Session& session) {
                 showDesktop(session, adapter(revision), bars());
@@ -311,7 +311,7 @@ TEST(Lifecycle, RefusedSendsDoNotStopTheStream) {
 
 // Frame errors halve the pixels' bytes, a quiet check period gives them back.
 TEST(Lifecycle, OutputFallsBackTo16BitsAndReturns) {
-    const std::vector<tool::Setting> settings = {setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 2)};
+    const std::vector<rig::Setting> settings = {setting("DynamicAdjustPixelBytesAtRunTimeThreshold", 2)};
     explore(
         kSchedules / 6,
         [](Session& session) {
@@ -402,7 +402,7 @@ TEST(Lifecycle, AThousandSchedulesOfPlugShowUnplug) {
     const auto begin = std::chrono::steady_clock::now();
     explore(1000, [](Session& session) {
         // A slower link repeats the picture less often; the orders of plug, show and unplug stay the same.
-        tool::PlugOptions slow = adapter();
+        rig::PlugOptions slow = adapter();
         slow.bandwidth = 100'000'000;
         showDesktop(session, slow, bars());
         expectPicture(session);

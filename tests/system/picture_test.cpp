@@ -11,7 +11,7 @@ namespace {
 
 struct Format {
     const char* name;
-    std::vector<tool::Setting> settings;
+    std::vector<rig::Setting> settings;
     std::uint32_t cpuFeatures; // CPUID leaf 1, ECX
     model::PixelFormat shown;
     bool compressed;
@@ -22,7 +22,7 @@ constexpr std::uint32_t kAll = 0xFFFFFFFF;
 std::vector<Format> formatsOf(usb::Speed link) {
     using enum model::PixelFormat;
     if (link == usb::Speed::High) {
-        const tool::Setting plain = setting("Usb2PixelFormatTransformCompressionEnable", 0);
+        const rig::Setting plain = setting("Usb2PixelFormatTransformCompressionEnable", 0);
         return {
             {"RGB555 in groups", {}, kAll, Rgb555, true},
             {"RGB555 tolerant", {}, 0, Rgb555, true},
@@ -30,10 +30,10 @@ std::vector<Format> formatsOf(usb::Speed link) {
             {"BGR24 without SSSE3", {plain}, 0, Bgr24, false},
         };
     }
-    const tool::Setting rgb565 = setting("UseUsb3OutputRGB565Enable", 1);
-    const tool::Setting fixed = setting("UseDynamicPixelBytesAdjustmentEnable", 0);
-    const tool::Setting compressed = setting("Usb3PixelFormatTransformCompressionEnable", 1);
-    const tool::Setting several = setting("CurrentNumberOfDevices", 2);
+    const rig::Setting rgb565 = setting("UseUsb3OutputRGB565Enable", 1);
+    const rig::Setting fixed = setting("UseDynamicPixelBytesAdjustmentEnable", 0);
+    const rig::Setting compressed = setting("Usb3PixelFormatTransformCompressionEnable", 1);
+    const rig::Setting several = setting("CurrentNumberOfDevices", 2);
     return {
         {"BGR24", {}, kAll, Bgr24, false},
         {"BGR24 without SSSE3", {}, 0, Bgr24, false},

@@ -205,7 +205,7 @@ Lines recordedTrace() {
         };
         session.plug(plug);
         endPhase("plug", kAll);
-        session.attachMonitor(tool::builtinEdid());
+        session.attachMonitor(rig::builtinEdid());
         session.openClient();
         endPhase("attach", kAll);
         session.createFrameBuffer(kDesktop, kWidth, kHeight);

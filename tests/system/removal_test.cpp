@@ -162,7 +162,7 @@ TEST(SurpriseRemoval, MayComeAtAnyMoment) {
     for (usb::Time moment = 0; moment < 2800 * kMillisecond; moment += 37 * kMillisecond) {
         SCOPED_TRACE(fmt::format("after {} ms", moment / kMillisecond));
         runSession(inOrder(), [&](Session& session) {
-            session.attachMonitor(tool::builtinEdid());
+            session.attachMonitor(rig::builtinEdid());
             const usb::Time start = session.machine().clock().now();
             bool pulled = false;
             // The start itself cannot be interrupted from the tool: the first adapter's cable is pulled by

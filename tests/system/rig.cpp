@@ -1,6 +1,6 @@
 #include "tests/system/rig.h"
 
-#include "rig/exit_status.h"
+#include "rig/errors.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -29,14 +29,14 @@ void printReplayLine(std::uint64_t seed) {
 
 } // namespace
 
-SessionOptions inOrder(std::vector<tool::Setting> settings) {
+SessionOptions inOrder(std::vector<rig::Setting> settings) {
     SessionOptions options;
     options.scheduler.strategy = kernel::Strategy::InOrder;
     options.settings = std::move(settings);
     return options;
 }
 
-SessionOptions explored(std::uint64_t seed, std::vector<tool::Setting> settings) {
+SessionOptions explored(std::uint64_t seed, std::vector<rig::Setting> settings) {
     SessionOptions options;
     options.scheduler.seed = seed;
     options.scheduler.strategy = seed % 2 == 0 ? kernel::Strategy::Random : kernel::Strategy::Pct;
@@ -46,14 +46,14 @@ SessionOptions explored(std::uint64_t seed, std::vector<tool::Setting> settings)
     return options;
 }
 
-SessionOptions freeRunning(std::vector<tool::Setting> settings) {
+SessionOptions freeRunning(std::vector<rig::Setting> settings) {
     SessionOptions options;
     options.scheduler.mode = kernel::Mode::Free;
     options.settings = std::move(settings);
     return options;
 }
 
-tool::Setting setting(std::string_view name, ULONG value) {
+rig::Setting setting(std::string_view name, ULONG value) {
     return {std::string(name), platform::RegistryValue(value)};
 }
 
@@ -80,7 +80,7 @@ void runSession(const SessionOptions& options, const std::function<void(Session&
 }
 
 void explore(unsigned schedules, const std::function<void(Session&)>& body,
-             const std::vector<tool::Setting>& settings) {
+             const std::vector<rig::Setting>& settings) {
     const std::optional<std::uint64_t> only = seedToReplay();
     const std::uint64_t first = only.value_or(1);
     const std::uint64_t last = only.value_or(numberFrom("SIM_SCHEDULES").value_or(schedules));
@@ -127,7 +127,7 @@ void expectPicture(Session& session, usb::Time timeout) {
 }
 
 void expectPicture(Session& session, const Surface& picture, usb::Time timeout) {
-    tool::ScreenCheck check(session, picture);
+    rig::ScreenCheck check(session, picture);
     if (!check.waitForMatch(timeout)) {
         ADD_FAILURE() << check.problem();
     }

@@ -18,23 +18,23 @@
 
 namespace system_test {
 
-using desktop::Surface;
-using tool::PlugOptions;
-using tool::Session;
-using tool::SessionOptions;
+using rig::PlugOptions;
+using rig::Session;
+using rig::SessionOptions;
+using support::Surface;
 using usb::kMillisecond;
 using usb::kSecond;
 
 // One schedule, always the same: for tests that look at what happens and not at when.
-SessionOptions inOrder(std::vector<tool::Setting> settings = {});
+SessionOptions inOrder(std::vector<rig::Setting> settings = {});
 
 // The schedule that belongs to a seed: fair or by priorities with one to five changes, on one to four
 // processors.
-SessionOptions explored(std::uint64_t seed, std::vector<tool::Setting> settings = {});
+SessionOptions explored(std::uint64_t seed, std::vector<rig::Setting> settings = {});
 
-SessionOptions freeRunning(std::vector<tool::Setting> settings = {});
+SessionOptions freeRunning(std::vector<rig::Setting> settings = {});
 
-tool::Setting setting(std::string_view name, ULONG value);
+rig::Setting setting(std::string_view name, ULONG value);
 
 PlugOptions adapter(unsigned revision = 2, usb::Speed link = usb::Speed::Super);
 
@@ -46,7 +46,7 @@ void runSession(const SessionOptions& options, const std::function<void(Session&
 // or under the one that SIM_SEED names. Stops at the first seed that fails and prints the line that replays
 // it.
 void explore(unsigned schedules, const std::function<void(Session&)>& body,
-             const std::vector<tool::Setting>& settings = {});
+             const std::vector<rig::Setting>& settings = {});
 
 // Whether the environment asks for one seed only.
 bool replaysOneSeed();

@@ -8,7 +8,7 @@ namespace {
 
 struct Stream {
     const char* name;
-    std::vector<tool::Setting> settings;
+    std::vector<rig::Setting> settings;
     usb::Speed link;
     unsigned width;
     unsigned height;

@@ -37,7 +37,7 @@ const Surface& small() { // 160,000 bytes
 }
 
 unsigned level(Session& session) {
-    return tool::probeDriver(session.client()).value().compressionLevel;
+    return rig::probeDriver(session.client()).value().compressionLevel;
 }
 
 // A link on which no frame ever waits for another.
@@ -160,13 +160,13 @@ void passFrames(Session& session, std::uint64_t frames) {
 
 struct BucketCase {
     const char* name;
-    std::vector<tool::Setting> settings;
+    std::vector<rig::Setting> settings;
     std::vector<unsigned> framesBeforeError; // one error after so many frames, and so on
     bool falls;
 };
 
 TEST(FrameErrorBucket, FillsAndLeaks) {
-    const tool::Setting bucket = setting("UseFrameErrorBucket", 1);
+    const rig::Setting bucket = setting("UseFrameErrorBucket", 1);
     const BucketCase cases[] = {
         {"every error counts without the bucket", {}, {1}, true},
         {"one error is not enough", {bucket}, {1}, false},

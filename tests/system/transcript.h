@@ -25,7 +25,7 @@ struct ControlTransfer {
 // Stands in front of an adapter, passes everything on and keeps the control transfers.
 class Recorder final : public usb::Device {
   public:
-    // `inFront` of tool::PlugOptions. The clock is known once the session exists.
+    // `inFront` of rig::PlugOptions. The clock is known once the session exists.
     std::function<usb::Device&(usb::Device&)> wrap(usb::Clock& clock);
 
     usb::Speed speed() const override { return inner_->speed(); }

@@ -11,7 +11,7 @@ struct Size {
     unsigned width;
     unsigned height;
     bool fast; // more than 80 million pixels a second, blanking included
-    std::vector<tool::Setting> settings = {};
+    std::vector<rig::Setting> settings = {};
 };
 
 const Size kSizes[] = {
@@ -138,7 +138,7 @@ TEST(TransmitterProgramme, IsRightForEverySize) {
         SCOPED_TRACE(fmt::format("{}x{}{}", size.width, size.height,
                                  size.settings.empty() ? "" : ", another refresh rate"));
         runSession(inOrder(size.settings), [&](Session& session) {
-            show(session, size, tool::builtinEdid());
+            show(session, size, rig::builtinEdid());
             expectRegisters(session, aviInfoFrame(size) + kAudioInfoFrame + pll(size.fast) + video(true) +
                                          audio(false) + kUnmuted);
         });
@@ -151,7 +151,7 @@ TEST(TransmitterProgramme, FollowsTheMonitorAndTheSoundsSource) {
         for (const bool spdif : {false, true}) {
             SCOPED_TRACE(fmt::format("{}, {}", hdmi ? "HDMI" : "DVI", spdif ? "S/PDIF" : "I2S"));
             runSession(inOrder({setting("UseHdmiAudioSpdif", spdif)}), [&](Session& session) {
-                show(session, size, hdmi ? tool::builtinEdid() : std::vector<std::uint8_t>{});
+                show(session, size, hdmi ? rig::builtinEdid() : std::vector<std::uint8_t>{});
                 expectRegisters(session, aviInfoFrame(size) + kAudioInfoFrame + pll(size.fast) + video(hdmi) +
                                              audio(spdif) + kUnmuted);
             });

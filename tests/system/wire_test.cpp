@@ -97,7 +97,7 @@ class Wire : public testing::TestWithParam<unsigned> {
                      const std::function<void(Session&)>& body) {
         runSession(options, [&](Session& session) {
             if (monitor) {
-                std::vector<std::uint8_t> edid = tool::builtinEdid();
+                std::vector<std::uint8_t> edid = rig::builtinEdid();
                 edid.resize(128);
                 edid[126] = 0;
                 session.attachMonitor(edid);
@@ -169,7 +169,7 @@ class WireOfRevision2 : public Wire {};
 TEST_F(WireOfRevision2, FollowsAMonitorThatComesAndGoes) {
     withAdapter(2, inOrder(), false, [&](Session& session) {
         recorder_.clear();
-        session.attachMonitor(tool::builtinEdid());
+        session.attachMonitor(rig::builtinEdid());
         ASSERT_TRUE(session.client().waitForArrival(10 * kSecond));
         expectSaid(kStatus + attached(2) + edidBlock(0) + edidBlock(1), 2);
         session.detachMonitor();
@@ -197,7 +197,7 @@ TEST_F(WireOfRevision2, GivesThePowerStagesTheirTime) {
 
 struct ModeCase {
     const char* name;
-    std::vector<tool::Setting> settings;
+    std::vector<rig::Setting> settings;
     usb::Speed link;
     bool transmitter;
     unsigned width;
@@ -424,11 +424,11 @@ TEST(WireOfModes, ChoosesTheRefreshOfFullHd) {
     constexpr std::uint32_t k60 = 1920u << 16 | 2200;
     constexpr std::uint32_t k50 = 1920u << 16 | 2640;
     constexpr std::uint32_t k24 = 1920u << 16 | 2752;
-    const tool::Setting at50 = setting("FullHD50Enable", 1);
-    const tool::Setting at30 = setting("FullHD30Enable", 1);
-    const tool::Setting at24 = setting("FullHD24Enable", 1);
+    const rig::Setting at50 = setting("FullHD50Enable", 1);
+    const rig::Setting at30 = setting("FullHD30Enable", 1);
+    const rig::Setting at24 = setting("FullHD24Enable", 1);
     const struct {
-        std::vector<tool::Setting> settings;
+        std::vector<rig::Setting> settings;
         std::uint32_t horizontal;
         std::uint32_t pll;
     } cases[] = {
@@ -516,7 +516,7 @@ TEST(WireOfRegisters, IsVendorRequestsOfFourBytes) {
 TEST(WireOfRegisters, KeepsThePowerBitsInSerialCommands) {
     Recorder recorder;
     runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor(tool::builtinEdid());
+        session.attachMonitor(rig::builtinEdid());
         PlugOptions plug = adapter();
         plug.inFront = recorder.wrap(session.machine().clock());
         session.plug(plug);

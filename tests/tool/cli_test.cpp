@@ -1,6 +1,7 @@
 // The built tool, run as a user runs it: exit status, one clear line for bad input, nothing written then.
 #include "desktop/frame_source.h"
 #include "support/png_image.h"
+#include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
 
@@ -26,17 +27,9 @@ struct Outcome {
 
 class Tool : public testing::Test {
   protected:
-    Tool() {
-        std::string name = (fs::temp_directory_path() / "usbdisplay-XXXXXX").string();
-        folder_ = mkdtemp(name.data());
-    }
-    ~Tool() override { fs::remove_all(folder_); }
-
-    std::string place(const std::string& name) const { return (folder_ / name).string(); }
-
+    std::string place(const std::string& name) const { return folder_.place(name); }
     std::string write(const std::string& name, const std::string& text) const {
-        std::ofstream(place(name), std::ios::binary) << text;
-        return place(name);
+        return folder_.write(name, text);
     }
 
     static std::string contents(const std::string& file) {
@@ -45,14 +38,14 @@ class Tool : public testing::Test {
     }
 
     Outcome run(const std::string& arguments, const std::string& input = "/dev/null") const {
-        const std::string command = "cd " + folder_.string() + " && " TOOL_BINARY " " + arguments + " <" +
-                                    input + " >" + place("stdout") + " 2>" + place("stderr");
+        const std::string command = "cd " + folder_.path().string() + " && " TOOL_BINARY " " + arguments +
+                                    " <" + input + " >" + place("stdout") + " 2>" + place("stderr");
         const int status = std::system(command.c_str());
         return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, contents(place("stdout")),
                 contents(place("stderr"))};
     }
 
-    fs::path folder_;
+    test::TemporaryFolder folder_;
 };
 
 TEST_F(Tool, RefusesBadUsageInOneLine) {
@@ -158,18 +151,18 @@ TEST_F(Tool, WritesWhatTheMonitorShows) {
         {"", 8, 8, 8},
         {"--set UseUsb3OutputRGB565Enable=1 --set UseDynamicPixelBytesAdjustmentEnable=0", 5, 6, 5},
     };
-    const desktop::Surface picture = desktop::drawPattern(*desktop::findPattern("noise"), 800, 600, 0, 11);
-    desktop::writePng(place("in.png"), picture);
+    const support::Surface picture = desktop::drawPattern(*desktop::findPattern("noise"), 800, 600, 0, 11);
+    support::writePng(place("in.png"), picture);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.options);
         const Outcome outcome = run("show --image - --out - " + std::string(c.options), place("in.png"));
         ASSERT_EQ(outcome.status, 0) << outcome.errors;
-        const desktop::Surface shown = desktop::readPng(place("stdout"));
+        const support::Surface shown = support::readPng(place("stdout"));
         ASSERT_EQ(shown.pixels.size(), picture.pixels.size());
         std::size_t wrong = 0;
         for (std::size_t i = 0; i < picture.pixels.size(); i++) {
             const unsigned p = picture.pixels[i];
-            wrong += shown.pixels[i] != desktop::makePixel(widened(p >> 16 & 0xFF, c.redBits),
+            wrong += shown.pixels[i] != support::makePixel(widened(p >> 16 & 0xFF, c.redBits),
                                                            widened(p >> 8 & 0xFF, c.greenBits),
                                                            widened(p & 0xFF, c.blueBits));
         }

@@ -43,7 +43,7 @@ TEST(Script, ReadsEveryArgument) {
     EXPECT_EQ(only<RegistryAction>("registry fullhd30enable 0x10").name, "FullHD30Enable");
     EXPECT_EQ(only<RegistryAction>("registry EepromData @f.bin").value, "@f.bin");
     EXPECT_EQ(only<CreateAction>("create 18446744073709551615 800x600").identifier, UINT64_MAX);
-    EXPECT_EQ(only<CreateAction>("create 1 800x600").size, (Size{800, 600}));
+    EXPECT_EQ(only<CreateAction>("create 1 800x600").size, (support::Size{800, 600}));
     EXPECT_TRUE(only<DisplayAction>("display on").on);
     EXPECT_EQ(only<PresentAction>("present 2 bars").frames, 1u);
     EXPECT_EQ(only<PresentAction>("stream 2 bars 30").frames, 30u);
@@ -102,7 +102,7 @@ TEST(Script, NamesTheLineTheValueAndWhatIsAllowed) {
         try {
             parseScript(std::string("# first\n") + line + "\n", "\"s.txt\"");
             ADD_FAILURE() << line << " was taken";
-        } catch (const desktop::InputError& error) {
+        } catch (const support::InputError& error) {
             const std::string message = error.what();
             EXPECT_TRUE(message.starts_with("\"s.txt\", line 2: ")) << message;
             EXPECT_NE(message.find(expected), std::string::npos) << message;
@@ -116,7 +116,7 @@ RC_GTEST_PROP(Script, TakesOrRefusesAnyText, (const std::string& text)) {
         for (const ScriptLine& line : parseScript(text, "s")) {
             RC_ASSERT(line.number >= 1u);
         }
-    } catch (const desktop::InputError&) {
+    } catch (const support::InputError&) {
     }
 }
 

@@ -2,22 +2,21 @@
 // client lets go of the driver at any moment without a command running into nothing.
 #include "desktop/frame_source.h"
 #include "rig/builtin_edid.h"
-#include "rig/exit_status.h"
+#include "rig/errors.h"
 #include "rig/screen_check.h"
 #include "rig/session.h"
-#include "support/parse.h"
 
 #include <gtest/gtest.h>
 
 #include <fmt/format.h>
 
-namespace tool {
+namespace rig {
 namespace {
 
-using desktop::Surface;
+using support::Surface;
 
-Surface gradient(Size size) {
-    return desktop::drawPattern(*desktop::findPattern("gradient"), size.width, size.height, 0, 1);
+Surface gradient(unsigned width, unsigned height) {
+    return desktop::drawPattern(*desktop::findPattern("gradient"), width, height, 0, 1);
 }
 
 void showOn(Session& session, const Surface& picture) {
@@ -45,7 +44,7 @@ TEST(ScreenCheck, NamesTheFirstWrongPixel) {
             PlugOptions plug;
             plug.adapter.link = c.link;
             session.plug(plug);
-            const Surface picture = gradient({640, 480});
+            const Surface picture = gradient(640, 480);
             showOn(session, picture);
             ScreenCheck right(session, picture);
             EXPECT_TRUE(right.waitForMatch(kDriverTimeout)) << right.problem();
@@ -58,7 +57,7 @@ TEST(ScreenCheck, NamesTheFirstWrongPixel) {
             EXPECT_EQ(wrong.problem(),
                       fmt::format("wrong picture: pixel (105, 57) {}; 2 pixels differ", c.values));
 
-            const Surface larger = gradient({800, 600});
+            const Surface larger = gradient(800, 600);
             ScreenCheck otherSize(session, larger);
             EXPECT_FALSE(otherSize.matches());
             EXPECT_EQ(otherSize.problem(), "the monitor shows 640x480, expected 800x600");
@@ -72,7 +71,7 @@ TEST(ScreenCheck, TellsWhyTheMonitorIsDark) {
     session.run([&] {
         session.attachMonitor(builtinEdid());
         session.plug({});
-        const Surface picture = gradient({640, 480});
+        const Surface picture = gradient(640, 480);
         ScreenCheck check(session, picture);
         EXPECT_FALSE(check.matches());
         EXPECT_TRUE(check.problem().starts_with("the monitor is dark: ")) << check.problem();
@@ -84,7 +83,7 @@ TEST(Session, PutsEverythingAwayWhenTheBodyFails) {
     EXPECT_THROW(session.run([&] {
         session.attachMonitor(builtinEdid());
         session.plug({});
-        showOn(session, gradient({640, 480}));
+        showOn(session, gradient(640, 480));
         throw WrongResult("on purpose");
     }),
                  WrongResult);
@@ -99,7 +98,7 @@ TEST(Client, LetsGoInTheMiddleOfCommands) {
         options.scheduler.seed = seed;
         options.scheduler.strategy = seed % 2 == 0 ? kernel::Strategy::Pct : kernel::Strategy::Random;
         Session session(options);
-        const Surface picture = gradient({640, 480});
+        const Surface picture = gradient(640, 480);
         session.run([&] {
             session.attachMonitor(builtinEdid());
             session.plug({});
@@ -147,7 +146,7 @@ TEST(ClientFree, PresentsAndMovesThePointerFromSeveralThreads) {
     SessionOptions options;
     options.scheduler.mode = kernel::Mode::Free;
     Session session(options);
-    const Surface picture = gradient({640, 480});
+    const Surface picture = gradient(640, 480);
     session.run([&] {
         session.attachMonitor(builtinEdid());
         session.plug({});
@@ -171,4 +170,4 @@ TEST(ClientFree, PresentsAndMovesThePointerFromSeveralThreads) {
 }
 
 } // namespace
-} // namespace tool
+} // namespace rig
