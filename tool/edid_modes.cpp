@@ -145,6 +145,13 @@ std::string whyNot(const EdidMode& mode, const RewriteConditions& conditions) {
     return "";
 }
 
+// The same for a mode that the rewrite took away or replaced. `after` need not come from the driver, so a
+// mode that the adapter drives may be missing from it.
+std::string whyGone(const EdidMode& mode, const RewriteConditions& conditions) {
+    const std::string reason = whyNot(mode, conditions);
+    return reason.empty() ? "removed, although the adapter drives it" : reason;
+}
+
 std::string singleModeReason() {
     return "on a USB 2.0 link the setting picks the one mode offered";
 }
@@ -204,7 +211,7 @@ class Explainer {
             keep(*was,
                  reason.empty() ? "the adapter drives it" : reason + ", but its entry is the placeholder");
         } else if (was && is) {
-            change(*was, *is, whyNot(*was, conditions_) + ": its entry becomes the placeholder");
+            change(*was, *is, whyGone(*was, conditions_) + ": its entry becomes the placeholder");
         } else if (was) {
             drop(*was, singleModeReason());
         } else if (is) {
@@ -230,7 +237,7 @@ class Explainer {
                    : reason.empty()        ? "the largest mode offered becomes the preferred one"
                                            : reason);
         } else if (was) {
-            drop(*was, whyNot(*was, conditions_));
+            drop(*was, whyGone(*was, conditions_));
         } else if (is) {
             add(*is, conditions_.superSpeed ? "the largest mode offered becomes the preferred one"
                                             : singleModeReason());

@@ -77,6 +77,19 @@ TEST(EdidModes, TellsWhatARewriteDid) {
     EXPECT_EQ(dropped, 1u);
 }
 
+TEST(EdidModes, GivesAReasonForEveryDroppedOrReplacedMode) {
+    const std::vector<std::uint8_t> before = builtinEdid();
+    std::vector<std::uint8_t> after(before.begin(), before.begin() + 128);
+    after[38] = 0x61; // 1920x1080, which the adapter drives
+    after[39] = 0x7C;
+    after[54] = 0; // no pixel clock: the slot holds no timing
+    after[55] = 0;
+    const std::vector<ModeFate> fates = explainRewrite(before, after, conditions(true, 1));
+    EXPECT_EQ(fateOf(fates, "standard 1"),
+              "changed: removed, although the adapter drives it: its entry becomes the placeholder");
+    EXPECT_EQ(fateOf(fates, "detailed 1"), "dropped: removed, although the adapter drives it");
+}
+
 TEST(EdidModes, TellsWhyNothingIsOffered) {
     const std::vector<std::uint8_t> zeroes(128, 0);
     RewriteConditions unread = conditions(true, 1);
