@@ -2,6 +2,7 @@
 // driver, platform, model and client together under the `sim` scheduler. Time on the link is virtual and
 // exact; processor time is the driver's own, without the platform's and the client's.
 #include "rig/builtin_edid.h"
+#include "rig/frame_pacer.h"
 #include "rig/session.h"
 #include "rig/stream_meter.h"
 #include "support/png_image.h"
@@ -22,7 +23,7 @@ using support::Surface;
 
 constexpr unsigned kFrames = 180;
 constexpr unsigned kRepetitions = 5;
-constexpr usb::Time kFramePeriod = usb::kSecond / 60;
+constexpr unsigned kRate = 60; // frames per second
 
 struct Scene {
     std::string name;
@@ -67,15 +68,15 @@ StreamFigures stream(const Scene& scene, usb::Speed link, Desktop desktop) {
         session.machine().sleep(500 * usb::kMillisecond); // levels settle, tables are built
 
         rig::StreamMeter meter(session);
-        usb::Time due = session.machine().clock().now();
+        rig::FramePacer pacer(session.machine(), kRate);
         for (unsigned frame = 0; frame < kFrames; frame++) {
+            pacer.waitFor(frame);
             if (desktop == Desktop::Moves) {
                 session.present(1 + frame % 2, scene.frames[frame % scene.frames.size()]);
                 meter.framePresented();
             }
-            due += kFramePeriod;
-            session.machine().sleep(std::max<usb::Time>(0, due - session.machine().clock().now()));
         }
+        pacer.waitFor(kFrames);
         result = meter.finish();
     });
     return result;
@@ -146,7 +147,7 @@ int main() {
     }
 
     fmt::print("\nNothing changed for {} seconds: what the re-sends of the newest buffer cost\n\n",
-               kFrames / 60);
+               kFrames / kRate);
     fmt::print("{:<16} {:<5} {:>10} {:>9} {:>14} {:>12}\n", "", "link", "re-sends", "convert", "complete CPU",
                "allocations");
     fmt::print("{:<16} {:<5} {:>10} {:>9} {:>14} {:>12}\n", "", "", "", "CPU ms", "us a re-send", "");

@@ -4,12 +4,14 @@
 // both sides of every ratio.
 #pragma once
 
+#include "platform/kernel/scheduler.h"
+
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include <map>
 #include <stdexcept>
 #include <string>
@@ -51,23 +53,17 @@ class Medians : public benchmark::BenchmarkReporter {
     std::map<std::string, double> milliseconds_;
 };
 
-// The processor time of the calling thread: what another program takes in between does not count.
-inline double processorSeconds() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
-}
-
-// Times `work` once per iteration; `prepare` runs before it, untimed.
+// Times `work` once per iteration, in processor time: what another program takes in between does not count.
+// `prepare` runs before it, untimed.
 template <typename Prepare, typename Work>
 void add(const std::string& name, Prepare prepare, Work work) {
     benchmark::RegisterBenchmark(name.c_str(), [prepare, work](benchmark::State& state) {
         for (auto _ : state) {
             prepare();
-            const double start = processorSeconds();
+            const std::uint64_t start = kernel::threadCpuTime();
             work();
             benchmark::ClobberMemory();
-            state.SetIterationTime(processorSeconds() - start);
+            state.SetIterationTime(static_cast<double>(kernel::threadCpuTime() - start) * 1e-9);
         }
     })->UseManualTime();
 }

@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <mutex>
 #include <string>
@@ -15,13 +14,6 @@ namespace desktop {
 namespace {
 
 constexpr unsigned kBytesPerPixel = 4;
-
-std::uint64_t threadCpuTime() {
-    timespec time{};
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-    return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000u +
-           static_cast<std::uint64_t>(time.tv_nsec);
-}
 
 // What a present hands to its own fill request, by way of the driver.
 struct FillJob {
@@ -230,11 +222,11 @@ NTSTATUS Client::State::fill(const FRAME_FILL_REQUEST& request) {
     if (job == nullptr || job->identifier != request.Identifier || request.PixelBuffer == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
-    const std::uint64_t begin = threadCpuTime();
+    const std::uint64_t begin = kernel::threadCpuTime();
     const std::size_t frameBytes = job->frame->pixels.size() * kBytesPerPixel;
     std::memcpy(request.PixelBuffer, job->frame->pixels.data(),
                 std::min<std::size_t>(frameBytes, request.ByteSize));
-    fillNanoseconds += threadCpuTime() - begin;
+    fillNanoseconds += kernel::threadCpuTime() - begin;
     framesFilled++;
     return STATUS_SUCCESS;
 }

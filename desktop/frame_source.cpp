@@ -125,7 +125,7 @@ struct DrawnPattern {
     void (*draw)(Surface&, const Moment&);
 };
 
-constexpr std::array<DrawnPattern, 8> kDrawn = {{
+constexpr auto kDrawn = std::to_array<DrawnPattern>({
     {{"bars", "eight colour bars over a grey ramp", false}, drawBars},
     {{"gradient", "every red and green, blue along the diagonal", false}, drawGradient},
     {{"checker", "black and white pixels in turn", false}, drawChecker},
@@ -134,7 +134,7 @@ constexpr std::array<DrawnPattern, 8> kDrawn = {{
     {{"moving-bar", "a white bar that crosses the gradient", true}, drawMovingBar},
     {{"scroll", "lines as busy as text, moving up", true}, drawScroll},
     {{"noise", "random pixels, new in every frame", true}, drawNoise},
-}};
+});
 
 constexpr auto kPatterns = [] {
     std::array<Pattern, kDrawn.size()> list{};

@@ -102,12 +102,12 @@ struct DrawnPointer {
     PointerImage (*make)();
 };
 
-constexpr std::array<DrawnPointer, 4> kDrawn = {{
+constexpr auto kDrawn = std::to_array<DrawnPointer>({
     {{"arrow", "monochrome, white with a black outline"}, makeArrow},
     {{"beam", "monochrome, inverts what is under it"}, makeBeam},
     {{"halo", "colour with alpha"}, makeHalo},
     {{"cross", "masked colour, an inverting cross with an opaque plate"}, makeCross},
-}};
+});
 
 constexpr auto kPointers = [] {
     std::array<BuiltinPointer, kDrawn.size()> list{};
@@ -132,9 +132,10 @@ PointerImage builtinPointer(std::string_view name) {
 
 PointerImage pointerFromPicture(const Surface& picture, const std::string& name) {
     if (picture.width > kMaxPointerSide || picture.height > kMaxPointerSide) {
+        const std::string most = std::to_string(kMaxPointerSide);
         throw support::InputError(name + " has " + std::to_string(picture.width) + " x " +
-                                  std::to_string(picture.height) +
-                                  " pixels; a pointer has at most 256 x 256");
+                                  std::to_string(picture.height) + " pixels; a pointer has at most " + most +
+                                  " x " + most);
     }
     return colored(POINTER_COLOR_ALPHA, picture.width, picture.height,
                    [&](unsigned x, unsigned y) { return picture.at(x, y); });

@@ -3,6 +3,7 @@
 #include "driver/device_add.h"
 #include "rig/errors.h"
 
+#include <cstring>
 #include <exception>
 #include <fmt/format.h>
 #include <utility>
@@ -117,6 +118,16 @@ model::Adapter& Session::adapter() {
         throw DeviceError("no adapter is plugged in");
     }
     return *adapters_.back();
+}
+
+std::optional<support::Surface> Session::screen() {
+    const std::optional<model::Picture> picture = adapter().picture();
+    if (!picture) {
+        return std::nullopt;
+    }
+    support::Surface surface(picture->width, picture->height);
+    std::memcpy(surface.pixels.data(), picture->pixels.data(), picture->pixels.size());
+    return surface;
 }
 
 usb::LinkTiming& Session::link() {

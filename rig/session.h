@@ -8,6 +8,7 @@
 #include "platform/machine.h"
 #include "rig/reference.h"
 #include "rig/settings.h"
+#include "support/surface.h"
 
 #include <cstdint>
 #include <functional>
@@ -53,6 +54,7 @@ class Session {
     usb::LinkTiming& link();
     platform::DeviceNode& node();
     bool plugged() const { return node_ != nullptr; }
+    std::optional<support::Surface> screen(); // what the monitor shows; nothing while it is dark
     void surpriseRemove();
     void remove();
     void suspend();

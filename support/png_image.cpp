@@ -33,8 +33,9 @@ Surface decodePng(std::span<const std::uint8_t> contents, const std::string& nam
         refuse(name, png.message);
     }
     if (png.width > kMaxSurfaceSide || png.height > kMaxSurfaceSide) {
-        refuse(name, std::to_string(png.width) + " x " + std::to_string(png.height) +
-                         " pixels, at most 8192 x 8192 are allowed");
+        const std::string most = std::to_string(kMaxSurfaceSide);
+        refuse(name, std::to_string(png.width) + " x " + std::to_string(png.height) + " pixels, at most " +
+                         most + " x " + most + " are allowed");
     }
     png.format = PNG_FORMAT_BGRA;
     Surface picture(png.width, png.height);

@@ -1,5 +1,8 @@
 #include "tool/edid_modes.h"
 
+#include "device/client_abi.h"
+#include "display/mode_tables.h"
+
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
@@ -9,14 +12,12 @@ namespace tool {
 
 namespace {
 
-constexpr std::size_t kBlockBytes = 128;
 constexpr std::size_t kEstablished = 35;
 constexpr std::size_t kStandard = 38;
 constexpr unsigned kStandardEntries = 8;
 constexpr std::size_t kDetailed = 54;
 constexpr std::size_t kDetailedBytes = 18;
 constexpr unsigned kDetailedSlots = 4;
-constexpr unsigned kMaxPixels = 2048 * 1152; // what the adapter's frame memory holds
 
 using Bytes = std::span<const std::uint8_t>;
 
@@ -27,7 +28,7 @@ struct KnownMode {
 };
 
 // VESA E-EDID 1.3, table 3.14.
-constexpr std::array<KnownMode, 17> kEstablishedModes = {{
+constexpr auto kEstablishedModes = std::to_array<KnownMode>({
     {0, {720, 400}, 70},
     {1, {720, 400}, 88},
     {2, {640, 480}, 60},
@@ -45,10 +46,10 @@ constexpr std::array<KnownMode, 17> kEstablishedModes = {{
     {14, {1024, 768}, 75},
     {15, {1280, 1024}, 75},
     {16, {1152, 870}, 75},
-}};
+});
 
 // CEA-861-D, table 3: the progressive formats and the interlaced ones of high definition.
-constexpr std::array<KnownMode, 17> kCeaModes = {{
+constexpr auto kCeaModes = std::to_array<KnownMode>({
     {1, {640, 480}, 60},
     {2, {720, 480}, 60},
     {3, {720, 480}, 60},
@@ -66,11 +67,11 @@ constexpr std::array<KnownMode, 17> kCeaModes = {{
     {41, {1280, 720}, 100},
     {47, {1280, 720}, 120},
     {63, {1920, 1080}, 120},
-}};
+});
 
 bool hasHeader(Bytes edid) {
     constexpr std::array<std::uint8_t, 8> header = {0x00, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x00};
-    return edid.size() >= kBlockBytes && std::ranges::equal(edid.first(header.size()), header);
+    return edid.size() >= EDID_BLOCK_SIZE && std::ranges::equal(edid.first(header.size()), header);
 }
 
 void addEstablished(Bytes block, std::vector<EdidMode>& modes) {
@@ -113,7 +114,7 @@ std::optional<EdidMode> detailedMode(Bytes block, unsigned slot) {
 
 void addCea(Bytes block, std::vector<EdidMode>& modes) {
     constexpr unsigned kVideoTag = 2;
-    const std::size_t end = std::min<std::size_t>(block[2], kBlockBytes);
+    const std::size_t end = std::min<std::size_t>(block[2], EDID_BLOCK_SIZE);
     for (std::size_t at = 4; block[0] == 2 && at < end;) {
         const unsigned tag = block[at] >> 5;
         const std::size_t next = at + 1 + (block[at] & 0x1F);
@@ -133,8 +134,8 @@ bool isCea(const EdidMode& mode) {
 
 // Why a mode cannot stay as it is.
 std::string whyNot(const EdidMode& mode, const RewriteConditions& conditions) {
-    if (mode.size.width * mode.size.height > kMaxPixels) {
-        return fmt::format("more than {} pixels", kMaxPixels);
+    if (mode.size.width * mode.size.height > MODE_MAX_PIXELS) {
+        return fmt::format("more than {} pixels", MODE_MAX_PIXELS);
     }
     if (mode.refresh != 60) {
         return "only 60 Hz is offered";
@@ -159,7 +160,7 @@ std::string singleModeReason() {
 class Explainer {
   public:
     Explainer(Bytes before, Bytes after, const RewriteConditions& conditions)
-        : before_(before.first(kBlockBytes)), after_(after), conditions_(conditions) {}
+        : before_(before.first(EDID_BLOCK_SIZE)), after_(after), conditions_(conditions) {}
 
     std::vector<ModeFate> run(Bytes edid) {
         established();
@@ -292,8 +293,8 @@ std::vector<EdidMode> edidModes(std::span<const std::uint8_t> edid) {
             modes.push_back(*mode);
         }
     }
-    for (std::size_t at = kBlockBytes; at + kBlockBytes <= edid.size(); at += kBlockBytes) {
-        addCea(edid.subspan(at, kBlockBytes), modes);
+    for (std::size_t at = EDID_BLOCK_SIZE; at + EDID_BLOCK_SIZE <= edid.size(); at += EDID_BLOCK_SIZE) {
+        addCea(edid.subspan(at, EDID_BLOCK_SIZE), modes);
     }
     return modes;
 }
@@ -315,13 +316,13 @@ std::string_view fateName(Fate fate) {
 std::vector<ModeFate> explainRewrite(std::span<const std::uint8_t> before,
                                      std::span<const std::uint8_t> after,
                                      const RewriteConditions& conditions) {
-    if (before.size() < kBlockBytes || after.size() < kBlockBytes) {
+    if (before.size() < EDID_BLOCK_SIZE || after.size() < EDID_BLOCK_SIZE) {
         return {};
     }
     const bool blank =
-        std::ranges::all_of(after.first(kBlockBytes), [](std::uint8_t byte) { return byte == 0; });
+        std::ranges::all_of(after.first(EDID_BLOCK_SIZE), [](std::uint8_t byte) { return byte == 0; });
     if (!blank) {
-        return Explainer(before, after.first(kBlockBytes), conditions).run(before);
+        return Explainer(before, after.first(EDID_BLOCK_SIZE), conditions).run(before);
     }
     std::vector<ModeFate> fates;
     for (const EdidMode& mode : edidModes(before)) {

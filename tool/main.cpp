@@ -89,6 +89,15 @@ void addSeed(CLI::App* command, std::uint64_t& seed) {
     command->get_option("--seed")->envname("SIM_SEED");
 }
 
+void addCapture(CLI::App* command, std::string& capture) {
+    command->add_option("--capture", capture, "Write everything on the wire, for tshark and Wireshark")
+        ->type_name("F.pcapng");
+}
+
+void addFree(CLI::App* command, bool& free) {
+    command->add_flag("--free", free, "Real threads and the real clock instead of the simulated machine");
+}
+
 void addAdapter(CLI::App* command, model::AdapterOptions& adapter) {
     addLink(command, adapter.link);
     command->add_option("--revision", adapter.revision, "The adapter's chip: 0, 1 or 2 (the default)")
@@ -147,12 +156,9 @@ void addShow(CLI::App& app, CommandBody& action) {
     addParsed(command, "--pointer", options->pointer, "Show an arrow with its top-left corner there", "X,Y",
               parsePoint);
     command->add_option("--out", options->out, "Write what the monitor shows as PNG")->type_name("F.png");
-    command
-        ->add_option("--capture", options->capture, "Write everything on the wire, for tshark and Wireshark")
-        ->type_name("F.pcapng");
+    addCapture(command, options->capture);
     addSeed(command, options->seed);
-    command->add_flag("--free", options->free,
-                      "Real threads and the real clock instead of the simulated machine");
+    addFree(command, options->free);
     command
         ->add_option("--cpu", options->cpuFeatures,
                      "Highest vector extension the driver may use, by default sse41")
@@ -169,12 +175,9 @@ void addRun(CLI::App& app, CommandBody& action) {
         app.add_subcommand("run", "Carry a script out: plug, attach, present, sleep, expect ...");
     command->footer(tool::scriptHelp());
     command->add_option("SCRIPT", options->script, "The script; - reads standard input")->required();
-    command
-        ->add_option("--capture", options->capture, "Write everything on the wire, for tshark and Wireshark")
-        ->type_name("F.pcapng");
+    addCapture(command, options->capture);
     addSeed(command, options->seed);
-    command->add_flag("--free", options->free,
-                      "Real threads and the real clock instead of the simulated machine");
+    addFree(command, options->free);
     command->add_flag("--json", options->json, "Print one JSON object for machines");
     command->callback([options, &action] { action = [options] { return tool::runScript(*options); }; });
 }

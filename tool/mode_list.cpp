@@ -1,6 +1,7 @@
 #include "tool/mode_list.h"
 
 #include "display/mode_tables.h"
+#include "model/timing.h"
 #include "support/input_error.h"
 
 #include <algorithm>
@@ -15,20 +16,14 @@ using support::Size;
 
 constexpr unsigned kDesktopRefresh = 60; // at which the driver sets every mode that a client asks for
 
-// 10 MHz times the multiplier over the divider; half of it when bit 9 is set.
-std::uint64_t pllClock(ULONG word) {
-    const std::uint64_t divider = word & 0xFF;
-    const std::uint64_t clock = divider == 0 ? 0 : 10'000'000u * std::uint64_t{word >> 16 & 0xFF} / divider;
-    return (word & 0x200) != 0 ? clock / 2 : clock;
-}
-
 ModeInfo infoOf(const VIDEO_MODE_ENTRY& entry) {
     const std::uint64_t total = std::uint64_t{entry.HorizontalTotal} * entry.VerticalTotal;
+    const std::uint64_t pllClock = static_cast<std::uint64_t>(model::pixelClock(entry.PllWord));
     return {.size = {entry.Width, entry.Height},
             .refresh = entry.Refresh,
-            .exactRefresh = static_cast<double>(pllClock(entry.PllWord)) / static_cast<double>(total),
+            .exactRefresh = static_cast<double>(pllClock) / static_cast<double>(total),
             .pixelClock = total * entry.Refresh,
-            .pllClock = pllClock(entry.PllWord),
+            .pllClock = pllClock,
             .horizontalTotal = entry.HorizontalTotal,
             .verticalTotal = entry.VerticalTotal,
             .offered = isOffered({entry.Width, entry.Height}, entry.Refresh)};

@@ -224,7 +224,7 @@ struct ActionRule {
     Action (*parse)(Words);
 };
 
-constexpr std::array<ActionRule, 25> kRules = {{
+constexpr auto kRules = std::to_array<ActionRule>({
     {"registry", "NAME VALUE|@FILE", "set a value under the driver's Parameters key", parseRegistry},
     {"plug",
      "[revision=0..3] [link=usb2|usb3] [product=main|alt|partner] [bcd-usb=0x0300] [transmitter] "
@@ -257,7 +257,7 @@ constexpr std::array<ActionRule, 25> kRules = {{
     {"report", "", "print mode, levels and transmitter", parseSimple<ReportAction>},
     {"expect", "picture | dark | bits 8|16|24 | hdmi | dvi", "wait for it; a failure ends the script",
      parseExpect},
-}};
+});
 
 std::string usageOf(const ActionRule& rule) {
     return rule.arguments.empty() ? std::string(rule.name) : fmt::format("{} {}", rule.name, rule.arguments);

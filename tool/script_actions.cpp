@@ -3,6 +3,7 @@
 #include "desktop/frame_source.h"
 #include "rig/driver_probe.h"
 #include "rig/errors.h"
+#include "rig/frame_pacer.h"
 #include "rig/screen_check.h"
 #include "rig/session.h"
 #include "support/file.h"
@@ -13,7 +14,6 @@
 #include "tool/script.h"
 #include "tool/transmitter_report.h"
 
-#include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
 #include <map>
@@ -149,13 +149,9 @@ class Performer {
     void perform(const DisplayAction& a) { session_.setDisplayPower(a.on); }
 
     void perform(const PresentAction& a) {
-        const usb::Time begin = session_.machine().clock().now();
+        rig::FramePacer pacer(session_.machine(), kStreamRate);
         for (unsigned frame = 0; frame < a.frames; frame++) {
-            const usb::Time due = begin + frame * usb::kSecond / kStreamRate;
-            const usb::Time now = session_.machine().clock().now();
-            if (now < due) {
-                session_.machine().sleep(due - now);
-            }
+            pacer.waitFor(frame);
             session_.present(a.identifier, frameOf(a));
             presented_++;
         }
@@ -184,13 +180,11 @@ class Performer {
     void perform(const BandwidthAction& a) { session_.link().setBandwidth(a.bytesPerSecond); }
 
     void perform(const SaveAction& a) {
-        const std::optional<model::Picture> shown = session_.adapter().picture();
+        const std::optional<Surface> shown = session_.screen();
         if (!shown) {
             throw WrongResult(fmt::format("the monitor is dark: {}", session_.adapter().darkReason()));
         }
-        Surface picture(shown->width, shown->height);
-        std::memcpy(picture.pixels.data(), shown->pixels.data(), shown->pixels.size());
-        support::writePng(a.file, picture);
+        support::writePng(a.file, *shown);
     }
 
     void perform(const MemoryAction& a) { support::writeFile(a.file, session_.adapter().memory(a.memory)); }

@@ -2,6 +2,7 @@
 
 #include "desktop/frame_source.h"
 #include "rig/errors.h"
+#include "rig/frame_pacer.h"
 #include "rig/screen_check.h"
 #include "rig/session.h"
 #include "rig/stream_meter.h"
@@ -15,7 +16,6 @@
 #include "tool/transmitter_report.h"
 
 #include <algorithm>
-#include <cstring>
 #include <fmt/format.h>
 #include <memory>
 
@@ -140,11 +140,11 @@ class ShowRun {
     void stream() {
         Progress progress(!options_.json || options_.free);
         meter_ = std::make_unique<StreamMeter>(session_);
-        const usb::Time begin = session_.machine().clock().now();
+        rig::FramePacer pacer(session_.machine(), options_.rate);
         Surface frame;
         unsigned presented = 0;
         while ((!source_.count || presented < *source_.count) && source_.frames->next(frame)) {
-            waitUntil(begin + presented * usb::kSecond / options_.rate);
+            pacer.waitFor(presented);
             const bool fits = frame.width == mode_.width && frame.height == mode_.height;
             session_.present(1 + presented % kFrameBuffers,
                              fits ? frame : support::center(frame, mode_.width, mode_.height));
@@ -155,13 +155,6 @@ class ShowRun {
         }
         if (presented == 0) {
             throw InputError(fmt::format("{} holds no frame", support::inputName(options_.video)));
-        }
-    }
-
-    void waitUntil(usb::Time due) {
-        const usb::Time now = session_.machine().clock().now();
-        if (now < due) {
-            session_.machine().sleep(due - now);
         }
     }
 
@@ -178,10 +171,7 @@ class ShowRun {
         if (options_.out.empty()) {
             return;
         }
-        if (const std::optional<model::Picture> picture = session_.adapter().picture()) {
-            screen_.emplace(picture->width, picture->height);
-            std::memcpy(screen_->pixels.data(), picture->pixels.data(), picture->pixels.size());
-        }
+        screen_ = session_.screen();
     }
 
     void summarise() {

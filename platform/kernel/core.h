@@ -141,7 +141,6 @@ void setCurrentTask(Task* task);
 void enterDomain(Task& task, Domain domain);
 
 // The account of processor time.
-std::uint64_t threadCpuTime();
 std::uint64_t driverNanoseconds(const Task& task);
 void accountSleepBegins(Task& task);
 void accountSleepEnds(Task& task);

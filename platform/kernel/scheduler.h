@@ -72,6 +72,8 @@ TaskKind taskKind(const Task& task);
 
 // Processor time that the task has used, in nanoseconds of the real machine.
 std::uint64_t taskCpuTime(const Task& task);
+// The same of the calling thread, which need not be a task.
+std::uint64_t threadCpuTime();
 
 // Lets another task run, or an interrupt in, as the strategy decides. The kernel lock must not be held.
 void schedulingPoint(Point point);

@@ -107,8 +107,6 @@ constexpr VIDEO_MODE_ENTRY MODES[] = {
 };
 // clang-format on
 
-static_assert(ARRAYSIZE(MODES) == MODE_TABLE_ENTRIES);
-
 constexpr BOOLEAN HasImages(const VIDEO_MODE_ENTRY& mode, ULONG horizontalSize, ULONG horizontalSync,
                             ULONG verticalSize, ULONG verticalSync) {
     return mode.HorizontalSizeImage == horizontalSize && mode.HorizontalSyncImage == horizontalSync &&
@@ -153,7 +151,7 @@ BOOLEAN MODE_IsSupported(ULONG width, ULONG height, ULONG refresh) {
 }
 
 BOOLEAN MODE_GetEntry(ULONG index, VIDEO_MODE_ENTRY* entry) {
-    if (index >= MODE_TABLE_ENTRIES) {
+    if (index >= ARRAYSIZE(MODES)) {
         return FALSE;
     }
     *entry = MODES[index];

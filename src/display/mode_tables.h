@@ -21,7 +21,6 @@ struct VIDEO_MODE_ENTRY {
     ULONG PllWord; // 10 MHz x bits 16..23 / bits 0..7 is the pixel clock, or twice it when bit 9 is set
 };
 
-constexpr ULONG MODE_TABLE_ENTRIES = 73;
 constexpr ULONG MODE_MAX_PIXELS = 0x240000; // 2048 x 1152: what a render buffer holds at 3 bytes per pixel
 
 // Tables 0, 2 and 4 serve 3, 2 and 1 bytes per pixel; 1, 3 and 5 are variants that nobody selects. They
@@ -36,7 +35,7 @@ constexpr ULONG MODE_TABLE_8_BIT = 4;
 [[nodiscard]] BOOLEAN MODE_LookupTable(ULONG table, ULONG width, ULONG height, ULONG refresh,
                                        VIDEO_MODE_ENTRY* entry);
 
-// Copies entry `index`, 0 to MODE_TABLE_ENTRIES - 1. FALSE beyond.
+// Copies entry `index`, counted from 0. FALSE beyond the last.
 [[nodiscard]] BOOLEAN MODE_GetEntry(ULONG index, VIDEO_MODE_ENTRY* entry);
 
 // Whether a monitor may offer the mode: 60 Hz, in the tables, and small enough for a frame.

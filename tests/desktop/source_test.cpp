@@ -1,7 +1,7 @@
 // Where frames and pointers come from: raw streams, patterns and the built-in shapes.
 #include "desktop/frame_source.h"
 #include "desktop/pointer.h"
-#include "support/input_error.h"
+#include "tests/support/error_message.h"
 #include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
@@ -13,19 +13,9 @@
 namespace desktop {
 namespace {
 
-using support::InputError;
 using support::Pixel;
 using support::Surface;
-
-template <typename Body>
-std::string messageOf(Body body) {
-    try {
-        body();
-    } catch (const InputError& error) {
-        return error.what();
-    }
-    return "(no error)";
-}
+using test::messageOf;
 
 TEST(RawVideo, EndsAtAFrameOrSaysWhere) {
     const test::TemporaryFolder folder;

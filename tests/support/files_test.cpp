@@ -1,8 +1,8 @@
 // PNG files, good and hostile, files that appear whole or not at all, and pictures in another size.
 #include "support/file.h"
-#include "support/input_error.h"
 #include "support/png_image.h"
 #include "support/surface.h"
+#include "tests/support/error_message.h"
 #include "tests/support/temporary_folder.h"
 
 #include <gtest/gtest.h>
@@ -15,20 +15,12 @@
 namespace support {
 namespace {
 
+using test::messageOf;
+
 class Files : public testing::Test {
   protected:
     test::TemporaryFolder folder_;
 };
-
-template <typename Body>
-std::string messageOf(Body body) {
-    try {
-        body();
-    } catch (const InputError& error) {
-        return error.what();
-    }
-    return "(no error)";
-}
 
 Surface patchwork(unsigned width, unsigned height) {
     Surface surface(width, height);
