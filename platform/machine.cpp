@@ -1,5 +1,6 @@
 #include "platform/machine.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/framework/object.h"
 #include "platform/framework/pnp.h"
 #include "platform/kernel/driver_call.h"
@@ -103,7 +104,6 @@ class InterfaceHandle {
 struct Machine::State {
     explicit State(const MachineOptions& options) : scheduler(options.scheduler) {
         kernel::setSystemInformation(systemInformation(options));
-        framework::reset();
     }
 
     DeviceNode& add(usb::Device& device, const usb::HostOptions& options) {
@@ -143,10 +143,10 @@ Machine::Machine(const MachineOptions& options) : state_(std::make_unique<State>
 
 Machine::~Machine() {
     if (state_->abandoned) {
-        // Tasks that the end of the run stopped where they stood still refer to the devices.
-        static auto& abandoned =
-            *new std::vector<std::shared_ptr<DeviceNode>>; // outlives every static object
-        abandoned.insert(abandoned.end(), state_->nodes.begin(), state_->nodes.end());
+        // Tasks that the end of the run stopped still refer to the devices.
+        for (const auto& node : state_->nodes) {
+            base::keepForever(node);
+        }
     }
 }
 

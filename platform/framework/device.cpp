@@ -1,5 +1,6 @@
 #include "platform/framework/device.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/framework/driver.h"
 #include "platform/framework/node_state.h"
 #include "platform/framework/queue.h"
@@ -199,13 +200,13 @@ namespace {
 
 // Those of the device-add callbacks under way, guarded by the kernel lock: a driver may have kept the address
 // of an earlier one.
-std::vector<const WDFDEVICE_INIT*> initsUnderWay;
+base::MachinePart<std::vector<const WDFDEVICE_INIT*>> initsUnderWay;
 
 WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
     bool underWay = false;
     {
         KernelGuard guard;
-        underWay = std::find(initsUnderWay.begin(), initsUnderWay.end(), init) != initsUnderWay.end();
+        underWay = std::find(initsUnderWay->begin(), initsUnderWay->end(), init) != initsUnderWay->end();
     }
     if (!underWay || init->device) {
         call.fail(Rule::PnpOrder, nullptr,
@@ -221,12 +222,12 @@ WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
 
 WDFDEVICE_INIT::WDFDEVICE_INIT() {
     kernel::KernelGuard guard;
-    framework::initsUnderWay.push_back(this);
+    framework::initsUnderWay->push_back(this);
 }
 
 WDFDEVICE_INIT::~WDFDEVICE_INIT() {
     kernel::KernelGuard guard;
-    std::erase(framework::initsUnderWay, this);
+    std::erase(*framework::initsUnderWay, this);
 }
 
 using framework::Call;

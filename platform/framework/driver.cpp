@@ -1,5 +1,6 @@
 #include "platform/framework/driver.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/framework/pnp.h"
 #include "platform/kernel/registry.h"
 
@@ -11,17 +12,27 @@ namespace framework {
 
 namespace {
 
+// What the driver finds through the variable `WdfDriverGlobals`, which has one address for all machines.
+WDF_DRIVER_GLOBALS globals = {};
+
 // What is loaded. Changed only by loading and unloading, which the machine serialises.
 struct Loaded {
+    Loaded() = default;
+    ~Loaded() { globals = {}; }
+    Loaded(const Loaded&) = delete;
+    Loaded& operator=(const Loaded&) = delete;
+
     DRIVER_OBJECT driverObject = {};
     std::u16string service;
     std::u16string path;
     UNICODE_STRING registryPath = {};
     Driver* driver = nullptr;
 };
-std::unique_ptr<Loaded> loaded;
 
-WDF_DRIVER_GLOBALS globals = {};
+struct DriverSlot {
+    std::unique_ptr<Loaded> loaded;
+};
+base::MachinePart<DriverSlot> slot;
 
 // One millisecond each.
 constexpr int kLastReleasePolls = 100;
@@ -32,9 +43,9 @@ UNICODE_STRING unicodeString(std::u16string& text) {
 }
 
 void deleteDriver() {
-    if (loaded->driver != nullptr) {
-        loaded->driver->remove();
-        loaded->driver = nullptr;
+    if (slot->loaded->driver != nullptr) {
+        slot->loaded->driver->remove();
+        slot->loaded->driver = nullptr;
         globals.Driver = nullptr;
     }
     // Callbacks that outlive their object, such as that of a work item that deleted itself, still run the
@@ -45,7 +56,7 @@ void deleteDriver() {
 void requireNoObjects(const char* call) {
     // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
     for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
-        kernel::waitUntil(&loaded, {call, nullptr, nullptr}, kernel::now() + usb::kMillisecond,
+        kernel::waitUntil(&*slot, {call, nullptr, nullptr}, kernel::now() + usb::kMillisecond,
                           [] { return false; });
     }
     const std::vector<std::string> left = liveObjects();
@@ -58,7 +69,7 @@ void requireNoObjects(const char* call) {
 } // namespace
 
 Driver* currentDriver() {
-    return loaded ? loaded->driver : nullptr;
+    return slot->loaded ? slot->loaded->driver : nullptr;
 }
 
 Driver& requireDriver(const Call& call) {
@@ -69,41 +80,31 @@ Driver& requireDriver(const Call& call) {
     return *driver;
 }
 
-void reset() {
-    resetObjects();
-    loaded.reset();
-    globals = {};
-}
-
-bool driverLoaded() {
-    return loaded != nullptr;
-}
-
 NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service) {
-    loaded = std::make_unique<Loaded>();
-    loaded->service = service;
-    loaded->path = kernel::servicePath(service);
-    loaded->registryPath = unicodeString(loaded->path);
-    loaded->driverObject.Size = sizeof(DRIVER_OBJECT);
+    slot->loaded = std::make_unique<Loaded>();
+    slot->loaded->service = service;
+    slot->loaded->path = kernel::servicePath(service);
+    slot->loaded->registryPath = unicodeString(slot->loaded->path);
+    slot->loaded->driverObject.Size = sizeof(DRIVER_OBJECT);
     kernel::serviceKey(service);
     const NTSTATUS status =
-        kernel::callDriver("DriverEntry", entry, &loaded->driverObject, &loaded->registryPath);
+        kernel::callDriver("DriverEntry", entry, &slot->loaded->driverObject, &slot->loaded->registryPath);
     if (!NT_SUCCESS(status)) {
         deleteDriver();
         requireNoObjects("DriverEntry");
-        loaded.reset();
+        slot->loaded.reset();
     }
     return status;
 }
 
 void unloadDriver() {
-    if (loaded->driver != nullptr && loaded->driver->config.EvtDriverUnload != nullptr) {
-        kernel::callDriver("EvtDriverUnload", loaded->driver->config.EvtDriverUnload,
-                           static_cast<WDFDRIVER>(loaded->driver->handle()));
+    if (slot->loaded->driver != nullptr && slot->loaded->driver->config.EvtDriverUnload != nullptr) {
+        kernel::callDriver("EvtDriverUnload", slot->loaded->driver->config.EvtDriverUnload,
+                           static_cast<WDFDRIVER>(slot->loaded->driver->handle()));
     }
     deleteDriver();
     requireNoObjects("DriverUnload");
-    loaded.reset();
+    slot->loaded.reset();
 }
 
 } // namespace framework
@@ -122,13 +123,13 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
         *Driver = nullptr;
     }
     if (DriverObject == nullptr || RegistryPath == nullptr || DriverConfig == nullptr ||
-        framework::loaded == nullptr || DriverObject != &framework::loaded->driverObject) {
+        framework::slot->loaded == nullptr || DriverObject != &framework::slot->loaded->driverObject) {
         return STATUS_INVALID_PARAMETER;
     }
     if (DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
-    if (framework::loaded->driver != nullptr) {
+    if (framework::slot->loaded->driver != nullptr) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     framework::Ref<framework::Driver> driver;
@@ -137,12 +138,12 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
                      [&](framework::Object*) {
                          std::u16string path(RegistryPath->Buffer, RegistryPath->Length / sizeof(WCHAR));
                          return new framework::Driver(DriverObject, *DriverConfig, std::move(path),
-                                                      framework::loaded->service);
+                                                      framework::slot->loaded->service);
                      });
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    framework::loaded->driver = driver.get();
+    framework::slot->loaded->driver = driver.get();
     framework::globals.Driver = static_cast<WDFDRIVER>(driver->handle());
     framework::globals.DriverFlags = DriverConfig->DriverInitFlags;
     framework::globals.DriverTag = DriverConfig->DriverPoolTag;

@@ -333,16 +333,6 @@ std::vector<std::string> liveObjects() {
     return names;
 }
 
-void resetObjects() {
-    // Objects of a run that was stopped are still on the stacks of its tasks, so they are kept, out of reach.
-    static auto& abandoned = *new std::vector<Object*>; // outlives every static object
-    KernelGuard guard;
-    for (Object* object : objectTable().alive()) {
-        abandoned.push_back(object);
-    }
-    objectTable().clear();
-}
-
 void noteCompleted(const void* handle) {
     KernelGuard guard;
     objectTable().setFate(handle, Fate::Completed);

@@ -259,9 +259,6 @@ NTSTATUS createObject(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
 std::uint64_t objectCreations();
 std::vector<std::string> liveObjects();
 
-// Forgets every object an earlier machine left; called when a machine starts.
-void resetObjects();
-
 // Notes that the object behind `handle` was a request that has been completed (see `requireNotCompleted`).
 void noteCompleted(const void* handle);
 

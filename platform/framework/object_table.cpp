@@ -1,5 +1,7 @@
 #include "platform/framework/object_table.h"
 
+#include "platform/base/machine_state.h"
+
 namespace framework {
 
 namespace {
@@ -25,7 +27,15 @@ std::uint64_t indexOf(const void* handle) {
     return reinterpret_cast<std::uint64_t>(handle) >> kIndexShift & kIndexMask;
 }
 
+base::MachinePart<ObjectTable> table;
+
 } // namespace
+
+ObjectTable::~ObjectTable() {
+    for (Object* object : alive()) {
+        base::keepForever(std::shared_ptr<Object>(object, [](Object*) {}));
+    }
+}
 
 void* ObjectTable::add(Object& object) {
     ++creations_;
@@ -85,16 +95,8 @@ std::vector<Object*> ObjectTable::alive() const {
     return objects;
 }
 
-void ObjectTable::clear() {
-    slots_.clear();
-    free_.clear();
-    contexts_.clear();
-    creations_ = 0;
-}
-
 ObjectTable& objectTable() {
-    static ObjectTable table;
-    return table;
+    return *table;
 }
 
 } // namespace framework

@@ -17,6 +17,11 @@ enum class Fate : std::uint8_t { Alive, Deleted, DeletedByDriver, Completed };
 // Everything here is called with the kernel lock held.
 class ObjectTable {
   public:
+    ObjectTable() = default;
+    ~ObjectTable(); // objects that a stopped run left are never destroyed
+    ObjectTable(const ObjectTable&) = delete;
+    ObjectTable& operator=(const ObjectTable&) = delete;
+
     void* add(Object& object);
     void remove(Object& object, Fate fate);
 
@@ -35,7 +40,6 @@ class ObjectTable {
 
     std::uint64_t creations() const { return creations_; }
     std::vector<Object*> alive() const;
-    void clear();
 
   private:
     struct Slot {

@@ -13,16 +13,12 @@
 
 namespace framework {
 
-// Forgets what an earlier machine left; called when a machine starts.
-void reset();
-
 // Runs DriverEntry. After a failure nothing is loaded.
 NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service);
 
 // Runs the unload callback and deletes the driver object with everything below it. All devices must be gone.
 // Reports PoolLeak when an object survives its parent.
 void unloadDriver();
-bool driverLoaded();
 
 // A physical device on the bus and the driver's device object on top of it.
 class DevNode {

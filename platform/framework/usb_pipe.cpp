@@ -1,3 +1,4 @@
+#include "platform/base/machine_state.h"
 #include "platform/framework/device.h"
 #include "platform/framework/usb_device.h"
 #include "platform/framework/usb_reader.h"
@@ -16,11 +17,15 @@ constexpr USHORT kEndpointHalt = 0;
 
 // Pipe handles look like kernel addresses and are never used twice, so that one from before the last
 // selection is recognised.
+struct PipeHandles {
+    std::uint64_t last = 0xFFFFE000'00000000;
+};
+base::MachinePart<PipeHandles> pipeHandles; // guarded by the kernel lock
+
 USBD_PIPE_HANDLE nextPipeHandle() {
-    static std::uint64_t last = 0xFFFFE000'00000000;
     KernelGuard guard;
-    last += 0x10;
-    return reinterpret_cast<USBD_PIPE_HANDLE>(last);
+    pipeHandles->last += 0x10;
+    return reinterpret_cast<USBD_PIPE_HANDLE>(pipeHandles->last);
 }
 
 } // namespace

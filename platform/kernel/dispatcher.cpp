@@ -6,6 +6,7 @@
 
 #include "platform/kernel/dispatcher.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/kernel/thread_object.h"
 #include "platform/verifier/locks.h"
@@ -142,7 +143,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
 
 // Tasks that spin for a lock, by the lock's address. A lock that is let go goes to whoever runs first, as on
 // the real machine.
-std::unordered_map<const KSPIN_LOCK*, std::vector<Task*>> spinningFor;
+base::MachinePart<std::unordered_map<const KSPIN_LOCK*, std::vector<Task*>>> spinningFor;
 
 Task* spinLockOwner(const KSPIN_LOCK& lock) {
     return reinterpret_cast<Task*>(lock & ~KSPIN_LOCK{1});
@@ -153,7 +154,7 @@ void takeSpinLock(KSPIN_LOCK& lock, std::string_view call) {
     {
         KernelGuard guard;
         while (lock != 0) {
-            spinningFor[&lock].push_back(&currentTask());
+            (*spinningFor)[&lock].push_back(&currentTask());
             block({call, &lock, spinLockOwner(lock)}, kForever);
         }
         lock = reinterpret_cast<KSPIN_LOCK>(self) | 1;
@@ -171,7 +172,7 @@ void giveSpinLock(KSPIN_LOCK& lock, std::string_view call) {
     announceRelease(&lock);
     KernelGuard guard;
     lock = 0;
-    auto waiters = spinningFor.extract(&lock);
+    auto waiters = spinningFor->extract(&lock);
     if (!waiters.empty()) {
         for (Task* task : waiters.mapped()) {
             wake(*task);
@@ -193,11 +194,6 @@ void requireNoSpinLockHeld(std::string_view call) {
 }
 
 } // namespace
-
-// Tasks of an earlier machine that was stopped must not be woken by a lock at the same address.
-void resetDispatcher() {
-    spinningFor.clear();
-}
 
 LONGLONG deadlineOf(const LARGE_INTEGER* timeout) {
     if (timeout == nullptr) {

@@ -20,6 +20,4 @@ constexpr LONGLONG kSystemTimeAtStart = 133'500'000'000'000'000; // January 2024
 // absolute system time, a negative one a duration.
 LONGLONG deadlineOf(const LARGE_INTEGER* timeout);
 
-void resetDispatcher(); // called when a machine starts
-
 } // namespace kernel

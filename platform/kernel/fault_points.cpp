@@ -1,5 +1,6 @@
 #include "platform/kernel/fault_points.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/verifier/verifier.h"
 
@@ -18,54 +19,54 @@ struct Faults {
     FaultKind kind = FaultKind::Allocation; // of the point that fired
     std::string description;
 };
-Faults faults;
+base::MachinePart<Faults> faults;
 
 } // namespace
 
 void armFault(std::uint64_t k, FaultMode mode) {
     KernelLockIfFree guard;
-    faults = Faults();
-    faults.armed = k;
-    faults.mode = mode;
+    *faults = Faults();
+    faults->armed = k;
+    faults->mode = mode;
 }
 
 void disarmFault() {
     KernelLockIfFree guard;
-    faults.armed = 0;
+    faults->armed = 0;
 }
 
 std::uint64_t faultPointsReached() {
     KernelLockIfFree guard;
-    return faults.reached;
+    return faults->reached;
 }
 
 bool faultFired() {
     KernelLockIfFree guard;
-    return faults.fired;
+    return faults->fired;
 }
 
 std::string faultDescription() {
     KernelLockIfFree guard;
-    return faults.description;
+    return faults->description;
 }
 
 bool faultPoint(FaultKind kind, std::string_view what) {
     KernelLockIfFree guard;
-    ++faults.reached;
-    if (faults.armed == 0) {
+    ++faults->reached;
+    if (faults->armed == 0) {
         return false;
     }
-    if (faults.fired) {
-        return faults.mode == FaultMode::Sticky && kind == faults.kind;
+    if (faults->fired) {
+        return faults->mode == FaultMode::Sticky && kind == faults->kind;
     }
-    if (faults.reached != faults.armed) {
+    if (faults->reached != faults->armed) {
         return false;
     }
-    faults.fired = true;
-    faults.kind = kind;
+    faults->fired = true;
+    faults->kind = kind;
     const char* callback = currentCallback();
-    faults.description = fmt::format("{} {}: {}{}{}", kFaultKindNames[static_cast<std::size_t>(kind)],
-                                     faults.reached, what, *callback != 0 ? " in " : "", callback);
+    faults->description = fmt::format("{} {}: {}{}{}", kFaultKindNames[static_cast<std::size_t>(kind)],
+                                      faults->reached, what, *callback != 0 ? " in " : "", callback);
     return true;
 }
 

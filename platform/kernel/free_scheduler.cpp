@@ -23,11 +23,11 @@ namespace kernel {
 namespace {
 
 // How long the end of a run waits for tasks that still have something to do, and a stop for tasks to notice.
-constexpr Time kGrace = 10 * usb::kSecond;
+constexpr Time kGrace = 10 * base::kSecond;
 
 timespec relativeTime(Time duration) {
     const Time positive = std::max<Time>(duration, 0);
-    return {positive / usb::kSecond, (positive % usb::kSecond) * 100};
+    return {positive / base::kSecond, (positive % base::kSecond) * 100};
 }
 
 class FreeCore final : public Core {
@@ -353,7 +353,7 @@ bool FreeCore::waitForQuiet(Time deadline, bool workersToo) {
         if (now() >= deadline) {
             return false;
         }
-        const timespec slice = relativeTime(usb::kMillisecond);
+        const timespec slice = relativeTime(base::kMillisecond);
         if (!runner_.tryTake()) {
             runner_.waitOnce(&slice);
         }

@@ -1,5 +1,6 @@
 #include "platform/kernel/interfaces.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/pool.h"
@@ -36,11 +37,14 @@ struct Change {
 };
 
 // All guarded by the kernel lock.
-std::vector<std::pair<PDEVICE_OBJECT, std::u16string>> devices; // with their instance paths
-std::vector<Interface> registered;
-std::vector<std::shared_ptr<const Subscriber>> subscribers;
-std::deque<Change> changes; // not yet told to the subscribers
-bool telling = false;       // a worker is at it
+struct Interfaces {
+    std::vector<std::pair<PDEVICE_OBJECT, std::u16string>> devices; // with their instance paths
+    std::vector<Interface> registered;
+    std::vector<std::shared_ptr<const Subscriber>> subscribers;
+    std::deque<Change> changes; // not yet told to the subscribers
+    bool telling = false;       // a worker is at it
+};
+base::MachinePart<Interfaces> interfaces;
 
 std::u16string linkName(std::u16string_view instance, const GUID& interfaceClass,
                         std::u16string_view reference) {
@@ -69,9 +73,9 @@ std::u16string_view viewOf(const UNICODE_STRING* text) {
 }
 
 Interface* findLink(std::u16string_view link) {
-    auto found = std::find_if(registered.begin(), registered.end(),
+    auto found = std::find_if(interfaces->registered.begin(), interfaces->registered.end(),
                               [link](const Interface& entry) { return entry.link == link; });
-    return found != registered.end() ? &*found : nullptr;
+    return found != interfaces->registered.end() ? &*found : nullptr;
 }
 
 // Tells the subscribers of each change, in order, until none is left.
@@ -81,13 +85,13 @@ void tellSubscribers() {
         std::vector<std::shared_ptr<const Subscriber>> audience;
         {
             KernelGuard guard;
-            if (changes.empty()) {
-                telling = false;
+            if (interfaces->changes.empty()) {
+                interfaces->telling = false;
                 return;
             }
-            change = std::move(changes.front());
-            changes.pop_front();
-            audience = subscribers;
+            change = std::move(interfaces->changes.front());
+            interfaces->changes.pop_front();
+            audience = interfaces->subscribers;
         }
         for (const auto& subscriber : audience) {
             if (IsEqualGUID(subscriber->interfaceClass, change.interfaceClass)) {
@@ -99,11 +103,11 @@ void tellSubscribers() {
     }
 }
 
-// Kernel lock held. True when the caller must start telling, once it has let go of the lock.
+// Kernel lock held. True when the caller must call `startTelling` after it has released the lock.
 bool noteChange(Interface& entry, bool enabled) {
     entry.enabled = enabled;
-    changes.push_back({entry.interfaceClass, enabled, entry.link});
-    return !std::exchange(telling, true);
+    interfaces->changes.push_back({entry.interfaceClass, enabled, entry.link});
+    return !std::exchange(interfaces->telling, true);
 }
 
 void startTelling() {
@@ -129,20 +133,20 @@ bool copyToDriver(std::u16string_view text, UNICODE_STRING& result, std::string_
 
 void addInterfaceDevice(PDEVICE_OBJECT pdo, std::u16string instance) {
     KernelLockIfFree guard;
-    devices.emplace_back(pdo, std::move(instance));
+    interfaces->devices.emplace_back(pdo, std::move(instance));
 }
 
 void removeInterfaceDevice(PDEVICE_OBJECT pdo) {
     bool start = false;
     {
         KernelLockIfFree guard;
-        for (Interface& entry : registered) {
+        for (Interface& entry : interfaces->registered) {
             if (entry.pdo == pdo && entry.enabled) {
                 start |= noteChange(entry, false);
             }
         }
-        std::erase_if(registered, [pdo](const Interface& entry) { return entry.pdo == pdo; });
-        std::erase_if(devices, [pdo](const auto& device) { return device.first == pdo; });
+        std::erase_if(interfaces->registered, [pdo](const Interface& entry) { return entry.pdo == pdo; });
+        std::erase_if(interfaces->devices, [pdo](const auto& device) { return device.first == pdo; });
     }
     if (start) {
         startTelling();
@@ -152,7 +156,7 @@ void removeInterfaceDevice(PDEVICE_OBJECT pdo) {
 std::vector<std::u16string> enabledInterfaces(const GUID& interfaceClass) {
     KernelLockIfFree guard;
     std::vector<std::u16string> links;
-    for (const Interface& entry : registered) {
+    for (const Interface& entry : interfaces->registered) {
         if (entry.enabled && IsEqualGUID(entry.interfaceClass, interfaceClass)) {
             links.push_back(entry.link);
         }
@@ -168,17 +172,8 @@ PDEVICE_OBJECT interfaceDevice(std::u16string_view link) {
 
 void subscribeInterfaces(const GUID& interfaceClass, InterfaceCallback callback) {
     KernelLockIfFree guard;
-    subscribers.push_back(
+    interfaces->subscribers.push_back(
         std::make_shared<const Subscriber>(Subscriber{interfaceClass, std::move(callback)}));
-}
-
-void resetInterfaces() {
-    KernelLockIfFree guard;
-    devices.clear();
-    registered.clear();
-    subscribers.clear();
-    changes.clear();
-    telling = false;
 }
 
 } // namespace kernel
@@ -194,9 +189,9 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
     std::u16string link;
     {
         KernelGuard guard;
-        auto device = std::find_if(devices.begin(), devices.end(),
+        auto device = std::find_if(interfaces->devices.begin(), interfaces->devices.end(),
                                    [&](const auto& entry) { return entry.first == PhysicalDeviceObject; });
-        if (device == devices.end()) {
+        if (device == interfaces->devices.end()) {
             return STATUS_INVALID_DEVICE_REQUEST;
         }
         link = linkName(device->second, *InterfaceClassGuid, viewOf(ReferenceString));
@@ -206,7 +201,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
     }
     KernelGuard guard;
     if (findLink(link) == nullptr) {
-        registered.push_back({PhysicalDeviceObject, *InterfaceClassGuid, link, false});
+        interfaces->registered.push_back({PhysicalDeviceObject, *InterfaceClassGuid, link, false});
     }
     return STATUS_SUCCESS;
 }

@@ -29,6 +29,4 @@ PDEVICE_OBJECT interfaceDevice(std::u16string_view link);
 using InterfaceCallback = std::function<void(bool arrived, const std::u16string& link)>;
 void subscribeInterfaces(const GUID& interfaceClass, InterfaceCallback callback);
 
-void resetInterfaces(); // called when a machine starts
-
 } // namespace kernel

@@ -1,10 +1,11 @@
-// The blocks' records stand apart from the memory, so that a driver that writes past a block damages guard
+// The blocks' records are kept apart from the memory, so that a driver that writes past a block damages guard
 // bytes and nothing that the report needs. Large blocks go back to a cache and come out of it again: a
-// machine is plugged and unplugged thousands of times in one process, with tens of megabytes of buffers each
+// device is plugged and unplugged thousands of times in one process, with tens of megabytes of buffers each
 // time.
 
 #include "platform/kernel/pool.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/sanitizer.h"
@@ -57,8 +58,55 @@ struct Use {
     std::string what;
 };
 
+// Memory of large blocks that earlier machines gave back. Mapping it anew would take as long as the rest of a
+// short run. Nothing is carried over: a block that is made of it is filled as any other.
+class SpareMemory {
+  public:
+    std::uint8_t* take(std::size_t size) {
+        auto found = chunks_.find(size);
+        if (found == chunks_.end()) {
+            return nullptr;
+        }
+        std::uint8_t* chunk = found->second;
+        chunks_.erase(found);
+        bytes_ -= size;
+        return chunk;
+    }
+
+    bool give(std::uint8_t* chunk, std::size_t size) {
+        if (size < kCachedFrom || bytes_ + size > kCacheLimit) {
+            return false;
+        }
+        chunks_.emplace(size, chunk);
+        bytes_ += size;
+        return true;
+    }
+
+  private:
+    std::multimap<std::size_t, std::uint8_t*> chunks_; // by size
+    std::size_t bytes_ = 0;
+};
+SpareMemory& spareMemory = *new SpareMemory; // guarded by the kernel lock
+
+void release(const Block& block) {
+    sanitizer::unpoison(block.base, block.baseSize);
+    std::free(block.base);
+}
+
+void giveBack(const Block& block) {
+    sanitizer::unpoison(block.base, block.baseSize);
+    if (!spareMemory.give(block.base, block.baseSize)) {
+        std::free(block.base);
+    }
+}
+
 // All guarded by the kernel lock.
-struct State {
+struct Pool {
+    Pool() = default;
+    ~Pool(); // gives everything back without reports
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+
     std::map<const std::uint8_t*, Block> live; // by `data`
     std::deque<Block> quarantine;
     std::size_t quarantineBytes = 0;
@@ -71,8 +119,22 @@ struct State {
     std::uint64_t allocations = 0;
 };
 
-// Never destroyed: tasks of a stopped machine stay until the process has ended.
-State& pool = *new State;
+Pool::~Pool() {
+    for (const auto& [address, block] : live) {
+        giveBack(block);
+    }
+    for (const Block& block : quarantine) {
+        release(block);
+    }
+    for (const auto& [size, block] : cache) {
+        giveBack(block);
+    }
+    for (const auto& [mdl, record] : mdls) {
+        std::free(const_cast<MDL*>(mdl));
+    }
+}
+
+base::MachinePart<Pool> pool;
 
 std::string describe(const Block& block) {
     return fmt::format("block {} of {} bytes, tag {}", fmt::ptr(block.data), block.size, tagText(block.tag));
@@ -93,11 +155,6 @@ void forWatched(const Block& block, Visit visit) {
     }
 }
 
-void release(const Block& block) {
-    sanitizer::unpoison(block.base, block.baseSize);
-    std::free(block.base);
-}
-
 void requireUntouched(const Block& block, std::string_view call) {
     forWatched(block, [&](const std::uint8_t* begin, std::size_t size) {
         sanitizer::unpoison(begin, size);
@@ -116,16 +173,19 @@ Block obtain(std::size_t size, std::string_view call) {
     const std::size_t alignment = paged ? kPage : kGuard;
     Block block;
     block.baseSize = (front + size + kGuard + alignment - 1) / alignment * alignment;
-    auto cached = pool.cache.find(block.baseSize);
-    if (cached != pool.cache.end()) {
+    auto cached = pool->cache.find(block.baseSize);
+    if (cached != pool->cache.end()) {
         block = cached->second;
-        pool.cache.erase(cached);
-        pool.freed.erase(block.data);
-        pool.cacheBytes -= block.baseSize;
+        pool->cache.erase(cached);
+        pool->freed.erase(block.data);
+        pool->cacheBytes -= block.baseSize;
         requireUntouched(block, call);
         sanitizer::unpoison(block.base, block.baseSize);
     } else {
-        block.base = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, block.baseSize));
+        block.base = spareMemory.take(block.baseSize);
+        if (block.base == nullptr) {
+            block.base = static_cast<std::uint8_t*>(std::aligned_alloc(alignment, block.baseSize));
+        }
     }
     if (block.base != nullptr) {
         block.data = block.base + front;
@@ -142,23 +202,23 @@ void fillFreed(const Block& block) {
 void putAway(const Block& block, std::string_view call) {
     fillFreed(block);
     if (block.baseSize >= kCachedFrom) {
-        if (pool.cacheBytes + block.baseSize > kCacheLimit) {
+        if (pool->cacheBytes + block.baseSize > kCacheLimit) {
             release(block);
             return;
         }
-        pool.cache.emplace(block.baseSize, block);
-        pool.freed[block.data] = block.size;
-        pool.cacheBytes += block.baseSize;
+        pool->cache.emplace(block.baseSize, block);
+        pool->freed[block.data] = block.size;
+        pool->cacheBytes += block.baseSize;
         return;
     }
-    pool.quarantine.push_back(block);
-    pool.freed[block.data] = block.size;
-    pool.quarantineBytes += block.baseSize;
-    while (pool.quarantineBytes > kQuarantineLimit) {
-        const Block oldest = pool.quarantine.front();
-        pool.quarantine.pop_front();
-        pool.freed.erase(oldest.data);
-        pool.quarantineBytes -= oldest.baseSize;
+    pool->quarantine.push_back(block);
+    pool->freed[block.data] = block.size;
+    pool->quarantineBytes += block.baseSize;
+    while (pool->quarantineBytes > kQuarantineLimit) {
+        const Block oldest = pool->quarantine.front();
+        pool->quarantine.pop_front();
+        pool->freed.erase(oldest.data);
+        pool->quarantineBytes -= oldest.baseSize;
         requireUntouched(oldest, call);
         release(oldest);
     }
@@ -178,14 +238,14 @@ void requireGuardsIntact(const Block& block, std::string_view call) {
 
 bool liesInFreed(const void* address) {
     const auto* byte = static_cast<const std::uint8_t*>(address);
-    auto next = pool.freed.upper_bound(byte);
-    return next != pool.freed.begin() && byte < std::prev(next)->first + std::prev(next)->second;
+    auto next = pool->freed.upper_bound(byte);
+    return next != pool->freed.begin() && byte < std::prev(next)->first + std::prev(next)->second;
 }
 
 const Block* findLive(const void* address) {
     const auto* byte = static_cast<const std::uint8_t*>(address);
-    auto next = pool.live.upper_bound(byte);
-    if (next == pool.live.begin()) {
+    auto next = pool->live.upper_bound(byte);
+    if (next == pool->live.begin()) {
         return nullptr;
     }
     const Block& block = std::prev(next)->second;
@@ -194,7 +254,7 @@ const Block* findLive(const void* address) {
 
 void requireNotInUse(const void* address, std::size_t size, std::string_view call) {
     const auto* begin = static_cast<const std::uint8_t*>(address);
-    for (const Use& use : pool.uses) {
+    for (const Use& use : pool->uses) {
         if (begin < use.end && use.begin < begin + size) {
             verifier::fail(verifier::Rule::BufferLifetime, call, fmt::format("{}", address),
                            fmt::format("still in use by {}", use.what));
@@ -237,18 +297,18 @@ void* allocatePool(POOL_TYPE type, std::size_t size, ULONG tag, std::string_view
     sanitizer::poison(block.base, static_cast<std::size_t>(block.data - block.base));
     sanitizer::poison(block.end(), block.rearGuardSize());
     announceAcquire(block.data);
-    block.number = ++pool.allocations;
-    pool.live[block.data] = block;
+    block.number = ++pool->allocations;
+    pool->live[block.data] = block;
     return block.data;
 }
 
 void freePool(void* address, ULONG tag, std::string_view call) {
     verifier::requireIrql(call, kDispatchLevel);
     KernelLockIfFree guard;
-    auto found = pool.live.find(static_cast<std::uint8_t*>(address));
-    if (found == pool.live.end()) {
+    auto found = pool->live.find(static_cast<std::uint8_t*>(address));
+    if (found == pool->live.end()) {
         verifier::fail(verifier::Rule::PoolFreedTwice, call, fmt::format("{}", address),
-                       pool.freed.contains(static_cast<std::uint8_t*>(address))
+                       pool->freed.contains(static_cast<std::uint8_t*>(address))
                            ? "the block was freed before"
                            : "no block of pool begins here");
     }
@@ -264,7 +324,7 @@ void freePool(void* address, ULONG tag, std::string_view call) {
     requireGuardsIntact(block, call);
     verifier::locksDestroyed(block.data, block.end(), call);
     announceRelease(block.data);
-    pool.live.erase(found);
+    pool->live.erase(found);
     putAway(block, call);
 }
 
@@ -284,13 +344,13 @@ bool liesInFreedBlock(const void* address) {
 
 std::uint64_t poolAllocations() {
     KernelLockIfFree guard;
-    return pool.allocations;
+    return pool->allocations;
 }
 
 std::vector<PoolUse> poolInUse() {
     KernelLockIfFree guard;
     std::map<ULONG, PoolUse> byTag;
-    for (const auto& [address, block] : pool.live) {
+    for (const auto& [address, block] : pool->live) {
         PoolUse& use = byTag[block.tag];
         use.tag = block.tag;
         ++use.blocks;
@@ -305,33 +365,33 @@ std::vector<PoolUse> poolInUse() {
 
 void requirePoolEmpty(std::string_view call) {
     KernelLockIfFree guard;
-    for (const Block& block : pool.quarantine) {
+    for (const Block& block : pool->quarantine) {
         requireUntouched(block, call);
     }
-    for (const auto& [size, block] : pool.cache) {
+    for (const auto& [size, block] : pool->cache) {
         requireUntouched(block, call);
     }
-    if (!pool.live.empty()) {
-        const Block& first = pool.live.begin()->second;
+    if (!pool->live.empty()) {
+        const Block& first = pool->live.begin()->second;
         verifier::fail(verifier::Rule::PoolLeak, call, describe(first),
-                       fmt::format("{} blocks were never freed", pool.live.size()));
+                       fmt::format("{} blocks were never freed", pool->live.size()));
     }
-    if (!pool.mdls.empty()) {
-        verifier::fail(verifier::Rule::PoolLeak, call, fmt::format("{}", fmt::ptr(pool.mdls.begin()->first)),
-                       fmt::format("{} MDLs were never freed", pool.mdls.size()));
+    if (!pool->mdls.empty()) {
+        verifier::fail(verifier::Rule::PoolLeak, call, fmt::format("{}", fmt::ptr(pool->mdls.begin()->first)),
+                       fmt::format("{} MDLs were never freed", pool->mdls.size()));
     }
 }
 
 BufferUse beginBufferUse(const void* address, std::size_t size, std::string what) {
     KernelLockIfFree guard;
     const auto* begin = static_cast<const std::uint8_t*>(address);
-    pool.uses.push_back({++pool.lastUse, begin, begin + size, std::move(what)});
-    return pool.lastUse;
+    pool->uses.push_back({++pool->lastUse, begin, begin + size, std::move(what)});
+    return pool->lastUse;
 }
 
 void endBufferUse(BufferUse use) {
     KernelLockIfFree guard;
-    std::erase_if(pool.uses, [use](const Use& entry) { return entry.id == use; });
+    std::erase_if(pool->uses, [use](const Use& entry) { return entry.id == use; });
 }
 
 void requireUnused(const void* address, std::size_t size, std::string_view call) {
@@ -341,45 +401,18 @@ void requireUnused(const void* address, std::size_t size, std::string_view call)
 
 bool isLiveMdl(const MDL* mdl) {
     KernelLockIfFree guard;
-    return pool.mdls.contains(mdl);
+    return pool->mdls.contains(mdl);
 }
 
 bool isMdlMemoryLive(const MDL* mdl) {
     KernelLockIfFree guard;
-    auto found = pool.mdls.find(mdl);
-    if (found == pool.mdls.end()) {
+    auto found = pool->mdls.find(mdl);
+    if (found == pool->mdls.end()) {
         return false;
     }
     const std::uint64_t number = found->second.block;
     const Block* block = findLive(mdl->MappedSystemVa);
     return number == 0 || (block != nullptr && block->number == number);
-}
-
-void resetPool() {
-    KernelLockIfFree guard;
-    pool.uses.clear();
-    // What an earlier driver did to freed blocks is no fault of the next one.
-    for (const Block& block : pool.quarantine) {
-        release(block);
-    }
-    pool.quarantine.clear();
-    pool.quarantineBytes = 0;
-    pool.freed.clear();
-    for (const auto& [size, block] : pool.cache) {
-        sanitizer::unpoison(block.base, block.baseSize);
-        fillFreed(block);
-        pool.freed[block.data] = block.size;
-    }
-    for (const auto& [address, block] : pool.live) {
-        sanitizer::unpoison(block.base, block.baseSize);
-        putAway(block, "resetPool");
-    }
-    pool.live.clear();
-    for (const auto& [mdl, record] : pool.mdls) {
-        std::free(const_cast<MDL*>(mdl));
-    }
-    pool.mdls.clear();
-    pool.allocations = 0;
 }
 
 } // namespace kernel
@@ -420,7 +453,7 @@ PMDL IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, 
     mdl->ByteOffset = static_cast<ULONG>(offset);
     mdl->ByteCount = Length;
     KernelGuard guard;
-    pool.mdls[mdl] = {size, 0};
+    pool->mdls[mdl] = {size, 0};
     return mdl;
 }
 
@@ -428,13 +461,13 @@ VOID IoFreeMdl(PMDL Mdl) {
     PlatformCall call;
     verifier::requireIrql("IoFreeMdl", kDispatchLevel);
     KernelGuard guard;
-    auto found = pool.mdls.find(Mdl);
-    if (found == pool.mdls.end()) {
+    auto found = pool->mdls.find(Mdl);
+    if (found == pool->mdls.end()) {
         verifier::fail(verifier::Rule::PoolFreedTwice, "IoFreeMdl", fmt::format("{}", fmt::ptr(Mdl)),
                        "this is no MDL, or one that was freed before");
     }
     requireNotInUse(Mdl, found->second.size, "IoFreeMdl");
-    pool.mdls.erase(found);
+    pool->mdls.erase(found);
     std::free(Mdl);
 }
 
@@ -442,8 +475,8 @@ VOID MmBuildMdlForNonPagedPool(PMDL Mdl) {
     PlatformCall call;
     verifier::requireIrql("MmBuildMdlForNonPagedPool", kDispatchLevel);
     KernelGuard guard;
-    auto found = pool.mdls.find(Mdl);
-    if (found == pool.mdls.end()) {
+    auto found = pool->mdls.find(Mdl);
+    if (found == pool->mdls.end()) {
         verifier::fail(verifier::Rule::HandleStale, "MmBuildMdlForNonPagedPool",
                        fmt::format("{}", fmt::ptr(Mdl)), "this is no MDL, or one that was freed");
     }

@@ -71,7 +71,4 @@ bool isLiveMdl(const MDL* mdl);
 // taken its place. Memory that is no pool is taken for alive.
 bool isMdlMemoryLive(const MDL* mdl);
 
-// Gives everything back that an earlier machine left, without reports; called when a machine starts.
-void resetPool();
-
 } // namespace kernel

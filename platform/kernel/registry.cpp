@@ -1,5 +1,6 @@
 #include "platform/kernel/registry.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 
 #include <algorithm>
@@ -25,7 +26,10 @@ struct NameLess {
 constexpr std::u16string_view kServices = u"System\\CurrentControlSet\\Services";
 constexpr std::u16string_view kMachine = u"\\Registry\\Machine\\";
 
-std::shared_ptr<RegistryKey> root = std::make_shared<RegistryKey>(); // guarded by the kernel lock
+struct Root {
+    const std::shared_ptr<RegistryKey> key = std::make_shared<RegistryKey>();
+};
+base::MachinePart<Root> root;
 
 } // namespace
 
@@ -130,8 +134,7 @@ std::vector<std::u16string> RegistryKey::valueNames() const {
 }
 
 std::shared_ptr<RegistryKey> registryRoot() {
-    KernelLockIfFree guard;
-    return root;
+    return root->key;
 }
 
 std::u16string servicePath(std::u16string_view service) {
@@ -153,11 +156,6 @@ std::shared_ptr<RegistryKey> openRegistryPath(std::u16string_view path) {
         return nullptr;
     }
     return RegistryKey::open(registryRoot(), path.substr(kMachine.size()));
-}
-
-void resetRegistry() {
-    KernelLockIfFree guard;
-    root = std::make_shared<RegistryKey>();
 }
 
 } // namespace kernel

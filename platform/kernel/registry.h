@@ -61,6 +61,4 @@ std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service);
 // The key of a full path such as `servicePath` gives; null when there is none.
 std::shared_ptr<RegistryKey> openRegistryPath(std::u16string_view path);
 
-void resetRegistry(); // called when a machine starts
-
 } // namespace kernel

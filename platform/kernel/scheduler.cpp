@@ -2,13 +2,9 @@
 
 #include "platform/kernel/scheduler.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
-#include "platform/kernel/dispatcher.h"
-#include "platform/kernel/interfaces.h"
-#include "platform/kernel/pool.h"
-#include "platform/kernel/registry.h"
 #include "platform/kernel/sanitizer.h"
-#include "platform/kernel/threads.h"
 #include "platform/verifier/verifier.h"
 
 #include <stdexcept>
@@ -281,7 +277,7 @@ namespace {
 
 // What stands on the device's side of the wire promises its actions in the order they were scheduled: they
 // all run on the first processor.
-class MachineClock final : public usb::Clock {
+class MachineClock final : public base::Clock {
   public:
     Time now() const override { return kernel::now(); }
     void schedule(Time due, std::function<void()> action) override {
@@ -292,23 +288,15 @@ class MachineClock final : public usb::Clock {
 } // namespace
 
 struct Scheduler::State {
+    base::MachineState machine;
     std::unique_ptr<Core> core;
     MachineClock clock;
 };
 
 Scheduler::Scheduler(const SchedulerOptions& options) : state_(std::make_unique<State>()) {
-    if (machineCore != nullptr) {
-        throw std::logic_error("one machine at a time");
-    }
     if (options.processors < 1 || options.processors > 4) {
         throw std::invalid_argument("a machine has 1 to 4 processors");
     }
-    verifier::reset();
-    resetDispatcher();
-    resetPool();
-    resetRegistry();
-    resetInterfaces();
-    resetThreads();
     state_->core = options.mode == Mode::Sim ? makeSimCore(options) : makeFreeCore(options);
     machineCore = state_->core.get();
 }
@@ -324,7 +312,7 @@ Scheduler::~Scheduler() {
 void Scheduler::run(const std::function<void()>& body) {
     state_->core->run(body);
 }
-usb::Clock& Scheduler::clock() {
+base::Clock& Scheduler::clock() {
     return state_->clock;
 }
 std::uint64_t Scheduler::steps() const {

@@ -12,7 +12,7 @@
 // through `announceRelease` and `announceAcquire`.
 #pragma once
 
-#include "platform/usb/clock.h"
+#include "platform/base/clock.h"
 
 #include <cstdint>
 #include <functional>
@@ -24,7 +24,7 @@
 
 namespace kernel {
 
-using usb::Time;
+using base::Time;
 
 enum class Mode : std::uint8_t { Sim, Free };
 
@@ -40,9 +40,9 @@ struct SchedulerOptions {
     std::uint64_t seed = 1;
     Strategy strategy = Strategy::Random;
     unsigned pctDepth = 3;
-    unsigned processors = 2;                  // 1 to 4
-    std::uint64_t stepLimit = 200'000'000;    // scheduling points before a run is reported as endless
-    Time timeLimit = 4 * 3600 * usb::kSecond; // virtual time before a run is reported as endless; `sim` only
+    unsigned processors = 2;                   // 1 to 4
+    std::uint64_t stepLimit = 200'000'000;     // scheduling points before a run is reported as endless
+    Time timeLimit = 4 * 3600 * base::kSecond; // virtual time before a run is reported as endless; `sim` only
 };
 
 // Where a task can lose the processor.
@@ -146,7 +146,8 @@ void wakeChannel(const void* channel);
 void announceRelease(const void* object);
 void announceAcquire(const void* object);
 
-// The scheduler of one machine: created before its first task, destroyed after its last.
+// The scheduler of one machine: created before its first task, destroyed after its last. The machine's state
+// begins and ends with it.
 class Scheduler {
   public:
     explicit Scheduler(const SchedulerOptions& options);
@@ -162,7 +163,7 @@ class Scheduler {
     // them ever runs again. Tasks that still wait when `body` has returned are left in the same way.
     void run(const std::function<void()>& body);
 
-    usb::Clock& clock();
+    base::Clock& clock();
     std::uint64_t steps() const;
 
   private:

@@ -265,7 +265,7 @@ void SimCore::passTime() {
     if (now_ > options_.timeLimit) {
         verifier::fail(
             verifier::Rule::StepLimit, "clock", "",
-            fmt::format("the run took {} s of virtual time; {}", now_ / usb::kSecond, describeTasks()));
+            fmt::format("the run took {} s of virtual time; {}", now_ / base::kSecond, describeTasks()));
     }
     while (!timers_.empty() && timers_.begin()->first.first <= now_) {
         auto entry = timers_.extract(timers_.begin());

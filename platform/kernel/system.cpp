@@ -1,5 +1,6 @@
 #include "platform/kernel/system.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/verifier/verifier.h"
 
@@ -11,14 +12,14 @@ namespace kernel {
 
 namespace {
 
-SystemInformation information; // constant while a driver is loaded
+base::MachinePart<SystemInformation> information; // constant while a driver is loaded
 
 constexpr ULONG kPlatformNt = 2;
 
 } // namespace
 
 void setSystemInformation(const SystemInformation& value) {
-    information = value;
+    *information = value;
 }
 
 } // namespace kernel
@@ -35,14 +36,14 @@ NTSTATUS RtlGetVersion(PRTL_OSVERSIONINFOW VersionInformation) {
         verifier::fail(verifier::Rule::Argument, "RtlGetVersion", fmt::format("{} bytes", size),
                        "the size is that of no version structure");
     }
-    if (information.osVersionQueryFails) {
+    if (information->osVersionQueryFails) {
         return STATUS_UNSUCCESSFUL;
     }
     std::memset(VersionInformation, 0, size);
     VersionInformation->dwOSVersionInfoSize = size;
-    VersionInformation->dwMajorVersion = information.osMajor;
-    VersionInformation->dwMinorVersion = information.osMinor;
-    VersionInformation->dwBuildNumber = information.osBuild;
+    VersionInformation->dwMajorVersion = information->osMajor;
+    VersionInformation->dwMinorVersion = information->osMinor;
+    VersionInformation->dwBuildNumber = information->osBuild;
     VersionInformation->dwPlatformId = kPlatformNt;
     if (size == sizeof(RTL_OSVERSIONINFOEXW)) {
         reinterpret_cast<RTL_OSVERSIONINFOEXW*>(VersionInformation)->wProductType = 1; // workstation
@@ -72,7 +73,7 @@ void KernelCpuid(int registers[4], int leaf, int subleaf) {
     unsigned d = 0;
     __get_cpuid_count(static_cast<unsigned>(leaf), static_cast<unsigned>(subleaf), &a, &b, &c, &d);
     if (leaf == 1) {
-        c &= information.cpuidLeaf1EcxMask;
+        c &= information->cpuidLeaf1EcxMask;
     }
     registers[0] = static_cast<int>(a);
     registers[1] = static_cast<int>(b);

@@ -1,5 +1,6 @@
 #include "platform/kernel/threads.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/thread_object.h"
@@ -7,7 +8,7 @@
 
 #include <fmt/format.h>
 #include <map>
-#include <set>
+#include <memory>
 
 struct _OBJECT_TYPE {
     const char* name;
@@ -21,11 +22,14 @@ _OBJECT_TYPE threadType = {"Thread"};
 POBJECT_TYPE threadTypePointer = &threadType;
 
 // All guarded by the kernel lock.
-std::set<_KTHREAD*> threadObjects;
-std::map<HANDLE, _KTHREAD*> handles;
-std::uintptr_t lastHandle = 0;
-unsigned threadsStarted = 0;
-unsigned threadsRunning = 0;
+struct Threads {
+    std::map<_KTHREAD*, std::unique_ptr<_KTHREAD>> objects;
+    std::map<HANDLE, _KTHREAD*> handles;
+    std::uintptr_t lastHandle = 0;
+    unsigned started = 0; // by the driver
+    unsigned running = 0; // of these
+};
+base::MachinePart<Threads> threads;
 
 const int runningChannel = 0; // woken whenever a driver thread ends
 
@@ -34,24 +38,24 @@ struct ThreadExit {};
 
 void dropReference(_KTHREAD& thread) {
     if (--thread.references == 0) {
-        threadObjects.erase(&thread);
-        delete &thread;
+        threads->objects.erase(&thread);
     }
 }
 
 _KTHREAD& createThreadObject(unsigned references) {
-    auto* thread = new _KTHREAD;
+    auto owned = std::make_unique<_KTHREAD>();
+    _KTHREAD* thread = owned.get();
     thread->Header = {};
     thread->Header.Type = kThread;
     InitializeListHead(&thread->Header.WaitListHead);
     thread->references = references;
-    threadObjects.insert(thread);
+    threads->objects.emplace(thread, std::move(owned));
     return *thread;
 }
 
 _KTHREAD* findThread(HANDLE handle) {
-    auto found = handles.find(handle);
-    return found != handles.end() ? found->second : nullptr;
+    auto found = threads->handles.find(handle);
+    return found != threads->handles.end() ? found->second : nullptr;
 }
 
 _KTHREAD* checkedHandle(HANDLE handle, std::string_view call) {
@@ -65,7 +69,7 @@ _KTHREAD* checkedHandle(HANDLE handle, std::string_view call) {
 
 _KTHREAD& checkedObject(PVOID object, std::string_view call) {
     auto* thread = static_cast<_KTHREAD*>(object);
-    if (!threadObjects.contains(thread)) {
+    if (!threads->objects.contains(thread)) {
         verifier::fail(verifier::Rule::HandleStale, call, fmt::format("{}", object),
                        "this is no thread object, or one whose last reference is gone");
     }
@@ -103,14 +107,14 @@ void endThreadObject(Task& task) {
     satisfyWaiters(thread.Header);
     dropReference(thread);
     if (system) {
-        --threadsRunning;
+        --threads->running;
         wakeChannel(&runningChannel);
     }
 }
 
 unsigned runningSystemThreads() {
     KernelLockIfFree guard;
-    return threadsRunning;
+    return threads->running;
 }
 
 bool waitForSystemThreads(LONGLONG deadline) {
@@ -120,32 +124,20 @@ bool waitForSystemThreads(LONGLONG deadline) {
 
 void requireThreadsEnded(std::string_view call) {
     KernelLockIfFree guard;
-    if (threadsRunning != 0) {
-        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{} threads", threadsRunning),
+    if (threads->running != 0) {
+        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{} threads", threads->running),
                        "a driver thread still runs");
     }
-    if (!handles.empty()) {
-        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{}", handles.begin()->first),
+    if (!threads->handles.empty()) {
+        verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{}", threads->handles.begin()->first),
                        "a thread handle was never closed");
     }
-    for (const _KTHREAD* thread : threadObjects) {
+    for (const auto& [thread, owned] : threads->objects) {
         if (thread->system && thread->task == nullptr) {
             verifier::fail(verifier::Rule::ThreadLeak, call, fmt::format("{}", fmt::ptr(thread)),
                            "a thread object is still referenced");
         }
     }
-}
-
-void resetThreads() {
-    // Objects that a stopped run left are still pointed to by its tasks, which never run again: they are
-    // kept, out of reach.
-    static auto& abandoned = *new std::set<_KTHREAD*>; // outlives every static object
-    abandoned.merge(threadObjects);
-    threadObjects.clear();
-    handles.clear();
-    lastHandle = 0;
-    threadsStarted = 0;
-    threadsRunning = 0;
 }
 
 } // namespace kernel
@@ -172,11 +164,11 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
         KernelGuard guard;
         _KTHREAD& thread = createThreadObject(2); // the handle and the running thread
         thread.system = true;
-        ++threadsRunning;
-        *ThreadHandle = reinterpret_cast<HANDLE>(lastHandle += 4);
-        handles[*ThreadHandle] = &thread;
+        ++threads->running;
+        *ThreadHandle = reinterpret_cast<HANDLE>(threads->lastHandle += 4);
+        threads->handles[*ThreadHandle] = &thread;
         Task& task =
-            spawnDetached(fmt::format("system thread {}", ++threadsStarted), TaskKind::System,
+            spawnDetached(fmt::format("system thread {}", ++threads->started), TaskKind::System,
                           [StartRoutine, StartContext] { runDriverThread(StartRoutine, StartContext); });
         task.threadObject = &thread;
         thread.task = &task;
@@ -234,7 +226,7 @@ NTSTATUS ZwClose(HANDLE Handle) {
     verifier::requireIrql("ZwClose", kPassiveLevel);
     KernelGuard guard;
     _KTHREAD* thread = checkedHandle(Handle, "ZwClose");
-    handles.erase(Handle);
+    threads->handles.erase(Handle);
     dropReference(*thread);
     return STATUS_SUCCESS;
 }

@@ -17,6 +17,4 @@ void requireThreadsEnded(std::string_view call);
 // Waits until all of them have ended; false when one still runs at `deadline`.
 bool waitForSystemThreads(LONGLONG deadline);
 
-void resetThreads(); // called when a machine starts
-
 } // namespace kernel

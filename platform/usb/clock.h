@@ -1,30 +1,14 @@
-// The time base of everything on the device's side of the USB seam.
+// The machine's time under the names of the USB layer.
 #pragma once
 
-#include <cstdint>
-#include <functional>
+#include "platform/base/clock.h"
 
 namespace usb {
 
-// Time in units of 100 ns since the machine was switched on.
-using Time = std::int64_t;
-
-constexpr Time kMicrosecond = 10;
-constexpr Time kMillisecond = 10'000;
-constexpr Time kSecond = 10'000'000;
-
-// What a model or a link needs of time. The machine implements it: virtual time under the `sim` scheduler,
-// the real clock under `free`.
-class Clock {
-  public:
-    virtual ~Clock() = default;
-
-    virtual Time now() const = 0;
-
-    // Runs `action` once at `due` (or at once when `due` has passed), never inside this call, at
-    // DISPATCH_LEVEL on some processor. Actions with equal times run in the order they were scheduled.
-    // Nothing is cancelled: an action that may have become stale checks for that itself.
-    virtual void schedule(Time due, std::function<void()> action) = 0;
-};
+using base::Clock;
+using base::kMicrosecond;
+using base::kMillisecond;
+using base::kSecond;
+using base::Time;
 
 } // namespace usb

@@ -1,5 +1,6 @@
 #include "platform/verifier/verifier.h"
 
+#include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/verifier/locks.h"
@@ -55,12 +56,16 @@ struct Lock {
 };
 
 // By address, so that the locks inside a block of memory can be found. Guarded by the kernel lock.
-std::map<const void*, Lock> locks;
-unsigned locksNamed = 0;
+struct Locks {
+    std::map<const void*, Lock> byAddress;
+    unsigned named = 0;
+};
+base::MachinePart<Locks> locks;
 
 std::string describeLock(const void* lock) {
-    auto found = locks.find(lock);
-    return found != locks.end() && !found->second.name.empty() ? found->second.name : fmt::format("{}", lock);
+    auto found = locks->byAddress.find(lock);
+    return found != locks->byAddress.end() && !found->second.name.empty() ? found->second.name
+                                                                          : fmt::format("{}", lock);
 }
 
 std::string here(std::string_view call) {
@@ -76,8 +81,8 @@ std::string findOrder(const void* from, const void* to, std::vector<const void*>
         return {};
     }
     visited.push_back(from);
-    auto found = locks.find(from);
-    if (found == locks.end()) {
+    auto found = locks->byAddress.find(from);
+    if (found == locks->byAddress.end()) {
         return {};
     }
     for (const Order& order : found->second.orders) {
@@ -100,7 +105,7 @@ HeldLock* findHeld(kernel::Task& task, const void* lock) {
 }
 
 void noteOrder(const void* held, const void* lock, std::string_view call) {
-    std::vector<Order>& orders = locks[held].orders;
+    std::vector<Order>& orders = locks->byAddress[held].orders;
     if (std::any_of(orders.begin(), orders.end(), [lock](const Order& order) { return order.to == lock; })) {
         return;
     }
@@ -151,7 +156,7 @@ std::string_view ruleName(Rule rule) {
 std::string Report::text() const {
     return fmt::format("{} in {}{}{}: {} [task {}, {:.7f} s] SIM_SEED={}", ruleName(rule), call,
                        object.empty() ? "" : ", ", object, detail, task,
-                       static_cast<double>(time) / static_cast<double>(usb::kSecond), seed);
+                       static_cast<double>(time) / static_cast<double>(base::kSecond), seed);
 }
 
 Stopped::Stopped(Report what) : std::runtime_error(what.text()), report_(std::move(what)) {}
@@ -195,8 +200,8 @@ void lockAcquiring(const void* lock, LockKind kind, std::string_view name, std::
         return;
     }
     kernel::KernelLockIfFree guard;
-    if (locks[lock].name.empty()) {
-        locks[lock].name = name;
+    if (locks->byAddress[lock].name.empty()) {
+        locks->byAddress[lock].name = name;
     }
     for (const HeldLock& held : self->locks) {
         noteOrder(held.lock, lock, call);
@@ -236,13 +241,13 @@ void lockDestroyed(const void* lock, std::string_view call) {
 void locksDestroyed(const void* begin, const void* end, std::string_view call) {
     kernel::KernelLockIfFree guard;
     requireNotInUse(begin, end, call);
-    auto first = locks.lower_bound(begin);
-    auto last = locks.lower_bound(end);
+    auto first = locks->byAddress.lower_bound(begin);
+    auto last = locks->byAddress.lower_bound(end);
     if (first == last) {
         return;
     }
-    locks.erase(first, last);
-    for (auto& [address, lock] : locks) {
+    locks->byAddress.erase(first, last);
+    for (auto& [address, lock] : locks->byAddress) {
         std::erase_if(lock.orders,
                       [begin, end](const Order& order) { return order.to >= begin && order.to < end; });
     }
@@ -251,7 +256,7 @@ void locksDestroyed(const void* begin, const void* end, std::string_view call) {
 void lockInitialized(const void* lock, std::string_view kind) {
     lockDestroyed(lock, "initialisation");
     kernel::KernelLockIfFree guard;
-    locks[lock].name = fmt::format("{} {}", kind, ++locksNamed);
+    locks->byAddress[lock].name = fmt::format("{} {}", kind, ++locks->named);
 }
 
 unsigned locksHeld() {
@@ -267,18 +272,12 @@ unsigned locksHeld() {
 
 void nameLock(const void* lock, std::string name) {
     kernel::KernelLockIfFree guard;
-    locks[lock].name = std::move(name);
+    locks->byAddress[lock].name = std::move(name);
 }
 
 std::string describeObject(const void* object) {
     kernel::KernelLockIfFree guard;
     return describeLock(object);
-}
-
-void reset() {
-    kernel::KernelLockIfFree guard;
-    locks.clear();
-    locksNamed = 0;
 }
 
 } // namespace verifier

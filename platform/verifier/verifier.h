@@ -89,7 +89,4 @@ void nameLock(const void* lock, std::string name);
 // The lock's name, or the address of any other object, for reports.
 std::string describeObject(const void* object);
 
-// Forgets the observed lock order and every name; called when a machine starts.
-void reset();
-
 } // namespace verifier

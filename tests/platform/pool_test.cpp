@@ -58,17 +58,6 @@ TEST(Pool, ReusedBlocksAreFresh) {
     });
 }
 
-TEST(Pool, WhatAStoppedMachineLeftIsGoneInTheNext) {
-    const auto report = run(sim(Strategy::InOrder), [] {
-        (void)allocate(100);
-        (void)IoAllocateMdl(allocate(7'000'000), 7'000'000, FALSE, FALSE, nullptr);
-        requirePoolEmpty("test");
-    });
-    ASSERT_TRUE(report);
-    EXPECT_EQ(report->rule, verifier::Rule::PoolLeak);
-    EXPECT_FALSE(run(sim(Strategy::InOrder), [] { requirePoolEmpty("test"); }));
-}
-
 TEST(Mdl, DescribesTheBytesOfItsBuffer) {
     run(sim(Strategy::InOrder), [] {
         UCHAR* block = allocate(10'000);
@@ -107,14 +96,13 @@ TEST(FaultPoints, TheArmedOneFails) {
         disarmFault();
         EXPECT_FALSE(faultPoint(FaultKind::Allocation, "allocate"));
     }
-    armFault(1, FaultMode::Once);
     run(sim(Strategy::InOrder), [] {
+        armFault(1, FaultMode::Once);
         EXPECT_EQ(allocate(16), nullptr);
         UCHAR* block = allocate(16);
         EXPECT_NE(block, nullptr);
         ExFreePoolWithTag(block, kTag);
     });
-    disarmFault();
 }
 
 TEST(Registry, NamesHaveNoCaseAndTypesAreKept) {
@@ -130,7 +118,6 @@ TEST(Registry, NamesHaveNoCaseAndTypesAreKept) {
         EXPECT_TRUE(key->remove(u"Value"));
         EXPECT_FALSE(key->remove(u"Value"));
     });
-    run(sim(Strategy::InOrder), [] { EXPECT_EQ(openRegistryPath(servicePath(u"service")), nullptr); });
 }
 
 } // namespace

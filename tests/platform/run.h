@@ -2,6 +2,7 @@
 #pragma once
 
 #include "platform/kernel/scheduler.h"
+#include "platform/usb/clock.h"
 #include "platform/verifier/verifier.h"
 
 #include <functional>

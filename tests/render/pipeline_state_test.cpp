@@ -3,6 +3,7 @@
 #include "base/util.h"
 #include "device/device_context.h"
 #include "platform/kernel/scheduler.h"
+#include "platform/usb/clock.h"
 #include "render/context_lists.h"
 #include "render/pipeline.h"
 #include "render/request_pool.h"

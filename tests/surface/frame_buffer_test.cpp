@@ -3,6 +3,7 @@
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/pool.h"
 #include "platform/kernel/scheduler.h"
+#include "platform/usb/clock.h"
 #include "surface/cursor_drawing.h"
 #include "surface/cursor_shape.h"
 #include "surface/frame_buffer.h"
