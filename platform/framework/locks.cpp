@@ -2,13 +2,14 @@
 #include "platform/framework/driver.h"
 #include "platform/framework/object.h"
 #include "platform/kernel/dispatcher.h"
+#include "platform/kernel/lock_tracking.h"
 
 namespace framework {
 
 class SpinLock final : public Object {
   public:
     SpinLock() : Object(Kind::SpinLock) {}
-    ~SpinLock() override { verifier::lockDestroyed(&lock_, "WdfObjectDelete"); }
+    ~SpinLock() override { kernel::lockDestroyed(&lock_, "WdfObjectDelete"); }
 
     void take(const Call& call) {
         const KIRQL old = kernel::acquireSpinLock(lock_, call.name());
@@ -28,7 +29,7 @@ class SpinLock final : public Object {
 class WaitLock final : public Object {
   public:
     WaitLock() : Object(Kind::WaitLock) {}
-    ~WaitLock() override { verifier::lockDestroyed(this, "WdfObjectDelete"); }
+    ~WaitLock() override { kernel::lockDestroyed(this, "WdfObjectDelete"); }
 
     // False at the deadline.
     bool take(const Call& call, kernel::Time deadline) {
@@ -36,7 +37,7 @@ class WaitLock final : public Object {
         if (ownedBy(self)) {
             call.fail(Rule::LockRecursion, this, "The wait lock is taken twice by one thread.");
         }
-        verifier::lockAcquiring(this, verifier::LockKind::Mutex, name(), call.name());
+        kernel::lockAcquiring(this, verifier::LockKind::Mutex, name(), call.name());
         const auto tryTake = [this, self] {
             kernel::KernelGuard guard;
             if (owner_ == nullptr) {
@@ -50,7 +51,7 @@ class WaitLock final : public Object {
             (deadline != 0 && kernel::waitUntil(this, {call.name(), this, owner()}, deadline, tryTake));
         if (taken) {
             kernel::announceAcquire(this);
-            verifier::lockAcquired(this, verifier::LockKind::Mutex);
+            kernel::lockAcquired(this, verifier::LockKind::Mutex);
         }
         return taken;
     }
@@ -59,7 +60,7 @@ class WaitLock final : public Object {
         if (!ownedBy(&kernel::currentTask())) {
             call.fail(Rule::LockOwner, this, "The wait lock is released by a thread that does not hold it.");
         }
-        verifier::lockReleased(this, call.name());
+        kernel::lockReleased(this, call.name());
         {
             kernel::KernelGuard guard;
             owner_ = nullptr;

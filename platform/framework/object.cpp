@@ -1,8 +1,8 @@
 #include "platform/framework/object.h"
 
 #include "platform/framework/object_table.h"
+#include "platform/kernel/lock_tracking.h"
 #include "platform/kernel/pool.h"
-#include "platform/verifier/locks.h"
 
 #include <fmt/format.h>
 
@@ -176,7 +176,7 @@ void Object::destroy() {
         const ContextMemory& memory = context_.memory;
         memory.requireIntact("EvtDestroyCallback", name());
         kernel::requireUnused(memory.begin(), memory.size(), "EvtDestroyCallback");
-        verifier::locksDestroyed(memory.begin(), memory.end(), "EvtDestroyCallback");
+        kernel::locksDestroyed(memory.begin(), memory.end(), "EvtDestroyCallback");
     }
     Object* parent = nullptr;
     {

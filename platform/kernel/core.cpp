@@ -1,17 +1,56 @@
 #include "platform/kernel/core.h"
 
 #include "platform/kernel/sanitizer.h"
-#include "platform/kernel/thread_object.h"
 
 #include <algorithm>
 #include <fmt/format.h>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 namespace kernel {
+
+namespace {
+
+// Written by the thread that creates and destroys the scheduler, while no task runs.
+Core* machineCore = nullptr;
+
+} // namespace
+
+Core* currentCore() {
+    return machineCore;
+}
+
+void setCurrentCore(Core* core) {
+    machineCore = core;
+    setKernelLock(core);
+    verifier::watch(core);
+}
+
+Core& requireCore() {
+    if (machineCore == nullptr) {
+        throw std::logic_error("no machine is running");
+    }
+    return *machineCore;
+}
+
+void changeWaitOwner(Task& task, const Task* owner) {
+    task.reason.owner = owner;
+}
+
+Task& spawnDetached(std::string name, TaskKind kind, std::function<void()> body) {
+    PlatformCall call;
+    return requireCore().spawn(std::move(name), kind, std::move(body), true);
+}
 
 Core::Core(const SchedulerOptions& options) : options_(options) {}
 
 Core::~Core() = default;
+
+const std::string* Core::taskName() const {
+    const Task* task = currentTaskOrNull();
+    return task != nullptr ? &task->name : nullptr;
+}
 
 Task& Core::spawn(std::string name, TaskKind kind, std::function<void()> body, bool detached) {
     reap();
@@ -19,7 +58,6 @@ Task& Core::spawn(std::string name, TaskKind kind, std::function<void()> body, b
     task->detached = detached;
     {
         KernelLockIfFree lock;
-        task->number = ++tasksCreated_;
         tasks_.push_back(task);
     }
     announceRelease(task);
@@ -64,7 +102,9 @@ void Core::runTask(Task& task) {
         KernelGuard guard;
         accountEnded(task);
         task.endedCpu = threadCpuTime();
-        endThreadObject(task);
+        if (task.endThreadObject != nullptr) {
+            task.endThreadObject(task);
+        }
         task.state = Task::State::Ended;
         std::erase(tasks_, &task);
         if (task.detached) {
@@ -74,7 +114,7 @@ void Core::runTask(Task& task) {
             wake(*task.joiner);
         }
     }
-    // Somebody else may free the record from here on.
+    // Another task may free the record from here on.
     taskEnds(task);
     sanitizer::ignoreEnd();
 }
@@ -281,7 +321,7 @@ std::string Core::describeWait(const Task& task) const {
     if (joined != tasks_.end()) {
         text += fmt::format(" for {}", (*joined)->name);
     } else if (task.reason.object != nullptr) {
-        text += fmt::format(" for {}", verifier::describeObject(task.reason.object));
+        text += fmt::format(" for {}", verifier::lockOrder().describe(task.reason.object));
     }
     if (task.reason.owner != nullptr) {
         text += fmt::format(" held by {}", task.reason.owner->name);
@@ -309,13 +349,13 @@ std::string Core::describeTasks() const {
 void Core::requireNoWaitCycle(Task& self) {
     std::string cycle = fmt::format("{} {}", self.name, describeWait(self));
     const Task* next = self.reason.owner;
-    for (std::size_t count = 0; next != nullptr && count <= tasks_.size(); ++count) {
+    for (std::size_t count = 0; next != nullptr && count <= tasks_.size(); count++) {
         if (next == &self) {
             verifier::fail(verifier::Rule::Deadlock, self.reason.call,
-                           verifier::describeObject(self.reason.object),
+                           verifier::lockOrder().describe(self.reason.object),
                            "the tasks wait for each other: " + cycle);
         }
-        // A task that was woken but has not run yet waits for nobody any more.
+        // A task that was woken but has not run yet does not wait any more.
         if (next->state != Task::State::Blocked || next->woken) {
             return;
         }

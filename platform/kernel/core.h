@@ -2,8 +2,9 @@
 // layer.
 #pragma once
 
-#include "platform/kernel/driver_call.h"
-#include "platform/kernel/scheduler.h"
+#include "platform/kernel/kernel_lock.h"
+#include "platform/kernel/ordering.h"
+#include "platform/kernel/platform_call.h"
 #include "platform/kernel/task.h"
 #include "platform/verifier/verifier.h"
 
@@ -16,7 +17,7 @@
 
 namespace kernel {
 
-class Core {
+class Core : public KernelLock, public verifier::Run {
   public:
     explicit Core(const SchedulerOptions& options);
     virtual ~Core();
@@ -27,28 +28,25 @@ class Core {
 
     // What differs. `self` is the calling task.
     virtual void run(const std::function<void()>& body) = 0;
-    virtual Time now() const = 0;
     virtual std::uint64_t steps() const = 0;
     virtual unsigned choose(unsigned count) = 0;
     virtual void point(Task& self, Point point) = 0;
     virtual void raise(Task& self, unsigned level) = 0;
     virtual void lower(Task& self, unsigned level) = 0;
-    virtual void lock() = 0;
-    virtual void unlock() = 0;
     virtual bool block(Task& self, const WaitReason& reason, Time deadline) = 0;
     virtual void wake(Task& task) = 0;
     virtual void queueDpc(Routine routine, std::optional<unsigned> processor) = 0;
     virtual TimerId startTimer(Time due, Routine routine, std::optional<unsigned> processor) = 0;
     virtual bool cancelTimer(TimerId timer) = 0;
 
-    // Ends the run with `report` from inside a task, which never goes on. The first report counts.
-    [[noreturn]] virtual void stop(Task& self, const verifier::Report& report) = 0;
-
     // What is shared.
+    const std::string* taskName() const override;
+    unsigned irql() const override { return currentIrql(); }
+    std::uint64_t seed() const override { return options_.seed; }
     Task& spawn(std::string name, TaskKind kind, std::function<void()> body, bool detached);
     void join(Task& task);
     bool hasTasks() const { return !tasks_.empty(); }
-    void abandon(); // nobody will join the threads of the tasks that are left
+    void abandon(); // the threads of the tasks that are left are never joined
     void queueWork(std::string name, std::function<void()> body);
     void waitForWorkers();
     bool waitUntil(const void* channel, const WaitReason& reason, Time deadline,
@@ -98,7 +96,6 @@ class Core {
     std::vector<Task*> tasks_;
     std::vector<Task*> ended_;
     std::vector<DriverTime> endedTimes_; // one entry for each name and kind
-    std::uint64_t tasksCreated_ = 0;
     std::unordered_map<const void*, std::vector<ChannelWaiter*>> channels_;
     std::vector<Task*> idleWorkers_;
     std::set<std::uint64_t> outstandingWork_;
@@ -112,37 +109,15 @@ std::unique_ptr<Core> makeFreeCore(const SchedulerOptions& options);
 
 // The scheduler of the current machine, or null between machines.
 Core* currentCore();
+void setCurrentCore(Core* core);
 
-// Whether the calling thread holds the kernel lock.
-bool kernelLockHeld();
-
-// Takes the kernel lock unless the calling thread already has it.
-class KernelLockIfFree {
-  public:
-    KernelLockIfFree();
-    ~KernelLockIfFree();
-    KernelLockIfFree(const KernelLockIfFree&) = delete;
-    KernelLockIfFree& operator=(const KernelLockIfFree&) = delete;
-
-  private:
-    bool taken_;
-};
+// The same for a caller that needs one. Throws std::logic_error when there is none.
+Core& requireCore();
 
 // The owner of what `task` waits for changed while it waits. Kernel lock held.
 void changeWaitOwner(Task& task, const Task* owner);
 
-// Starts a task that nobody joins; its record goes away some time after it has ended.
+// Starts a task that is not joined; its record is freed some time after it has ended.
 Task& spawnDetached(std::string name, TaskKind kind, std::function<void()> body);
-
-// The current task of the calling thread.
-void setCurrentTask(Task* task);
-
-// Whose code the calling task executes from now on; tells ThreadSanitizer whether to look.
-void enterDomain(Task& task, Domain domain);
-
-// The account of processor time.
-std::uint64_t driverNanoseconds(const Task& task);
-void accountSleepBegins(Task& task);
-void accountSleepEnds(Task& task);
 
 } // namespace kernel

@@ -8,8 +8,9 @@
 
 #include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
+#include "platform/kernel/lock_tracking.h"
+#include "platform/kernel/scheduler.h"
 #include "platform/kernel/thread_object.h"
-#include "platform/verifier/locks.h"
 #include "platform/verifier/verifier.h"
 
 #include <algorithm>
@@ -52,7 +53,7 @@ DISPATCHER_HEADER& checkedHeader(PVOID object, std::string_view call) {
     auto* header = static_cast<DISPATCHER_HEADER*>(object);
     if (header == nullptr || header->WaitListHead.Flink == nullptr ||
         (header->Type > kMutant && header->Type != kThread)) {
-        verifier::fail(verifier::Rule::Argument, call, verifier::describeObject(object),
+        verifier::fail(verifier::Rule::Argument, call, describeObject(object),
                        "this is no initialised event, mutex or thread");
     }
     return *header;
@@ -97,7 +98,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
     requireWaitAllowed(call, poll);
     for (PVOID object : objects) {
         if (checkedHeader(object, call).Type == kMutant && !poll) {
-            verifier::lockAcquiring(object, verifier::LockKind::Mutex, "mutex", call);
+            lockAcquiring(object, verifier::LockKind::Mutex, "mutex", call);
         }
     }
     schedulingPoint(Point::Wait);
@@ -136,7 +137,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
     PVOID object = objects[static_cast<std::size_t>(satisfiedBy)];
     announceAcquire(object);
     if (static_cast<DISPATCHER_HEADER*>(object)->Type == kMutant) {
-        verifier::lockAcquired(object, verifier::LockKind::Mutex);
+        lockAcquired(object, verifier::LockKind::Mutex);
     }
     return STATUS_WAIT_0 + satisfiedBy;
 }
@@ -160,15 +161,15 @@ void takeSpinLock(KSPIN_LOCK& lock, std::string_view call) {
         lock = reinterpret_cast<KSPIN_LOCK>(self) | 1;
     }
     announceAcquire(&lock);
-    verifier::lockAcquired(&lock, verifier::LockKind::Spin);
+    lockAcquired(&lock, verifier::LockKind::Spin);
 }
 
 void giveSpinLock(KSPIN_LOCK& lock, std::string_view call) {
     if (currentTaskOrNull() != nullptr && currentIrql() < kDispatchLevel) {
-        verifier::fail(verifier::Rule::IrqlChanged, call, verifier::describeObject(&lock),
+        verifier::fail(verifier::Rule::IrqlChanged, call, describeObject(&lock),
                        "a spin lock is released below DISPATCH_LEVEL");
     }
-    verifier::lockReleased(&lock, call);
+    lockReleased(&lock, call);
     announceRelease(&lock);
     KernelGuard guard;
     lock = 0;
@@ -187,7 +188,7 @@ void requireNoSpinLockHeld(std::string_view call) {
     }
     for (const verifier::HeldLock& held : self->locks) {
         if (held.kind == verifier::LockKind::Spin) {
-            verifier::fail(verifier::Rule::IrqlChanged, call, verifier::describeObject(held.lock),
+            verifier::fail(verifier::Rule::IrqlChanged, call, describeObject(held.lock),
                            "the level would drop below DISPATCH_LEVEL while this spin lock is held");
         }
     }
@@ -231,7 +232,7 @@ void satisfyWaiters(DISPATCHER_HEADER& header) {
 KIRQL acquireSpinLock(KSPIN_LOCK& lock, std::string_view call) {
     PlatformCall platform;
     verifier::requireIrql(call, kDispatchLevel);
-    verifier::lockAcquiring(&lock, verifier::LockKind::Spin, "spin lock", call);
+    lockAcquiring(&lock, verifier::LockKind::Spin, "spin lock", call);
     const unsigned old = raiseIrql(kDispatchLevel);
     if (old == kDispatchLevel) {
         schedulingPoint(Point::Lock);
@@ -319,14 +320,14 @@ VOID KeInitializeMutex(PRKMUTEX Mutex, ULONG) {
     Mutex->ApcDisable = 1;
     InitializeListHead(&Mutex->Header.WaitListHead);
     InitializeListHead(&Mutex->MutantListEntry);
-    verifier::lockInitialized(Mutex, "mutex");
+    lockInitialized(Mutex, "mutex");
 }
 
 LONG KeReleaseMutex(PRKMUTEX Mutex, BOOLEAN Wait) {
     PlatformCall call;
     verifier::requireIrql("KeReleaseMutex", Wait ? kApcLevel : kDispatchLevel);
     DISPATCHER_HEADER& header = checkedHeader(Mutex, "KeReleaseMutex");
-    verifier::lockReleased(Mutex, "KeReleaseMutex");
+    lockReleased(Mutex, "KeReleaseMutex");
     announceRelease(Mutex);
     LONG old = 0;
     {
@@ -380,7 +381,7 @@ KIRQL KeGetCurrentIrql() {
 VOID KeInitializeSpinLock(PKSPIN_LOCK SpinLock) {
     PlatformCall call;
     *SpinLock = 0;
-    verifier::lockInitialized(SpinLock, "spin lock");
+    lockInitialized(SpinLock, "spin lock");
 }
 
 KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) {
@@ -394,8 +395,8 @@ VOID KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) {
 VOID KeAcquireSpinLockAtDpcLevel(PKSPIN_LOCK SpinLock) {
     PlatformCall call;
     if (currentTaskOrNull() != nullptr && currentIrql() < kDispatchLevel) {
-        verifier::fail(verifier::Rule::Argument, "KeAcquireSpinLockAtDpcLevel",
-                       verifier::describeObject(SpinLock), "the caller is below DISPATCH_LEVEL");
+        verifier::fail(verifier::Rule::Argument, "KeAcquireSpinLockAtDpcLevel", describeObject(SpinLock),
+                       "the caller is below DISPATCH_LEVEL");
     }
     acquireSpinLock(*SpinLock, "KeAcquireSpinLockAtDpcLevel");
 }

@@ -1,7 +1,8 @@
 #include "platform/kernel/fault_points.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/kernel/core.h"
+#include "platform/kernel/kernel_lock.h"
+#include "platform/kernel/platform_call.h"
 #include "platform/verifier/verifier.h"
 
 #include <fmt/format.h>

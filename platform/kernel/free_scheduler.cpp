@@ -63,7 +63,7 @@ class FreeCore final : public Core {
     void queueDpc(Routine routine, std::optional<unsigned> processor) override;
     TimerId startTimer(Time due, Routine routine, std::optional<unsigned> processor) override;
     bool cancelTimer(TimerId timer) override;
-    [[noreturn]] void stop(Task& self, const verifier::Report& report) override;
+    [[noreturn]] void stop(const verifier::Report& report) override;
 
   private:
     void taskLaunched(Task& task) override;
@@ -405,7 +405,8 @@ void FreeCore::leaveStopped() {
     throw verifier::Stopped(*stoppedBecause_);
 }
 
-void FreeCore::stop(Task& self, const verifier::Report& report) {
+void FreeCore::stop(const verifier::Report& report) {
+    Task& self = currentTask();
     if (!kernelLockHeld()) {
         kernelLock_.lock();
     }

@@ -1,9 +1,10 @@
 #include "platform/kernel/interfaces.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/kernel/core.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/kernel/platform_call.h"
 #include "platform/kernel/pool.h"
+#include "platform/kernel/scheduler.h"
 #include "platform/verifier/verifier.h"
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <deque>
 #include <fmt/format.h>
 #include <memory>
+#include <utility>
 
 namespace kernel {
 

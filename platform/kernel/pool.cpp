@@ -4,12 +4,14 @@
 // time.
 
 #include "platform/kernel/pool.h"
+#include "platform/kernel/lock_tracking.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/kernel/core.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/kernel/kernel_lock.h"
+#include "platform/kernel/ordering.h"
+#include "platform/kernel/platform_call.h"
 #include "platform/kernel/sanitizer.h"
-#include "platform/verifier/locks.h"
 #include "platform/verifier/verifier.h"
 
 #include <algorithm>
@@ -322,7 +324,7 @@ void freePool(void* address, ULONG tag, std::string_view call) {
     }
     requireNotInUse(block.data, block.size, call);
     requireGuardsIntact(block, call);
-    verifier::locksDestroyed(block.data, block.end(), call);
+    locksDestroyed(block.data, block.end(), call);
     announceRelease(block.data);
     pool->live.erase(found);
     putAway(block, call);

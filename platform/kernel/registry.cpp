@@ -1,7 +1,7 @@
 #include "platform/kernel/registry.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/kernel/core.h"
+#include "platform/kernel/kernel_lock.h"
 
 #include <algorithm>
 #include <cstring>

@@ -13,52 +13,18 @@
 #pragma once
 
 #include "platform/base/clock.h"
+#include "platform/kernel/kernel_lock.h"
+#include "platform/kernel/ordering.h"
+#include "platform/kernel/scheduling.h"
+#include "platform/kernel/task.h"
 
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace kernel {
-
-using base::Time;
-
-enum class Mode : std::uint8_t { Sim, Free };
-
-// How `sim` picks among the tasks that could run.
-enum class Strategy : std::uint8_t {
-    InOrder, // keeps the running task until it blocks, then the longest waiting one
-    Random,  // a fair choice at every point
-    Pct,     // probabilistic concurrency testing: random priorities, changed at `pctDepth` random points
-};
-
-struct SchedulerOptions {
-    Mode mode = Mode::Sim;
-    std::uint64_t seed = 1;
-    Strategy strategy = Strategy::Random;
-    unsigned pctDepth = 3;
-    unsigned processors = 2;                   // 1 to 4
-    std::uint64_t stepLimit = 200'000'000;     // scheduling points before a run is reported as endless
-    Time timeLimit = 4 * 3600 * base::kSecond; // virtual time before a run is reported as endless; `sim` only
-};
-
-// Where a task can lose the processor.
-enum class Point : std::uint8_t { Lock, Event, Wait, Queue, Transfer, Interlocked, Irql, Yield };
-
-enum class TaskKind : std::uint8_t {
-    Host,   // the test or tool that owns the machine, and the client's threads
-    System, // threads the driver created
-    Worker, // work items, passive timers, PnP notifications
-    Dpc,    // one per processor
-};
-
-class Task;
-
-// A routine that a DPC runs at DISPATCH_LEVEL.
-using Routine = std::function<void()>;
 
 // Starts a task at PASSIVE_LEVEL. Under `sim` it first runs at some later scheduling point.
 Task& spawn(std::string name, TaskKind kind, std::function<void()> body);
@@ -66,35 +32,18 @@ Task& spawn(std::string name, TaskKind kind, std::function<void()> body);
 // Waits at PASSIVE_LEVEL until `task` has returned, then frees it. Each spawned task is joined exactly once.
 void join(Task& task);
 
-Task& currentTask();
-const std::string& taskName(const Task& task);
-TaskKind taskKind(const Task& task);
-
-// Processor time that the task has used, in nanoseconds of the real machine.
-std::uint64_t taskCpuTime(const Task& task);
-// The same of the calling thread, which need not be a task.
-std::uint64_t threadCpuTime();
-
 // Lets another task run, or an interrupt in, as the strategy decides. The kernel lock must not be held.
 void schedulingPoint(Point point);
 
 Time now();
 Mode mode();
 std::uint64_t seed();
-unsigned processorCount();
 
 // A choice that belongs to the explored schedule: 0 to `count` - 1, reproduced by the seed.
 unsigned choose(unsigned count);
 
-// Interrupt request levels, by the kernel's numbers.
-constexpr unsigned kPassiveLevel = 0;
-constexpr unsigned kApcLevel = 1;
-constexpr unsigned kDispatchLevel = 2;
-
-// The level of the processor that the current task runs on. Raising to DISPATCH_LEVEL keeps the task on its
-// processor and DPCs off it until the level drops; both are scheduling points.
-unsigned currentIrql();
-unsigned currentProcessor();
+// Raising to DISPATCH_LEVEL keeps the task on its processor and DPCs off it until the level drops; both are
+// scheduling points.
 unsigned raiseIrql(unsigned level); // returns the old level
 void lowerIrql(unsigned level);
 
@@ -105,7 +54,6 @@ void queueDpc(Routine routine, unsigned processor);
 
 // Runs `routine` as a DPC once `due` has come. `cancelTimer` returns true when the routine will not run any
 // more.
-using TimerId = std::uint64_t;
 TimerId startTimer(Time due, Routine routine);
 bool cancelTimer(TimerId timer);
 
@@ -115,24 +63,8 @@ bool cancelTimer(TimerId timer);
 void queueWork(std::string name, std::function<void()> body);
 void waitForWorkers();
 
-// The kernel lock. Not recursive; held for a few instructions, never across a call out of the platform.
-class KernelGuard {
-  public:
-    KernelGuard();
-    ~KernelGuard();
-    KernelGuard(const KernelGuard&) = delete;
-    KernelGuard& operator=(const KernelGuard&) = delete;
-};
-
 // Blocks and wakes tasks on behalf of dispatcher objects. All three are called with the kernel lock held,
 // which `block` gives up while the task sleeps and holds again when it returns.
-struct WaitReason {
-    std::string_view call;               // the kernel call that waits, for reports
-    const void* object = nullptr;        // what is waited for
-    const Task* owner = nullptr;         // who holds it, when somebody does
-    std::span<void* const> objects = {}; // all that is waited for, when it is more than one object
-};
-constexpr Time kForever = INT64_MAX;
 bool block(const WaitReason& reason, Time deadline); // false when the deadline came first
 void wake(Task& task);                               // no effect on a task that is not blocked
 
@@ -141,10 +73,6 @@ void wake(Task& task);                               // no effect on a task that
 bool waitUntil(const void* channel, const WaitReason& reason, Time deadline,
                const std::function<bool()>& done);
 void wakeChannel(const void* channel);
-
-// Tells ThreadSanitizer of an order that Windows guarantees. No effect in other builds.
-void announceRelease(const void* object);
-void announceAcquire(const void* object);
 
 // The scheduler of one machine: created before its first task, destroyed after its last. The machine's state
 // begins and ends with it.

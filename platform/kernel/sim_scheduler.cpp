@@ -65,7 +65,7 @@ class SimCore final : public Core {
     void queueDpc(Routine routine, std::optional<unsigned> processor) override;
     TimerId startTimer(Time due, Routine routine, std::optional<unsigned> processor) override;
     bool cancelTimer(TimerId timer) override;
-    [[noreturn]] void stop(Task& self, const verifier::Report& report) override;
+    [[noreturn]] void stop(const verifier::Report& report) override;
 
   private:
     void taskLaunched(Task& task) override;
@@ -477,7 +477,8 @@ void SimCore::run(const std::function<void()>& body) {
     }
 }
 
-void SimCore::stop(Task& self, const verifier::Report& report) {
+void SimCore::stop(const verifier::Report& report) {
+    Task& self = currentTask();
     stoppedBecause_ = report;
     announceRelease(&runner_);
     runner_.pass();

@@ -1,7 +1,7 @@
 #include "platform/kernel/system.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/kernel/core.h"
+#include "platform/kernel/platform_call.h"
 #include "platform/verifier/verifier.h"
 
 #include <cpuid.h>

@@ -1,10 +1,9 @@
-// A task's record. Private to the kernel layer and the verifier.
+// A task's record, and which task the calling thread is.
 #pragma once
 
-#include "platform/kernel/driver_call.h"
 #include "platform/kernel/futex.h"
-#include "platform/kernel/scheduler.h"
-#include "platform/verifier/verifier.h"
+#include "platform/kernel/scheduling.h"
+#include "platform/verifier/lock_order.h"
 
 #include <cstdint>
 #include <functional>
@@ -14,18 +13,10 @@
 
 struct _KTHREAD;
 
-namespace verifier {
-
-// A lock that a task holds, in the order taken.
-struct HeldLock {
-    const void* lock = nullptr;
-    LockKind kind = LockKind::Mutex;
-    unsigned depth = 0; // mutexes may be taken again by their owner
-};
-
-} // namespace verifier
-
 namespace kernel {
+
+// Whose code a task executes.
+enum class Domain : std::uint8_t { Host, Driver, Platform };
 
 // Where the task's processor time went. Written by the task alone.
 struct Account {
@@ -54,8 +45,7 @@ class Task {
     std::string name;
     TaskKind kind;
     std::function<void()> body;
-    std::uint64_t number = 0; // order of creation
-    bool detached = false;    // nobody joins it
+    bool detached = false; // its thread is joined by the scheduler
     pthread_t thread{};
 
     // Guarded by the kernel lock.
@@ -68,6 +58,8 @@ class Task {
     std::function<void()> work; // workers: the body to run next
     std::string workName;
     std::uint64_t workNumber = 0;
+    _KTHREAD* threadObject = nullptr; // the driver's view of the task, once it has been asked for
+    void (*endThreadObject)(Task& task) = nullptr; // called when the task ends; set with `threadObject`
 
     // Used by the scheduler that runs the task.
     Baton baton;
@@ -79,11 +71,22 @@ class Task {
     unsigned processor = 0;
     std::vector<verifier::HeldLock> locks;
     Account account;
-    _KTHREAD* threadObject = nullptr;
     std::uint64_t endedCpu = 0; // processor time of the whole thread, once it has ended
 };
 
 // The current task, or null on a thread that is none.
 Task* currentTaskOrNull();
+Task& currentTask();
+void setCurrentTask(Task* task);
+
+const std::string& taskName(const Task& task);
+TaskKind taskKind(const Task& task);
+
+// Processor time that the calling thread, or the task, has used, in nanoseconds of the real machine.
+std::uint64_t threadCpuTime();
+std::uint64_t taskCpuTime(const Task& task);
+
+// The level of the processor that the current task runs on.
+unsigned currentIrql();
 
 } // namespace kernel

@@ -26,10 +26,6 @@ constexpr UCHAR kThread = 6;
 // The task's thread object, made at the first call.
 _KTHREAD& threadObjectOf(Task& task);
 
-// The task is about to end: signals its thread object, if somebody ever asked for it, and drops the task's
-// reference. Kernel lock held.
-void endThreadObject(Task& task);
-
 // Ends the waits that `header`'s state satisfies now. Kernel lock held.
 void satisfyWaiters(DISPATCHER_HEADER& header);
 

@@ -2,7 +2,9 @@
 
 #include "platform/base/machine_state.h"
 #include "platform/kernel/core.h"
+#include "platform/kernel/driver_call.h"
 #include "platform/kernel/fault_points.h"
+#include "platform/kernel/scheduler.h"
 #include "platform/kernel/thread_object.h"
 #include "platform/verifier/verifier.h"
 
@@ -83,21 +85,8 @@ void runDriverThread(PKSTART_ROUTINE routine, PVOID context) {
     }
 }
 
-} // namespace
-
-_KTHREAD& threadObjectOf(Task& task) {
-    KernelLockIfFree guard;
-    if (task.threadObject == nullptr) {
-        task.threadObject = &createThreadObject(1);
-        task.threadObject->task = &task;
-    }
-    return *task.threadObject;
-}
-
+// Signals the thread object of a task that ends, and drops the task's reference. Kernel lock held.
 void endThreadObject(Task& task) {
-    if (task.threadObject == nullptr) {
-        return;
-    }
     _KTHREAD& thread = *task.threadObject;
     const bool system = thread.system;
     task.threadObject = nullptr;
@@ -110,6 +99,18 @@ void endThreadObject(Task& task) {
         --threads->running;
         wakeChannel(&runningChannel);
     }
+}
+
+} // namespace
+
+_KTHREAD& threadObjectOf(Task& task) {
+    KernelLockIfFree guard;
+    if (task.threadObject == nullptr) {
+        task.threadObject = &createThreadObject(1);
+        task.threadObject->task = &task;
+        task.endThreadObject = endThreadObject;
+    }
+    return *task.threadObject;
 }
 
 unsigned runningSystemThreads() {
@@ -171,6 +172,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
             spawnDetached(fmt::format("system thread {}", ++threads->started), TaskKind::System,
                           [StartRoutine, StartContext] { runDriverThread(StartRoutine, StartContext); });
         task.threadObject = &thread;
+        task.endThreadObject = endThreadObject;
         thread.task = &task;
     }
     schedulingPoint(Point::Queue);

@@ -1,6 +1,8 @@
-// The rules a driver must keep. A broken rule is reported once, with the call, the object, the task, the time
-// and the seed, and stops the run.
+// The rules that a driver must follow. A broken rule is reported once, with the call, the object, the task,
+// the time and the seed, and stops the run.
 #pragma once
+
+#include "platform/base/clock.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -17,8 +19,8 @@ enum class Rule : std::uint8_t {
     WaitAtDispatch, // a wait with a time-out other than zero at DISPATCH_LEVEL
     LockOrder,      // two locks taken in both orders
     LockRecursion,  // a spin lock taken twice by one holder
-    LockOwner,      // a lock released by someone who does not hold it
-    LockLifetime,   // a lock's memory given back while it is held, an event's while somebody waits for it
+    LockOwner,      // a lock released by a task that does not hold it
+    LockLifetime,   // a lock's memory given back while it is held, an event's while a task waits for it
     RequestNotFormatted,
     RequestPending, // a request sent, reused or formatted while it is still out
     RequestCompletedTwice,
@@ -38,7 +40,7 @@ enum class Rule : std::uint8_t {
     ListCorruption, // list links that do not point back
     Argument,       // a value outside the documented range
     Deadlock,
-    StepLimit, // stays the last one
+    StepLimit, // must be the last one
 };
 constexpr std::size_t kRuleCount = static_cast<std::size_t>(Rule::StepLimit) + 1;
 
@@ -50,7 +52,7 @@ struct Report {
     std::string object; // what it is about
     std::string detail; // one sentence
     std::string task;
-    std::int64_t time = 0; // 100 ns
+    base::Time time = 0;
     std::uint64_t seed = 0;
 
     // One line, ending in the `SIM_SEED=...` that replays it.
@@ -67,26 +69,31 @@ class Stopped : public std::runtime_error {
     Report report_;
 };
 
-// Records the report, stops every task where it is, and ends the run: `Scheduler::run` throws `Stopped`. On a
-// task it never returns. Outside of any task it throws `Stopped` itself.
+// The run that the verifier watches. The kernel's scheduler implements it.
+class Run {
+  public:
+    // The calling task, or null on a thread that is none.
+    virtual const std::string* taskName() const = 0;
+    virtual unsigned irql() const = 0;
+
+    virtual base::Time now() const = 0;
+    virtual std::uint64_t seed() const = 0;
+
+    // Stops every task where it is and ends the run, which throws `Stopped`. Called on a task, which never
+    // goes on. The first report counts.
+    [[noreturn]] virtual void stop(const Report& report) = 0;
+
+  protected:
+    ~Run() = default;
+};
+
+// The run of the current machine; null between machines.
+void watch(Run* run);
+
+// Reports the broken rule and ends the run. Outside of any task it throws `Stopped` itself.
 [[noreturn]] void fail(Rule rule, std::string_view call, std::string object, std::string detail);
 
 // Fails with IrqlTooHigh when the current level is above `limit`.
 void requireIrql(std::string_view call, unsigned limit);
-
-// The lock bookkeeping of the current task. `lock` is the lock's address, `name` what reports call it.
-// `lockAcquiring` checks the order before the task may block; recursion is allowed for mutexes only.
-enum class LockKind : std::uint8_t { Spin, Mutex };
-void lockAcquiring(const void* lock, LockKind kind, std::string_view name, std::string_view call);
-void lockAcquired(const void* lock, LockKind kind);
-void lockReleased(const void* lock, std::string_view call);
-void lockDestroyed(const void* lock, std::string_view call);
-unsigned locksHeld();
-
-// Gives a lock a name for reports; without one its address is shown.
-void nameLock(const void* lock, std::string name);
-
-// The lock's name, or the address of any other object, for reports.
-std::string describeObject(const void* object);
 
 } // namespace verifier

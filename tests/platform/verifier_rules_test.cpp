@@ -3,6 +3,7 @@
 #include "platform/kernel/dispatcher.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/kernel/interfaces.h"
+#include "platform/kernel/lock_tracking.h"
 #include "platform/kernel/pool.h"
 #include "platform/kernel/scheduler.h"
 #include "platform/kernel/threads.h"
@@ -525,7 +526,7 @@ RuleCase::Driver onAWorld(const std::function<void(World&)>& body) {
 TEST(LockOrder, ReportsNameTheLocksAndBothPlaces) {
     const auto report = run(sim(Strategy::InOrder), [] {
         auto* world = new World;
-        verifier::nameLock(&world->mutexA, "RegisterMutex");
+        kernel::nameLock(&world->mutexA, "RegisterMutex");
         waitFor(&world->mutexA);
         waitFor(&world->mutexB);
         KeReleaseMutex(&world->mutexB, FALSE);
