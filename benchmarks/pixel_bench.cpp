@@ -37,7 +37,7 @@ Buffer makeBuffer(size_t size) {
     return buffer;
 }
 
-// What the frames of one run pass through.
+// The buffers that all benchmarks share.
 struct Stage {
     Buffer frame = makeBuffer(kFrameBytes);
     Buffer staging = makeBuffer(kBufferBytes);
@@ -85,7 +85,7 @@ std::vector<Picture> makePictures(Stage& stage) {
 
 struct Conversion {
     const char* name;
-    const char* other; // libyuv's routine; it keeps red and blue where the adapter wants them
+    const char* other; // libyuv's routine for the same channel order
     void (*convert)(UCHAR* destination, const UCHAR* source);
     void (*convertByLibyuv)(UCHAR* destination, const UCHAR* source);
 };

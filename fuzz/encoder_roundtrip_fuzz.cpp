@@ -26,7 +26,7 @@ Bytes frameOf(std::span<const unsigned char> input, bool runs, unsigned bytesPer
     return frame;
 }
 
-// The bits of a pixel that the stream carries whatever the level.
+// The bits of a pixel that a unit can carry.
 unsigned carried(const test::Encoder& encoder) {
     return encoder.unit == 1 ? 0xFE : encoder.unit == 2 ? 0x7FFF : 0xFEFFFF;
 }
@@ -51,7 +51,7 @@ void requireShown(const test::Encoder& encoder, unsigned level, const Bytes& fra
     }
 }
 
-// The stream, which is empty when it did not fit `room` bytes; the bytes after those stay.
+// The stream, empty when it does not fit `room` bytes. The bytes behind those must not change.
 Bytes encodeInto(size_t room, const test::Encoder& encoder, test::Encode form, const test::Settings& settings,
                  const Bytes& frame) {
     constexpr unsigned char kCanary = 0xA5;

@@ -34,8 +34,8 @@ bool CanStage(const FRAME_SOURCE& frame, ULONG sourceBytesPerPixel, BYTE_RANGE s
 }
 
 // Frames of 3- or 4-byte pixels become RGB555 in the staging buffer; other frames are 16-bit pixels already.
-// A literal carries 15 bits and the adapter reads them as RGB555, so the layout is that whatever the mode's
-// Rgb555Enable says, and with it the format register: RGB565 would lose the top bit of red.
+// The adapter reads the 15 bits of a literal as RGB555, even where the mode's Rgb555Enable and with it the
+// format register say RGB565: an RGB565 pixel would lose the top bit of red.
 ENCODER_INPUT Stage16(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, const FRAME_SOURCE& frame,
                       BYTE_RANGE staging) {
     if (!IsConvertible(format.SourceBytesPerPixel)) {
@@ -50,7 +50,7 @@ ENCODER_INPUT Stage16(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, const
 }
 
 // The tolerant encoder reads pixels of `unitBytes` bytes. A frame whose pixels have another size is converted
-// to the mode's output format first; read with the wrong stride it would show garbage.
+// to the mode's output format first; else it would be read with the wrong stride.
 ENCODER_INPUT StageForRuns(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, const FRAME_SOURCE& frame,
                            BYTE_RANGE staging, ULONG unitBytes) {
     if (format.SourceBytesPerPixel == unitBytes || !IsConvertible(format.SourceBytesPerPixel)) {
@@ -87,7 +87,8 @@ ULONGLONG EncodeExact(ULONG sourceBytesPerPixel, const CPU_FEATURES& cpu, const 
 } // namespace
 
 // Only the largest modes can outgrow the render buffer, with frames that hardly compress. Such a frame is not
-// sent: its beginning alone would be a broken picture, and the adapter keeps showing the frame before.
+// sent: an incomplete stream would show a broken picture, and without it the adapter shows the previous
+// frame.
 ULONGLONG COMPRESSION_CompressFrame(const COMPRESSION_FORMAT& format, const CPU_FEATURES& cpu,
                                     const FRAME_SOURCE& frame, BYTE_RANGE staging, BYTE_RANGE destination) {
     if (format.ExactUnitsOnly) {

@@ -67,7 +67,7 @@ constexpr ULONG QUAD_STORE_BYTES = 16;
 struct alignas(32) QUAD_ROW {
     UCHAR Shuffle[16]; // packs three bytes of each lane that writes a literal; 0 in place of counts
     UCHAR Counts[12];  // in place of each count, the length of the run that ends there
-    // Loaded together with the counts, but beyond the twelve bytes that a quad writes at most.
+    // Loaded into the last lane of the counts, which no quad writes: it writes twelve bytes at most.
     UCHAR Bytes;  // length of what the quad writes
     UCHAR Open;   // repeats at its end that the next quad continues
     CHAR AllOpen; // -1: the whole quad continues the run before it; else 0

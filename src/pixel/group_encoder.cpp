@@ -155,7 +155,7 @@ ULONGLONG FinishStream(UNIT_WRITER* writer, const RUN& run, const UCHAR* destina
     return writer->Overflow ? 0 : static_cast<ULONGLONG>(writer->Cursor - destination);
 }
 
-// Never equal to the first pixel's word, so that the stream starts with a literal.
+// Below level 15 never equal to the first pixel's word, so that the stream starts with a literal.
 template <typename Source>
 RUN StartStream(const UCHAR* source) {
     return {~ReadRaw<Source>(source, 0) & 0xFFFF, 0};

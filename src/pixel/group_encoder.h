@@ -7,7 +7,7 @@
 
 #include <ntddk.h>
 
-// Levels 0, the finest, to 15. The level control uses 0 to 11.
+// Levels 0, the finest, to 15. The level control uses 0 to 11. At level 15 all pixels become equal.
 constexpr ULONG QUANT_LEVEL_COUNT = 16;
 
 // Each encodes `pixelCount` pixels from `source` into [destination, destinationEnd) and returns the length of

@@ -20,13 +20,14 @@ struct alignas(4) GROUP_STEP {
     CHAR AllOpen; // -1: the whole group continues the run before it; else 0
 };
 
-// Built at compile time. The masks are those of pixel/run_masks.h.
+// The masks that select a row are those of pixel/run_masks.h. The tables are built at compile time.
 struct GROUP_TABLES {
-    alignas(16) UCHAR PackShuffle[GROUP_MASK_COUNT][16];       // by the mask of continued repeats: packs the
-                                                               // units of the pixels that write one
-    alignas(16) USHORT Counts[GROUP_MASK_COUNT][GROUP_PIXELS]; // by the mask of repeats: the length of the
-                                                               // run that ends at each repeat
-    GROUP_STEP Steps[GROUP_MASK_COUNT];                        // by the mask of continued repeats
+    // By the mask of continued repeats: the shuffle that packs the units of the pixels that write one.
+    alignas(16) UCHAR PackShuffle[GROUP_MASK_COUNT][16];
+    // By the mask of repeats: the length of the run up to each repeat, 0xFFFF where there is none.
+    alignas(16) USHORT Counts[GROUP_MASK_COUNT][GROUP_PIXELS];
+    // By the mask of continued repeats.
+    GROUP_STEP Steps[GROUP_MASK_COUNT];
 };
 
 constexpr GROUP_TABLES BuildGroupTables() {

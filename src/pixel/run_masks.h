@@ -23,7 +23,7 @@ constexpr ULONG WORD_BLOCKS = WORD_PIXELS / BLOCK_PIXELS;
 struct RUN_MASKS {
     alignas(16) ULONGLONG Repeats[STRIP_WORDS + 1]; // the last word: the pixel after the strip
     alignas(16) ULONGLONG Continued[STRIP_WORDS];
-    ULONGLONG WritingBlocks; // bit i: block i writes something
+    ULONGLONG WritingBlocks; // bit i: block i writes at least one unit
 };
 
 // The number of words in the next strip when `pixels` pixels are left. The pixel after the strip must exist:
@@ -33,13 +33,13 @@ inline ULONG MASKS_CountWords(ULONG pixels) {
     return words < STRIP_WORDS ? words : STRIP_WORDS;
 }
 
-// Completes masks of which the first `words` words of Repeats are set. `repeatAfter`: the pixel after the
-// strip equals the strip's last one.
+// Computes the other masks from the first `words` words of Repeats. `repeatAfter`: the pixel after the strip
+// equals the strip's last one.
 inline void MASKS_Complete(RUN_MASKS* masks, ULONG words, bool repeatAfter) {
     masks->Repeats[words] = repeatAfter;
     for (ULONG word = 0; word < STRIP_WORDS; word++) {
         if (word >= words) {
-            masks->Continued[word] = ~0ull; // nothing to write
+            masks->Continued[word] = ~0ull; // writes nothing
             continue;
         }
         const ULONGLONG repeats = masks->Repeats[word];
@@ -76,7 +76,7 @@ inline ULONG MASKS_GroupContinued(const RUN_MASKS& masks, ULONG group) {
     return reinterpret_cast<const UCHAR*>(masks.Continued)[group];
 }
 
-// The repeats of the sixteen pixels of a block, and in bit 16 of the pixel after them.
+// The repeats of the sixteen pixels of a block, and in bit 16 that of the pixel after them.
 inline ULONG MASKS_BlockRepeats(const RUN_MASKS& masks, ULONG block) {
     ULONG bits;
     RtlCopyMemory(&bits, reinterpret_cast<const UCHAR*>(masks.Repeats) + 2 * block, sizeof(bits));

@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include <bit>
+
 namespace {
 
 using test::Bytes;
@@ -47,7 +49,7 @@ Change changeOf(const Encoder& encoder, unsigned level) {
     return {~0u, 0, kLost[encoder.unit] | (encoder.tolerant ? COMPRESSION_GetToleranceMask(level) : 0)};
 }
 
-// Empty when the decoder shows what it must, else where it does not.
+// Empty when the decoder shows the expected frame, else the first pixel that differs.
 std::string problemOf(const Encoder& encoder, unsigned level, const Bytes& source) {
     const Change change = changeOf(encoder, level);
     std::string problem;
@@ -84,6 +86,16 @@ RC_GTEST_PROP(Encoding, ShowsAnyFrameOfRuns, ()) {
         source = test::operator+(std::move(source), test::run(length, color, encoder.sourceBytes));
     }
     RC_ASSERT(problemOf(encoder, *rc::gen::inRange(0u, kLevels), source) == "");
+}
+
+TEST(Encoding, EachQuantizationLevelKeepsOneBitLess) {
+    unsigned finer = 0x7FFE;
+    for (unsigned level = 1; level < kLevels; level++) {
+        const unsigned kept = changeOf(test::encoder("groups"), level).kept;
+        EXPECT_EQ(std::popcount(kept), 15 - static_cast<int>(level));
+        EXPECT_EQ(kept & ~finer, 0u) << "level " << level;
+        finer = kept;
+    }
 }
 
 TEST(Encoding, ShowsDesktopsAndPhotos) {

@@ -64,7 +64,7 @@ std::vector<unsigned> encodeGroupByGroup(const std::vector<unsigned>& pixels) {
 TEST(GroupEncoder, FollowsTheGroupRule) {
     std::mt19937 random(5);
     for (int round = 0; round < 400; round++) {
-        // Short runs, and once in a while one that outgrows a count.
+        // Short runs, and sometimes one longer than any count.
         std::vector<unsigned> pixels;
         while (pixels.size() < 200) {
             const unsigned length = random() % 50 == 0 ? 32740 + random() % 70000 : 1 + random() % 12;
