@@ -6,8 +6,8 @@ namespace rig {
 
 namespace {
 
-// The driver goes on working while it is looked at, and most of these fields are none that it shares: what is
-// read may be old, which is why reports only use it, and no order is claimed that ThreadSanitizer could miss.
+// Reads a field without its lock while the driver goes on working. Values may be old, so only reports use
+// them.
 template <typename T>
 __attribute__((no_sanitize("thread"), noinline)) T peek(const T& field) {
     return *const_cast<const volatile T*>(&field);
@@ -15,7 +15,7 @@ __attribute__((no_sanitize("thread"), noinline)) T peek(const T& field) {
 
 } // namespace
 
-std::optional<DriverState> probeDriver(const desktop::Client& client) {
+TSA_NO_ANALYSIS std::optional<DriverState> probeDriver(const desktop::Client& client) {
     const INTERFACE_RECORD record = client.driverRecord();
     if (record.Context == nullptr) {
         return std::nullopt;
