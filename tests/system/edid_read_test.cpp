@@ -44,7 +44,8 @@ PlugOptions adapterOn(bool transmitter) {
 
 // What the driver holds of a block. The base block is rewritten for the client.
 Bytes blockInDriver(Session& session, std::size_t block) {
-    const auto* context = static_cast<const DEVICE_CONTEXT*>(session.client().driverRecord().Context);
+    auto* context = static_cast<DEVICE_CONTEXT*>(session.client().driverRecord().Context);
+    MUTEX_GUARD monitor(context->Control.MonitorMutex);
     const UCHAR(&bytes)[kBlock] = context->Control.Edid.EdidBlocks[block];
     return {std::begin(bytes), std::end(bytes)};
 }
