@@ -22,6 +22,10 @@ void DEVICE_InitLocks(DEVICE_CONTEXT* context) {
     MUTEX_Initialize(&context->Client.DisplayPowerMutex);
 }
 
+void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
+    context->Cpu = CPU_DetectFeatures();
+}
+
 void DEVICE_MarkRemoved(DEVICE_CONTEXT* context) {
     SHARED_Write(context->DeviceRemoved, TRUE);
 }

@@ -59,5 +59,8 @@ void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, WDF_OBJECT_ATTRIBUTES* 
 // Every lock of the records above. At device add, before any other code can use the context.
 void DEVICE_InitLocks(DEVICE_CONTEXT* context);
 
+// What the processor offers to the encoders. At device add.
+void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context);
+
 // A surprise removal, or a transfer that found the device gone. Any IRQL.
 void DEVICE_MarkRemoved(DEVICE_CONTEXT* context);

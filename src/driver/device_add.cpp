@@ -8,8 +8,6 @@
 #include "render/render_buffers.h"
 #include "surface/frame_buffer.h"
 
-#include <intrin.h>
-
 namespace {
 
 void RegisterPnpPowerCallbacks(PWDFDEVICE_INIT deviceInit) {
@@ -90,19 +88,6 @@ NTSTATUS DEVICE_EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit) {
     DEVICE_DetectCpuFeatures(context);
 
     return RENDER_CreateBuffers(context);
-}
-
-void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
-    CPU_FEATURES* cpu = &context->Cpu;
-    int registers[4] = {};
-    __cpuidex(registers, 1, 0);
-    for (ULONG i = 0; i < ARRAYSIZE(registers); i++) {
-        cpu->CpuInfo[i] = static_cast<ULONG>(registers[i]);
-    }
-    const ULONG ecx = cpu->CpuInfo[2];
-    cpu->CpuHasSsse3 = (ecx >> 9) & 1;
-    cpu->CpuHasSse41 = (ecx >> 19) & 1;
-    cpu->CpuHasSse42 = (ecx >> 20) & 1;
 }
 
 // Every open succeeds; the exchange of entry points admits or refuses the client.

@@ -3,10 +3,10 @@
 
 #include <ntddk.h>
 
-// Set once at device add, from CPUID leaf 1.
 struct CPU_FEATURES {
-    ULONG CpuInfo[4]; // EAX, EBX, ECX, EDX
     BOOLEAN CpuHasSsse3;
     BOOLEAN CpuHasSse41;
-    BOOLEAN CpuHasSse42;
 };
+
+// From CPUID leaf 1. Any IRQL.
+CPU_FEATURES CPU_DetectFeatures();

@@ -36,7 +36,7 @@ class Compression : public testing::Test {
     }
 
     COMPRESSION_FORMAT format_ = {{4, OUTPUT_COLOR_24_BIT, 0}, 0, FALSE, FALSE};
-    CPU_FEATURES cpu_ = {{}, TRUE, FALSE, FALSE};
+    CPU_FEATURES cpu_ = {TRUE, FALSE};
     GROUP_ENCODER_STATE state_ = {};
     AlignedBuffer staging_{kStagingCapacity};
     BYTE_RANGE stagingRange_ = {staging_.data(), staging_.data() + kStagingCapacity};
