@@ -1,12 +1,15 @@
 #include "rig/settings.h"
 
+#include "device/settings.h"
+#include "support/enumerate.h"
 #include "support/file.h"
 #include "support/input_error.h"
 #include "support/parse.h"
 
 #include <algorithm>
-#include <array>
+#include <cctype>
 #include <fmt/format.h>
+#include <iterator>
 
 namespace rig {
 
@@ -14,30 +17,11 @@ namespace {
 
 using support::InputError;
 
-constexpr std::array<SettingName, 22> kNames = {{
-    {"FullHD50Enable", false},
-    {"FullHD30Enable", false},
-    {"FullHD24Enable", false},
-    {"UseUsb3OutputRGB565Enable", false},
-    {"FilterEdidTableEnable", false},
-    {"CurrentNumberOfDevices", false},
-    {"Usb2PixelFormatTransformCompressionEnable", false},
-    {"Usb3PixelFormatTransformCompressionEnable", false},
-    {"UseBandwidthDetectionEnable", false},
-    {"UseDynamicPixelBytesAdjustmentEnable", false},
-    {"DynamicAdjustPixelBytesAtRunTimeThreshold", false},
-    {"UseEepromProgrammerEnable", false},
-    {"UseSpiProgrammerEnable", false},
-    {"SlowFrameUpdateDelayTimeInMs", false},
-    {"UseFrameErrorBucket", false},
-    {"FrameErrorBucketIncrementValue", false},
-    {"FrameErrorBucketThreshold", false},
-    {"UseForceNonPnpMonitor", false},
-    {"UseHdmiAudioSpdif", false},
-    {"HdmiSwapLsbMsb", false},
-    {"EepromData", true},
-    {"SpiData", true},
-}};
+#define DWORD_INFO(name, value, range, effect, read) {#name, value, range, effect, read},
+#define BINARY_INFO(name, range, effect, read) {#name, std::nullopt, range, effect, read},
+constexpr SettingInfo kSettings[] = {SETTINGS_LIST(DWORD_INFO, BINARY_INFO)};
+#undef DWORD_INFO
+#undef BINARY_INFO
 
 // More than the driver takes, so that a value too long for it can be tried.
 constexpr std::size_t kMaxBinaryBytes = 64 * 1024;
@@ -47,35 +31,33 @@ bool sameName(std::string_view a, std::string_view b) {
         a, b, [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
 }
 
-std::string allowedNames() {
-    std::string list;
-    for (const SettingName& entry : kNames) {
-        list += fmt::format("{}{}", list.empty() ? "" : ", ", entry.name);
-    }
-    return list;
-}
-
 } // namespace
 
-std::span<const SettingName> settingNames() {
-    return kNames;
+std::span<const SettingInfo> settingList() {
+    return kSettings;
+}
+
+const SettingInfo& findSetting(std::string_view name) {
+    const auto known = std::ranges::find_if(
+        kSettings, [name](const SettingInfo& info) { return sameName(info.name, name); });
+    if (known == std::end(kSettings)) {
+        throw InputError(fmt::format("setting \"{}\" is unknown; allowed are {}", name,
+                                     support::enumerate(kSettings, &SettingInfo::name)));
+    }
+    return *known;
 }
 
 Setting parseSetting(std::string_view name, std::string_view value) {
-    const auto known =
-        std::ranges::find_if(kNames, [name](const SettingName& entry) { return sameName(entry.name, name); });
-    if (known == kNames.end()) {
-        throw InputError(fmt::format("setting \"{}\" is unknown; allowed are {}", name, allowedNames()));
-    }
-    if (known->binary) {
+    const SettingInfo& info = findSetting(name);
+    if (info.isBinary()) {
         if (!value.starts_with('@') || value.size() == 1) {
             throw InputError(
-                fmt::format("{} is \"{}\"; it is a binary value, allowed is @FILE", known->name, value));
+                fmt::format("{} is \"{}\"; it is a binary value, allowed is @FILE", info.name, value));
         }
-        return {std::string(known->name), support::readFile(std::string(value.substr(1)), kMaxBinaryBytes)};
+        return {std::string(info.name), support::readFile(std::string(value.substr(1)), kMaxBinaryBytes)};
     }
-    return {std::string(known->name),
-            static_cast<ULONG>(support::parseNumber(value, known->name, 0, 0xFFFFFFFF))};
+    return {std::string(info.name),
+            static_cast<ULONG>(support::parseNumber(value, info.name, 0, 0xFFFFFFFF))};
 }
 
 Setting parseAssignment(std::string_view text) {

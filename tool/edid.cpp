@@ -6,6 +6,7 @@
 #include "tool/edid_modes.h"
 #include "tool/mode_list.h"
 #include "tool/report.h"
+#include "tool/text_layout.h"
 
 #include <algorithm>
 #include <array>

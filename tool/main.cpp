@@ -2,6 +2,7 @@
 #include "desktop/frame_source.h"
 #include "rig/errors.h"
 #include "rig/settings.h"
+#include "support/enumerate.h"
 #include "support/input_error.h"
 #include "support/parse.h"
 #include "tool/edid.h"
@@ -9,6 +10,7 @@
 #include "tool/modes.h"
 #include "tool/script.h"
 #include "tool/script_actions.h"
+#include "tool/settings.h"
 #include "tool/show.h"
 
 #include <CLI/CLI.hpp>
@@ -70,7 +72,8 @@ void addSettings(CLI::App* command, std::vector<rig::Setting>& settings) {
                     settings.push_back(rig::parseAssignment(text));
                 }
             },
-            "A value under the driver's Parameters key; again for more. Binary values: NAME=@FILE")
+            "A value under the driver's Parameters key; again for more. Binary values: NAME=@FILE. The "
+            "command settings lists the names")
         ->type_name("NAME=VALUE")
         ->allow_extra_args(false);
 }
@@ -191,6 +194,14 @@ void addModes(CLI::App& app, CommandBody& action) {
     command->callback([json, &action] { action = [json] { return tool::showModes(*json); }; });
 }
 
+void addSettingList(CLI::App& app, CommandBody& action) {
+    auto json = std::make_shared<bool>(false);
+    CLI::App* command = app.add_subcommand(
+        "settings", "List the driver's settings: default, range, effect, when it is read.");
+    command->add_flag("--json", *json, "Print a JSON list for machines");
+    command->callback([json, &action] { action = [json] { return tool::showSettings(*json); }; });
+}
+
 void addEdid(CLI::App& app, CommandBody& action) {
     auto options = std::make_shared<tool::EdidOptions>();
     CLI::App* command = app.add_subcommand(
@@ -224,13 +235,15 @@ int runTool(int argc, char** argv) {
     addRun(app, action);
     addModes(app, action);
     addEdid(app, action);
+    addSettingList(app, action);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : static_cast<int>(ExitStatus::BadInput);
     }
     if (!action) {
-        throw InputError("a command is missing; allowed are show, run, modes, edid (--help explains them)");
+        throw InputError(fmt::format("a command is missing; allowed are {} (--help explains them)",
+                                     support::enumerate(app.get_subcommands({}), &CLI::App::get_name)));
     }
     return static_cast<int>(action());
 }

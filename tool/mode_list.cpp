@@ -2,6 +2,7 @@
 
 #include "display/mode_tables.h"
 #include "model/timing.h"
+#include "support/enumerate.h"
 #include "support/input_error.h"
 
 #include <algorithm>
@@ -54,12 +55,10 @@ void requireShowable(Size size, std::string_view what) {
     if (isOffered(size, kDesktopRefresh)) {
         return;
     }
-    std::string allowed;
-    for (const ModeInfo& mode : modeList()) {
-        if (mode.offered) {
-            allowed += fmt::format("{}{}x{}", allowed.empty() ? "" : ", ", mode.size.width, mode.size.height);
-        }
-    }
+    std::vector<ModeInfo> modes = modeList();
+    std::erase_if(modes, [](const ModeInfo& mode) { return !mode.offered; });
+    const std::string allowed = support::enumerate(
+        modes, [](const ModeInfo& mode) { return fmt::format("{}x{}", mode.size.width, mode.size.height); });
     throw support::InputError(
         fmt::format("{} is {}x{}; the adapter can show {}", what, size.width, size.height, allowed));
 }

@@ -2,6 +2,7 @@
 
 #include "tool/mode_list.h"
 #include "tool/report.h"
+#include "tool/text_layout.h"
 
 #include <cstdio>
 #include <fmt/format.h>

@@ -31,10 +31,6 @@ class Report {
     Json json_ = Json::object();
 };
 
-// Rows of columns, each as wide as its widest cell; the first row is the heading. Columns whose heading
-// starts with '>' are set to the right.
-std::string formatColumns(std::vector<std::vector<std::string>> rows);
-
 // One line on standard error that is written over again and again, when it is a terminal.
 class Progress {
   public:

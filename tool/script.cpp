@@ -3,6 +3,7 @@
 #include "desktop/frame_source.h"
 #include "desktop/pointer.h"
 #include "rig/settings.h"
+#include "support/enumerate.h"
 #include "support/input_error.h"
 
 #include <algorithm>
@@ -36,14 +37,12 @@ struct Choice {
 
 template <typename Value, std::size_t count>
 Value choose(std::string_view word, std::string_view what, const std::array<Choice<Value>, count>& choices) {
-    std::string allowed;
-    for (const Choice<Value>& choice : choices) {
-        if (choice.word == word) {
-            return choice.value;
-        }
-        allowed += fmt::format("{}{}", allowed.empty() ? "" : ", ", choice.word);
+    const auto chosen = std::ranges::find(choices, word, &Choice<Value>::word);
+    if (chosen == choices.end()) {
+        throw InputError(fmt::format("{} is \"{}\"; allowed are {}", what, word,
+                                     support::enumerate(choices, &Choice<Value>::word)));
     }
-    throw InputError(fmt::format("{} is \"{}\"; allowed are {}", what, word, allowed));
+    return chosen->value;
 }
 
 template <typename Simple>
@@ -52,17 +51,27 @@ Action parseSimple(Words words) {
     return Simple{};
 }
 
+std::string binarySettings() {
+    std::vector<std::string_view> names;
+    for (const rig::SettingInfo& info : rig::settingList()) {
+        if (info.isBinary()) {
+            names.push_back(info.name);
+        }
+    }
+    return fmt::format("{}", fmt::join(names, " and "));
+}
+
+// The file is not read here: whether it is there is found out before the script's first action.
 Action parseRegistry(Words words) {
     requireCount(words, 2, 2);
     if (!words[1].starts_with('@')) {
-        const rig::Setting checked = rig::parseSetting(words[0], words[1]);
-        return RegistryAction{checked.name, std::string(words[1])};
+        return RegistryAction{rig::parseSetting(words[0], words[1]).name, std::string(words[1])};
     }
-    const auto binary = [&](const rig::SettingName& entry) { return entry.binary && entry.name == words[0]; };
-    if (std::ranges::none_of(rig::settingNames(), binary) || words[1].size() == 1) {
-        throw InputError(fmt::format("\"{}\" takes no @FILE; allowed are EepromData and SpiData", words[0]));
+    const rig::SettingInfo& info = rig::findSetting(words[0]);
+    if (!info.isBinary() || words[1].size() == 1) {
+        throw InputError(fmt::format("\"{}\" takes no @FILE; allowed are {}", words[0], binarySettings()));
     }
-    return RegistryAction{std::string(words[0]), std::string(words[1])};
+    return RegistryAction{std::string(info.name), std::string(words[1])};
 }
 
 void applyPlugOption(PlugAction& plug, std::string_view word) {
@@ -288,11 +297,8 @@ std::string_view withoutComment(std::string_view line) {
 Action parseAction(Words words) {
     const auto rule = std::ranges::find(kRules, words[0], &ActionRule::name);
     if (rule == kRules.end()) {
-        std::string allowed;
-        for (const ActionRule& known : kRules) {
-            allowed += fmt::format("{}{}", allowed.empty() ? "" : ", ", known.name);
-        }
-        throw InputError(fmt::format("action \"{}\" is unknown; allowed are {}", words[0], allowed));
+        throw InputError(fmt::format("action \"{}\" is unknown; allowed are {}", words[0],
+                                     support::enumerate(kRules, &ActionRule::name)));
     }
     try {
         return rule->parse(words.subspan(1));

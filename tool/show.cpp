@@ -6,6 +6,7 @@
 #include "rig/screen_check.h"
 #include "rig/session.h"
 #include "rig/stream_meter.h"
+#include "support/enumerate.h"
 #include "support/file.h"
 #include "support/input_error.h"
 #include "support/png_image.h"
@@ -63,11 +64,8 @@ Source patternSource(const ShowOptions& options) {
     const desktop::Pattern* pattern =
         desktop::findPattern(options.pattern.empty() ? "bars" : options.pattern);
     if (pattern == nullptr) {
-        std::string allowed;
-        for (const desktop::Pattern& known : desktop::patterns()) {
-            allowed += fmt::format("{}{}", allowed.empty() ? "" : ", ", known.name);
-        }
-        throw InputError(fmt::format("--pattern is \"{}\"; allowed are {}", options.pattern, allowed));
+        throw InputError(fmt::format("--pattern is \"{}\"; allowed are {}", options.pattern,
+                                     support::enumerate(desktop::patterns(), &desktop::Pattern::name)));
     }
     const Size size = options.size.value_or(options.mode.value_or(kDefaultSize));
     return {desktop::patternSource(*pattern, size.width, size.height, options.seed), size,

@@ -1,6 +1,7 @@
 #include "device/device_count.h"
 
 #include "device/device_context.h"
+#include "device/registry.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 #include "usb/programmer.h"
 
 #include "device/device_context.h"
-#include "device/settings.h"
+#include "device/registry.h"
 #include "usb/serial_master.h"
 
 namespace {

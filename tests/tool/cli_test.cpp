@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <sys/wait.h>
 
@@ -57,7 +58,7 @@ TEST_F(Tool, RefusesBadUsageInOneLine) {
     const std::string odd = write("odd.bin", "123");
     const std::string half = write("half.raw", "123");
     const std::pair<std::string, std::string> cases[] = {
-        {"", "a command is missing; allowed are show, run, modes, edid"},
+        {"", "a command is missing; allowed are show, run, modes, edid, settings (--help"},
         {"fly", "fly"},
         {"show --fly", "--fly"},
         {"show --image " + place("none.png"), "none.png\": No such file"},
@@ -101,7 +102,8 @@ TEST_F(Tool, RefusesBadUsageInOneLine) {
 }
 
 TEST_F(Tool, TeachesWithHelp) {
-    for (const char* command : {"--help", "show --help", "run --help", "modes --help", "edid --help"}) {
+    for (const char* command :
+         {"--help", "show --help", "run --help", "modes --help", "edid --help", "settings --help"}) {
         const Outcome outcome = run(command);
         EXPECT_EQ(outcome.status, 0) << command;
         EXPECT_GT(outcome.output.size(), 200u) << command;
@@ -133,6 +135,26 @@ TEST_F(Tool, ListsTheModes) {
         EXPECT_TRUE(!mode["offered"].get<bool>() || mode["refresh"] == 60) << mode;
     }
     EXPECT_GT(offered, 20u);
+}
+
+TEST_F(Tool, ListsTheSettings) {
+    const Outcome outcome = run("settings --json");
+    ASSERT_EQ(outcome.status, 0);
+    const nlohmann::json settings = nlohmann::json::parse(outcome.output);
+    const std::string text = run("settings").output;
+    for (const nlohmann::json& setting : settings) {
+        const std::string name = setting["name"];
+        EXPECT_NE(text.find("\n" + name + "\n"), std::string::npos) << name;
+        const bool binary = setting["type"] == "REG_BINARY";
+        EXPECT_EQ(setting["default"].is_null(), binary) << name;
+        EXPECT_EQ(run("show --size 640x480 --set " + name + (binary ? "=1" : "=4294967296")).status, 2)
+            << name << " takes a value of the wrong kind";
+    }
+    EXPECT_NE(text.find("    default 30; range: 0 to 4294967295; read: device add\n"), std::string::npos);
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        EXPECT_LE(line.size(), 80u) << line;
+    }
 }
 
 TEST_F(Tool, ShowsAPictureAndSaysSo) {
