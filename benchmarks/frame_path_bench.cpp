@@ -1,6 +1,6 @@
-// What a frame costs on its whole way from the client's present to the bus, and how well the link is used:
-// driver, platform, model and client together under the `sim` scheduler. Time on the link is virtual and
-// exact; processor time is the driver's own, without the platform's and the client's.
+// The cost of a frame from the client's present to the bus, and the utilization of the link, with driver,
+// platform, model and client together under the `sim` scheduler. Time on the link is virtual and exact.
+// Processor time is that of the driver alone.
 #include "rig/builtin_edid.h"
 #include "rig/frame_pacer.h"
 #include "rig/session.h"
@@ -27,11 +27,10 @@ constexpr unsigned kRate = 60; // frames per second
 
 struct Scene {
     std::string name;
-    std::vector<Surface> frames; // shown in turn
+    std::vector<Surface> frames; // shown one after the other
 };
 
-// The picture and the same picture moved up by a line of text at a time: every row differs from the row it
-// replaces, as when a window or a document that fills the desktop is scrolled.
+// The picture, scrolled up by one line of text per frame, so that every row differs from the row it replaces.
 Scene scrolled(const std::string& name, const std::string& file) {
     Scene scene{name, {}};
     const Surface picture = support::readPng(file);
@@ -45,10 +44,9 @@ Scene scrolled(const std::string& name, const std::string& file) {
     return scene;
 }
 
-enum class Desktop { Moves, StandsStill };
+enum class Desktop { Moves, Rests };
 
-// Streams the scene at 60 frames a second, or leaves its first frame standing as long, and returns what the
-// meter saw.
+// Streams the scene at 60 frames per second, or shows its first frame for the same time.
 StreamFigures stream(const Scene& scene, usb::Speed link, Desktop desktop) {
     StreamFigures result;
     rig::SessionOptions options;
@@ -65,7 +63,7 @@ StreamFigures stream(const Scene& scene, usb::Speed link, Desktop desktop) {
         session.createFrameBuffer(2, first.width, first.height);
         session.setDisplayPower(true);
         session.present(1, first);
-        session.machine().sleep(500 * usb::kMillisecond); // levels settle, tables are built
+        session.machine().sleep(500 * usb::kMillisecond); // until levels are stable and tables are built
 
         rig::StreamMeter meter(session);
         rig::FramePacer pacer(session.machine(), kRate);
@@ -120,7 +118,7 @@ void printMovingRow(const Scene& scene, usb::Speed link) {
 }
 
 void printStillRow(const Scene& scene, usb::Speed link) {
-    const StreamFigures run = repeat(scene, link, Desktop::StandsStill);
+    const StreamFigures run = repeat(scene, link, Desktop::Rests);
     fmt::print("{:<16} {:<5} {:>10} {:>9.3f} {:>14.2f} {:>12}\n", scene.name, nameOf(link), run.sent,
                milliseconds(run.convertNanoseconds),
                milliseconds(run.completeNanoseconds) * 1000 / static_cast<double>(run.sent), run.allocations);
@@ -135,26 +133,26 @@ int main() {
                                        scrolled("desktop-sheet", demo + "/desktop-sheet.png"),
                                        scrolled("photo", data + "/photo.png")};
 
-    fmt::print("Whole frame changed 60 times a second, 1920x1080, default settings; medians of {} runs\n\n",
+    fmt::print("Whole frame changed 60 times per second, 1920x1080, default settings; medians of {} runs\n\n",
                kRepetitions);
-    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "link", "pictures", "KB a", "link",
-               "convert", "complete", "allocations");
-    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "", "a second", "transfer",
+    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "link", "pictures", "KB per",
+               "link", "convert", "complete", "allocations");
+    fmt::print("{:<16} {:<5} {:>9} {:>11} {:>8} {:>9} {:>9} {:>12}\n", "", "", "per sec.", "transfer",
                "busy %", "CPU ms", "CPU ms", "");
     for (const Scene& scene : scenes) {
         printMovingRow(scene, usb::Speed::Super);
         printMovingRow(scene, usb::Speed::High);
     }
 
-    fmt::print("\nNothing changed for {} seconds: what the re-sends of the newest buffer cost\n\n",
+    fmt::print("\nNothing changed for {} seconds: cost of the re-sends of the newest buffer\n\n",
                kFrames / kRate);
     fmt::print("{:<16} {:<5} {:>10} {:>9} {:>14} {:>12}\n", "", "link", "re-sends", "convert", "complete CPU",
                "allocations");
-    fmt::print("{:<16} {:<5} {:>10} {:>9} {:>14} {:>12}\n", "", "", "", "CPU ms", "us a re-send", "");
+    fmt::print("{:<16} {:<5} {:>10} {:>9} {:>14} {:>12}\n", "", "", "", "CPU ms", "us per re-send", "");
     for (const Scene& scene : scenes) {
         printStillRow(scene, usb::Speed::Super);
         printStillRow(scene, usb::Speed::High);
     }
-    fmt::print("\nOn usb2 a picture whose stream exceeds 480 KiB is encoded again every 10 ms, for a smaller "
-               "one.\n");
+    fmt::print("\nOn usb2 a picture whose stream exceeds 480 KiB is encoded again every 10 ms, at a coarser "
+               "level.\n");
 }

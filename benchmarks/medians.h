@@ -1,6 +1,6 @@
 // Runs the registered benchmarks interleaved and keeps the median of each, for tables of ratios.
 //
-// The repetitions of all benchmarks are mixed at random, so that a machine that slows down for a while slows
+// The repetitions of all benchmarks run in random order, so that a temporary slowdown of the machine affects
 // both sides of every ratio.
 #pragma once
 
@@ -53,7 +53,7 @@ class Medians : public benchmark::BenchmarkReporter {
     std::map<std::string, double> milliseconds_;
 };
 
-// Times `work` once per iteration, in processor time: what another program takes in between does not count.
+// Times `work` once per iteration, in processor time of the thread, so that other programs do not count.
 // `prepare` runs before it, untimed.
 template <typename Prepare, typename Work>
 void add(const std::string& name, Prepare prepare, Work work) {

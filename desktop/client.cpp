@@ -15,7 +15,7 @@ namespace {
 
 constexpr unsigned kBytesPerPixel = 4;
 
-// What a present hands to its own fill request, by way of the driver.
+// Passed from a present through the driver to its fill request.
 struct FillJob {
     const support::Surface* frame;
     std::uint64_t identifier;
@@ -28,9 +28,9 @@ std::span<std::uint8_t> bytesOf(Record& record) {
 
 } // namespace
 
-// Entry points may be used only between the exchange and the release, and both the host's `close` and the
-// departure notification may end that span while commands run. Every command therefore counts itself in;
-// whoever finds the last one gone after the end was asked for hands the interface back.
+// Entry points may be used only between the exchange and the release. Both the host's `close` and the
+// departure notification may end that time while commands run, so commands are counted: the interface is
+// released at the end request when no command runs, otherwise by the last command.
 struct Client::State {
     enum class Phase : std::uint8_t { Closed, Opening, Open, Closing };
 
@@ -39,16 +39,15 @@ struct Client::State {
 
     // Guarded by `lock`, which is held for a few instructions and never across a call to machine or driver.
     mutable std::mutex lock;
-    std::u16string link; // empty while the interface is not there
+    std::u16string link; // empty while the interface does not exist
     Phase phase = Phase::Closed;
-    unsigned commands = 0; // under way
+    unsigned commands = 0; // running
     std::shared_ptr<platform::InterfaceHandle> handle;
     INTERFACE_RECORD driver{};
-    bool detached = false; // the client object is gone
+    bool detached = false; // the client object is destroyed
     ULONG frameKey = 0;    // of the last present; 0 belongs to frame buffers never presented
 
     std::atomic<std::uint64_t> fillNanoseconds{0};
-    std::atomic<std::uint64_t> framesFilled{0};
 
     State(platform::Machine& owner, const ClientOptions& clientOptions)
         : machine(owner), options(clientOptions) {}
@@ -60,8 +59,8 @@ struct Client::State {
 
     NTSTATUS exchange(platform::InterfaceHandle& opened, INTERFACE_RECORD& answer);
     NTSTATUS open();
-    bool askToClose();
-    void handBack();
+    bool requestClose();
+    void release();
 
     bool beginCommand(INTERFACE_RECORD& record);
     void endCommand();
@@ -73,7 +72,7 @@ struct Client::State {
 };
 
 void Client::State::interfaceChanged(const platform::InterfaceChange& change) {
-    bool release = false;
+    bool mustClose = false;
     {
         const std::lock_guard guard(lock);
         if (detached) {
@@ -83,11 +82,11 @@ void Client::State::interfaceChanged(const platform::InterfaceChange& change) {
             link = change.link;
         } else if (change.link == link) {
             link.clear();
-            release = options.releaseOnDeparture;
+            mustClose = options.releaseOnDeparture;
         }
     }
-    if (release && askToClose()) {
-        handBack();
+    if (mustClose && requestClose()) {
+        release();
     }
     kernel::wakeChannel(this);
 }
@@ -151,9 +150,9 @@ NTSTATUS Client::State::open() {
             departed = link.empty() && options.releaseOnDeparture;
         }
     }
-    // The interface may have gone while it was being opened; its departure found nothing to release then.
-    if (departed && askToClose()) {
-        handBack();
+    // If the interface disappeared while it was being opened, the notification found nothing to release.
+    if (departed && requestClose()) {
+        release();
     }
     return status;
 }
@@ -165,9 +164,9 @@ void Client::State::waitWhileClosing(const char* what) const {
     });
 }
 
-// True when the caller is to hand the interface back now; otherwise the last command does, or nobody holds
-// it.
-bool Client::State::askToClose() {
+// True when the caller must release the interface now. Otherwise the last command releases it, or it is not
+// open.
+bool Client::State::requestClose() {
     const std::lock_guard guard(lock);
     if (phase != Phase::Open) {
         return false;
@@ -176,7 +175,7 @@ bool Client::State::askToClose() {
     return commands == 0;
 }
 
-void Client::State::handBack() {
+void Client::State::release() {
     INTERFACE_RECORD record{};
     std::shared_ptr<platform::InterfaceHandle> opened;
     {
@@ -212,7 +211,7 @@ void Client::State::endCommand() {
         last = commands == 0 && phase == Phase::Closing;
     }
     if (last) {
-        handBack();
+        release();
     }
 }
 
@@ -227,7 +226,6 @@ NTSTATUS Client::State::fill(const FRAME_FILL_REQUEST& request) {
     std::memcpy(request.PixelBuffer, job->frame->pixels.data(),
                 std::min<std::size_t>(frameBytes, request.ByteSize));
     fillNanoseconds += kernel::threadCpuTime() - begin;
-    framesFilled++;
     return STATUS_SUCCESS;
 }
 
@@ -263,10 +261,6 @@ Client::~Client() {
     state_->detached = true;
 }
 
-bool Client::interfaceArrived() const {
-    return state_->arrived();
-}
-
 bool Client::waitForArrival(usb::Time timeout) {
     return state_->waitFor("Client::waitForArrival", kernel::now() + timeout,
                            [this] { return state_->arrived(); });
@@ -282,8 +276,8 @@ NTSTATUS Client::open() {
 }
 
 void Client::close() {
-    if (state_->askToClose()) {
-        state_->handBack();
+    if (state_->requestClose()) {
+        state_->release();
     } else {
         state_->waitWhileClosing("Client::close");
     }
@@ -384,10 +378,6 @@ NTSTATUS Client::command(ULONG code, std::span<std::uint8_t> input, std::span<st
 
 std::uint64_t Client::fillNanoseconds() const {
     return state_->fillNanoseconds;
-}
-
-std::uint64_t Client::framesFilled() const {
-    return state_->framesFilled;
 }
 
 } // namespace desktop

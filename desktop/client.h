@@ -1,5 +1,5 @@
-// The display driver above ours: finds the adapter by its device interface, exchanges entry points with the
-// driver, owns the surfaces and fills the driver's frame buffers when the driver asks for it.
+// The client of the driver, which is a display driver above it: finds the adapter by its device interface,
+// exchanges entry points, owns the surfaces and fills the driver's frame buffers on the driver's request.
 #pragma once
 
 #include "desktop/pointer.h"
@@ -15,7 +15,8 @@
 namespace desktop {
 
 struct ClientOptions {
-    // Let go of the driver as soon as the interface disappears. A client that does not makes a removal wait.
+    // Release the driver as soon as the interface disappears. Without this, a removal has to wait for
+    // `close`.
     bool releaseOnDeparture = true;
 };
 
@@ -24,25 +25,24 @@ struct ClientOptions {
 // from the host task.
 class Client {
   public:
-    // Inside the machine's run. From here on the client follows the interface's arrival and departure.
+    // Inside the machine's run. From now on the client follows the interface's arrival and departure.
     explicit Client(platform::Machine& machine, const ClientOptions& options = {});
-    // Calls nothing: a run that was stopped has no driver left to release. `close` first.
+    // Does not call the driver, which no longer exists after a stopped run. Call `close` first.
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    // A monitor is attached to the adapter, as far as the interface tells.
-    bool interfaceArrived() const;
+    // Of the interface, which exists while a monitor is attached to the adapter.
     bool waitForArrival(usb::Time timeout);
     bool waitForDeparture(usb::Time timeout);
 
-    // Opens the interface that arrived and exchanges records, once an earlier tenure has come to its end.
+    // Waits until an earlier session is closed, then opens the interface and exchanges records.
     NTSTATUS open();
-    // Waits for commands under way, hands the interface back and closes it. No effect while not open.
+    // Waits for running commands, releases the interface and closes it. No effect while not open.
     void close();
     bool isOpen() const;
 
-    // The driver's half of the exchange; zeroes while not open.
+    // The driver's half of the exchange; zeros while not open.
     INTERFACE_RECORD driverRecord() const;
 
     // The whole output is zero after a failure.
@@ -51,8 +51,8 @@ class Client {
     NTSTATUS createFrameBuffer(std::uint64_t identifier, unsigned width, unsigned height);
     NTSTATUS destroyFrameBuffer(std::uint64_t identifier);
 
-    // Hands a frame over; it is copied before the call returns. The driver makes a frame buffer of the
-    // frame's size when it knows none by that identifier. The frame has the size of the frame buffer.
+    // The frame is copied before the call returns and has the size of the frame buffer. The driver creates a
+    // frame buffer of the frame's size for an unknown identifier.
     NTSTATUS present(std::uint64_t identifier, const support::Surface& frame);
 
     // X and Y are the top-left corner of the shape on the desktop.
@@ -61,19 +61,18 @@ class Client {
 
     NTSTATUS setRotation(DISPLAY_ROTATION rotation);
 
-    // Display-on sets the mode of the last frame buffer's size, so one is created first.
+    // Switching on sets the mode of the last created frame buffer's size, so create one first.
     NTSTATUS setDisplayPower(bool on);
 
-    // Any command, as it stands.
+    // Any command, passed on unchanged.
     NTSTATUS command(ULONG code, std::span<std::uint8_t> input, std::span<std::uint8_t> output);
 
-    // Processor time spent copying frames for the driver, and the frames copied.
+    // Processor time spent copying frames for the driver.
     std::uint64_t fillNanoseconds() const;
-    std::uint64_t framesFilled() const;
 
   private:
     struct State;
-    std::shared_ptr<State> state_; // shared with the interface notification, which may come late
+    std::shared_ptr<State> state_; // shared with the interface notification, which may outlive the client
 };
 
 } // namespace desktop

@@ -27,7 +27,7 @@ std::uint64_t mix(std::uint64_t value) {
     return value ^ (value >> 31);
 }
 
-// Everything a pattern draws from: its frame's number and the run's seed.
+// The inputs of a pattern: its frame's number and the run's seed.
 struct Moment {
     std::uint64_t frame;
     std::uint64_t seed;
@@ -56,10 +56,10 @@ void paint(Surface& frame, Color color) {
 }
 
 void drawBars(Surface& frame, const Moment&) {
-    // A grey ramp in the lowest quarter shows what a format does to near-equal tones.
+    // A gray ramp in the lowest quarter shows how a format distinguishes similar tones.
     paint(frame, [&](unsigned x, unsigned y) {
-        const unsigned grey = static_cast<unsigned>(std::uint64_t{x} * 256 / frame.width);
-        return y < frame.height - frame.height / 4 ? barColor(x, frame.width) : makePixel(grey, grey, grey);
+        const unsigned gray = static_cast<unsigned>(std::uint64_t{x} * 256 / frame.width);
+        return y < frame.height - frame.height / 4 ? barColor(x, frame.width) : makePixel(gray, gray, gray);
     });
 }
 
@@ -94,7 +94,7 @@ void drawMovingBar(Surface& frame, const Moment& moment) {
     });
 }
 
-// Lines of cells whose pixels are ink where a random word says so: as busy as a page of text.
+// Lines of cells with random pixels, which are as hard to compress as a page of text.
 void drawScroll(Surface& frame, const Moment& moment) {
     constexpr unsigned kCellWidth = 8;
     constexpr unsigned kCellHeight = 16;
@@ -126,13 +126,13 @@ struct DrawnPattern {
 };
 
 constexpr auto kDrawn = std::to_array<DrawnPattern>({
-    {{"bars", "eight colour bars over a grey ramp", false}, drawBars},
+    {{"bars", "eight color bars over a gray ramp", false}, drawBars},
     {{"gradient", "every red and green, blue along the diagonal", false}, drawGradient},
-    {{"checker", "black and white pixels in turn", false}, drawChecker},
-    {{"outline", "a one-pixel frame and its diagonal, for geometry", false}, drawOutline},
-    {{"solid", "one dark colour", false}, drawSolid},
+    {{"checker", "alternating black and white pixels", false}, drawChecker},
+    {{"outline", "a one-pixel border and a diagonal, to check the geometry", false}, drawOutline},
+    {{"solid", "one dark color", false}, drawSolid},
     {{"moving-bar", "a white bar that crosses the gradient", true}, drawMovingBar},
-    {{"scroll", "lines as busy as text, moving up", true}, drawScroll},
+    {{"scroll", "lines that look like text, moving up", true}, drawScroll},
     {{"noise", "random pixels, new in every frame", true}, drawNoise},
 });
 

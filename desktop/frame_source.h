@@ -1,4 +1,4 @@
-// Where a desktop's frames come from: a picture, a test pattern, or a stream of raw frames.
+// Sources of desktop frames: a picture, a test pattern, or a stream of raw frames.
 #pragma once
 
 #include "support/surface.h"
@@ -15,14 +15,14 @@ class FrameSource {
   public:
     virtual ~FrameSource() = default;
 
-    // The next frame; false when there is none. `frame` keeps its memory from call to call.
+    // The next frame; false when there is none. `frame` keeps its memory between calls.
     virtual bool next(support::Surface& frame) = 0;
 };
 
-// The same picture for ever.
+// The same picture without end.
 std::unique_ptr<FrameSource> stillSource(support::Surface picture);
 
-// A test pattern, for ever. `seed` chooses the picture of the patterns that are random.
+// A test pattern without end. `seed` selects the picture of random patterns.
 struct Pattern {
     std::string_view name;
     std::string_view description;
@@ -35,8 +35,8 @@ support::Surface drawPattern(const Pattern& pattern, unsigned width, unsigned he
 std::unique_ptr<FrameSource> patternSource(const Pattern& pattern, unsigned width, unsigned height,
                                            std::uint64_t seed);
 
-// Raw BGRX frames without any header, as `ffmpeg -f rawvideo -pix_fmt bgr0` writes them; "-" reads standard
-// input. A stream that ends inside a frame is an `InputError`.
+// Raw BGRX frames without a header, as `ffmpeg -f rawvideo -pix_fmt bgr0` writes them; "-" reads standard
+// input. Throws `InputError` for a stream that ends inside a frame.
 std::unique_ptr<FrameSource> rawVideoSource(const std::string& file, unsigned width, unsigned height);
 
 } // namespace desktop

@@ -82,7 +82,7 @@ PointerImage makeHalo() {
     return colored(POINTER_COLOR_ALPHA, kWidth, kHeight, [](unsigned x, unsigned y) {
         const double distance = std::hypot((x + 0.5) / kWidth - 0.5, (y + 0.5) / kHeight - 0.5) * 2;
         const unsigned alpha = distance >= 1 ? 0 : static_cast<unsigned>((1 - distance) * 255);
-        // Unlike in x and y, so that a turned or mirrored halo is another picture.
+        // Different in x and y, so that a rotated or mirrored halo is a different picture.
         return alpha << 24 | (255 - x * 4) << 16 | (y * 8) << 8 | 64;
     });
 }
@@ -92,7 +92,7 @@ PointerImage makeCross() {
     constexpr unsigned kHeight = 25;
     return colored(POINTER_COLOR_MASKED, kWidth, kHeight, [](unsigned x, unsigned y) -> Pixel {
         const bool onCross = x == kWidth / 2 || y == kHeight / 2;
-        const bool plate = x < 6 && y < 4; // marks the corner, whichever way the pointer is turned
+        const bool plate = x < 6 && y < 4;                             // shows the rotation of the pointer
         return plate ? 0x00C02040 : onCross ? 0xFFFFFFFF : 0xFF000000; // mask 0 replaces, else XOR
     });
 }
@@ -104,9 +104,9 @@ struct DrawnPointer {
 
 constexpr auto kDrawn = std::to_array<DrawnPointer>({
     {{"arrow", "monochrome, white with a black outline"}, makeArrow},
-    {{"beam", "monochrome, inverts what is under it"}, makeBeam},
-    {{"halo", "colour with alpha"}, makeHalo},
-    {{"cross", "masked colour, an inverting cross with an opaque plate"}, makeCross},
+    {{"beam", "monochrome, inverts the pixels under it"}, makeBeam},
+    {{"halo", "color with alpha"}, makeHalo},
+    {{"cross", "masked color, an inverting cross with an opaque plate"}, makeCross},
 });
 
 constexpr auto kPointers = [] {

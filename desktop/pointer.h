@@ -1,4 +1,4 @@
-// Pointer shapes in the three kinds that a client can hand to the driver.
+// Pointer shapes of the three types that a client can give to the driver.
 #pragma once
 
 #include "device/client_abi.h"
@@ -14,7 +14,7 @@ namespace desktop {
 constexpr unsigned kMaxPointerSide = 256;
 
 // Monochrome: an AND mask of height x pitch bytes and an XOR mask of the same size, the leftmost pixel in a
-// byte's highest bit. Colour: 4-byte pixels, byte 3 being alpha or the mask.
+// byte's highest bit. Color: 4-byte pixels, byte 3 being alpha or the mask.
 struct PointerImage {
     POINTER_TYPE type = POINTER_MONOCHROME;
     unsigned width = 0;
@@ -23,7 +23,7 @@ struct PointerImage {
     std::vector<std::uint8_t> bits;
 };
 
-// Pointers that need no file.
+// Built-in pointers.
 struct BuiltinPointer {
     std::string_view name;
     std::string_view description;
@@ -32,7 +32,7 @@ std::span<const BuiltinPointer> builtinPointers();
 bool isBuiltinPointer(std::string_view name);
 PointerImage builtinPointer(std::string_view name);
 
-// A colour pointer with the picture's alpha. Throws `InputError` when a side exceeds `kMaxPointerSide`.
+// A color pointer with the picture's alpha. Throws `InputError` when a side exceeds `kMaxPointerSide`.
 PointerImage pointerFromPicture(const support::Surface& picture, const std::string& name);
 
 } // namespace desktop

@@ -1,12 +1,12 @@
-// An EDID of any bytes through the driver's checks and its rewriting of the base block.
+// Any bytes as an EDID for the driver's checks and its rewriting of the base block.
 //
 // Input: one byte of conditions (bits 0 and 1: link, bits 2 to 4: filter, bit 5: the mode list is almost
 // full, bits 6 and 7: a filter beyond the known ones), then up to eight blocks of 128 bytes, short ones
-// filled up with zeroes.
+// padded with zeros.
 //
-// Two copies of everything run side by side. They agree in what an EDID operation may read and differ in all
-// the rest of the context: a result that depends on it was read out of bounds, a byte of it that changes was
-// written out of bounds. The sanitizers could see neither inside one record.
+// Every input runs with two contexts. They are equal in what an EDID operation may read and different in all
+// other bytes. A result that differs was read out of bounds; a changed byte was written out of bounds. The
+// sanitizers cannot detect either inside one record.
 #include "device/usb_context.h"
 #include "display/edid.h"
 #include "display/mode_tables.h"
@@ -45,7 +45,7 @@ MONITOR_EDID contextWith(std::span<const std::uint8_t> edid, const Conditions& c
     std::copy_n(edid.begin(), std::min(edid.size(), sizeof(display.EdidBlocks)), blocks);
     display.MonitorModeCount = 0;
     if (conditions.modesListed) {
-        // Almost full, with the pair that the choice of the preferred mode treats apart.
+        // Almost full, with the pair of modes that the choice of the preferred mode treats specially.
         for (ULONG& count = display.MonitorModeCount; count < MONITOR_MODE_COUNT - 2; count++) {
             display.MonitorModes[count] = {64 + count, 64, 60};
         }
@@ -79,14 +79,14 @@ void requireSoundModeList(const MONITOR_EDID& display) {
     for (ULONG i = 0; i < display.MonitorModeCount; i++) {
         const MONITOR_MODE& mode = display.MonitorModes[i];
         REQUIRE(mode.Refresh == 60);
-        REQUIRE(std::uint64_t{mode.Width} * mode.Height <= 2048u * 1152u);
+        REQUIRE(std::uint64_t{mode.Width} * mode.Height <= MODE_MAX_PIXELS);
         for (ULONG other = 0; other < i; other++) {
             REQUIRE(std::memcmp(&mode, &display.MonitorModes[other], sizeof(mode)) != 0);
         }
     }
 }
 
-// The sizes at which the adapter runs 60 Hz within its frame memory, as its documentation lists them.
+// The sizes that the adapter shows at 60 Hz within its frame memory, as its documentation lists them.
 bool isDrivable(unsigned width, unsigned height) {
     constexpr unsigned kSizes[][2] = {
         {640, 480},   {800, 600},   {848, 480},   {854, 480},   {1024, 768}, {1152, 864},
@@ -98,7 +98,7 @@ bool isDrivable(unsigned width, unsigned height) {
                                [&](const auto& size) { return size[0] == width && size[1] == height; });
 }
 
-// What a client makes of a standard timing (VESA E-EDID 1.4, 3.9).
+// Decodes a standard timing as a client does (VESA E-EDID 1.4, 3.9).
 void requireDrivableStandardTiming(UCHAR first, UCHAR second) {
     constexpr unsigned kAcross[4] = {16, 4, 5, 16};
     constexpr unsigned kDown[4] = {10, 3, 4, 9};
@@ -114,7 +114,7 @@ void requireDrivableStandardTiming(UCHAR first, UCHAR second) {
 void requireSmallEnough(const UCHAR* timing) {
     const unsigned width = timing[2] | (timing[4] & 0xF0u) << 4;
     const unsigned height = timing[5] | (timing[7] & 0xF0u) << 4;
-    REQUIRE(width * height <= 2048u * 1152u);
+    REQUIRE(width * height <= MODE_MAX_PIXELS);
 }
 
 void requireSoundBlock(const UCHAR* block, const Conditions& conditions) {
@@ -151,7 +151,7 @@ Outcome runEverything(std::span<const std::uint8_t> edid, const Conditions& cond
     outcome.ceaBlock = EDID_FindCeaBlock(&outcome.display);
     REQUIRE(outcome.ceaBlock < EDID_BLOCK_COUNT);
     REQUIRE(sameBytes(before, outcome.display));
-    // The driver adds the modes of the first CEA block only, but no block and no number may do harm.
+    // The driver adds the modes of the first CEA block only, but every block number must be safe.
     const ULONG extensions =
         std::min<ULONG>(before.EdidBlocks[0][EDID_EXTENSION_COUNT_OFFSET], EDID_LAST_BLOCK);
     for (ULONG block = 1; block <= extensions; block++) {
@@ -177,7 +177,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     const Conditions conditions = conditionsOf(data[0]);
     const std::span<const std::uint8_t> edid(data + 1, std::min(size - 1, sizeof(MONITOR_EDID::EdidBlocks)));
-    // Read as part of an EDID, zeroes are the end of something and 4 is the code of 1280 x 720.
+    // As part of an EDID, 0 ends a list and 4 is the code of 1280 x 720.
     const Outcome one = runEverything(edid, conditions, 0x00);
     const Outcome two = runEverything(edid, conditions, 0x04);
 

@@ -1,4 +1,4 @@
-// What must hold for every input of a fuzz target. A finding names the place and the condition.
+// Conditions that hold for every input of a fuzz target. A failure prints the place and the condition.
 #pragma once
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// The monitor that is plugged in when no EDID is given.
+// The EDID of the monitor that is attached by default.
 #pragma once
 
 #include <cstdint>

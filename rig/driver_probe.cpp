@@ -6,8 +6,8 @@ namespace rig {
 
 namespace {
 
-// Reads a field without its lock while the driver goes on working. Values may be old, so only reports use
-// them.
+// The driver keeps running while its fields are read, and most of them are not shared fields. The values may
+// be out of date, so they serve reports only, and ThreadSanitizer does not check these reads.
 template <typename T>
 __attribute__((no_sanitize("thread"), noinline)) T peek(const T& field) {
     return *const_cast<const volatile T*>(&field);
@@ -21,15 +21,9 @@ TSA_NO_ANALYSIS std::optional<DriverState> probeDriver(const desktop::Client& cl
         return std::nullopt;
     }
     const DEVICE_CONTEXT& context = *static_cast<const DEVICE_CONTEXT*>(record.Context);
-    const MODE_PARAMETERS& mode = context.Display.Mode;
     return DriverState{
-        .width = peek(mode.Width),
-        .height = peek(mode.Height),
-        .refresh = peek(mode.Refresh),
-        .outputBytes = PIXEL_OutputBytes(peek(mode.OutputColorMode)),
-        .compressed = peek(mode.CompressionEnabled) != 0,
         .compressionLevel = peek(context.Render.CompressionLevel),
-        .quantisationLevel = peek(context.Pixel.QuantLevel),
+        .quantizationLevel = peek(context.Pixel.QuantLevel),
         .groupEncoder = peek(context.Cpu.CpuHasSsse3) != 0 && peek(context.Cpu.CpuHasSse41) != 0,
     };
 }

@@ -40,7 +40,7 @@ Pixel over(const desktop::PointerImage& shape, unsigned column, unsigned row, Pi
     return result;
 }
 
-// Which pixel of the shape, in the client's orientation, stands at a place of the turned shape.
+// The pixel of the shape, in the client's orientation, that is shown at a place of the rotated shape.
 struct ShapePlace {
     unsigned column;
     unsigned row;
@@ -101,7 +101,7 @@ void DesktopReference::movePointer(int x, int y, bool visible) {
         y_ = y;
         break;
     }
-    // A move to where the pointer already is does not hand the frame over again.
+    // A move to the same place does not send the frame again.
     const bool changed = x != lastX_ || y != lastY_ || visible != lastVisible_;
     lastX_ = x;
     lastY_ = y;
@@ -116,11 +116,6 @@ void DesktopReference::present(const Surface& frame) {
     presented_ = frame;
     drawn_ = frame;
     drawPointer(*drawn_);
-}
-
-void DesktopReference::forgetFrames() {
-    presented_.reset();
-    drawn_.reset();
 }
 
 void DesktopReference::drawPointer(Surface& frame) const {
@@ -164,12 +159,12 @@ std::uint32_t reduce(Pixel pixel, WireFormat format) {
 
 namespace {
 
-// Per level of the quantising encoder: the bits that are kept and those that are set.
-struct Quantisation {
+// Per level of the quantizing encoder: the bits that are kept and those that are set.
+struct Quantization {
     std::uint32_t keep;
     std::uint32_t fill;
 };
-constexpr std::array<Quantisation, 12> kQuantisation = {{
+constexpr std::array<Quantization, 12> kQuantization = {{
     {0x7FFF, 0x0001},
     {0x7FFE, 0x0001},
     {0x7BFE, 0x0001},
@@ -190,14 +185,15 @@ constexpr std::array<std::uint32_t, 13> kTolerance = {
     0x000000, 0x1F1F1F, 0x1F3F1F, 0x3F3F3F, 0x7F3F7F, 0x7F7F7F,
 };
 
-// What a literal of a run stream cannot carry, because its highest bit says that it is one: the highest bit
-// of a 16-bit pixel, the lowest of an 8-bit pixel and of the red of a 24-bit one.
+// The bit that a literal of a run stream cannot carry, because the literal's highest bit marks it as one: the
+// highest bit of a 16-bit pixel, the lowest bit of an 8-bit pixel, the lowest bit of a 24-bit pixel's red.
 std::uint32_t lostInLiteral(WireFormat format) {
     return format == WireFormat::Bgr24 ? 0x010000 : format == WireFormat::Rgb8 ? 0x01 : 0x8000;
 }
 
-// The pixels that a tolerant stream decodes to. A pixel repeats the last literal when it differs from it in
-// tolerated bits only, unless it is the second in a row of a value that is not exactly the literal's.
+// The pixels that a tolerant stream decodes to. A pixel repeats the last literal when it differs from the
+// literal in tolerated bits only, unless the pixel before it had the same value and that value is not the
+// literal's.
 class TolerantRun {
   public:
     TolerantRun(unsigned level, std::uint32_t lost, std::size_t leadIn)
@@ -241,8 +237,8 @@ std::vector<std::uint8_t> convertFrame(const Surface& picture, WireFormat format
 
 unsigned levelCount(Encoding encoding) {
     switch (encoding) {
-    case Encoding::Quantised:
-        return kQuantisation.size();
+    case Encoding::Quantized:
+        return kQuantization.size();
     case Encoding::Tolerant:
         return kTolerance.size();
     default:
@@ -256,8 +252,8 @@ std::vector<std::uint8_t> expectedFrame(const Surface& picture, WireFormat forma
     switch (encoding) {
     case Encoding::Exact:
         return convertFrame(picture, format, [lost](std::uint32_t value) { return value & ~lost; });
-    case Encoding::Quantised: {
-        const Quantisation rule = kQuantisation.at(level);
+    case Encoding::Quantized: {
+        const Quantization rule = kQuantization.at(level);
         return convertFrame(picture, format,
                             [rule](std::uint32_t value) { return (value & rule.keep) | rule.fill; });
     }

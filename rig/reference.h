@@ -1,5 +1,4 @@
-// What the monitor must show, worked out independently of the driver: slowly, pixel by pixel, from the rules
-// alone.
+// What the monitor must show, computed pixel by pixel and independently of the driver.
 #pragma once
 
 #include "desktop/pointer.h"
@@ -15,7 +14,7 @@
 
 namespace rig {
 
-// The desktop as the driver has been told of it, and the frame that it must have on the way to the monitor.
+// The state of the desktop after the client's commands, and the frame that the driver must send for it.
 class DesktopReference {
   public:
     void createFrameBuffer(unsigned width, unsigned height);
@@ -23,9 +22,6 @@ class DesktopReference {
     void setPointer(const desktop::PointerImage& shape);
     void movePointer(int x, int y, bool visible);
     void present(const support::Surface& frame);
-
-    // Nothing presented is left: the client has closed the driver or its adapter is gone.
-    void forgetFrames();
 
     // Nothing before the first present.
     const std::optional<support::Surface>& picture() const { return drawn_; }
@@ -38,13 +34,13 @@ class DesktopReference {
     DISPLAY_ROTATION rotation_ = ROTATION_NONE;
     std::optional<desktop::PointerImage> shape_;
     DISPLAY_ROTATION shapeRotation_ = ROTATION_NONE; // in force when the shape was set
-    int lastX_ = 0;                                  // as the client gave them
+    int lastX_ = 0;                                  // as given by the client
     int lastY_ = 0;
     bool lastVisible_ = false;
     int x_ = 0; // after rotation
     int y_ = 0;
     std::optional<support::Surface> presented_;
-    std::optional<support::Surface> drawn_; // the frame with the pointer as of the last hand-over
+    std::optional<support::Surface> drawn_; // the frame with the pointer, as last sent
 };
 
 // The formats in which pixels reach the adapter.
@@ -56,23 +52,24 @@ constexpr unsigned bytesPerPixel(WireFormat format) {
 // One pixel in a wire format, as a little-endian number: the high bits of each channel.
 std::uint32_t reduce(support::Pixel pixel, WireFormat format);
 
-// How a frame was encoded, which decides what of a pixel survives.
+// How a frame was encoded, which determines the bits of a pixel that the monitor shows.
 enum class Encoding : std::uint8_t {
-    Plain,     // as it is
+    Plain,     // unchanged
     Exact,     // run stream whose literals carry all but the lowest red bit (24 bits per pixel)
-    Quantised, // run stream of 16-bit pixels, quantised per level first
-    Tolerant,  // run stream in which a pixel may stand for similar ones after it
+    Quantized, // run stream of 16-bit pixels, quantized per level first
+    Tolerant,  // run stream in which a pixel may replace similar ones after it
 };
 
-// Levels: `Quantised` 0 to 11, `Tolerant` 0 to 12; the others know only 0.
+// Levels: `Quantized` 0 to 11, `Tolerant` 0 to 12; the others know only 0.
 unsigned levelCount(Encoding encoding);
 
-// The frame memory of the adapter after `picture` has come through: bytes without padding between rows.
-// `leadIn` is the number of pixels that a tolerant stream begins with unmerged, as old adapters want it.
+// The frame memory of the adapter after it has received `picture`: bytes without padding between rows.
+// `leadIn` is the number of literals at the beginning of a tolerant stream that old adapters need.
 std::vector<std::uint8_t> expectedFrame(const support::Surface& picture, WireFormat format, Encoding encoding,
                                         unsigned level = 0, std::size_t leadIn = 0);
 
-// The first difference between two frames, and how many pixels differ; pixels that only one of them has do.
+// The first difference between two frames, and the number of different pixels. A pixel that only one frame
+// has counts as different.
 struct Difference {
     unsigned x = 0;
     unsigned y = 0;

@@ -22,10 +22,10 @@ WireFormat wireFormat(model::PixelFormat format) {
     }
 }
 
-// Which encoder serves a compressed mode.
+// The encoder that the driver uses for a compressed mode.
 Encoding encoderFor(WireFormat format, bool groupEncoder, unsigned revision) {
     if (bytesPerPixel(format) == 2) {
-        return groupEncoder ? Encoding::Quantised : Encoding::Tolerant;
+        return groupEncoder ? Encoding::Quantized : Encoding::Tolerant;
     }
     return revision == 2 ? Encoding::Exact : Encoding::Tolerant;
 }
@@ -48,10 +48,10 @@ std::optional<WireMode> currentWireMode(Session& session) {
     return WireMode{format, encoderFor(format, driver->groupEncoder, session.adapter().options().revision)};
 }
 
-// The newest frame was encoded at the driver's present level, or just before the driver moved the level by
-// one: the group encoder encodes anew when it moves up, so that its frames are never below its level.
-// Adapters of revision 1 want streams that begin with 1,025 bytes of literals: always with 16-bit
-// pixels, else when the stream would be shorter.
+// The newest frame was encoded at the driver's present level, or just before the driver changed the level by
+// one. The group encoder encodes again when it raises the level, so its frames are never below its level.
+// Adapters of revision 1 need streams that begin with 1,025 bytes of literals: always with 16-bit pixels,
+// otherwise when the stream would be shorter.
 std::vector<ScreenCheck::Candidate> ScreenCheck::candidates(WireMode mode) {
     constexpr unsigned kLeadInBytes = 1025;
     const std::optional<DriverState> driver = probeDriver(session_.client());
@@ -61,12 +61,12 @@ std::vector<ScreenCheck::Candidate> ScreenCheck::candidates(WireMode mode) {
     }
     const unsigned bytes = bytesPerPixel(mode.format);
     const std::size_t leadIn = (kLeadInBytes + bytes - 1) / bytes;
-    const bool quantised = mode.encoding == Encoding::Quantised;
-    const unsigned level = quantised ? driver->quantisationLevel : driver->compressionLevel;
-    const unsigned lowest = quantised || level == 0 ? level : level - 1;
+    const bool quantized = mode.encoding == Encoding::Quantized;
+    const unsigned level = quantized ? driver->quantizationLevel : driver->compressionLevel;
+    const unsigned lowest = quantized || level == 0 ? level : level - 1;
     std::vector<Candidate> list;
     for (unsigned candidate = lowest; candidate <= level + 1 && candidate < levels; candidate++) {
-        const bool oldAdapter = session_.adapter().options().revision == 1 && !quantised;
+        const bool oldAdapter = session_.adapter().options().revision == 1 && !quantized;
         if (!oldAdapter || bytes != 2) {
             list.push_back({candidate, 0});
         }

@@ -1,4 +1,4 @@
-// Compares what the monitor shows with what its mode must show.
+// Compares what the monitor shows with what it must show in its mode.
 #pragma once
 
 #include "rig/reference.h"
@@ -11,31 +11,31 @@
 
 namespace rig {
 
-// The formats the adapter may be programmed for, and the one way each turns a picture into frame memory.
+// The adapter's pixel format and the encoding, which together determine the frame memory for a picture.
 struct WireMode {
     WireFormat format = rig::WireFormat::Bgr24;
     Encoding encoding = rig::Encoding::Plain;
     auto operator<=>(const WireMode&) const = default;
 };
 
-// The mode that adapter and driver are in; nothing while no timing is programmed, or when frames are
-// compressed and the client is not open, so that the encoder is not known.
+// The present mode of adapter and driver. Nothing while no timing is programmed, or while frames are
+// compressed and the client is not open, because the encoder is then unknown.
 std::optional<WireMode> currentWireMode(Session& session);
 
-// Checks the monitor against one picture. The expected frames are worked out once per mode and level.
+// Checks the monitor against one picture. The expected frames are computed once per mode and level.
 class ScreenCheck {
   public:
     // Both outlive the check.
     ScreenCheck(Session& session, const support::Surface& picture) : session_(session), picture_(picture) {}
     ScreenCheck(Session& session, support::Surface&& picture) = delete;
 
-    // The monitor shows the picture as it comes through at the driver's present level of compression.
+    // Whether the monitor shows the picture, at the driver's present level of compression.
     bool matches();
 
     // Waits for `matches`.
     bool waitForMatch(usb::Time timeout);
 
-    // What is wrong, in one sentence with the first differing pixel.
+    // What is wrong, in one sentence that names the first different pixel.
     std::string problem();
 
   private:

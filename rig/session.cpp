@@ -31,7 +31,7 @@ std::string messageOf(const std::exception_ptr& failure) {
     }
 }
 
-// Old adapters have no status pipe, so their driver looks for a monitor only when it powers the adapter up.
+// Old adapters have no status pipe, so the driver looks for their monitor only at power-up.
 bool reportsMonitorChanges(const model::AdapterOptions& adapter) {
     return adapter.revision >= 2;
 }
@@ -42,7 +42,7 @@ Session::Session(const SessionOptions& options)
     : machine_(machineOptions(options)), settings_(options.settings) {}
 
 Session::~Session() {
-    // Tasks that were stopped where they stood still have transfers out: their adapters must not answer now.
+    // Stopped tasks may still have transfers in flight. Their adapters must not complete these now.
     for (std::unique_ptr<model::Adapter>& adapter : adapters_) {
         if (stopped_) {
             static_cast<void>(adapter.release());
@@ -63,7 +63,7 @@ void Session::run(const std::function<void()>& body) {
             try {
                 body();
             } catch (const verifier::Stopped&) {
-                throw; // the machine stands still: nothing can be put away
+                throw; // the machine has stopped, so nothing can be closed or removed
             } catch (...) {
                 failure = std::current_exception();
             }
@@ -147,7 +147,7 @@ void Session::surpriseRemove() {
 
 void Session::remove() {
     adapter();
-    // Plug and Play asks whoever holds a device open before it removes the device in order.
+    // Plug and Play asks the owner of an open handle before an orderly removal.
     client_->close();
     machine_.remove(*std::exchange(node_, nullptr));
 }

@@ -1,5 +1,4 @@
-// One machine with the driver loaded, one adapter in its port, one client: what `show`, `run` and `edid` work
-// with.
+// One machine with the loaded driver, one adapter and one client.
 #pragma once
 
 #include "desktop/client.h"
@@ -31,7 +30,7 @@ struct PlugOptions {
     std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
     std::string capture = {};    // pcapng file; empty for none
     usb::InlineCompletion inlineCompletion = usb::InlineCompletion::Never;
-    // Puts a device of the caller's between link and adapter; it outlives the session.
+    // Returns a device of the caller's between link and adapter, which outlives the session.
     std::function<usb::Device&(usb::Device& adapter)> inFront = nullptr;
 };
 
@@ -40,8 +39,8 @@ class Session {
     explicit Session(const SessionOptions& options);
     ~Session();
 
-    // Loads the driver, runs `body` as the machine's host task, and afterwards, whatever `body` throws,
-    // closes the client, removes the adapter and unloads the driver. Everything below belongs inside `body`.
+    // Loads the driver, runs `body` as the machine's host task, and then, even when `body` throws, closes the
+    // client, removes the adapter and unloads the driver. The functions below are called inside `body`.
     void run(const std::function<void()>& body);
 
     platform::Machine& machine() { return machine_; }
@@ -60,20 +59,20 @@ class Session {
     void suspend();
     void resume();
 
-    // Lets the machine run until `done` or the end of `timeout`; what `done` said last.
+    // Lets the machine run until `done` returns true or `timeout` ends. Returns the last result of `done`.
     bool waitFor(usb::Time timeout, const std::function<bool()>& done);
 
-    // Something happens at the adapter or its monitor. No thread of the machine does it: when the hardware
-    // writes into a buffer that the host gave it, ThreadSanitizer must not ask which thread went before.
+    // An event at the adapter or its monitor. It counts as platform code, because hardware that writes into a
+    // buffer of the host does not synchronize with threads, and ThreadSanitizer must not check it.
     template <typename Action>
     void atHardware(Action action) {
         kernel::PlatformCall call;
         action(adapter());
     }
 
-    // The monitor: also before the adapter is plugged in.
+    // The monitor may be attached before the adapter is plugged in.
     void attachMonitor(std::vector<std::uint8_t> edid);
-    // Waits until the driver noticed, when the adapter has the means to tell it.
+    // Waits until the driver has noticed, if the adapter has a status pipe.
     void detachMonitor();
 
     // Waits for the interface, then opens it.
@@ -81,7 +80,7 @@ class Session {
     // Throws when `status` is a failure; `what` is the command that gave it.
     static void require(NTSTATUS status, const char* what);
 
-    // Client and reference together.
+    // Commands to the client, with the same change of the reference.
     void createFrameBuffer(std::uint64_t identifier, unsigned width, unsigned height);
     void setDisplayPower(bool on);
     void present(std::uint64_t identifier, const support::Surface& frame);
@@ -89,7 +88,7 @@ class Session {
     void movePointer(int x, int y, bool visible);
     void setRotation(DISPLAY_ROTATION rotation);
 
-    // Violations of all adapters that were plugged in, as sentences.
+    // The violations at all adapters that were plugged in, as sentences.
     std::vector<std::string> violations() const;
     std::uint64_t violationCount() const;
 
@@ -97,16 +96,16 @@ class Session {
     void finish();
 
     platform::Machine machine_;
-    std::vector<std::unique_ptr<model::Adapter>> adapters_; // use the machine's clock to their end
+    std::vector<std::unique_ptr<model::Adapter>> adapters_; // use the machine's clock until destroyed
     bool stopped_ = false;                                  // the verifier ended the run
     std::vector<Setting> settings_;
     std::unique_ptr<desktop::Client> client_;
     DesktopReference reference_;
     platform::DeviceNode* node_ = nullptr;
-    std::optional<std::vector<std::uint8_t>> monitor_; // waits for an adapter
+    std::optional<std::vector<std::uint8_t>> monitor_; // attached to the next adapter, too
 };
 
-// How long the driver gets to notice a monitor or to bring a picture up: beyond its own longest waits.
+// For the driver to notice a monitor or to show a picture. Longer than its own longest waits.
 constexpr usb::Time kDriverTimeout = 10 * usb::kSecond;
 
 } // namespace rig

@@ -23,7 +23,7 @@ constexpr SettingInfo kSettings[] = {SETTINGS_LIST(DWORD_INFO, BINARY_INFO)};
 #undef DWORD_INFO
 #undef BINARY_INFO
 
-// More than the driver takes, so that a value too long for it can be tried.
+// More than the driver accepts, so that values that are too long can be tested.
 constexpr std::size_t kMaxBinaryBytes = 64 * 1024;
 
 bool sameName(std::string_view a, std::string_view b) {

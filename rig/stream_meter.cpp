@@ -12,14 +12,13 @@ double seconds(usb::Time time) {
     return static_cast<double>(time) / usb::kSecond;
 }
 
-// What a thread spent in the driver is estimated, and on a busy machine a later estimate may be the smaller
-// one.
+// The time that a thread spent in the driver is estimated. On a busy machine a later estimate may be smaller.
 std::uint64_t growth(std::uint64_t before, std::uint64_t after) {
     return after > before ? after - before : 0;
 }
 
-// How often the group encoder encoded one frame anew to get from one level to another: each time it goes half
-// the way to level 12.
+// The number of times that the group encoder encoded one frame again to get from one level to another. Each
+// time it raises the level by half the distance to level 12.
 unsigned encodingsAgain(unsigned from, unsigned to) {
     constexpr unsigned kCoarsest = 11;
     unsigned count = 0;
@@ -33,8 +32,8 @@ std::uint64_t framesEncodedAgain(const std::vector<StreamSample>& samples) {
     std::uint64_t again = 0;
     unsigned level = 0;
     for (const StreamSample& sample : samples) {
-        again += encodingsAgain(level, sample.quantisationLevel);
-        level = sample.quantisationLevel;
+        again += encodingsAgain(level, sample.quantizationLevel);
+        level = sample.quantizationLevel;
     }
     return again;
 }
@@ -98,7 +97,7 @@ void StreamMeter::sample() {
                         .bitsPerPixel = mode ? 8 * model::bytesPerPixel(mode->format) : 0,
                         .compressed = mode && mode->compressed,
                         .compressionLevel = driver.compressionLevel,
-                        .quantisationLevel = driver.quantisationLevel,
+                        .quantizationLevel = driver.quantizationLevel,
                         .frameErrors = now.frameErrors - begin_.frameErrors});
     atLastSample_ = now;
 }

@@ -1,4 +1,4 @@
-// What streaming costs and how it goes: frames, bytes, time, levels.
+// Measures a stream: frames, bytes, time, levels.
 #pragma once
 
 #include "rig/driver_probe.h"
@@ -19,22 +19,22 @@ struct StreamSample {
     unsigned bitsPerPixel = 0;
     bool compressed = false;
     unsigned compressionLevel = 0;
-    unsigned quantisationLevel = 0;
+    unsigned quantizationLevel = 0;
     std::uint64_t frameErrors = 0; // since the meter began
 };
 
 struct StreamFigures {
     std::uint64_t presented = 0; // frames
     std::uint64_t shown = 0;     // pictures that became visible
-    std::uint64_t sent = 0;      // transfers, with the repeats of a frame
+    std::uint64_t sent = 0;      // transfers, including repeated frames
     std::uint64_t bytes = 0;
     std::uint64_t bandwidth = 0; // of the link, bytes per second
     double busy = 0;             // share of the time in which the link carried data
     double frameRate = 0;        // pictures per second; 0 with fewer than two
     double seconds = 0;
-    std::uint64_t fillNanoseconds = 0;     // processor time: the client fills frame buffers,
-    std::uint64_t convertNanoseconds = 0;  // the driver converts and queues,
-    std::uint64_t completeNanoseconds = 0; // and sends and completes
+    std::uint64_t fillNanoseconds = 0;     // processor time of the client's fills,
+    std::uint64_t convertNanoseconds = 0;  // of the driver's threads, which convert and queue,
+    std::uint64_t completeNanoseconds = 0; // and of its DPCs, which send and complete
     std::uint64_t allocations = 0;         // pool allocations and framework objects
     std::uint64_t frameErrors = 0;
     std::uint64_t formatSwitches = 0; // changes of bits per pixel
@@ -50,10 +50,10 @@ class StreamMeter {
     StreamMeter(const StreamMeter&) = delete;
     StreamMeter& operator=(const StreamMeter&) = delete;
 
-    // After each present: takes a sample.
+    // Takes a sample. Call it after each present.
     void framePresented();
 
-    // The last picture is there: ends the measurement.
+    // Ends the measurement, after the last picture has become visible.
     StreamFigures finish();
 
   private:

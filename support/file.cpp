@@ -44,7 +44,7 @@ std::vector<std::uint8_t> readAll(std::FILE* from, const std::string& name, std:
     return contents;
 }
 
-// A file beside the one to be written: a rename inside one directory replaces the old file in one step.
+// A file in the folder of the target. A rename inside one folder replaces the old file in one step.
 class TemporaryFile {
   public:
     explicit TemporaryFile(const std::string& target)

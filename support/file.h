@@ -15,10 +15,10 @@ std::string inputName(const std::string& file);
 // Fails when the file is longer than `limit` bytes.
 std::vector<std::uint8_t> readFile(const std::string& file, std::size_t limit);
 
-// The file appears whole or not at all: it is written beside its place and then renamed.
+// Writes a temporary file in the same folder and renames it, so that the file is never incomplete.
 void writeFile(const std::string& file, std::span<const std::uint8_t> contents);
 
-// Fails as `writeFile` would for want of a writable directory, so that a long run need not end in it.
+// Fails when the file's directory is not writable. Called before a long run whose result `writeFile` writes.
 void requireWritable(const std::string& file);
 
 } // namespace support

@@ -1,4 +1,4 @@
-// What a user gave us and we cannot use: one line that names the file or value and what is allowed.
+// Unusable input of the user. The message is one line that names the file or value and what is allowed.
 #pragma once
 
 #include <stdexcept>

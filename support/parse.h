@@ -1,5 +1,4 @@
-// Numbers and sizes as users write them. Every failure is an `InputError` that names the value and what is
-// allowed.
+// Numbers and sizes as users write them. Throws `InputError`s that name the value and what is allowed.
 #pragma once
 
 #include <cstdint>

@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t kMaxFileBytes = 512u << 20;
 
-// libpng's simplified interface keeps its state in the record and frees it here on every path.
+// The state of libpng's simplified interface, freed on every path.
 struct PngRecord : png_image {
     PngRecord() : png_image{} { version = PNG_IMAGE_VERSION; }
     ~PngRecord() { png_image_free(this); }
@@ -24,8 +24,6 @@ struct PngRecord : png_image {
 [[noreturn]] void refuse(const std::string& name, const std::string& why) {
     throw InputError(name + " is not a usable PNG picture: " + why);
 }
-
-} // namespace
 
 Surface decodePng(std::span<const std::uint8_t> contents, const std::string& name) {
     PngRecord png;
@@ -45,6 +43,8 @@ Surface decodePng(std::span<const std::uint8_t> contents, const std::string& nam
     }
     return picture;
 }
+
+} // namespace
 
 Surface readPngWithAlpha(const std::string& file) {
     return decodePng(readFile(file, kMaxFileBytes), inputName(file));

@@ -11,7 +11,7 @@ namespace support {
 
 static_assert(std::endian::native == std::endian::little, "pixels are read as little-endian words");
 
-// 0xXXRRGGBB: in memory blue, green, red and a byte without meaning (BGRX32).
+// 0xXXRRGGBB: in memory blue, green, red and an unused byte (BGRX32).
 using Pixel = std::uint32_t;
 
 constexpr unsigned kMaxSurfaceSide = 8192;
@@ -35,10 +35,10 @@ constexpr Pixel makePixel(unsigned red, unsigned green, unsigned blue) {
     return 0xFF000000u | (red << 16) | (green << 8) | blue;
 }
 
-// The picture in another size: each pixel is the nearest one of `source`.
+// The picture in another size, by nearest neighbor.
 Surface scale(const Surface& source, unsigned width, unsigned height);
 
-// The picture in the middle of a black frame of the given size, cut where it does not fit.
+// The picture in the center of a black frame of the given size, clipped where it does not fit.
 Surface center(const Surface& source, unsigned width, unsigned height);
 
 } // namespace support

@@ -22,7 +22,7 @@ using rig::Setting;
 
 using Block = std::array<std::uint8_t, EDID_BLOCK_SIZE>;
 
-// The whole road: the adapter's DDC, the driver's reading and rewriting, the client's query.
+// End to end: the adapter's DDC, the driver's reading and rewriting, the client's query.
 Block readThroughDriver(Session& session, const EdidOptions& options, const std::vector<std::uint8_t>& edid) {
     Block block{};
     session.run([&] {
@@ -46,7 +46,6 @@ ULONG settingOr(const std::vector<Setting>& settings, std::string_view name, ULO
 
 RewriteConditions conditionsOf(const EdidOptions& options) {
     return {.superSpeed = options.adapter.link == usb::Speed::Super,
-            .filter = settingOr(options.settings, "FilterEdidTableEnable", 1),
             .ignored = settingOr(options.settings, "UseForceNonPnpMonitor", 0) != 0,
             .ceaModesCount = options.adapter.transmitter,
             .supported = isOffered};
@@ -96,7 +95,7 @@ std::string offerLine(const std::vector<EdidMode>& offered) {
             modes.push_back(text);
         }
     }
-    return modes.empty() ? "nothing: the client reads zeroes" : fmt::format("{}", fmt::join(modes, ", "));
+    return modes.empty() ? "nothing: the client reads zeros" : fmt::format("{}", fmt::join(modes, ", "));
 }
 
 void printReport(const EdidOptions& options, const std::vector<ModeFate>& fates, const Block& block,
@@ -117,7 +116,7 @@ void printReport(const EdidOptions& options, const std::vector<ModeFate>& fates,
             text += fmt::format("violation at {}\n", violation);
         }
     }
-    // The block itself may be what goes to standard output.
+    // Standard output may carry the block itself.
     std::fwrite(text.data(), 1, text.size(), options.out == "-" ? stderr : stdout);
 }
 

@@ -1,4 +1,4 @@
-// EDIDs as a user names them.
+// Loads the EDID that an option or a script names.
 #pragma once
 
 #include <cstdint>
@@ -7,9 +7,9 @@
 
 namespace tool {
 
-// An EDID file: whole blocks of 128 bytes, at most 256 of them. Neither header nor checksums are examined:
-// what a driver does with a damaged one is worth seeing. "none" is a monitor without DDC: no bytes.
-// "default" is the built-in one.
+// "default" is the built-in EDID; "none" is a monitor without DDC, which has no bytes. Anything else is a
+// file of 1 to 256 blocks of 128 bytes. Header and checksums are not checked, so that the driver can be tried
+// with damaged EDIDs. Throws `InputError`.
 std::vector<std::uint8_t> loadEdid(const std::string& file);
 
 } // namespace tool

@@ -132,7 +132,7 @@ bool isCea(const EdidMode& mode) {
     return mode.place.starts_with("CEA");
 }
 
-// Why a mode cannot stay as it is.
+// Why a mode cannot remain unchanged.
 std::string whyNot(const EdidMode& mode, const RewriteConditions& conditions) {
     if (mode.size.width * mode.size.height > MODE_MAX_PIXELS) {
         return fmt::format("more than {} pixels", MODE_MAX_PIXELS);
@@ -207,7 +207,7 @@ class Explainer {
         const std::optional<EdidMode> was = standardMode(before_, entry);
         const std::optional<EdidMode> is = standardMode(after_, entry);
         if (was && is == was) {
-            // The entry that stands for "none" may have come from the monitor itself.
+            // The monitor itself may have listed the placeholder mode.
             const std::string reason = whyNot(*was, conditions_);
             keep(*was,
                  reason.empty() ? "the adapter drives it" : reason + ", but its entry is the placeholder");
@@ -227,10 +227,10 @@ class Explainer {
         const Bytes newBytes = after_.subspan(kDetailed + slot * kDetailedBytes, kDetailedBytes);
         if (was && is && std::ranges::equal(oldBytes, newBytes)) {
             const std::string reason = whyNot(*was, conditions_);
-            keep(*was, reason.empty() ? "the adapter drives it" : "left as it is, although: " + reason);
+            keep(*was, reason.empty() ? "the adapter drives it" : "unchanged, although: " + reason);
         } else if (was && is && was->size == is->size) {
             change(*was, *is,
-                   was->refresh == 60 ? "preferred timing, written anew" : "its clock was set for 60 Hz");
+                   was->refresh == 60 ? "preferred timing, rewritten" : "its clock was set for 60 Hz");
         } else if (was && is) {
             const std::string reason = whyNot(*was, conditions_);
             change(*was, *is,
@@ -257,7 +257,7 @@ class Explainer {
 
     void keep(const EdidMode& mode, std::string reason) {
         fates_.push_back(
-            {Fate::Kept, mode, {}, rewritten() ? std::move(reason) : "the EDID is handed on as it is"});
+            {Fate::Kept, mode, {}, rewritten() ? std::move(reason) : "the EDID is passed on unchanged"});
     }
     void change(const EdidMode& mode, const EdidMode& to, std::string reason) {
         fates_.push_back({Fate::Changed, mode, to, std::move(reason)});
@@ -329,8 +329,9 @@ std::vector<ModeFate> explainRewrite(std::span<const std::uint8_t> before,
         fates.push_back({Fate::Dropped,
                          mode,
                          {},
-                         conditions.ignored ? "the setting UseForceNonPnpMonitor keeps the EDID unread"
-                                            : "the EDID could not be read or is not valid"});
+                         conditions.ignored
+                             ? "the EDID is not read because of the setting UseForceNonPnpMonitor"
+                             : "the EDID could not be read or is not valid"});
     }
     return fates;
 }

@@ -1,4 +1,4 @@
-// The command line. Reads options, calls one command, and turns what it throws into an exit status.
+// The command line. Reads options, calls one command, and converts its exceptions to exit statuses.
 #include "desktop/frame_source.h"
 #include "rig/errors.h"
 #include "rig/settings.h"
@@ -12,6 +12,7 @@
 #include "tool/script_actions.h"
 #include "tool/settings.h"
 #include "tool/show.h"
+#include "tool/text_layout.h"
 
 #include <CLI/CLI.hpp>
 
@@ -26,7 +27,7 @@ using support::InputError;
 using tool::ExitStatus;
 
 constexpr const char* kAbout =
-    "Shows desktops on the modelled adapter's monitor, through the real driver.\n"
+    "Shows desktops on the monitor of the modeled adapter, through the real driver.\n"
     "\n"
     "  usbdisplay show --image F.png --link usb3 --out monitor.png\n"
     "  usbdisplay show --pattern scroll --frames 120 --link usb2\n"
@@ -35,7 +36,7 @@ constexpr const char* kAbout =
     "  usbdisplay run demo/scripts/sleep-resume.txt\n"
     "  usbdisplay edid monitor.bin --link usb2\n"
     "\n"
-    "Exit status: 0 right; 1 wrong picture, or something the adapter could not understand (a violation);\n"
+    "Exit status: 0 right; 1 wrong picture, or a violation of the adapter's rules;\n"
     "2 bad usage or bad input, nothing written; 3 the driver or the device failed, or the driver broke a "
     "rule\n"
     "of the kernel.";
@@ -44,7 +45,7 @@ const std::map<std::string, usb::Speed> kLinks = {{"usb2", usb::Speed::High}, {"
 const std::map<std::string, std::uint32_t> kProcessors = {
     {"sse41", 0xFFFFFFFF}, {"ssse3", ~(1u << 19 | 1u << 20)}, {"none", ~(1u << 9 | 1u << 19 | 1u << 20)}};
 
-// Values that need more than CLI11's own checks are kept as text and read by these.
+// For values that need more than CLI11's own checks.
 template <typename Value, typename Parse>
 void addParsed(CLI::App* command, const std::string& name, Value& value, const std::string& help,
                const std::string& type, Parse parse) {
@@ -63,6 +64,17 @@ std::pair<int, int> parsePoint(const std::string& text, const std::string& name)
             support::parseCoordinate(text.substr(comma + 1), name)};
 }
 
+std::string settingHelp() {
+    constexpr std::size_t kWidth = 78;
+    const std::string names = support::enumerate(rig::settingList(), &rig::SettingInfo::name);
+    std::string help =
+        "A value under the driver's Parameters key; repeat it for more values. Binary values:\n"
+        "NAME=@FILE. Explained by the command settings:\n" +
+        tool::formatParagraph(names, kWidth, 2);
+    help.pop_back(); // the line feed at the end
+    return help;
+}
+
 void addSettings(CLI::App* command, std::vector<rig::Setting>& settings) {
     command
         ->add_option_function<std::vector<std::string>>(
@@ -72,8 +84,7 @@ void addSettings(CLI::App* command, std::vector<rig::Setting>& settings) {
                     settings.push_back(rig::parseAssignment(text));
                 }
             },
-            "A value under the driver's Parameters key; again for more. Binary values: NAME=@FILE. The "
-            "command settings lists the names")
+            settingHelp())
         ->type_name("NAME=VALUE")
         ->allow_extra_args(false);
 }
@@ -85,7 +96,8 @@ void addLink(CLI::App* command, usb::Speed& link) {
 }
 
 void addSeed(CLI::App* command, std::uint64_t& seed) {
-    addParsed(command, "--seed", seed, "Chooses the schedule: which task runs when. A failure names it", "N",
+    addParsed(command, "--seed", seed,
+              "Selects the schedule, the order in which tasks run. Failures print it", "N",
               [](const std::string& text, const std::string& name) {
                   return support::parseNumber(text, name, 0, UINT64_MAX);
               });
@@ -93,7 +105,7 @@ void addSeed(CLI::App* command, std::uint64_t& seed) {
 }
 
 void addCapture(CLI::App* command, std::string& capture) {
-    command->add_option("--capture", capture, "Write everything on the wire, for tshark and Wireshark")
+    command->add_option("--capture", capture, "Capture all USB traffic, for tshark and Wireshark")
         ->type_name("F.pcapng");
 }
 
@@ -117,7 +129,7 @@ std::string patternHelp() {
     return help;
 }
 
-// Every command registers its options and leaves what is to be done in `action`.
+// Every command registers its options and sets `action` to its body.
 using CommandBody = std::function<ExitStatus()>;
 
 void addShow(CLI::App& app, CommandBody& action) {
@@ -137,26 +149,27 @@ void addShow(CLI::App& app, CommandBody& action) {
     addParsed(command, "--size", options->size, "Size of the frames; a picture is scaled to it", "WxH",
               support::parseSize);
     addParsed(command, "--mode", options->mode,
-              "Display mode; frames of another size stand in its middle. By default the size of the frames",
-              "WxH", support::parseSize);
+              "Display mode; frames of another size are centered. By default the size of the frames", "WxH",
+              support::parseSize);
     addAdapter(command, options->adapter);
     addParsed(command, "--bandwidth", options->bandwidth,
-              "What the link carries, by default 40 (usb2) or 400 (usb3)", "MB/S", support::parseBandwidth);
+              "Bandwidth of the link, by default 40 (usb2) or 400 (usb3)", "MB/S", support::parseBandwidth);
     command
-        ->add_option("--edid", options->edid,
-                     "The monitor's EDID; by default one of 1920x1080, none for a monitor without")
+        ->add_option(
+            "--edid", options->edid,
+            "The monitor's EDID; by default a built-in one of 1920x1080; none: a monitor without EDID")
         ->type_name("F.bin|none");
     addSettings(command, options->settings);
     addParsed(command, "--frames", options->frames,
-              "Frames to present, by default 1, or 60 for a pattern that moves, or the whole video", "N",
+              "Frames to present; by default 1, 60 for a moving pattern, all frames of a video", "N",
               [](const std::string& text, const std::string& name) {
                   return static_cast<unsigned>(support::parseNumber(text, name, 1, 10'000'000));
               });
-    addParsed(command, "--rate", options->rate, "Frames presented a second, by default 60", "N",
+    addParsed(command, "--rate", options->rate, "Frames presented per second, by default 60", "N",
               [](const std::string& text, const std::string& name) {
                   return static_cast<unsigned>(support::parseNumber(text, name, 1, 1000));
               });
-    addParsed(command, "--pointer", options->pointer, "Show an arrow with its top-left corner there", "X,Y",
+    addParsed(command, "--pointer", options->pointer, "Show an arrow with its top-left corner at X,Y", "X,Y",
               parsePoint);
     command->add_option("--out", options->out, "Write what the monitor shows as PNG")->type_name("F.png");
     addCapture(command, options->capture);
@@ -164,33 +177,31 @@ void addShow(CLI::App& app, CommandBody& action) {
     addFree(command, options->free);
     command
         ->add_option("--cpu", options->cpuFeatures,
-                     "Highest vector extension the driver may use, by default sse41")
+                     "Highest vector extension that the driver may use, by default sse41")
         ->transform(CLI::CheckedTransformer(kProcessors).description(""))
         ->type_name("sse41|ssse3|none");
-    command->add_flag("--json", options->json,
-                      "Print one JSON object, with a series of samples, for machines");
+    command->add_flag("--json", options->json, "Print one JSON object with a series of samples");
     command->callback([options, &action] { action = [options] { return tool::show(*options); }; });
 }
 
 void addRun(CLI::App& app, CommandBody& action) {
     auto options = std::make_shared<tool::RunOptions>();
     CLI::App* command =
-        app.add_subcommand("run", "Carry a script out: plug, attach, present, sleep, expect ...");
+        app.add_subcommand("run", "Run a script of actions: plug, attach, present, sleep, expect ...");
     command->footer(tool::scriptHelp());
     command->add_option("SCRIPT", options->script, "The script; - reads standard input")->required();
     addCapture(command, options->capture);
     addSeed(command, options->seed);
     addFree(command, options->free);
-    command->add_flag("--json", options->json, "Print one JSON object for machines");
+    command->add_flag("--json", options->json, "Print one JSON object");
     command->callback([options, &action] { action = [options] { return tool::runScript(*options); }; });
 }
 
 void addModes(CLI::App& app, CommandBody& action) {
     auto json = std::make_shared<bool>(false);
     CLI::App* command = app.add_subcommand(
-        "modes",
-        "List every mode the driver carries, with its pixel clock, and whether a monitor may offer it.");
-    command->add_flag("--json", *json, "Print a JSON list for machines");
+        "modes", "List every mode of the driver, with its pixel clock, and whether a monitor may offer it.");
+    command->add_flag("--json", *json, "Print a JSON list");
     command->callback([json, &action] { action = [json] { return tool::showModes(*json); }; });
 }
 
@@ -198,7 +209,7 @@ void addSettingList(CLI::App& app, CommandBody& action) {
     auto json = std::make_shared<bool>(false);
     CLI::App* command = app.add_subcommand(
         "settings", "List the driver's settings: default, range, effect, when it is read.");
-    command->add_flag("--json", *json, "Print a JSON list for machines");
+    command->add_flag("--json", *json, "Print a JSON list");
     command->callback([json, &action] { action = [json] { return tool::showSettings(*json); }; });
 }
 
@@ -206,15 +217,15 @@ void addEdid(CLI::App& app, CommandBody& action) {
     auto options = std::make_shared<tool::EdidOptions>();
     CLI::App* command = app.add_subcommand(
         "edid",
-        "Attach a monitor with this EDID, let the driver read and rewrite it, and say mode by mode what the "
-        "client is offered and why.");
+        "Attach a monitor with this EDID, let the driver read and rewrite it, and show for each mode whether "
+        "the client is offered it and why.");
     command->add_option("F.bin", options->file, "The EDID: blocks of 128 bytes; - reads standard input")
         ->required();
     addAdapter(command, options->adapter);
     addSettings(command, options->settings);
     command->add_option("--out", options->out, "Write the block that the client reads")->type_name("F2.bin");
     addSeed(command, options->seed);
-    command->add_flag("--json", options->json, "Print one JSON object for machines");
+    command->add_flag("--json", options->json, "Print one JSON object");
     command->callback([options, &action] { action = [options] { return tool::showEdid(*options); }; });
 }
 
@@ -228,7 +239,7 @@ int runTool(int argc, char** argv) {
     app.require_subcommand(0, 1);
     app.set_version_flag("--version", "usbdisplay " USBDISPLAY_VERSION);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
-        return fmt::format("usbdisplay: {} (--help tells what is allowed)\n", error.what());
+        return fmt::format("usbdisplay: {} (--help lists what is allowed)\n", error.what());
     });
     CommandBody action;
     addShow(app, action);

@@ -15,7 +15,7 @@ namespace {
 
 using support::Size;
 
-constexpr unsigned kDesktopRefresh = 60; // at which the driver sets every mode that a client asks for
+constexpr unsigned kDesktopRefresh = 60; // of every mode that a client can request
 
 ModeInfo infoOf(const VIDEO_MODE_ENTRY& entry) {
     const std::uint64_t total = std::uint64_t{entry.HorizontalTotal} * entry.VerticalTotal;

@@ -1,4 +1,4 @@
-// The display modes that the driver carries.
+// The display modes of the driver.
 #pragma once
 
 #include "support/parse.h"
@@ -12,18 +12,18 @@ namespace tool {
 struct ModeInfo {
     support::Size size;
     unsigned refresh = 0;         // Hz, nominal
-    double exactRefresh = 0;      // Hz, of the pixel clock that the PLL makes
+    double exactRefresh = 0;      // Hz, with the PLL's pixel clock
     std::uint64_t pixelClock = 0; // Hz, of the timing at the nominal refresh
     std::uint64_t pllClock = 0;   // Hz
     unsigned horizontalTotal = 0;
     unsigned verticalTotal = 0;
-    bool offered = false; // a monitor may offer it, and a client can show it
+    bool offered = false; // whether a monitor may offer it and a client can show it
 };
 
-// In the order of the driver's table, a mode that is listed twice once.
+// In the order of the driver's table, without duplicates.
 std::vector<ModeInfo> modeList();
 
-// A monitor may offer the mode to the client.
+// Whether a monitor may offer the mode to the client.
 bool isOffered(support::Size size, unsigned refresh);
 
 // Throws `InputError` unless a client can show frames of this size.

@@ -1,4 +1,4 @@
-// What a command prints: a short table for people, one JSON object for machines.
+// The result of a command: a short table for people, one JSON object for machines.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -13,8 +13,8 @@ using Json = nlohmann::ordered_json;
 
 class Report {
   public:
-    // `key` and `value` go to the JSON object, `label` and `text` to the table. A row with an empty label is
-    // for machines only.
+    // `key` and `value` go to the JSON object, `label` and `text` to the table. Without a label the value is
+    // in the JSON object only.
     void add(std::string key, Json value, std::string label = {}, std::string text = {});
 
     // A line of the table that belongs to the row above.
@@ -23,7 +23,7 @@ class Report {
     std::string table() const;
     const Json& json() const { return json_; }
 
-    // To standard output, or to standard error when the output carries a file.
+    // To standard output, or to standard error when standard output carries a file.
     void print(bool asJson, bool outputTaken = false) const;
 
   private:
@@ -31,7 +31,7 @@ class Report {
     Json json_ = Json::object();
 };
 
-// One line on standard error that is written over again and again, when it is a terminal.
+// A progress line on standard error, if that is a terminal.
 class Progress {
   public:
     explicit Progress(bool wanted);

@@ -20,7 +20,7 @@ using support::InputError;
 // The words of a line after the action's name.
 using Words = std::span<const std::string_view>;
 
-// Thrown when the words do not fit the action; the parser adds the action's usage.
+// Thrown when the arguments do not fit the action. The parser adds the action's usage.
 struct WrongArguments {};
 
 void requireCount(Words words, std::size_t least, std::size_t most) {
@@ -61,7 +61,7 @@ std::string binarySettings() {
     return fmt::format("{}", fmt::join(names, " and "));
 }
 
-// The file is not read here: whether it is there is found out before the script's first action.
+// The file is read later, before the script's first action.
 Action parseRegistry(Words words) {
     requireCount(words, 2, 2);
     if (!words[1].starts_with('@')) {
@@ -239,32 +239,34 @@ constexpr auto kRules = std::to_array<ActionRule>({
      "[revision=0..3] [link=usb2|usb3] [product=main|alt|partner] [bcd-usb=0x0300] [transmitter] "
      "[ddc=transmitter|adapter] [bandwidth=MB/S]",
      "plug an adapter in", parsePlug},
-    {"attach", "FILE.bin|default|none", "plug a monitor into the adapter; before `plug`: it is there already",
+    {"attach", "FILE.bin|default|none", "attach a monitor to the adapter; before `plug`: to the next adapter",
      parseAttach},
     {"open", "", "wait for the interface and exchange entry points", parseSimple<OpenAction>},
     {"create", "ID WxH", "create a frame buffer", parseCreate},
     {"display", "on|off", "switch the display; on sets the mode of the last frame buffer's size",
      parseDisplay},
-    {"present", "ID FILE.png|PATTERN", "hand a picture over, scaled to the frame buffer", parsePresent},
-    {"stream", "ID FILE.png|PATTERN N", "hand N frames over, 60 a second", parseStream},
+    {"present", "ID FILE.png|PATTERN", "present a picture, scaled to the frame buffer", parsePresent},
+    {"stream", "ID FILE.png|PATTERN N", "present N frames, 60 per second", parseStream},
     {"pointer", "arrow|beam|halo|cross|FILE.png [X Y] | move X Y | hide", "shape, move or hide the pointer",
      parsePointer},
-    {"rotate", "1..4", "turn the pointer: none, a quarter, a half, three quarters", parseRotate},
+    {"rotate", "1..4", "set the rotation of the pointer: 1 none, 2 a quarter, 3 a half, 4 three quarters",
+     parseRotate},
     {"wait", "MS", "let the machine run", parseWait},
     {"frame-error", "", "the adapter reports a dropped frame", parseSimple<FrameErrorAction>},
-    {"sleep", "", "the system goes to sleep", parseSimple<SleepAction>},
-    {"resume", "", "... and wakes up", parseSimple<ResumeAction>},
-    {"detach", "", "unplug the monitor", parseSimple<DetachAction>},
-    {"close", "", "the client lets go of the driver", parseSimple<CloseAction>},
-    {"surprise", "", "pull the adapter's cable", parseSimple<SurpriseAction>},
-    {"remove", "", "remove the adapter in order", parseSimple<RemoveAction>},
-    {"save", "FILE.png", "write what the monitor shows", parseSave},
-    {"bandwidth", "MB/S", "starve the link, or free it", parseBandwidthAction},
+    {"sleep", "", "put the system to sleep", parseSimple<SleepAction>},
+    {"resume", "", "wake the system up", parseSimple<ResumeAction>},
+    {"detach", "", "detach the monitor", parseSimple<DetachAction>},
+    {"close", "", "the client closes the driver", parseSimple<CloseAction>},
+    {"surprise", "", "unplug the adapter without warning", parseSimple<SurpriseAction>},
+    {"remove", "", "remove the adapter in an orderly way", parseSimple<RemoveAction>},
+    {"save", "FILE.png", "write the monitor's picture", parseSave},
+    {"bandwidth", "MB/S", "change the bandwidth of the link", parseBandwidthAction},
     {"memory", "eeprom|flash FILE", "write the contents of a memory", parseMemory},
-    {"transmitter", "stuck|deaf|well", "break the HDMI transmitter, or heal it", parseTransmitter},
-    {"ddc-busy", "", "the monitor's DDC lines are held in mid-transaction", parseDdc<model::DdcFault::Busy>},
+    {"transmitter", "stuck|deaf|well", "make the HDMI transmitter fail, or work again", parseTransmitter},
+    {"ddc-busy", "", "the monitor holds the DDC lines low in the middle of a transaction",
+     parseDdc<model::DdcFault::Busy>},
     {"report", "", "print mode, levels and transmitter", parseSimple<ReportAction>},
-    {"expect", "picture | dark | bits 8|16|24 | hdmi | dvi", "wait for it; a failure ends the script",
+    {"expect", "picture | dark | bits 8|16|24 | hdmi | dvi", "wait for this state; a failure ends the script",
      parseExpect},
 });
 
@@ -284,7 +286,7 @@ std::vector<std::string_view> splitWords(std::string_view line) {
     return words;
 }
 
-// A comment starts at the line's first `#`, or at one after a space: file names may hold others.
+// A comment starts at a `#` that begins the line or follows a space. File names may contain others.
 std::string_view withoutComment(std::string_view line) {
     for (std::size_t at = line.find('#'); at != std::string_view::npos; at = line.find('#', at + 1)) {
         if (at == 0 || line[at - 1] == ' ' || line[at - 1] == '\t') {
@@ -333,8 +335,8 @@ std::vector<ScriptLine> parseScript(std::string_view text, std::string_view name
 }
 
 std::string scriptHelp() {
-    std::string help = "One action a line; # starts a comment. Files are read from beside the script\n"
-                       "and written to the current directory.\n\n";
+    std::string help = "One action per line; # starts a comment. Files are read from the folder of the\n"
+                       "script and written to the current directory.\n\n";
     for (const ActionRule& rule : kRules) {
         help += fmt::format("  {}\n      {}\n", usageOf(rule), rule.meaning);
     }

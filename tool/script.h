@@ -1,4 +1,4 @@
-// Scripts: one action a line, `#` starts a comment. Parsing reads no file and touches no machine.
+// Scripts: one action per line, `#` starts a comment. Parsing reads no other file and needs no machine.
 #pragma once
 
 #include "device/client_abi.h"
@@ -36,7 +36,7 @@ struct DisplayAction {
 struct PresentAction {
     std::uint64_t identifier = 0;
     std::string picture; // a pattern's name or a file
-    unsigned frames = 1; // at 60 a second
+    unsigned frames = 1; // 60 per second
 };
 struct PointerAction {
     std::string shape; // a built-in pointer's name or a file; empty to keep the shape
@@ -92,7 +92,7 @@ struct ScriptLine {
     Action action;
 };
 
-// `name` is what messages call the script. Throws `InputError` for the first line that is not an action.
+// `name` is the script's name in messages. Throws `InputError` for the first line that is not an action.
 std::vector<ScriptLine> parseScript(std::string_view text, std::string_view name);
 
 // Every action with its arguments and meaning, for `--help`.

@@ -41,8 +41,8 @@ struct Overloaded : Cases... {
 template <typename... Cases>
 Overloaded(Cases...) -> Overloaded<Cases...>; // Clang 14 does not deduce it by itself
 
-// The files that a script names. What it reads lies beside the script, unless that comes from standard input;
-// what it writes lands in the current directory, as with every other command.
+// The files that a script names. They are read from the script's folder, or from the current directory for a
+// script from standard input, and written to the current directory, as with every other command.
 class ScriptFiles {
   public:
     explicit ScriptFiles(const std::string& script)
@@ -115,13 +115,13 @@ SessionOptions sessionOptions(const RunOptions& options) {
     return session;
 }
 
-// Carries single actions out. One overload of `perform` for each kind.
+// Performs single actions. One overload of `perform` for each kind.
 class Performer {
   public:
     Performer(const RunOptions& options, const ScriptFiles& files, Session& session)
         : options_(options), files_(files), session_(session) {}
 
-    // What the last action has to tell, for the log; null when nothing.
+    // What the last action reported, for the log; null for most actions.
     Json takeDetails() { return std::exchange(details_, nullptr); }
 
     void perform(const RegistryAction& a) {
@@ -207,7 +207,7 @@ class Performer {
         }
         if (const std::optional<rig::DriverState> driver = rig::probeDriver(session_.client())) {
             details_["compression_level"] = driver->compressionLevel;
-            details_["quantisation_level"] = driver->quantisationLevel;
+            details_["quantisation_level"] = driver->quantizationLevel;
         }
         details_["frame_errors"] = session_.adapter().statistics().frameErrors;
         if (const std::optional<model::TransmitterReport> report = session_.adapter().transmitter()) {
@@ -315,7 +315,7 @@ class Performer {
     Json details_;
 };
 
-// Calls `body`; what it throws, it throws again with `place` before the message.
+// Calls `body` and puts `place` before the message of an exception.
 template <typename Body>
 void atPlace(const std::string& place, Body body) {
     try {

@@ -34,7 +34,7 @@ using support::Surface;
 constexpr Size kDefaultSize = {1920, 1080};
 constexpr unsigned kMovingFrames = 60;
 
-// Frames go to two frame buffers in turn, so that the next can be filled while the last is on its way.
+// Frames alternate between two frame buffers, so that one can be filled while the other is being sent.
 constexpr std::uint64_t kFrameBuffers = 2;
 
 struct Source {
@@ -54,7 +54,7 @@ Source imageSource(const ShowOptions& options) {
 
 Source videoSource(const ShowOptions& options) {
     if (!options.size) {
-        throw InputError("--video needs --size WIDTHxHEIGHT: raw frames do not tell their own");
+        throw InputError("--video needs --size WIDTHxHEIGHT: raw frames do not contain it");
     }
     return {desktop::rawVideoSource(options.video, options.size->width, options.size->height), *options.size,
             options.frames};
@@ -91,7 +91,7 @@ SessionOptions sessionOptions(const ShowOptions& options) {
     return session;
 }
 
-// One run: plug in, switch on, stream, wait for the last picture.
+// One run: plug, switch on, stream, wait for the last picture.
 class ShowRun {
   public:
     ShowRun(const ShowOptions& options, Source source, Size mode, std::vector<std::uint8_t> edid)
@@ -103,9 +103,9 @@ class ShowRun {
             bringUp();
             stream();
             checkLastPicture();
-            summarise();
+            summarize();
         });
-        // Taking the adapter away is part of what must go right.
+        // After the run, because the removal of the adapter may violate rules, too.
         reportViolations();
         if (screen_) {
             support::writePng(options_.out, *screen_);
@@ -123,7 +123,7 @@ class ShowRun {
         for (std::uint64_t identifier = 1; identifier <= kFrameBuffers; identifier++) {
             session_.createFrameBuffer(identifier, mode_.width, mode_.height);
         }
-        // With the display still off, so that the first picture has its pointer from the start.
+        // While the display is off, so that the first picture already has the pointer.
         if (options_.pointer) {
             session_.setPointer(desktop::builtinPointer("arrow"));
             session_.movePointer(options_.pointer->first, options_.pointer->second, true);
@@ -157,7 +157,7 @@ class ShowRun {
     }
 
     void checkLastPicture() {
-        // A slow link has to finish the frames in flight before the last one gets its turn.
+        // A slow link must finish the frames in flight before it carries the last one.
         const std::uint64_t frameBytes = std::uint64_t{mode_.width} * mode_.height * 3;
         const usb::Time transfers = static_cast<usb::Time>(
             8 * frameBytes * usb::kSecond / std::max<std::uint64_t>(session_.link().bandwidth(), 1));
@@ -172,7 +172,7 @@ class ShowRun {
         screen_ = session_.screen();
     }
 
-    void summarise() {
+    void summarize() {
         report_.add("picture", problem_.empty() ? "right" : "wrong", "picture",
                     problem_.empty() ? "right" : "WRONG");
         if (!problem_.empty()) {

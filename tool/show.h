@@ -1,4 +1,4 @@
-// `usbdisplay show`: frames onto the monitor, and whether they arrived.
+// `usbdisplay show`: presents frames and checks the monitor.
 #pragma once
 
 #include "model/adapter.h"
@@ -18,14 +18,14 @@ struct ShowOptions {
     std::string image; // at most one of these three; none shows the pattern "bars"
     std::string pattern;
     std::string video;
-    std::optional<support::Size> size; // of the frames; by default the image's, or 1920x1080
+    std::optional<support::Size> size; // of the frames; by default that of the image, or 1920x1080
     std::optional<support::Size> mode; // of the display; by default `size`
     model::AdapterOptions adapter;
     std::uint64_t bandwidth = 0; // bytes per second; 0 for the link's own
     std::string edid = "default";
     std::vector<rig::Setting> settings;
-    std::optional<unsigned> frames; // by default 1, 60 for what moves, and the whole of a video
-    unsigned rate = 60;             // frames a second
+    std::optional<unsigned> frames; // by default 1, 60 for a moving pattern, all of a video
+    unsigned rate = 60;             // frames per second
     std::optional<std::pair<int, int>> pointer;
     std::string out;     // PNG of the monitor
     std::string capture; // pcapng

@@ -18,17 +18,17 @@ void reportFrames(Report& report, const StreamFigures& f, bool realTime) {
     const std::uint64_t bytesPerFrame = f.sent == 0 ? 0 : f.bytes / f.sent;
     report.add(
         "frames", {{"presented", f.presented}, {"shown", f.shown}, {"sent", f.sent}}, "frames",
-        fmt::format("{} presented, {} shown, {} sent with their repeats", f.presented, f.shown, f.sent));
+        fmt::format("{} presented, {} shown, {} sent including repeats", f.presented, f.shown, f.sent));
     report.add("wire",
                {{"bytes", f.bytes},
                 {"bytes_per_frame", bytesPerFrame},
                 {"bandwidth", f.bandwidth},
                 {"busy", f.busy}},
                "wire",
-               fmt::format("{} bytes, {} a frame; link of {:.3g} MB/s busy {:.1f} %", f.bytes, bytesPerFrame,
-                           static_cast<double>(f.bandwidth) / 1e6, f.busy * 100));
+               fmt::format("{} bytes, {} per frame; link of {:.3g} MB/s busy {:.1f} %", f.bytes,
+                           bytesPerFrame, static_cast<double>(f.bandwidth) / 1e6, f.busy * 100));
     report.add("frame_rate", f.frameRate, "frame rate",
-               f.shown > 1 ? fmt::format("{:.1f} pictures a second of {} time", f.frameRate,
+               f.shown > 1 ? fmt::format("{:.1f} pictures per second of {} time", f.frameRate,
                                          realTime ? "real" : "virtual")
                            : "one picture, no rate");
     report.add("seconds", f.seconds);
@@ -66,12 +66,12 @@ void reportLevels(Report& report, const StreamFigures& f) {
         return;
     }
     const auto [coarse, finest] = std::ranges::minmax_element(f.samples, {}, &StreamSample::compressionLevel);
-    const auto [low, high] = std::ranges::minmax_element(f.samples, {}, &StreamSample::quantisationLevel);
+    const auto [low, high] = std::ranges::minmax_element(f.samples, {}, &StreamSample::quantizationLevel);
     report.add("compression_level", f.samples.back().compressionLevel, "compression",
-               fmt::format("level {}; quantisation level {}; {} frames encoded again",
+               fmt::format("level {}; quantization level {}; {} frames encoded again",
                            range(coarse->compressionLevel, finest->compressionLevel),
-                           range(low->quantisationLevel, high->quantisationLevel), f.framesEncodedAgain));
-    report.add("quantisation_level", f.samples.back().quantisationLevel);
+                           range(low->quantizationLevel, high->quantizationLevel), f.framesEncodedAgain));
+    report.add("quantisation_level", f.samples.back().quantizationLevel);
 }
 
 Json series(const StreamFigures& figures) {
@@ -82,7 +82,7 @@ Json series(const StreamFigures& figures) {
                         {"transfers", sample.transfers},
                         {"bits_per_pixel", sample.bitsPerPixel},
                         {"compression_level", sample.compressionLevel},
-                        {"quantisation_level", sample.quantisationLevel},
+                        {"quantisation_level", sample.quantizationLevel},
                         {"frame_errors", sample.frameErrors}});
     }
     return list;

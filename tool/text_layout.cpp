@@ -10,7 +10,7 @@ namespace {
 
 constexpr std::size_t kDefaultWidth = 80;
 
-// Characters on the screen: continuation bytes of UTF-8 take no place.
+// The number of characters: UTF-8 continuation bytes do not count.
 std::size_t displayWidth(std::string_view text) {
     return static_cast<std::size_t>(
         std::ranges::count_if(text, [](unsigned char c) { return (c & 0xC0) != 0x80; }));

@@ -9,11 +9,11 @@
 namespace tool {
 
 // Rows of columns, each as wide as its widest cell; the first row is the heading. Columns whose heading
-// starts with '>' are set to the right.
+// starts with '>' are right-aligned.
 std::string formatColumns(std::vector<std::vector<std::string>> rows);
 
-// The words of `text` in lines of at most `width` characters, each line `indent` characters to the right. A
-// word that is longer has a line of its own.
+// The words of `text` in lines of at most `width` characters, indented by `indent` spaces. A longer word has
+// a line of its own.
 std::string formatParagraph(std::string_view text, std::size_t width, std::size_t indent);
 
 // Of standard output: 80 when that is no terminal.

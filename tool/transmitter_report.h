@@ -1,4 +1,4 @@
-// What the sink at the end of the HDMI cable is told, for people and for machines.
+// What the transmitter sends to the HDMI sink, for people and for machines.
 #pragma once
 
 #include "model/adapter.h"

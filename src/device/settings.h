@@ -9,8 +9,8 @@
 struct DEVICE_CONTEXT;
 
 // DWORD_VALUE(name, default, range, effect, when the driver reads it), in the order in which they are read;
-// BINARY_VALUE(name, range, effect, when the driver reads it) for values that their user reads itself.
-// The texts are for people. The driver's own expansions drop them, so that its image does not carry them.
+// BINARY_VALUE(name, range, effect, when the driver reads it) for values that REGISTRY_ReadConfiguration does
+// not read. The tool and its tests use the texts. The driver drops them, so they are not in its image.
 // clang-format off
 #define SETTINGS_LIST(DWORD_VALUE, BINARY_VALUE)                                                             \
     DWORD_VALUE(FullHD50Enable, 0, "flag",                                                                   \

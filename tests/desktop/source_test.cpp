@@ -1,4 +1,4 @@
-// Where frames and pointers come from: raw streams, patterns and the built-in shapes.
+// Sources of frames and pointers: raw streams, patterns and the built-in shapes.
 #include "desktop/frame_source.h"
 #include "desktop/pointer.h"
 #include "tests/support/error_message.h"
@@ -64,7 +64,7 @@ TEST(Pointers, ComeInEveryKind) {
         const bool monochrome = image.type == POINTER_MONOCHROME;
         EXPECT_EQ(image.bits.size(), std::size_t{image.pitch} * image.height * (monochrome ? 2 : 1));
         EXPECT_GE(image.pitch * 8u, image.width * (monochrome ? 1u : 32u));
-        EXPECT_NE(image.width, image.height) << "a square shape would hide a wrong turn";
+        EXPECT_NE(image.width, image.height) << "a square shape would hide a wrong rotation";
     }
     EXPECT_EQ(kinds.size(), 3u);
     EXPECT_NE(messageOf([] { pointerFromPicture(Surface(257, 10), "\"p.png\""); }).find("at most 256 x 256"),

@@ -1,5 +1,5 @@
-// The reference that every picture is judged by, against worked examples and against a second way of drawing
-// a pointer: forward, in whole shapes, where the reference goes backward, pixel by pixel.
+// The reference, compared with worked examples and with a second pointer drawing, which rotates whole shapes,
+// while the reference looks up each pixel.
 #include "rig/reference.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ std::ostream& operator<<(std::ostream& out, const Box& box) {
     return out << box.left << "," << box.top << " to " << box.right << "," << box.bottom;
 }
 
-// What of the frame the pointer changed; nothing when no pixel differs.
+// The part of the frame that the pointer changed; nothing when no pixel differs.
 std::optional<Box> changed(const Surface& before, const Surface& after) {
     std::optional<Box> box;
     for (unsigned y = 0; y < before.height; y++) {
@@ -107,8 +107,8 @@ TEST(Reference, BlendsEachKindOfPointer) {
         {"black", monochrome(0x00, 0x00), 0x12345678, 0x00000000},
         {"opaque", colorShape(POINTER_COLOR_ALPHA, 1, 1, 0xFFA0B0C0), 0x12345678, 0x12A0B0C0},
         {"alpha 0", colorShape(POINTER_COLOR_ALPHA, 1, 1, 0x00A0B0C0), 0x12345678, 0x12345678},
-        // 200 + (10 - 200) * 100 / 255 = 200 - 74.5, and 10 + (200 - 10) * 100 / 255 = 10 + 74.5: towards 0.
-        {"division towards zero", colorShape(POINTER_COLOR_ALPHA, 1, 1, 0x640A0AC8), 0x00C8C80A, 0x007E7E54},
+        // 200 + (10 - 200) * 100 / 255 = 200 - 74.5, and 10 + (200 - 10) * 100 / 255 = 10 + 74.5: toward 0.
+        {"division toward zero", colorShape(POINTER_COLOR_ALPHA, 1, 1, 0x640A0AC8), 0x00C8C80A, 0x007E7E54},
         {"mask 0 replaces", colorShape(POINTER_COLOR_MASKED, 1, 1, 0x00A0B0C0), 0x12345678, 0x12A0B0C0},
         {"any other mask inverts", colorShape(POINTER_COLOR_MASKED, 1, 1, 0x01A0B0C0), 0x12345678,
          0x1294E6B8},
@@ -125,7 +125,7 @@ TEST(Reference, BlendsEachKindOfPointer) {
     }
 }
 
-// Turned as a person would turn a sheet of pixels: each one is carried to its new place.
+// The rotated shape: each pixel is copied to its new place.
 Surface turned(const Surface& shape, DISPLAY_ROTATION rotation) {
     if (rotation == ROTATION_NONE) {
         return shape;
@@ -249,9 +249,9 @@ TEST(Reference, GivesTheBytesOfEachEncoding) {
         {"RGB8", odd, WireFormat::Rgb8, Encoding::Plain, 0, 0, "08"},
         {"white, RGB555", white, WireFormat::Rgb555, Encoding::Plain, 0, 0, "FF7F"},
         {"exact: the lowest red bit is lost", odd, WireFormat::Bgr24, Encoding::Exact, 0, 0, "1C2E2A"},
-        {"quantised 0", rowOf555({0x1234}), WireFormat::Rgb555, Encoding::Quantised, 0, 0, "3512"},
-        {"quantised 6", rowOf555({0x7FFF, 0}), WireFormat::Rgb555, Encoding::Quantised, 6, 0, "BD732100"},
-        {"quantised 11", rowOf555({0x7FFF, 0}), WireFormat::Rgb555, Encoding::Quantised, 11, 0, "31472104"},
+        {"quantized 0", rowOf555({0x1234}), WireFormat::Rgb555, Encoding::Quantized, 0, 0, "3512"},
+        {"quantized 6", rowOf555({0x7FFF, 0}), WireFormat::Rgb555, Encoding::Quantized, 6, 0, "BD732100"},
+        {"quantized 11", rowOf555({0x7FFF, 0}), WireFormat::Rgb555, Encoding::Quantized, 11, 0, "31472104"},
         {"tolerant 0 is exact", rowOf555({0x1234, 0x1235}), WireFormat::Rgb555, Encoding::Tolerant, 0, 0,
          "34123512"},
         {"tolerant 1", rowOf555({0x1234, 0x1235, 0x1235, 0x1234, 0x1236}), WireFormat::Rgb555,

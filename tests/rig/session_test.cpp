@@ -1,5 +1,5 @@
-// The session that the commands share, with the real driver: a wrong picture is found and named, and the
-// client lets go of the driver at any moment without a command running into nothing.
+// Sessions with the real driver: a wrong picture is detected and described, and the client can close the
+// driver at any moment, also while commands run.
 #include "desktop/frame_source.h"
 #include "rig/builtin_edid.h"
 #include "rig/errors.h"
@@ -34,7 +34,7 @@ TEST(ScreenCheck, NamesTheFirstWrongPixel) {
     };
     const Case cases[] = {
         {"24 bits", usb::Speed::Super, "is 0x2A1EA2, expected 0xD5E15D"},
-        {"RGB555, quantised", usb::Speed::High, "is 0x1475, expected 0x6B8B"},
+        {"RGB555, quantized", usb::Speed::High, "is 0x1475, expected 0x6B8B"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);
@@ -78,7 +78,7 @@ TEST(ScreenCheck, TellsWhyTheMonitorIsDark) {
     });
 }
 
-TEST(Session, PutsEverythingAwayWhenTheBodyFails) {
+TEST(Session, CleansUpWhenTheBodyFails) {
     Session session({});
     EXPECT_THROW(session.run([&] {
         session.attachMonitor(builtinEdid());
@@ -89,9 +89,9 @@ TEST(Session, PutsEverythingAwayWhenTheBodyFails) {
                  WrongResult);
 }
 
-// The monitor goes while another task keeps presenting; wherever the schedule lets that happen, the client
-// comes out of it closed, later commands are refused, and a new tenure works.
-TEST(Client, LetsGoInTheMiddleOfCommands) {
+// The monitor is detached while another task presents. In every schedule the client is closed afterwards,
+// later commands are refused, and a new session works.
+TEST(Client, ClosesWhileCommandsRun) {
     for (std::uint64_t seed = 1; seed <= 60; seed++) {
         SCOPED_TRACE(fmt::format("SIM_SEED={}", seed));
         SessionOptions options;
@@ -126,7 +126,7 @@ TEST(Client, LetsGoInTheMiddleOfCommands) {
     }
 }
 
-TEST(Client, IsOneOfOne) {
+TEST(Client, IsTheOnlyOne) {
     Session session({});
     session.run([&] {
         session.attachMonitor(builtinEdid());

@@ -1,4 +1,4 @@
-// What an operation says about bad input.
+// The message of an operation about bad input.
 #pragma once
 
 #include "support/input_error.h"

@@ -1,4 +1,4 @@
-// PNG files, good and hostile, files that appear whole or not at all, and pictures in another size.
+// PNG files, valid and invalid, files that are never incomplete, and pictures in another size.
 #include "support/file.h"
 #include "support/png_image.h"
 #include "support/surface.h"
@@ -41,7 +41,7 @@ TEST_F(Files, PngKeepsEveryPixel) {
     EXPECT_EQ(folder_.files(), 1u);
 }
 
-TEST_F(Files, HostilePngFilesAreRefused) {
+TEST_F(Files, InvalidPngFilesAreRefused) {
     writePng(folder_.place("good.png"), patchwork(64, 64));
     const std::vector<std::uint8_t> good = readFile(folder_.place("good.png"), 1 << 20);
     const auto altered = [&](std::size_t at, std::initializer_list<std::uint8_t> bytes) {
@@ -73,7 +73,7 @@ TEST_F(Files, HostilePngFilesAreRefused) {
               "cannot read \"" + folder_.place("none.png") + "\": No such file or directory");
 }
 
-TEST_F(Files, HugePngIsRefusedBeforeItsMemoryIsTaken) {
+TEST_F(Files, HugePngIsRefusedBeforeAllocation) {
     // 9000 x 9000 pixels of one color compress to a few kilobytes.
     const Surface wide(9000, 2, 0xFF102030);
     writePng(folder_.place("wide.png"), wide);
@@ -81,7 +81,7 @@ TEST_F(Files, HugePngIsRefusedBeforeItsMemoryIsTaken) {
               std::string::npos);
 }
 
-TEST_F(Files, AppearWholeOrNotAtAll) {
+TEST_F(Files, AreNeverIncomplete) {
     const std::string file = folder_.write("out.bin", {1, 2, 3});
     writeFile(file, std::vector<std::uint8_t>{9, 9});
     EXPECT_EQ(readFile(file, 100), (std::vector<std::uint8_t>{9, 9}));

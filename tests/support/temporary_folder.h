@@ -1,4 +1,4 @@
-// A folder of a test's own, removed at its end.
+// A folder for one test, removed at its end.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-// The built tool, run as a user runs it: exit status, one clear line for bad input, nothing written then.
+// The built tool: exit status, one clear line for bad input, no output file in that case.
 #include "desktop/frame_source.h"
 #include "display/mode_tables.h"
 #include "support/png_image.h"
@@ -101,7 +101,7 @@ TEST_F(Tool, RefusesBadUsageInOneLine) {
     }
 }
 
-TEST_F(Tool, TeachesWithHelp) {
+TEST_F(Tool, ExplainsItselfWithHelp) {
     for (const char* command :
          {"--help", "show --help", "run --help", "modes --help", "edid --help", "settings --help"}) {
         const Outcome outcome = run(command);
@@ -157,7 +157,7 @@ TEST_F(Tool, ListsTheSettings) {
     }
 }
 
-TEST_F(Tool, ShowsAPictureAndSaysSo) {
+TEST_F(Tool, ShowsAPicture) {
     const Outcome outcome = run("show --pattern gradient --size 800x600 --pointer 100,100 --json --out " +
                                 place("monitor.png") + " --capture " + place("wire.pcapng"));
     ASSERT_EQ(outcome.status, 0) << outcome.errors;
@@ -170,8 +170,8 @@ TEST_F(Tool, ShowsAPictureAndSaysSo) {
     EXPECT_GT(fs::file_size(place("wire.pcapng")), 800u * 600 * 3);
 }
 
-// What the monitor shows is known without the tool's own reference: a reduced channel is its high bits,
-// repeated from the top.
+// The expected picture is computed without the tool's own reference: a reduced channel is its high bits,
+// repeated in the low bits.
 TEST_F(Tool, WritesWhatTheMonitorShows) {
     const auto widened = [](unsigned channel, unsigned bits) {
         const unsigned kept = channel >> (8 - bits);
@@ -258,7 +258,7 @@ TEST_F(Tool, ExplainsAnEdid) {
     EXPECT_EQ(fs::file_size(place("offered.bin")), 128u);
 }
 
-// Every script that ships must do what it says.
+// Every demo script succeeds.
 class DemoScripts : public Tool, public testing::WithParamInterface<std::string> {};
 
 TEST_P(DemoScripts, Run) {

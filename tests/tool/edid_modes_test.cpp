@@ -1,4 +1,4 @@
-// The tool's own reading of EDIDs, and its account of what a rewrite did.
+// The tool's decoding of EDIDs, and its explanation of a rewrite.
 #include "rig/builtin_edid.h"
 #include "tool/edid_modes.h"
 
@@ -38,9 +38,8 @@ TEST(EdidModes, ReadsEveryKind) {
     EXPECT_TRUE(edidModes(std::vector<std::uint8_t>(127, 0)).empty());
 }
 
-RewriteConditions conditions(bool superSpeed, unsigned filter) {
+RewriteConditions conditions(bool superSpeed) {
     return {.superSpeed = superSpeed,
-            .filter = filter,
             .ignored = false,
             .ceaModesCount = false,
             .supported = [](Size size, unsigned refresh) {
@@ -64,11 +63,11 @@ TEST(EdidModes, TellsWhatARewriteDid) {
     after[49] = 0x7C;
     after[36] = 0x00; // 1024x768 is no longer offered
     after[54] = 1;    // another pixel clock in the first detailed timing
-    const std::vector<ModeFate> fates = explainRewrite(before, after, conditions(true, 1));
+    const std::vector<ModeFate> fates = explainRewrite(before, after, conditions(true));
     EXPECT_EQ(fateOf(fates, "standard 1"), "kept: the adapter drives it");
     EXPECT_EQ(fateOf(fates, "standard 6"),
               "changed: not in the adapter's mode table: its entry becomes the placeholder");
-    EXPECT_EQ(fateOf(fates, "detailed 1"), "changed: preferred timing, written anew");
+    EXPECT_EQ(fateOf(fates, "detailed 1"), "changed: preferred timing, rewritten");
     EXPECT_EQ(fateOf(fates, "CEA VIC 16"), "dropped: the client reads the base block only");
     unsigned dropped = 0;
     for (const ModeFate& fate : fates) {
@@ -84,22 +83,22 @@ TEST(EdidModes, GivesAReasonForEveryDroppedOrReplacedMode) {
     after[39] = 0x7C;
     after[54] = 0; // no pixel clock: the slot holds no timing
     after[55] = 0;
-    const std::vector<ModeFate> fates = explainRewrite(before, after, conditions(true, 1));
+    const std::vector<ModeFate> fates = explainRewrite(before, after, conditions(true));
     EXPECT_EQ(fateOf(fates, "standard 1"),
               "changed: removed, although the adapter drives it: its entry becomes the placeholder");
     EXPECT_EQ(fateOf(fates, "detailed 1"), "dropped: removed, although the adapter drives it");
 }
 
 TEST(EdidModes, TellsWhyNothingIsOffered) {
-    const std::vector<std::uint8_t> zeroes(128, 0);
-    RewriteConditions unread = conditions(true, 1);
-    for (const ModeFate& fate : explainRewrite(builtinEdid(), zeroes, unread)) {
+    const std::vector<std::uint8_t> zeros(128, 0);
+    RewriteConditions unread = conditions(true);
+    for (const ModeFate& fate : explainRewrite(builtinEdid(), zeros, unread)) {
         EXPECT_EQ(fate.fate, Fate::Dropped);
         EXPECT_EQ(fate.reason, "the EDID could not be read or is not valid");
     }
     unread.ignored = true;
-    EXPECT_EQ(explainRewrite(builtinEdid(), zeroes, unread).front().reason,
-              "the setting UseForceNonPnpMonitor keeps the EDID unread");
+    EXPECT_EQ(explainRewrite(builtinEdid(), zeros, unread).front().reason,
+              "the EDID is not read because of the setting UseForceNonPnpMonitor");
 }
 
 RC_GTEST_PROP(EdidModes, TakesAnyBytes, (std::vector<std::uint8_t> before, std::vector<std::uint8_t> after)) {
@@ -110,7 +109,7 @@ RC_GTEST_PROP(EdidModes, TakesAnyBytes, (std::vector<std::uint8_t> before, std::
         std::copy(header.begin(), header.end(), before.begin());
         std::copy(header.begin(), header.end(), after.begin());
     }
-    for (const ModeFate& fate : explainRewrite(before, after, conditions(*rc::gen::arbitrary<bool>(), 1))) {
+    for (const ModeFate& fate : explainRewrite(before, after, conditions(*rc::gen::arbitrary<bool>()))) {
         RC_ASSERT(!fate.reason.empty());
     }
 }

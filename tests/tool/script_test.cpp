@@ -1,4 +1,4 @@
-// Scripts as people write them, right and wrong.
+// Valid and invalid scripts.
 #include "support/input_error.h"
 #include "tool/script.h"
 
