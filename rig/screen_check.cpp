@@ -30,8 +30,8 @@ Encoding encoderFor(WireFormat format, bool groupEncoder, unsigned revision) {
     return revision == 2 ? Encoding::Exact : Encoding::Tolerant;
 }
 
-} // namespace
-
+// The present mode of adapter and driver. Nothing while no timing is programmed, or while frames are
+// compressed and the client is not open, because the encoder is then unknown.
 std::optional<WireMode> currentWireMode(Session& session) {
     const std::optional<model::OutputMode> mode = session.adapter().outputMode();
     if (!mode) {
@@ -47,6 +47,8 @@ std::optional<WireMode> currentWireMode(Session& session) {
     }
     return WireMode{format, encoderFor(format, driver->groupEncoder, session.adapter().options().revision)};
 }
+
+} // namespace
 
 // The newest frame was encoded at the driver's present level, or just before the driver changed the level by
 // one. The group encoder encodes again when it raises the level, so its frames are never below its level.

@@ -18,10 +18,6 @@ struct WireMode {
     auto operator<=>(const WireMode&) const = default;
 };
 
-// The present mode of adapter and driver. Nothing while no timing is programmed, or while frames are
-// compressed and the client is not open, because the encoder is then unknown.
-std::optional<WireMode> currentWireMode(Session& session);
-
 // Checks the monitor against one picture. The expected frames are computed once per mode and level.
 class ScreenCheck {
   public:
