@@ -250,11 +250,6 @@ void Adapter::detachMonitor() {
     state_->run([&](usb::Time, State::Outcome&) { state_->board.detachMonitor(); });
 }
 
-bool Adapter::monitorAttached() const {
-    const std::lock_guard guard(state_->mutex);
-    return state_->board.ddc.attached();
-}
-
 void Adapter::pulseHotPlug(usb::Time away) {
     std::vector<std::uint8_t> edid;
     usb::Time back = 0;

@@ -141,7 +141,6 @@ class Adapter final : public usb::Device {
     // The monitor. `edid` holds whole blocks of 128 bytes; an empty one is a monitor without DDC.
     void attachMonitor(std::span<const std::uint8_t> edid);
     void detachMonitor();
-    bool monitorAttached() const;
     // The monitor goes away now and comes back with the same EDID after `away`.
     void pulseHotPlug(usb::Time away = 100 * usb::kMillisecond);
 

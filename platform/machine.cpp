@@ -1,7 +1,7 @@
 #include "platform/machine.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/framework/object.h"
+#include "platform/framework/driver.h"
 #include "platform/framework/pnp.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/kernel/interfaces.h"
@@ -199,11 +199,6 @@ void Machine::setParameter(std::u16string_view name, RegistryValue value) {
     }
 }
 
-void Machine::removeParameter(std::u16string_view name) {
-    kernel::PlatformCall platformCall;
-    kernel::parametersKey(state_->service)->remove(name);
-}
-
 std::optional<RegistryValue> Machine::parameter(std::u16string_view name) const {
     kernel::PlatformCall platformCall;
     const auto value = kernel::parametersKey(state_->service)->value(name);
@@ -268,7 +263,7 @@ void Machine::surpriseRemove(DeviceNode& node) {
         if (node.node->hasDevice()) {
             node.node->surpriseRemove();
             // As on Windows, the device object goes only after the last handle on it.
-            node.node->waitForHandles(kernel::kForever);
+            node.node->waitForHandles();
         }
         node.node->remove();
     }

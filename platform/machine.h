@@ -72,7 +72,6 @@ class Machine {
 
     // The Parameters key of the driver's service.
     void setParameter(std::u16string_view name, RegistryValue value);
-    void removeParameter(std::u16string_view name);
     std::optional<RegistryValue> parameter(std::u16string_view name) const;
 
     // Plugs a device in and starts it. The node exists even when the driver refused the device; `startStatus`

@@ -2,8 +2,7 @@
 
 #include "platform/base/machine_state.h"
 #include "platform/framework/driver.h"
-#include "platform/framework/node_state.h"
-#include "platform/framework/queue.h"
+#include "platform/framework/file_object.h"
 #include "platform/framework/request.h"
 
 #include <fmt/format.h>
@@ -15,8 +14,8 @@ namespace framework {
 using kernel::callDriver;
 using kernel::KernelGuard;
 
-Device::Device(DevNode& node, DeviceSettings settings)
-    : Object(Kind::Device), node_(node), settings_(std::move(settings)) {
+Device::Device(const BusDevice& bus, DeviceSettings settings)
+    : Object(Kind::Device), bus_(bus), settings_(std::move(settings)) {
     WDF_DEVICE_PNP_CAPABILITIES_INIT(&capabilities);
     fdo_.Type = 3; // IO_TYPE_DEVICE
     fdo_.Size = sizeof(DEVICE_OBJECT);
@@ -39,7 +38,7 @@ void Device::setPnpState(PnpState state) {
     pnpState_ = state;
 }
 
-bool Device::setDefaultQueue(Queue& queue) {
+bool Device::setDefaultQueue(PacketQueue& queue) {
     KernelGuard guard;
     if (defaultQueue_ != nullptr) {
         return false;
@@ -60,6 +59,12 @@ const PreprocessEntry* Device::preprocessorOf(const IO_STACK_LOCATION& location)
     return nullptr;
 }
 
+NTSTATUS Device::send(Irp& packet) {
+    packet.top().DeviceObject = &fdo_;
+    dispatch(&packet.irp());
+    return packet.wait();
+}
+
 void Device::dispatch(PIRP irp) {
     const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
     const PreprocessEntry* entry = preprocessorOf(location);
@@ -68,10 +73,9 @@ void Device::dispatch(PIRP irp) {
         return;
     }
     const bool pnp = location.MajorFunction == IRP_MJ_PNP;
-    DevNode::State& node = node_.state();
-    node.preprocessed = false;
+    packetReturned_ = false;
     callDriver("EvtDeviceWdmIrpPreprocess", entry->callback, wdf(), irp);
-    if (pnp && !node.preprocessed) {
+    if (pnp && !packetReturned_) {
         verifier::fail(Rule::PnpOrder, "EvtDeviceWdmIrpPreprocess", name(),
                        "The packet was neither passed on nor completed.");
     }
@@ -80,8 +84,8 @@ void Device::dispatch(PIRP irp) {
 void Device::dispatchToFramework(PIRP irp) {
     switch (IoGetCurrentIrpStackLocation(irp)->MajorFunction) {
     case IRP_MJ_PNP:
-        // The steps of a DevNode carry the packet's meaning out after it has passed the driver.
-        node_.state().preprocessed = true;
+        // A DevNode performs the packet's step after the packet has passed the driver.
+        packetReturned_ = true;
         Irp::complete(irp, STATUS_SUCCESS, 0);
         break;
     case IRP_MJ_CREATE:
@@ -98,19 +102,6 @@ void Device::dispatchToFramework(PIRP irp) {
         break;
     }
 }
-
-namespace {
-
-// Adopts what the framework makes for a packet: memory for it may be refused as for anything else.
-NTSTATUS adoptForPacket(Object& object, Object& parent, const WDF_OBJECT_ATTRIBUTES* attributes,
-                        std::string_view what) {
-    if (kernel::faultPoint(kernel::FaultKind::Creation, what)) {
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    return adoptObject(object, &parent, attributes);
-}
-
-} // namespace
 
 void Device::dispatchCreate(PIRP irp) {
     const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
@@ -165,7 +156,7 @@ void Device::dispatchClose(PIRP irp) {
 }
 
 void Device::dispatchIo(PIRP irp) {
-    Ref<Queue> queue;
+    Ref<PacketQueue> queue;
     {
         KernelGuard guard;
         if (defaultQueue_ != nullptr) {
@@ -176,15 +167,7 @@ void Device::dispatchIo(PIRP irp) {
         Irp::complete(irp, STATUS_INVALID_DEVICE_REQUEST, 0);
         return;
     }
-    auto* file = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
-    auto* request = new Request(irp, queue.get(), file);
-    const NTSTATUS status = adoptForPacket(*request, *queue, nullptr, "request of a packet");
-    if (!NT_SUCCESS(status)) {
-        request->release();
-        Irp::complete(irp, status, 0);
-        return;
-    }
-    queue->deliver(Ref<Request>(request));
+    queue->accept(irp, static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2));
 }
 
 Device& requireDeviceAbove(const Call& call, Object& object) {
@@ -310,7 +293,7 @@ NTSTATUS WdfDeviceCreate(PWDFDEVICE_INIT* DeviceInit, PWDF_OBJECT_ATTRIBUTES Dev
     Ref<framework::Device> device;
     const NTSTATUS status = createObject(
         call, DeviceAttributes, {.parentAllowed = false, .levelAllowed = true}, &requireDriver(call), device,
-        [&](framework::Object*) { return new framework::Device(*init.node, init.settings); });
+        [&](framework::Object*) { return new framework::Device(init.bus, init.settings); });
     if (!NT_SUCCESS(status)) {
         return status;
     }
@@ -336,13 +319,13 @@ PDEVICE_OBJECT WdfDeviceWdmGetDeviceObject(WDFDEVICE Device) {
 
 PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device) {
     Call call("WdfDeviceWdmGetPhysicalDevice", kDispatchLevel);
-    return call.object<framework::Device>(Device)->node().pdo();
+    return call.object<framework::Device>(Device)->pdo();
 }
 
 // Nothing stands between the driver's device object and the bus driver's.
 PDEVICE_OBJECT WdfDeviceWdmGetAttachedDevice(WDFDEVICE Device) {
     Call call("WdfDeviceWdmGetAttachedDevice", kDispatchLevel);
-    return call.object<framework::Device>(Device)->node().pdo();
+    return call.object<framework::Device>(Device)->pdo();
 }
 
 NTSTATUS WdfDeviceWdmDispatchPreprocessedIrp(WDFDEVICE Device, PIRP Irp) {

@@ -3,7 +3,8 @@
 
 #include "platform/framework/irp.h"
 #include "platform/framework/object.h"
-#include "platform/framework/pnp.h"
+#include "platform/framework/packet_queue.h"
+#include "platform/usb/device.h"
 
 #include <wdfusb.h>
 
@@ -11,9 +12,6 @@
 #include <vector>
 
 namespace framework {
-
-class Queue;
-class Request;
 
 // Where the device stands with the PnP manager. Written by the steps of a DevNode, which exclude each other,
 // and by a surprise removal during a sleep or a wake.
@@ -42,13 +40,20 @@ struct DeviceSettings {
     std::vector<PreprocessEntry> preprocess;
 };
 
+// The device on the bus that a device object belongs to.
+struct BusDevice {
+    PDEVICE_OBJECT pdo = nullptr;
+    usb::Device* host = nullptr;
+};
+
 class Device final : public Object {
   public:
-    Device(DevNode& node, DeviceSettings settings);
+    Device(const BusDevice& bus, DeviceSettings settings);
 
     WDFDEVICE wdf() const { return static_cast<WDFDEVICE>(handle()); }
     PDEVICE_OBJECT deviceObject() { return &fdo_; }
-    DevNode& node() { return node_; }
+    PDEVICE_OBJECT pdo() const { return bus_.pdo; }
+    usb::Device& host() const { return *bus_.host; }
     const DeviceSettings& settings() const { return settings_; }
     const WDF_PNPPOWER_EVENT_CALLBACKS& callbacks() const { return settings_.callbacks; }
 
@@ -57,15 +62,15 @@ class Device final : public Object {
 
     static Ref<Device> referenceLocked(Device* device) { return refLocked(device); }
 
-    // Takes a packet that arrives at the device: the driver's preprocess callback first, if it asked for this
-    // one.
-    void dispatch(PIRP irp);
+    // Sends a packet to the device, the driver's preprocess callback first if it asked for this one, and
+    // waits until it is completed. PASSIVE_LEVEL.
+    NTSTATUS send(Irp& packet);
 
     // The framework's own handling of a packet.
     void dispatchToFramework(PIRP irp);
 
     // The default queue; the first one that asks to be. Guarded by the kernel lock.
-    bool setDefaultQueue(Queue& queue);
+    bool setDefaultQueue(PacketQueue& queue);
 
     WDF_DEVICE_PNP_CAPABILITIES capabilities = {};
 
@@ -73,27 +78,19 @@ class Device final : public Object {
     bool driverMayDelete() const override { return false; }
 
   private:
+    void dispatch(PIRP irp);
     const PreprocessEntry* preprocessorOf(const IO_STACK_LOCATION& location) const;
     void dispatchCreate(PIRP irp);
     void dispatchCleanup(PIRP irp);
     void dispatchClose(PIRP irp);
     void dispatchIo(PIRP irp);
 
-    DevNode& node_;
+    const BusDevice bus_;
     const DeviceSettings settings_;
     DEVICE_OBJECT fdo_ = {};
+    bool packetReturned_ = false;         // by the preprocess callback, for the PnP packet under way
     PnpState pnpState_ = PnpState::Added; // guarded by the kernel lock
-    Queue* defaultQueue_ = nullptr;       // guarded by the kernel lock
-};
-
-// An open file of a device.
-class FileObject final : public Object {
-  public:
-    explicit FileObject(PFILE_OBJECT file) : Object(Kind::FileObject), file(file) {}
-    const PFILE_OBJECT file;
-
-  protected:
-    bool driverMayDelete() const override { return false; }
+    PacketQueue* defaultQueue_ = nullptr; // guarded by the kernel lock
 };
 
 // The device that an object belongs to by its parents. Reports ObjectTree for one above any device.
@@ -108,7 +105,7 @@ struct WDFDEVICE_INIT {
     WDFDEVICE_INIT(const WDFDEVICE_INIT&) = delete;
     WDFDEVICE_INIT& operator=(const WDFDEVICE_INIT&) = delete;
 
-    framework::DevNode* node = nullptr;
+    framework::BusDevice bus;
     framework::DeviceSettings settings;
     framework::Ref<framework::Device> device; // once created
 };

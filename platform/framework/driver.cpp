@@ -1,7 +1,6 @@
 #include "platform/framework/driver.h"
 
 #include "platform/base/machine_state.h"
-#include "platform/framework/pnp.h"
 #include "platform/kernel/registry.h"
 
 #include <fmt/format.h>
@@ -15,7 +14,7 @@ namespace {
 // What the driver finds through the variable `WdfDriverGlobals`, which has one address for all machines.
 WDF_DRIVER_GLOBALS globals = {};
 
-// What is loaded. Changed only by loading and unloading, which the machine serialises.
+// What is loaded. Changed only by loading and unloading, which the machine serializes.
 struct Loaded {
     Loaded() = default;
     ~Loaded() { globals = {}; }
@@ -56,7 +55,7 @@ void deleteDriver() {
 void requireNoObjects(const char* call) {
     // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
     for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
-        kernel::waitUntil(&*slot, {call, nullptr, nullptr}, kernel::now() + usb::kMillisecond,
+        kernel::waitUntil(&*slot, {call, nullptr, nullptr}, kernel::now() + base::kMillisecond,
                           [] { return false; });
     }
     const std::vector<std::string> left = liveObjects();

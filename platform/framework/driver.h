@@ -1,9 +1,10 @@
-// The framework's driver object: the root of the tree and the default parent.
+// The driver: loading and unloading it, and its object, which is the root of the tree and the default parent.
 #pragma once
 
 #include "platform/framework/object.h"
 
 #include <string>
+#include <string_view>
 
 namespace framework {
 
@@ -28,5 +29,12 @@ Driver* currentDriver();
 
 // The same for a call that needs one; ends the run when there is none.
 Driver& requireDriver(const Call& call);
+
+// Runs DriverEntry. After a failure nothing is loaded.
+NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service);
+
+// Runs the unload callback and deletes the driver object with everything below it. All devices must be gone.
+// Reports PoolLeak when an object survives its parent.
+void unloadDriver();
 
 } // namespace framework

@@ -1,7 +1,5 @@
 #include "platform/framework/io_target.h"
 
-#include "platform/framework/request.h"
-
 #include <algorithm>
 
 namespace framework {
@@ -15,16 +13,11 @@ void IoTarget::enter(State state) {
     }
 }
 
-bool IoTarget::isStarted() const {
-    KernelGuard guard;
-    return state_ == State::Started;
-}
-
 NTSTATUS IoTarget::start(const Call& call) {
     if (call.fault(kernel::FaultKind::TargetStart)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    std::deque<Request*> waiting;
+    std::deque<SentRequest*> waiting;
     {
         KernelGuard guard;
         if (state_ == State::Removed) {
@@ -35,7 +28,7 @@ NTSTATUS IoTarget::start(const Call& call) {
         sent_.insert(sent_.end(), waiting.begin(), waiting.end());
     }
     startReader();
-    for (Request* request : waiting) {
+    for (SentRequest* request : waiting) {
         request->submit();
     }
     return STATUS_SUCCESS;
@@ -56,13 +49,13 @@ void IoTarget::stop(WDF_IO_TARGET_SENT_IO_ACTION action) {
 void IoTarget::shutDown() {
     enter(State::Removed);
     stopReader();
-    std::deque<Request*> waiting;
+    std::deque<SentRequest*> waiting;
     {
         KernelGuard guard;
         waiting.swap(waiting_);
         sent_.insert(sent_.end(), waiting.begin(), waiting.end());
     }
-    for (Request* request : waiting) {
+    for (SentRequest* request : waiting) {
         request->finish({STATUS_CANCELLED, USBD_STATUS_CANCELED, 0});
     }
     withdrawSent();
@@ -70,14 +63,14 @@ void IoTarget::shutDown() {
 }
 
 void IoTarget::withdrawSent() {
-    std::vector<Ref<Request>> sent;
+    std::vector<Ref<SentRequest>> sent;
     {
         KernelGuard guard;
-        for (Request* request : sent_) {
+        for (SentRequest* request : sent_) {
             sent.push_back(refLocked(request));
         }
     }
-    for (const Ref<Request>& request : sent) {
+    for (const Ref<SentRequest>& request : sent) {
         request->withdraw(STATUS_CANCELLED);
     }
 }
@@ -93,7 +86,7 @@ void IoTarget::wakeWaiters() {
     kernel::wakeChannel(this);
 }
 
-IoTarget::Admission IoTarget::admit(Request& request, bool ignoreState) {
+IoTarget::Admission IoTarget::admit(SentRequest& request, bool ignoreState) {
     KernelGuard guard;
     if (state_ == State::Removed) {
         return Admission::Refuse;
@@ -106,7 +99,7 @@ IoTarget::Admission IoTarget::admit(Request& request, bool ignoreState) {
     return Admission::Submit;
 }
 
-bool IoTarget::withdrawWaiting(Request& request) {
+bool IoTarget::withdrawWaiting(SentRequest& request) {
     KernelGuard guard;
     const auto found = std::find(waiting_.begin(), waiting_.end(), &request);
     if (found == waiting_.end()) {
@@ -117,7 +110,7 @@ bool IoTarget::withdrawWaiting(Request& request) {
     return true;
 }
 
-void IoTarget::requestDone(Request& request) {
+void IoTarget::requestDone(SentRequest& request) {
     {
         // A completion routine may have sent the request again, so only one of its entries goes.
         KernelGuard guard;

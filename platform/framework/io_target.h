@@ -6,22 +6,44 @@
 #pragma once
 
 #include "platform/framework/object.h"
+#include "platform/framework/usb_submission.h"
+
+#include <wdfusb.h>
 
 #include <deque>
+#include <functional>
+#include <memory>
 #include <vector>
 
 namespace framework {
 
 class Device;
-class Request;
-class UsbDevice;
+class Memory;
+
+// A request as its target sees it.
+class SentRequest : public Object {
+  public:
+    using Object::Object;
+
+    // Starts the request, ends it without a transfer, or cancels what was started.
+    virtual void submit() = 0;
+    virtual void finish(const TransferResult& result) = 0;
+    virtual void withdraw(NTSTATUS reason) = 0;
+};
 
 class IoTarget : public Object {
   public:
     IoTarget(Kind kind, Device& device) : Object(kind), device_(device) {}
 
     Device& device() { return device_; }
-    virtual UsbDevice& usbDevice() = 0;
+
+    // What a request formatted for an URB, or for a control transfer, puts on the wire.
+    using Done = std::function<void(const TransferResult&)>;
+    virtual std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request,
+                                                      const Memory& memory, std::size_t offset,
+                                                      Done done) = 0;
+    virtual std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup,
+                                                          void* data, std::size_t size, Done done) = 0;
 
     NTSTATUS start(const Call& call);
     void stop(WDF_IO_TARGET_SENT_IO_ACTION action);
@@ -31,15 +53,13 @@ class IoTarget : public Object {
 
     enum class Admission : std::uint8_t { Submit, Wait, Refuse };
     // Takes the request in. Waiting requests are kept until `start`, `withdrawWaiting` or `shutDown`.
-    Admission admit(Request& request, bool ignoreState);
+    Admission admit(SentRequest& request, bool ignoreState);
 
     // Takes a waiting request out; false when it does not wait here.
-    bool withdrawWaiting(Request& request);
+    bool withdrawWaiting(SentRequest& request);
 
     // A request that was admitted has completed, its completion routine included.
-    void requestDone(Request& request);
-
-    bool isStarted() const;
+    void requestDone(SentRequest& request);
 
   protected:
     // What a target sends by itself, beside the driver's requests. `stopReader` does not wait.
@@ -62,8 +82,8 @@ class IoTarget : public Object {
 
     // Guarded by the kernel lock.
     State state_ = State::Started;
-    std::vector<Request*> sent_; // each holds a reference of its own while it is out
-    std::deque<Request*> waiting_;
+    std::vector<SentRequest*> sent_; // each holds a reference of its own while it is out
+    std::deque<SentRequest*> waiting_;
 };
 
 } // namespace framework

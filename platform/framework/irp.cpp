@@ -1,7 +1,5 @@
 #include "platform/framework/irp.h"
 
-#include "platform/framework/device.h"
-
 namespace framework {
 
 namespace {
@@ -22,9 +20,7 @@ Irp::Irp(UCHAR majorFunction, UCHAR minorFunction) {
     top().MinorFunction = minorFunction;
 }
 
-NTSTATUS Irp::send(Device& device) {
-    top().DeviceObject = device.deviceObject();
-    device.dispatch(&irp_);
+NTSTATUS Irp::wait() {
     kernel::waitUntil(this, {"IRP", this, nullptr}, kernel::kForever, [this] {
         kernel::KernelGuard guard;
         return completed_;

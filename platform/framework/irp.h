@@ -1,4 +1,4 @@
-// I/O request packets of the host side, with their stack locations, and their way to a device.
+// I/O request packets of the host side, with their stack locations.
 #pragma once
 
 #include "platform/framework/object.h"
@@ -6,8 +6,6 @@
 #include <ntddk.h>
 
 namespace framework {
-
-class Device;
 
 // A packet with the location of the driver under test on top and that of the bus below it.
 class Irp {
@@ -19,16 +17,15 @@ class Irp {
     IRP& irp() { return irp_; }
     IO_STACK_LOCATION& top() { return stack_[1]; }
 
-    // Sends the packet to the device and waits until it is completed. PASSIVE_LEVEL.
-    NTSTATUS send(Device& device);
+    // Waits until the packet is completed. PASSIVE_LEVEL.
+    NTSTATUS wait();
     ULONG_PTR information() const { return irp_.IoStatus.Information; }
 
-    // Completes a packet that `send` waits for. Callable at up to DISPATCH_LEVEL.
+    // Completes a packet that `wait` waits for. Callable at up to DISPATCH_LEVEL.
     static void complete(PIRP irp, NTSTATUS status, ULONG_PTR information);
 
     // The driver's location is the current one again after the driver skipped it.
     static bool restoreTop(PIRP irp);
-    bool completed() const { return completed_; }
 
   private:
     static Irp& of(PIRP irp) { return *reinterpret_cast<Irp*>(irp); }

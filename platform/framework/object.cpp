@@ -21,17 +21,9 @@ Fate fateOf(const void* handle) {
 
 } // namespace
 
-std::string_view kindName(Kind kind) {
-    constexpr std::string_view names[] = {"WDFDRIVER",     "WDFDEVICE",    "WDFQUEUE",        "WDFREQUEST",
-                                          "WDFFILEOBJECT", "WDFUSBDEVICE", "WDFUSBINTERFACE", "WDFUSBPIPE",
-                                          "WDFMEMORY",     "WDFLOOKASIDE", "WDFCOLLECTION",   "WDFSPINLOCK",
-                                          "WDFWAITLOCK",   "WDFTIMER",     "WDFWORKITEM",     "WDFKEY"};
-    return names[static_cast<std::size_t>(kind)];
-}
-
 Object::Object(Kind kind) : kind_(kind) {
     KernelGuard guard;
-    handle_ = objectTable().add(*this);
+    handle_ = objectTable().add(*this, kind);
 }
 
 Object::~Object() = default;
@@ -184,7 +176,7 @@ void Object::destroy() {
         if (context_.memory) {
             objectTable().removeContext(context_.memory.begin());
         }
-        objectTable().remove(*this, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
+        objectTable().remove(handle_, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
         parent = std::exchange(parent_, nullptr);
     }
     delete this;
@@ -317,6 +309,14 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
     }
     object.context_ = std::move(context);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS adoptForPacket(Object& object, Object& parent, const WDF_OBJECT_ATTRIBUTES* attributes,
+                        std::string_view what) {
+    if (kernel::faultPoint(kernel::FaultKind::Creation, what)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    return adoptObject(object, &parent, attributes);
 }
 
 std::uint64_t objectCreations() {

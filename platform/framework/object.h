@@ -7,6 +7,7 @@
 #pragma once
 
 #include "platform/framework/context_memory.h"
+#include "platform/framework/kind.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/scheduler.h"
@@ -24,26 +25,6 @@
 namespace framework {
 
 using verifier::Rule;
-
-enum class Kind : std::uint8_t {
-    Driver,
-    Device,
-    Queue,
-    Request,
-    FileObject,
-    UsbDevice,
-    UsbInterface,
-    UsbPipe,
-    Memory,
-    Lookaside,
-    Collection,
-    SpinLock,
-    WaitLock,
-    Timer,
-    WorkItem,
-    Key,
-};
-std::string_view kindName(Kind kind); // "WDFREQUEST"
 
 class Object;
 
@@ -153,7 +134,6 @@ class Object {
     }
 
   private:
-    friend class ObjectTable;
     friend NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES* attributes);
 
     struct Context {
@@ -232,6 +212,10 @@ NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attribut
 // Puts a new object under its parent and gives it its context. On failure the object must be destroyed with
 // `release`; no callback of the driver runs for it.
 NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES* attributes);
+
+// The same for what the framework makes for a packet: memory for it may be refused as for anything else.
+NTSTATUS adoptForPacket(Object& object, Object& parent, const WDF_OBJECT_ATTRIBUTES* attributes,
+                        std::string_view what);
 
 // The common part of every creation.
 template <typename T, typename Make>

@@ -33,11 +33,11 @@ base::MachinePart<ObjectTable> table;
 
 ObjectTable::~ObjectTable() {
     for (Object* object : alive()) {
-        base::keepForever(std::shared_ptr<Object>(object, [](Object*) {}));
+        base::keepForever(std::shared_ptr<void>(object, [](void*) {}));
     }
 }
 
-void* ObjectTable::add(Object& object) {
+void* ObjectTable::add(Object& object, Kind kind) {
     ++creations_;
     std::uint32_t index = 0;
     if (free_.size() > kRestingEntries) {
@@ -51,12 +51,12 @@ void* ObjectTable::add(Object& object) {
     ++slot.generation;
     slot.object = &object;
     slot.fate = Fate::Alive;
-    slot.kind = object.kind();
+    slot.kind = kind;
     return encode(index, slot.generation);
 }
 
-void ObjectTable::remove(Object& object, Fate fate) {
-    const auto index = static_cast<std::uint32_t>(indexOf(object.handle()));
+void ObjectTable::remove(const void* handle, Fate fate) {
+    const auto index = static_cast<std::uint32_t>(indexOf(handle));
     Slot& slot = slots_[index];
     slot.object = nullptr;
     if (slot.fate != Fate::Completed) {

@@ -1,8 +1,8 @@
 // Handles: an index into a table and the generation of the entry, so that a handle of a deleted object is
-// recognised as long as its entry has not gone through all generations.
+// recognized as long as its entry has not gone through all generations.
 #pragma once
 
-#include "platform/framework/object.h"
+#include "platform/framework/kind.h"
 
 #include <cstdint>
 #include <deque>
@@ -10,6 +10,8 @@
 #include <vector>
 
 namespace framework {
+
+class Object;
 
 // What became of the last object of an entry.
 enum class Fate : std::uint8_t { Alive, Deleted, DeletedByDriver, Completed };
@@ -22,8 +24,8 @@ class ObjectTable {
     ObjectTable(const ObjectTable&) = delete;
     ObjectTable& operator=(const ObjectTable&) = delete;
 
-    void* add(Object& object);
-    void remove(Object& object, Fate fate);
+    void* add(Object& object, Kind kind);
+    void remove(const void* handle, Fate fate);
 
     struct Found {
         Object* object = nullptr; // null when the handle is stale

@@ -19,8 +19,9 @@
 // EvtDevicePrepareHardware, too; a failed EvtDeviceD0Entry is followed by it without EvtDeviceD0Exit.
 #include "platform/framework/pnp.h"
 
+#include "platform/framework/device.h"
 #include "platform/framework/driver.h"
-#include "platform/framework/node_state.h"
+#include "platform/framework/file_object.h"
 #include "platform/framework/queue.h"
 #include "platform/framework/usb_device.h"
 #include "platform/kernel/interfaces.h"
@@ -32,6 +33,26 @@ namespace framework {
 
 using kernel::callDriver;
 using kernel::KernelGuard;
+
+struct DevNode::State {
+    State(usb::Host& host, std::u16string instance) : host(host), instance(std::move(instance)) {}
+
+    usb::Host& host;
+    std::u16string instance;
+    DEVICE_OBJECT pdo = {};
+
+    // Guarded by the kernel lock.
+    Ref<Device> device;
+    bool stepUnderWay = false;
+    bool powerStepUnderWay = false; // that step is a sleep or a wake
+    std::vector<std::unique_ptr<FILE_OBJECT>> files;
+
+    // Written by the steps, which exclude each other.
+    bool prepared = false; // EvtDevicePrepareHardware was called, EvtDeviceReleaseHardware not yet
+    bool everStarted = false;
+    bool selfManagedIo = false; // initialized once
+    bool inD0 = false;
+};
 
 namespace {
 
@@ -80,9 +101,6 @@ DevNode::~DevNode() = default;
 PDEVICE_OBJECT DevNode::pdo() {
     return &state_->pdo;
 }
-usb::Host& DevNode::host() {
-    return state_->host;
-}
 
 namespace {
 
@@ -95,11 +113,6 @@ Ref<Device> deviceOfNode(const DevNode::State& node) {
     return node.device->deletingLocked() ? Ref<Device>() : Device::referenceLocked(device);
 }
 
-void setInD0(DevNode::State& node, bool inD0) {
-    KernelGuard guard;
-    node.inD0 = inD0;
-}
-
 bool powerStepUnderWay(const DevNode::State& node) {
     KernelGuard guard;
     return node.powerStepUnderWay;
@@ -107,7 +120,8 @@ bool powerStepUnderWay(const DevNode::State& node) {
 
 // Sends a PnP packet through the driver's preprocess callback, if it has one for it.
 NTSTATUS passPacket(Device& device, UCHAR minorFunction) {
-    return Irp(IRP_MJ_PNP, minorFunction).send(device);
+    Irp packet(IRP_MJ_PNP, minorFunction);
+    return device.send(packet);
 }
 
 std::vector<Ref<Queue>> queuesOf(const Device& device) {
@@ -150,7 +164,7 @@ void powerDown(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE targ
     for (const Ref<Queue>& queue : queuesOf(device)) {
         queue->stop();
     }
-    setInD0(node, false);
+    node.inD0 = false;
     if (callbacks.EvtDeviceD0ExitPreInterruptsDisabled != nullptr) {
         callDriver("EvtDeviceD0ExitPreInterruptsDisabled", callbacks.EvtDeviceD0ExitPreInterruptsDisabled,
                    device.wdf(), target);
@@ -184,7 +198,7 @@ NTSTATUS powerUp(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE pr
             return status;
         }
     }
-    setInD0(node, true);
+    node.inD0 = true;
     if (callbacks.EvtDeviceD0EntryPostInterruptsEnabled != nullptr) {
         status = callDriver("EvtDeviceD0EntryPostInterruptsEnabled",
                             callbacks.EvtDeviceD0EntryPostInterruptsEnabled, device.wdf(), previous);
@@ -223,11 +237,6 @@ bool DevNode::started() const {
     return device && device->pnpState() == PnpState::Started;
 }
 
-bool DevNode::inD0() const {
-    KernelGuard guard;
-    return state_->inD0;
-}
-
 NTSTATUS DevNode::add() {
     Step step(*state_, "add device");
     Driver* driver = currentDriver();
@@ -235,7 +244,7 @@ NTSTATUS DevNode::add() {
         return STATUS_NO_SUCH_DEVICE;
     }
     WDFDEVICE_INIT init;
-    init.node = this;
+    init.bus = {&state_->pdo, &state_->host};
     const NTSTATUS status = callDriver("EvtDriverDeviceAdd", driver->config.EvtDriverDeviceAdd,
                                        static_cast<WDFDRIVER>(driver->handle()), &init);
     if (!init.device) {
@@ -421,7 +430,7 @@ NTSTATUS DevNode::open(PFILE_OBJECT& file) {
     }
     Irp irp(IRP_MJ_CREATE, 0);
     irp.top().FileObject = opened;
-    const NTSTATUS status = irp.send(*device);
+    const NTSTATUS status = device->send(irp);
     if (!NT_SUCCESS(status)) {
         if (FileObject* unused = fileObjectOf(opened)) {
             unused->remove();
@@ -448,7 +457,7 @@ NTSTATUS DevNode::internalControl(PFILE_OBJECT file, ULONG code, const void* inp
     control.OutputBufferLength = outputLength;
     control.Type3InputBuffer = const_cast<void*>(input);
     irp.irp().UserBuffer = output;
-    const NTSTATUS status = irp.send(*device);
+    const NTSTATUS status = device->send(irp);
     information = irp.information();
     return status;
 }
@@ -459,7 +468,7 @@ void DevNode::close(PFILE_OBJECT file) {
         for (const UCHAR major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
             Irp irp(major, 0);
             irp.top().FileObject = file;
-            irp.send(*device);
+            device->send(irp);
         }
     }
     forget(file);
@@ -473,14 +482,11 @@ void DevNode::forget(PFILE_OBJECT file) {
     kernel::wakeChannel(&state_->files);
 }
 
-unsigned DevNode::openHandles() const {
-    KernelGuard guard;
-    return static_cast<unsigned>(state_->files.size());
-}
-
-bool DevNode::waitForHandles(usb::Time deadline) {
-    return kernel::waitUntil(&state_->files, {"wait for open handles", this, nullptr}, deadline,
-                             [this] { return openHandles() == 0; });
+void DevNode::waitForHandles() {
+    kernel::waitUntil(&state_->files, {"wait for open handles", this, nullptr}, kernel::kForever, [this] {
+        KernelGuard guard;
+        return state_->files.empty();
+    });
 }
 
 } // namespace framework

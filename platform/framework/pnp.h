@@ -1,6 +1,6 @@
-// What the machine needs of the framework: loading the driver, and the life of a device from the bus's report
-// to its removal. Each step runs the driver's callbacks on the calling task, at PASSIVE_LEVEL, and steps of
-// one device exclude each other; the order of callbacks is the framework's (see pnp.cpp).
+// The life of a device from the bus's report to its removal. Each step runs the driver's callbacks on the
+// calling task, at PASSIVE_LEVEL, and steps of one device exclude each other; the order of callbacks is the
+// framework's (see pnp.cpp).
 #pragma once
 
 #include "platform/usb/host.h"
@@ -9,16 +9,8 @@
 
 #include <memory>
 #include <string>
-#include <string_view>
 
 namespace framework {
-
-// Runs DriverEntry. After a failure nothing is loaded.
-NTSTATUS loadDriver(DRIVER_INITIALIZE* entry, std::u16string_view service);
-
-// Runs the unload callback and deletes the driver object with everything below it. All devices must be gone.
-// Reports PoolLeak when an object survives its parent.
-void unloadDriver();
 
 // A physical device on the bus and the driver's device object on top of it.
 class DevNode {
@@ -30,10 +22,8 @@ class DevNode {
     DevNode& operator=(const DevNode&) = delete;
 
     PDEVICE_OBJECT pdo();
-    usb::Host& host();
     bool hasDevice() const; // a device object of the driver is attached
     bool started() const;   // started and neither failed, stopped nor removed
-    bool inD0() const;
 
     // EvtDriverDeviceAdd. After a failure there is no device object.
     NTSTATUS add();
@@ -55,9 +45,8 @@ class DevNode {
     // IRP_MN_SURPRISE_REMOVAL: the device is gone already. `remove` follows when all handles are closed.
     void surpriseRemove();
 
-    // Waits until no file is open on the device; false at the deadline (kernel::kForever for none).
-    bool waitForHandles(usb::Time deadline);
-    unsigned openHandles() const;
+    // Waits until no file is open on the device.
+    void waitForHandles();
 
     // IRP_MN_REMOVE_DEVICE: takes down what is still up and deletes the device object.
     void remove();
@@ -70,7 +59,6 @@ class DevNode {
     void close(PFILE_OBJECT file);
 
     struct State;
-    State& state() { return *state_; }
 
   private:
     void forget(PFILE_OBJECT file);

@@ -12,11 +12,23 @@ using kernel::callDriver;
 using kernel::KernelGuard;
 
 Queue::Queue(Device& device, const WDF_IO_QUEUE_CONFIG& config)
-    : Object(Kind::Queue), device_(device), config_(config), powerManaged_(config.PowerManaged != WdfFalse),
+    : PacketQueue(Kind::Queue), device_(device), config_(config),
+      powerManaged_(config.PowerManaged != WdfFalse),
       limit_(config.DispatchType == WdfIoQueueDispatchSequential
                  ? 1
                  : config.Settings.Parallel.NumberOfPresentedRequests),
       state_(powerManaged_ && device.pnpState() != PnpState::Started ? State::Stopped : State::Started) {}
+
+void Queue::accept(PIRP irp, FileObject* file) {
+    auto* request = new Request(irp, this, file);
+    const NTSTATUS status = adoptForPacket(*request, *this, nullptr, "request of a packet");
+    if (!NT_SUCCESS(status)) {
+        request->release();
+        Irp::complete(irp, status, 0);
+        return;
+    }
+    deliver(Ref<Request>(request));
+}
 
 void Queue::deliver(Ref<Request> request) {
     bool refused = false;

@@ -1,7 +1,7 @@
 // I/O queues: they hold back requests while the device is not in D0 and present the others to the driver.
 #pragma once
 
-#include "platform/framework/object.h"
+#include "platform/framework/packet_queue.h"
 #include "platform/framework/request.h"
 
 #include <deque>
@@ -10,19 +10,18 @@ namespace framework {
 
 class Device;
 
-class Queue final : public Object {
+class Queue final : public PacketQueue {
   public:
     Queue(Device& device, const WDF_IO_QUEUE_CONFIG& config);
 
     Device& device() { return device_; }
     WDFQUEUE wdf() const { return static_cast<WDFQUEUE>(handle()); }
 
-    // Takes a request that arrived: presents it on the calling task, keeps it, or completes it when the queue
-    // accepts nothing any more.
-    void deliver(Ref<Request> request);
+    // Presents the packet's request on the calling task, keeps it, or completes it when the queue accepts
+    // nothing any more.
+    void accept(PIRP irp, FileObject* file) override;
 
-    // A presented request has been completed.
-    void requestDone();
+    void requestDone() override;
 
     // Power transitions; no effect on a queue that is not power-managed. `stop` returns when the driver has
     // completed what it was presented, `purge` cancels what waits as well.
@@ -38,6 +37,7 @@ class Queue final : public Object {
   private:
     enum class State : std::uint8_t { Started, Stopped, Purged };
 
+    void deliver(Ref<Request> request);
     void present(Ref<Request> request);
     void presentWaiting();
     void waitUntilIdle();

@@ -1,10 +1,8 @@
 #include "platform/framework/request.h"
 
-#include "platform/framework/device.h"
 #include "platform/framework/driver.h"
-#include "platform/framework/io_target.h"
-#include "platform/framework/queue.h"
-#include "platform/framework/usb_device.h"
+#include "platform/framework/file_object.h"
+#include "platform/framework/irp.h"
 #include "platform/kernel/dispatcher.h"
 
 #include <fmt/format.h>
@@ -14,14 +12,14 @@ namespace framework {
 using kernel::callDriver;
 using kernel::KernelGuard;
 
-Request::Request() : Object(Kind::Request) {}
+Request::Request() : SentRequest(Kind::Request) {}
 
-Request::Request(PIRP irp, Queue* queue, FileObject* file)
-    : Object(Kind::Request), irp_(irp), queue_(queue), file_(file) {}
+Request::Request(PIRP irp, PacketQueue* queue, FileObject* file)
+    : SentRequest(Kind::Request), irp_(irp), queue_(queue), file_(file) {}
 
 void Request::complete(NTSTATUS status, ULONG_PTR information) {
     noteCompleted(handle());
-    Ref<Queue> queue(presented_ ? queue_ : nullptr);
+    Ref<PacketQueue> queue(presented_ ? queue_ : nullptr);
     const PIRP irp = irp_;
     remove();
     Irp::complete(irp, status, information);
@@ -88,10 +86,10 @@ void Request::formatForControl(IoTarget& target, const WDF_USB_CONTROL_SETUP_PAC
 std::shared_ptr<Submission> Request::makeSubmission(const Call& call, IoTarget& target) {
     const auto done = [this](const TransferResult& result) { finish(result); };
     if (const auto* control = std::get_if<ControlFormat>(&format_)) {
-        return target.usbDevice().controlSubmission(control->setup, control->data, control->size, done);
+        return target.controlSubmission(control->setup, control->data, control->size, done);
     }
     const auto& format = std::get<UrbFormat>(format_);
-    return target.usbDevice().urbSubmission(call, *this, *format.memory, format.offset, done);
+    return target.urbSubmission(call, *this, *format.memory, format.offset, done);
 }
 
 void Request::setCompletionRoutine(PFN_WDF_REQUEST_COMPLETION_ROUTINE routine, WDFCONTEXT context) {

@@ -2,9 +2,9 @@
 // formats and sends to a target.
 #pragma once
 
+#include "platform/framework/io_target.h"
 #include "platform/framework/memory.h"
-#include "platform/framework/object.h"
-#include "platform/framework/usb_submission.h"
+#include "platform/framework/packet_queue.h"
 
 #include <wdfusb.h>
 
@@ -13,17 +13,13 @@
 
 namespace framework {
 
-class FileObject;
-class IoTarget;
-class Queue;
-
-class Request final : public Object {
+class Request final : public SentRequest {
   public:
     // Of the driver.
     Request();
 
     // Of a packet; `queue` is null for a file create, `file` may be.
-    Request(PIRP irp, Queue* queue, FileObject* file);
+    Request(PIRP irp, PacketQueue* queue, FileObject* file);
 
     WDFREQUEST wdf() const { return static_cast<WDFREQUEST>(handle()); }
     PIRP irp() const { return irp_; }
@@ -46,10 +42,9 @@ class Request final : public Object {
     void requireCompleted(const Call& call) const;
     void completionParams(WDF_REQUEST_COMPLETION_PARAMS& params) const;
 
-    // For the target that holds the request: starts it, ends it, or cancels what was started.
-    void submit();
-    void finish(const TransferResult& result);
-    void withdraw(NTSTATUS reason);
+    void submit() override;
+    void finish(const TransferResult& result) override;
+    void withdraw(NTSTATUS reason) override;
 
   protected:
     void dispose() override;
@@ -82,7 +77,7 @@ class Request final : public Object {
 
     // Packets; set once.
     const PIRP irp_ = nullptr;
-    Queue* const queue_ = nullptr;
+    PacketQueue* const queue_ = nullptr;
     FileObject* const file_ = nullptr;
     bool presented_ = false; // written before the driver sees the request
 

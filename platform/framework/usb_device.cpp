@@ -1,7 +1,6 @@
 #include "platform/framework/usb_device.h"
 
 #include "platform/framework/device.h"
-#include "platform/framework/request.h"
 #include "platform/kernel/pool.h"
 
 #include <fmt/format.h>
@@ -22,7 +21,7 @@ constexpr UCHAR kSetInterface = 0x0B;
 constexpr UCHAR kDeviceToHost = 0x80;
 constexpr UCHAR kToInterface = 0x01;
 
-constexpr kernel::Time kStandardRequestTimeout = 5 * usb::kSecond;
+constexpr kernel::Time kStandardRequestTimeout = 5 * base::kSecond;
 
 // The setup packet goes out as it lies in memory.
 usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
@@ -62,7 +61,7 @@ void requireTransferMdl(const Call& call, const Object* object, const MDL* mdl) 
 UsbDevice::UsbDevice(Device& device) : IoTarget(Kind::UsbDevice, device) {}
 
 usb::Device& UsbDevice::host() {
-    return device().node().host();
+    return device().host();
 }
 
 TransferResult UsbDevice::standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index,

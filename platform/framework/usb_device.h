@@ -14,6 +14,7 @@
 namespace framework {
 
 class Reader;
+class UsbDevice;
 class UsbInterface;
 
 class UsbPipe final : public IoTarget {
@@ -22,7 +23,11 @@ class UsbPipe final : public IoTarget {
     ~UsbPipe() override;
 
     WDFUSBPIPE wdf() const { return static_cast<WDFUSBPIPE>(handle()); }
-    UsbDevice& usbDevice() override;
+    UsbDevice& usbDevice() const;
+    std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,
+                                              std::size_t offset, Done done) override;
+    std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,
+                                                  std::size_t size, Done done) override;
     USBD_PIPE_HANDLE pipeHandle() const { return pipeHandle_; }
     UCHAR address() const { return endpoint_.bEndpointAddress; }
     bool isIn() const { return (address() & USB_ENDPOINT_DIRECTION_MASK) != 0; }
@@ -112,7 +117,6 @@ class UsbDevice final : public IoTarget {
     explicit UsbDevice(Device& device);
 
     WDFUSBDEVICE wdf() const { return static_cast<WDFUSBDEVICE>(handle()); }
-    UsbDevice& usbDevice() override { return *this; }
     usb::Device& host();
 
     // Reads the descriptors and makes the interfaces.
@@ -134,12 +138,10 @@ class UsbDevice final : public IoTarget {
     // The device is gone for good: nothing goes out to it or to its pipes any more.
     void shutDownAll();
 
-    // What a request formatted for an URB, or for a control transfer, puts on the wire.
-    using Done = std::function<void(const TransferResult&)>;
     std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,
-                                              std::size_t offset, Done done);
+                                              std::size_t offset, Done done) override;
     std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,
-                                                  std::size_t size, Done done);
+                                                  std::size_t size, Done done) override;
 
     // A standard request of the framework's own. PASSIVE_LEVEL.
     TransferResult standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index, void* data,

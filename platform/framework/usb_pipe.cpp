@@ -36,8 +36,18 @@ UsbPipe::UsbPipe(UsbInterface& owner, const USB_ENDPOINT_DESCRIPTOR& endpoint, U
 
 UsbPipe::~UsbPipe() = default;
 
-UsbDevice& UsbPipe::usbDevice() {
+UsbDevice& UsbPipe::usbDevice() const {
     return owner_.device();
+}
+
+std::shared_ptr<Submission> UsbPipe::urbSubmission(const Call& call, const Object& request,
+                                                   const Memory& memory, std::size_t offset, Done done) {
+    return usbDevice().urbSubmission(call, request, memory, offset, std::move(done));
+}
+
+std::shared_ptr<Submission> UsbPipe::controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,
+                                                       std::size_t size, Done done) {
+    return usbDevice().controlSubmission(setup, data, size, std::move(done));
 }
 
 usb::TransferType UsbPipe::transferType() const {

@@ -28,7 +28,6 @@ class Core : public KernelLock, public verifier::Run {
 
     // What differs. `self` is the calling task.
     virtual void run(const std::function<void()>& body) = 0;
-    virtual std::uint64_t steps() const = 0;
     virtual unsigned choose(unsigned count) = 0;
     virtual void point(Task& self, Point point) = 0;
     virtual void raise(Task& self, unsigned level) = 0;

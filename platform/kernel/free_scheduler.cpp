@@ -41,7 +41,6 @@ class FreeCore final : public Core {
                    .count() /
                100;
     }
-    std::uint64_t steps() const override { return 0; }
     unsigned choose(unsigned) override { return 0; }
     void point(Task& self, Point) override {
         if (isStopped()) {
@@ -82,7 +81,6 @@ class FreeCore final : public Core {
     }
     void dpcLoop(unsigned index);
     void timerLoop();
-    void kickTimerThread();
     void finish();
     [[noreturn]] void leaveStopped();
     bool waitForQuiet(Time deadline, bool workersToo);

@@ -61,12 +61,9 @@ std::optional<ULONG> RegistryValue::asDword() const {
 }
 
 std::shared_ptr<RegistryKey> RegistryKey::create(const std::shared_ptr<RegistryKey>& parent,
-                                                 std::u16string_view path, bool* created) {
+                                                 std::u16string_view path) {
     KernelLockIfFree guard;
     std::shared_ptr<RegistryKey> key = parent;
-    if (created != nullptr) {
-        *created = false;
-    }
     while (!path.empty()) {
         const std::size_t length = std::min(path.find(u'\\'), path.size());
         const std::u16string_view name = path.substr(0, length);
@@ -78,27 +75,8 @@ std::shared_ptr<RegistryKey> RegistryKey::create(const std::shared_ptr<RegistryK
         auto found = keys.find(name);
         if (found == keys.end()) {
             found = keys.emplace(name, std::make_shared<RegistryKey>()).first;
-            if (created != nullptr) {
-                *created = true;
-            }
         }
         key = found->second;
-    }
-    return key;
-}
-
-std::shared_ptr<RegistryKey> RegistryKey::open(const std::shared_ptr<RegistryKey>& parent,
-                                               std::u16string_view path) {
-    KernelLockIfFree guard;
-    std::shared_ptr<RegistryKey> key = parent;
-    while (!path.empty() && key != nullptr) {
-        const std::size_t length = std::min(path.find(u'\\'), path.size());
-        const std::u16string_view name = path.substr(0, length);
-        path.remove_prefix(std::min(length + 1, path.size()));
-        if (!name.empty()) {
-            auto found = key->content_->keys.find(name);
-            key = found != key->content_->keys.end() ? found->second : nullptr;
-        }
     }
     return key;
 }
@@ -114,48 +92,16 @@ void RegistryKey::assign(std::u16string_view name, RegistryValue value) {
     content_->values.insert_or_assign(std::u16string(name), std::move(value));
 }
 
-bool RegistryKey::remove(std::u16string_view name) {
-    KernelLockIfFree guard;
-    auto found = content_->values.find(name);
-    if (found == content_->values.end()) {
-        return false;
-    }
-    content_->values.erase(found);
-    return true;
-}
-
-std::vector<std::u16string> RegistryKey::valueNames() const {
-    KernelLockIfFree guard;
-    std::vector<std::u16string> names;
-    for (const auto& [name, value] : content_->values) {
-        names.push_back(name);
-    }
-    return names;
-}
-
-std::shared_ptr<RegistryKey> registryRoot() {
-    return root->key;
-}
-
 std::u16string servicePath(std::u16string_view service) {
     return std::u16string(kMachine) + std::u16string(kServices) + u"\\" + std::u16string(service);
 }
 
 std::shared_ptr<RegistryKey> serviceKey(std::u16string_view service) {
-    return RegistryKey::create(registryRoot(), std::u16string(kServices) + u"\\" + std::u16string(service));
+    return RegistryKey::create(root->key, std::u16string(kServices) + u"\\" + std::u16string(service));
 }
 
 std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service) {
     return RegistryKey::create(serviceKey(service), u"Parameters");
-}
-
-std::shared_ptr<RegistryKey> openRegistryPath(std::u16string_view path) {
-    const NameLess less;
-    const std::u16string_view prefix = path.substr(0, kMachine.size());
-    if (less(prefix, kMachine) || less(kMachine, prefix)) {
-        return nullptr;
-    }
-    return RegistryKey::open(registryRoot(), path.substr(kMachine.size()));
 }
 
 } // namespace kernel

@@ -24,19 +24,16 @@ struct RegistryValue {
     std::optional<ULONG> asDword() const;
 };
 
-// A key. Keys live as long as somebody holds them or the machine's registry does.
+// A key. It lives as long as the registry or a caller holds it.
 class RegistryKey {
   public:
-    // `path` is one name or several with backslashes between them.
-    static std::shared_ptr<RegistryKey> open(const std::shared_ptr<RegistryKey>& parent,
-                                             std::u16string_view path);
+    // The key under `parent`, created when it does not exist. `path` is one name or several with backslashes
+    // between them.
     static std::shared_ptr<RegistryKey> create(const std::shared_ptr<RegistryKey>& parent,
-                                               std::u16string_view path, bool* created = nullptr);
+                                               std::u16string_view path);
 
     std::optional<RegistryValue> value(std::u16string_view name) const;
     void assign(std::u16string_view name, RegistryValue value);
-    bool remove(std::u16string_view name); // false when there is no such value
-    std::vector<std::u16string> valueNames() const;
 
     RegistryKey();
     ~RegistryKey();
@@ -48,17 +45,11 @@ class RegistryKey {
     std::unique_ptr<Content> content_; // guarded by the kernel lock
 };
 
-// \Registry\Machine of the current machine; empty when a machine starts.
-std::shared_ptr<RegistryKey> registryRoot();
-
 // "\Registry\Machine\System\CurrentControlSet\Services\NAME", as DriverEntry receives it.
 std::u16string servicePath(std::u16string_view service);
 
 // The service's key and its Parameters subkey, created when they do not exist.
 std::shared_ptr<RegistryKey> serviceKey(std::u16string_view service);
 std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service);
-
-// The key of a full path such as `servicePath` gives; null when there is none.
-std::shared_ptr<RegistryKey> openRegistryPath(std::u16string_view path);
 
 } // namespace kernel

@@ -36,9 +36,6 @@ Time now() {
 Mode mode() {
     return currentCore() != nullptr ? currentCore()->options().mode : Mode::Sim;
 }
-std::uint64_t seed() {
-    return currentCore() != nullptr ? currentCore()->options().seed : 0;
-}
 unsigned choose(unsigned count) {
     return count > 1 && currentCore() != nullptr ? currentCore()->choose(count) : 0;
 }
@@ -171,9 +168,6 @@ void Scheduler::run(const std::function<void()>& body) {
 }
 base::Clock& Scheduler::clock() {
     return state_->clock;
-}
-std::uint64_t Scheduler::steps() const {
-    return state_->core->steps();
 }
 
 } // namespace kernel

@@ -37,7 +37,6 @@ void schedulingPoint(Point point);
 
 Time now();
 Mode mode();
-std::uint64_t seed();
 
 // A choice that belongs to the explored schedule: 0 to `count` - 1, reproduced by the seed.
 unsigned choose(unsigned count);
@@ -92,7 +91,6 @@ class Scheduler {
     void run(const std::function<void()>& body);
 
     base::Clock& clock();
-    std::uint64_t steps() const;
 
   private:
     struct State;

@@ -51,7 +51,6 @@ class SimCore final : public Core {
 
     void run(const std::function<void()>& body) override;
     Time now() const override { return now_; }
-    std::uint64_t steps() const override { return steps_; }
     unsigned choose(unsigned count) override {
         return options_.strategy == Strategy::InOrder ? 0 : random_.below(count);
     }

@@ -55,18 +55,13 @@ _KTHREAD& createThreadObject(unsigned references) {
     return *thread;
 }
 
-_KTHREAD* findThread(HANDLE handle) {
-    auto found = threads->handles.find(handle);
-    return found != threads->handles.end() ? found->second : nullptr;
-}
-
 _KTHREAD* checkedHandle(HANDLE handle, std::string_view call) {
-    _KTHREAD* thread = findThread(handle);
-    if (thread == nullptr) {
+    const auto found = threads->handles.find(handle);
+    if (found == threads->handles.end()) {
         verifier::fail(verifier::Rule::HandleStale, call, fmt::format("{}", handle),
                        "this is no open handle");
     }
-    return thread;
+    return found->second;
 }
 
 _KTHREAD& checkedObject(PVOID object, std::string_view call) {

@@ -191,15 +191,7 @@ void Host::suspend() {
     state_->suspended = true;
 }
 
-bool Host::connected() const {
-    kernel::KernelGuard guard;
-    return !state_->gone;
-}
-
 LinkTiming& Host::link() {
-    return state_->link;
-}
-const LinkTiming& Host::link() const {
     return state_->link;
 }
 

@@ -41,9 +41,7 @@ class Host final : public Device {
     void suspend();
     void resume();
 
-    bool connected() const;
     LinkTiming& link();
-    const LinkTiming& link() const;
 
   private:
     struct State;
