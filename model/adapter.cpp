@@ -91,7 +91,7 @@ struct Adapter::State {
 // Control transfers.
 
 void Adapter::State::control(usb::Transfer& transfer, usb::Time now, Outcome& outcome) {
-    ++board.statistics.controlTransfers;
+    board.statistics.controlTransfers++;
     if (controlDeaf) {
         unanswered.push_back(&transfer);
         return;
@@ -137,11 +137,11 @@ void Adapter::State::accessRegister(usb::Transfer& transfer, usb::Time now, Outc
         return refuse(ViolationKind::NotConfigured, "register access before SET_CONFIGURATION");
     if (read) {
         const std::uint32_t value = board.readRegister(setup.index, now);
-        for (unsigned i = 0; i < kRegisterBytes; ++i)
+        for (unsigned i = 0; i < kRegisterBytes; i++)
             transfer.data[i] = static_cast<std::uint8_t>(value >> 8 * i);
     } else {
         std::uint32_t value = 0;
-        for (unsigned i = 0; i < kRegisterBytes; ++i)
+        for (unsigned i = 0; i < kRegisterBytes; i++)
             value |= static_cast<std::uint32_t>(transfer.data[i]) << 8 * i;
         board.writeRegister(setup.index, value, now);
     }
@@ -185,7 +185,7 @@ void Adapter::State::deliverReports(Outcome& outcome) {
         if (count == 1)
             read.data[0] = reports.front();
         reports.pop_front();
-        ++board.statistics.interruptReports;
+        board.statistics.interruptReports++;
         end(outcome, read, usb::Status::Success, count);
     }
 }

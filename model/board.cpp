@@ -33,7 +33,7 @@ std::uint32_t Board::peekRegister(std::uint16_t offset, usb::Time now) const {
 }
 
 std::uint32_t Board::readRegister(std::uint16_t offset, usb::Time now) {
-    ++statistics.registerReads;
+    statistics.registerReads++;
     if (!registers_.has(offset)) {
         violations.add(now, ViolationKind::UnknownRegister, fmt::format("read of register 0x{:04X}", offset));
         return 0;
@@ -48,7 +48,7 @@ std::uint32_t Board::readRegister(std::uint16_t offset, usb::Time now) {
 }
 
 void Board::writeRegister(std::uint16_t offset, std::uint32_t value, usb::Time now) {
-    ++statistics.registerWrites;
+    statistics.registerWrites++;
     if (!registers_.has(offset)) {
         violations.add(now, ViolationKind::UnknownRegister,
                        fmt::format("write of 0x{:08X} to register 0x{:04X}", value, offset));
@@ -124,7 +124,7 @@ void Board::writeSerialControl(std::uint32_t value, usb::Time now) {
         serial.refuse();
         return;
     }
-    ++statistics.serialCommands;
+    statistics.serialCommands++;
     if (transmitter)
         transmitter->setInput(videoInput());
     serial.start(value, registers_.get(reg::kSerialWriteData), now);
@@ -189,7 +189,7 @@ std::uint32_t Board::powerBits() const {
 // Timing and clock.
 
 bool Board::pllRuns() const {
-    return pixelClock(registers_.get(reg::kPll)) > 0 &&
+    return pllClock(registers_.get(reg::kPll)) > 0 &&
            (options_.revision == 0 || registers_.any(reg::kControl, reg::kControlPll));
 }
 
@@ -201,7 +201,7 @@ TimingImages Board::timingImages() const {
 void Board::updateSignal() {
     signal_ = {};
     signal_.timing = decodeTiming(timingImages());
-    signal_.clock = pllRuns() ? pixelClock(registers_.get(reg::kPll)) : 0;
+    signal_.clock = pllRuns() ? pllClock(registers_.get(reg::kPll)) : 0;
     if (std::string cause = contradiction(timingImages()); !cause.empty()) {
         signal_.kind = ViolationKind::BadTiming;
         signal_.fault = std::move(cause);
@@ -253,7 +253,7 @@ std::optional<OutputMode> Board::outputMode() const {
 // The frame input.
 
 bool Board::receive(std::span<const std::uint8_t> bytes, usb::Time now) {
-    ++statistics.bulkTransfers;
+    statistics.bulkTransfers++;
     statistics.bytesReceived += bytes.size();
     if (!acceptsData(bytes.size(), now)) {
         statistics.bytesDiscarded += bytes.size();
@@ -314,22 +314,22 @@ bool Board::receiveFrame(std::span<const std::uint8_t> bytes, usb::Time now) {
     zeroLengthDue_ = registers_.any(reg::kControl, reg::kControlZeroLength);
 
     if (std::exchange(dropNext_, false)) {
-        ++statistics.framesDropped;
+        statistics.framesDropped++;
         reportFrameError();
         return false;
     }
     const FrameMemory::Result stored = frames_.store(frameLayout(), bytes);
     if (!stored.good) {
-        ++statistics.framesBroken;
+        statistics.framesBroken++;
         violations.add(now, stored.kind, stored.cause);
         return false;
     }
-    ++statistics.framesReceived;
+    statistics.framesReceived++;
     frameNumber_ = statistics.framesReceived;
     frameTime_ = now;
     scanning_ = true;
     if (stored.repeated)
-        ++statistics.framesRepeated;
+        statistics.framesRepeated++;
     else
         contentNumber_ = frameNumber_;
     if (registers_.any(reg::kControl, reg::kControlBandwidth) &&
@@ -338,7 +338,7 @@ bool Board::receiveFrame(std::span<const std::uint8_t> bytes, usb::Time now) {
 
     if (!darkReason().empty())
         return false;
-    ++statistics.framesShown;
+    statistics.framesShown++;
     return std::exchange(shownContent_, contentNumber_) != contentNumber_;
 }
 
@@ -357,7 +357,7 @@ void Board::detachMonitor() {
 }
 
 void Board::reportFrameError() {
-    ++statistics.frameErrors;
+    statistics.frameErrors++;
     raise(reg::kStatusFrameError);
 }
 

@@ -13,12 +13,14 @@
 #include <utility>
 #include <vector>
 
-#include "model/adapter.h"
+#include "model/adapter_options.h"
 #include "model/ddc.h"
 #include "model/frame_memory.h"
 #include "model/memories.h"
+#include "model/output_mode.h"
 #include "model/register_file.h"
 #include "model/serial_master.h"
+#include "model/statistics.h"
 #include "model/stream_pace.h"
 #include "model/timing.h"
 #include "model/transmitter.h"

@@ -38,7 +38,7 @@ I2cAnswer::Kind DdcBus::selectSegment(std::uint8_t segment) const {
 DdcBus::ReadResult DdcBus::read(std::uint8_t segment, unsigned offset, std::span<std::uint8_t> out) {
     if (const I2cAnswer::Kind kind = selectSegment(segment); kind != I2cAnswer::Kind::Completed)
         return {kind, 0};
-    for (unsigned i = 0; i < out.size(); ++i) {
+    for (unsigned i = 0; i < out.size(); i++) {
         if (answersLeft_) {
             if (*answersLeft_ == 0) {
                 hung_ = true;

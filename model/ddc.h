@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "model/adapter.h"
+#include "model/faults.h"
 #include "model/i2c_device.h"
 
 namespace model {

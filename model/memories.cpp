@@ -17,7 +17,7 @@ void MemoryCells::set(std::size_t address, std::uint8_t value) {
     address %= cells_.size();
     const auto corrupt = corrupt_.find(static_cast<std::uint32_t>(address));
     if (corrupt != corrupt_.end() && corrupt->second > 0) {
-        --corrupt->second;
+        corrupt->second--;
         value ^= 1;
     }
     cells_[address] = value;
@@ -31,7 +31,7 @@ void MemoryCells::erase(std::size_t first, std::size_t count) {
 
 std::uint32_t MemoryCells::word(std::size_t address) const {
     std::uint32_t value = 0;
-    for (unsigned i = 0; i < 4; ++i)
+    for (unsigned i = 0; i < 4; i++)
         value |= static_cast<std::uint32_t>(get(address + i)) << 8 * i;
     return value;
 }
@@ -44,7 +44,7 @@ I2cAnswer Eeprom::write(std::uint8_t, std::uint8_t offset, std::uint32_t data, u
     if (cells.refusesWrites())
         return {};
     const std::size_t page = offset / kPage * kPage;
-    for (unsigned i = 0; i < 4; ++i)
+    for (unsigned i = 0; i < 4; i++)
         cells.set(page + (offset + i) % kPage, static_cast<std::uint8_t>(data >> 8 * i));
     return {I2cAnswer::Kind::Completed, 0, kWriteCycle};
 }
@@ -59,7 +59,7 @@ I2cAnswer SpiFlash::write(std::uint32_t address, std::uint32_t data, bool eraseF
     if (eraseFirst)
         cells.erase(address / kSector * kSector, kSector);
     const std::size_t page = address / kPage * kPage;
-    for (unsigned i = 0; i < 4; ++i) {
+    for (unsigned i = 0; i < 4; i++) {
         const std::size_t at = page + (address + i) % kPage;
         cells.set(at, static_cast<std::uint8_t>(cells.get(at) & data >> 8 * i));
     }

@@ -61,9 +61,9 @@ std::vector<std::uint8_t> toBgrx32(const RawFrame& frame) {
     const std::uint32_t step = bytesPerPixel(frame.format);
     const std::size_t count = frame.pixels.size() / step;
     std::vector<std::uint8_t> picture(count * 4);
-    for (std::size_t i = 0; i < count; ++i) {
+    for (std::size_t i = 0; i < count; i++) {
         const std::uint32_t pixel = toBgrx32(frame.format, frame.pixels.data() + i * step);
-        for (unsigned byte = 0; byte < 4; ++byte)
+        for (unsigned byte = 0; byte < 4; byte++)
             picture[i * 4 + byte] = static_cast<std::uint8_t>(pixel >> 8 * byte);
     }
     return picture;
@@ -82,10 +82,10 @@ std::uint64_t checksum(std::span<const std::uint8_t> bytes) {
     for (; left >= 32; left -= 32, at += 32) {
         std::uint64_t words[4];
         std::memcpy(words, at, 32);
-        for (unsigned i = 0; i < 4; ++i)
+        for (unsigned i = 0; i < 4; i++)
             lane[i] = takeIn(lane[i], words[i]);
     }
-    for (unsigned i = 0; left > 0; ++i) {
+    for (unsigned i = 0; left > 0; i++) {
         std::uint64_t word = 0;
         const std::size_t step = left < 8 ? left : 8;
         std::memcpy(&word, at, step);

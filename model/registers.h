@@ -36,14 +36,14 @@ constexpr std::uint32_t kStatusMonitorFound = 1u << 31; // event: a monitor came
 constexpr std::uint32_t kStatusEvents = kStatusFrameError | kStatusMonitorLost | kStatusMonitorFound;
 
 // Video format of the frame stream. With no layout bit the pixels are `BGR24`. A compressed 16-bit stream
-// always carries `RGB555`, whatever the layout bits say: its literals have only 15 bits of colour. The run
+// always carries `RGB555`, whatever the layout bits say: its literals have only 15 bits of color. The run
 // expander of revision 2 has no 1-byte units; a compressed 8-bit format takes 3-byte units there.
 constexpr std::uint16_t kFormat = 0x8004;
 constexpr std::uint32_t kFormatEnable = 1u << 0;        // the frame input is on
 constexpr std::uint32_t kFormatVsyncPolarity = 1u << 2; // stored; a monitor takes both
 constexpr std::uint32_t kFormatHsyncPolarity = 1u << 3;
 constexpr std::uint32_t kFormatRgb565 = 1u << 6;
-constexpr std::uint32_t kFormatColour = 1u << 7; // stored
+constexpr std::uint32_t kFormatColor = 1u << 7; // stored
 constexpr std::uint32_t kFormatCompressed = 1u << 24;
 constexpr std::uint32_t kFormatRgb8 = 1u << 25;
 constexpr std::uint32_t kFormatRgb555 = 1u << 31;
@@ -182,7 +182,7 @@ constexpr std::uint8_t kRange = 0x68;
 constexpr std::uint8_t kRangeLow = 1u << 4;
 constexpr double kHighBandFrom = 80e6;    // Hz; a clock within 1 % of it may use either band
 constexpr std::uint8_t kInputMode = 0x70; // bit 0: the video input is taken
-constexpr std::uint8_t kColourSpace = 0x72;
+constexpr std::uint8_t kColorSpace = 0x72;
 constexpr std::uint8_t kSwap = 0xBF; // (always on, as all of 0xBC..0xBF) bit 2: bits of the input are swapped
 constexpr std::uint8_t kHdmiMode = 0xC0;        // bit 0: 1 HDMI, 0 DVI
 constexpr std::uint8_t kAvMute = 0xC1;          // bit 0

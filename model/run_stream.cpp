@@ -42,7 +42,7 @@ void repeatPixel(std::uint8_t* at, std::size_t bytes, std::size_t room) {
     if (bytes <= kShort && bytes + kBlock <= room) {
         const std::uint64_t pixel = loadUnit<Unit>(at - Unit);
         std::uint64_t block[Unit];
-        for (unsigned word = 0; word < Unit; ++word) {
+        for (unsigned word = 0; word < Unit; word++) {
             // The first whole pixel of this word begins `skip` bits into it; what is before belongs to its
             // tail.
             const unsigned skip = (Unit - word * 8 % Unit) % Unit * 8;

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "model/adapter.h"
+#include "model/adapter_options.h"
 
 namespace model {
 

@@ -28,7 +28,7 @@ class StreamPace {
             begin_ = now;
             frames_ = 0;
         } else {
-            ++frames_;
+            frames_++;
         }
         last_ = now;
         if (frames_ < kFrames)

@@ -51,12 +51,12 @@ std::string contradiction(const TimingImages& images) {
     return cause;
 }
 
-double pixelClock(std::uint32_t pllWord) {
-    const std::uint32_t multiplier = pllWord >> 16 & 0xFF;
-    const std::uint32_t divider = pllWord & 0xFF;
+double pllClock(std::uint32_t word) {
+    const std::uint32_t multiplier = word >> 16 & 0xFF;
+    const std::uint32_t divider = word & 0xFF;
     if (divider == 0)
         return 0;
-    return reg::kPllReference * multiplier / divider / ((pllWord & reg::kPllHalve) != 0 ? 2 : 1);
+    return reg::kPllReference * multiplier / divider / ((word & reg::kPllHalve) != 0 ? 2 : 1);
 }
 
 double refreshOf(const Timing& timing, double clock) {

@@ -27,12 +27,11 @@ Timing decodeTiming(const TimingImages& images);
 // What makes the images impossible, as one phrase; empty when they agree.
 std::string contradiction(const TimingImages& images);
 
-// Hz; 0 for a word that divides by nothing or multiplies by nothing.
-double pixelClock(std::uint32_t pllWord);
+// The pixel clock in Hz that a word of the PLL register gives; 0 when its divider or its multiplier is 0.
+double pllClock(std::uint32_t word);
 
-// The refresh rate that the clock gives for this timing, and the nominal one it stands for: a rate the
-// adapter has modes for, at most 1 % away. The registers do not carry the rate, so a clock is right when
-// there is one.
+// The refresh rate that the clock gives for this timing, and the nominal rate: one that the adapter has modes
+// for, at most 1 % away. The registers do not carry the rate, so a clock is right when there is one.
 double refreshOf(const Timing& timing, double clock);
 std::optional<unsigned> nominalRefresh(const Timing& timing, double clock);
 

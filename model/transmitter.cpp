@@ -62,7 +62,7 @@ std::uint8_t sum(const std::vector<std::uint8_t>& bytes) {
 
 Transmitter::Transmitter(ViolationLog& violations, DdcBus& ddc) : violations_(violations), ddc_(ddc) {
     auto& common = registers_[0];
-    for (unsigned i = 0; i < 4; ++i)
+    for (unsigned i = 0; i < 4; i++)
         common[tx::kIdentity + i] = static_cast<std::uint8_t>(tx::kIdentityWord >> 8 * i);
     common[tx::kPowerReference] = 1;
     common[tx::kBank] = 0x78;
@@ -100,7 +100,7 @@ I2cAnswer Transmitter::read(std::uint8_t, std::uint8_t offset, usb::Time now) {
     if (!mayAccess(group, false, now))
         return answer;
     const unsigned bank = bank0(tx::kBank) & tx::kBankSelect;
-    for (unsigned i = 0; i < 4; ++i)
+    for (unsigned i = 0; i < 4; i++)
         answer.data |= static_cast<std::uint32_t>(readByte(bank, static_cast<std::uint8_t>(group + i), now))
                        << 8 * i;
     return answer;
@@ -114,7 +114,7 @@ I2cAnswer Transmitter::write(std::uint8_t, std::uint8_t offset, std::uint32_t da
     const std::uint8_t group = offset & 0xFC;
     if (mayAccess(group, true, now)) {
         const unsigned bank = bank0(tx::kBank) & tx::kBankSelect;
-        for (unsigned i = 0; i < 4; ++i)
+        for (unsigned i = 0; i < 4; i++)
             writeByte(bank, static_cast<std::uint8_t>(group + i), static_cast<std::uint8_t>(data >> 8 * i),
                       now);
     }
@@ -283,7 +283,7 @@ void Transmitter::startDdcRead(usb::Time now) {
     DdcBus::ReadResult result{Kind::NotAcknowledged, 0};
     if (bank0(tx::kDdcAddress) == i2c::kEdid << 1)
         result = ddc_.read(bank0(tx::kDdcSegment), bank0(tx::kDdcOffset), {bytes, count});
-    for (unsigned i = tx::kDdcShift; i < result.bytes; ++i)
+    for (unsigned i = tx::kDdcShift; i < result.bytes; i++)
         ddcFifo_.push_back(bytes[i]);
 
     // Segment pointer and address, address and offset, address, data; nine bits each.
@@ -348,7 +348,7 @@ void Transmitter::checkVideoPath(usb::Time now) {
 AviInfoFrame Transmitter::aviInfoFrame() const {
     AviInfoFrame frame;
     frame.bytes = {0x82, 0x02, 0x0D, bank1(tx::kAviChecksum)};
-    for (std::uint8_t reg = tx::kAviData; reg < tx::kAviData + 14; ++reg)
+    for (std::uint8_t reg = tx::kAviData; reg < tx::kAviData + 14; reg++)
         if (reg != tx::kAviChecksum)
             frame.bytes.push_back(bank1(reg));
     frame.version = 2;
@@ -389,7 +389,7 @@ void Transmitter::checkAvi(usb::Time now) {
 AudioInfoFrame Transmitter::audioInfoFrame() const {
     AudioInfoFrame frame;
     frame.bytes = {0x84, 0x01, 0x0A, bank1(tx::kAudioChecksum)};
-    for (std::uint8_t reg = tx::kAudioData; reg < tx::kAudioData + 5; ++reg)
+    for (std::uint8_t reg = tx::kAudioData; reg < tx::kAudioData + 5; reg++)
         frame.bytes.push_back(bank1(reg));
     frame.bytes.resize(14, 0);
     frame.checksum = bank1(tx::kAudioChecksum);

@@ -8,9 +8,10 @@
 #include <optional>
 #include <string_view>
 
-#include "model/adapter.h"
 #include "model/ddc.h"
+#include "model/faults.h"
 #include "model/i2c_device.h"
+#include "model/transmitter_report.h"
 #include "model/violation.h"
 
 namespace model {

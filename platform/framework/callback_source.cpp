@@ -9,7 +9,7 @@ using kernel::KernelGuard;
 void CallbackSource::noLongerExpected() {
     {
         KernelGuard guard;
-        --expected_;
+        expected_--;
     }
     kernel::wakeChannel(this);
 }

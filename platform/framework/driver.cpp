@@ -54,7 +54,7 @@ void deleteDriver() {
 
 void requireNoObjects(const char* call) {
     // What the platform itself still holds for an instant, such as the end of a completion, is no leak.
-    for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); ++i) {
+    for (int i = 0; i < kLastReleasePolls && !liveObjects().empty(); i++) {
         kernel::waitUntil(&*slot, {call, nullptr, nullptr}, kernel::now() + base::kMillisecond,
                           [] { return false; });
     }

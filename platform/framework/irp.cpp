@@ -45,8 +45,8 @@ bool Irp::restoreTop(PIRP irp) {
         irp->Tail.Overlay.CurrentStackLocation != &packet.top() + 1) {
         return false;
     }
-    --irp->CurrentLocation;
-    --irp->Tail.Overlay.CurrentStackLocation;
+    irp->CurrentLocation--;
+    irp->Tail.Overlay.CurrentStackLocation--;
     return true;
 }
 

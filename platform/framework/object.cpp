@@ -34,7 +34,7 @@ std::string Object::name() const {
 
 void Object::reference() {
     KernelGuard guard;
-    ++references_;
+    references_++;
 }
 
 void Object::release() {
@@ -49,8 +49,8 @@ void Object::release() {
 
 void Object::driverReference() {
     KernelGuard guard;
-    ++references_;
-    ++driverReferences_;
+    references_++;
+    driverReferences_++;
 }
 
 void Object::driverDereference(std::string_view call) {
@@ -59,7 +59,7 @@ void Object::driverDereference(std::string_view call) {
         KernelGuard guard;
         tooOften = driverReferences_ == 0;
         if (!tooOften) {
-            --driverReferences_;
+            driverReferences_--;
         }
     }
     if (tooOften) {
@@ -299,7 +299,7 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
         parent->children_.push_back(&object);
         object.parent_ = parent;
         object.executionLevel_ = parent->executionLevel_;
-        ++parent->references_;
+        parent->references_++;
     }
     if (attributes != nullptr && attributes->ExecutionLevel != WdfExecutionLevelInheritFromParent) {
         object.executionLevel_ = attributes->ExecutionLevel;

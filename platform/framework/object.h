@@ -129,7 +129,7 @@ class Object {
 
     template <typename T>
     static Ref<T> refLocked(T* object) {
-        ++object->references_;
+        object->references_++;
         return Ref<T>::adopt(object);
     }
 

@@ -38,7 +38,7 @@ ObjectTable::~ObjectTable() {
 }
 
 void* ObjectTable::add(Object& object, Kind kind) {
-    ++creations_;
+    creations_++;
     std::uint32_t index = 0;
     if (free_.size() > kRestingEntries) {
         index = free_.front();
@@ -48,7 +48,7 @@ void* ObjectTable::add(Object& object, Kind kind) {
         slots_.emplace_back();
     }
     Slot& slot = slots_[index];
-    ++slot.generation;
+    slot.generation++;
     slot.object = &object;
     slot.fate = Fate::Alive;
     slot.kind = kind;

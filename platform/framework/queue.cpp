@@ -56,7 +56,7 @@ void Queue::presentWaiting() {
             }
             next = std::move(waiting_.front());
             waiting_.pop_front();
-            ++presented_;
+            presented_++;
         }
         present(std::move(next));
     }
@@ -85,7 +85,7 @@ void Queue::present(Ref<Request> request) {
 void Queue::requestDone() {
     {
         KernelGuard guard;
-        --presented_;
+        presented_--;
     }
     kernel::wakeChannel(this);
     presentWaiting();

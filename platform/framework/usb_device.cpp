@@ -132,7 +132,7 @@ NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* 
     case WdfUsbTargetDeviceSelectConfigTypeMultiInterface:
         break;
     case WdfUsbTargetDeviceSelectConfigTypeInterfacesPairs:
-        for (UCHAR i = 0; i < params.Types.MultiInterface.NumberInterfaces; ++i) {
+        for (UCHAR i = 0; i < params.Types.MultiInterface.NumberInterfaces; i++) {
             const WDF_USB_INTERFACE_SETTING_PAIR& pair = params.Types.MultiInterface.Pairs[i];
             const auto interface = call.object<UsbInterface>(pair.UsbInterface);
             const auto found = std::find(interfaces_.begin(), interfaces_.end(), interface.get());
@@ -150,7 +150,7 @@ NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* 
     }
     const auto& header = *reinterpret_cast<const USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data());
     NTSTATUS status = standardRequest(0, kSetConfiguration, header.bConfigurationValue, 0, nullptr, 0).status;
-    for (std::size_t i = 0; NT_SUCCESS(status) && i < interfaces_.size(); ++i) {
+    for (std::size_t i = 0; NT_SUCCESS(status) && i < interfaces_.size(); i++) {
         // The configuration starts with setting 0 everywhere (USB 2.0, 9.4.7).
         if (settings[i] != 0) {
             status = setInterface(*interfaces_[i], settings[i]);

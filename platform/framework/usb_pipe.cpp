@@ -97,12 +97,12 @@ NTSTATUS UsbPipe::reset() {
 
 void UsbPipe::urbStarted() {
     KernelGuard guard;
-    ++urbsOut_;
+    urbsOut_++;
 }
 
 void UsbPipe::urbEnded() {
     KernelGuard guard;
-    --urbsOut_;
+    urbsOut_--;
 }
 
 unsigned UsbPipe::urbsOut() const {

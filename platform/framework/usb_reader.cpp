@@ -125,7 +125,7 @@ void Reader::completed(Read& read, const TransferResult& result) {
         KernelGuard guard;
         again = running_ && !recovering_ && NT_SUCCESS(result.status);
         if (!again) {
-            --out_;
+            out_--;
             recover = running_ && !recovering_;
             if (recover) {
                 recovering_ = true;

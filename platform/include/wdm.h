@@ -367,7 +367,7 @@ extern "C" DECLSPEC_NORETURN void KernelAssertionFailed(const char* condition, c
 inline SIZE_T RtlCompareMemory(const VOID* first, const VOID* second, SIZE_T length) {
     SIZE_T equal = 0;
     while (equal < length && ((const UCHAR*)first)[equal] == ((const UCHAR*)second)[equal]) {
-        ++equal;
+        equal++;
     }
     return equal;
 }

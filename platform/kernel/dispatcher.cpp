@@ -66,7 +66,7 @@ bool trySatisfy(DISPATCHER_HEADER& header, Task& task) {
         if (header.SignalState <= 0 && ownerOf(header) != &task) {
             return false;
         }
-        --header.SignalState;
+        header.SignalState--;
         mutant.OwnerThread = &threadObjectOf(task);
         return true;
     }
@@ -80,7 +80,7 @@ bool trySatisfy(DISPATCHER_HEADER& header, Task& task) {
 }
 
 void unlinkAll(Wait& wait) {
-    for (unsigned i = 0; i < wait.count; ++i) {
+    for (unsigned i = 0; i < wait.count; i++) {
         RemoveEntryList(&wait.entries[i].link);
     }
 }
@@ -106,7 +106,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
     Task& self = currentTask();
     KernelGuard guard;
     int satisfiedBy = -1;
-    for (unsigned i = 0; i < objects.size() && satisfiedBy < 0; ++i) {
+    for (unsigned i = 0; i < objects.size() && satisfiedBy < 0; i++) {
         if (trySatisfy(*static_cast<DISPATCHER_HEADER*>(objects[i]), self)) {
             satisfiedBy = static_cast<int>(i);
         }
@@ -116,7 +116,7 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
         wait.task = &self;
         wait.count = static_cast<unsigned>(objects.size());
         wait.satisfiedBy = -1;
-        for (unsigned i = 0; i < wait.count; ++i) {
+        for (unsigned i = 0; i < wait.count; i++) {
             auto* header = static_cast<DISPATCHER_HEADER*>(objects[i]);
             wait.entries[i] = {{}, &wait, header, i};
             InsertTailList(&header->WaitListHead, &wait.entries[i].link);

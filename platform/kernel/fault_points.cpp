@@ -53,7 +53,7 @@ std::string faultDescription() {
 
 bool faultPoint(FaultKind kind, std::string_view what) {
     KernelLockIfFree guard;
-    ++faults->reached;
+    faults->reached++;
     if (faults->armed == 0) {
         return false;
     }

@@ -45,7 +45,7 @@ class Baton {
 class FutexLock {
   public:
     void lock() {
-        for (int spin = 0; spin < 100; ++spin) {
+        for (int spin = 0; spin < 100; spin++) {
             if (tryLock()) {
                 return;
             }

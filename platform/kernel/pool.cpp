@@ -355,7 +355,7 @@ std::vector<PoolUse> poolInUse() {
     for (const auto& [address, block] : pool->live) {
         PoolUse& use = byTag[block.tag];
         use.tag = block.tag;
-        ++use.blocks;
+        use.blocks++;
         use.bytes += block.size;
     }
     std::vector<PoolUse> result;

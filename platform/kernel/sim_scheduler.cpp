@@ -117,7 +117,7 @@ SimCore::SimCore(const SchedulerOptions& options) : Core(options), random_(optio
     if (options_.strategy == Strategy::Pct) {
         // How long the run will be is not known. Steps whose logarithms are equally distributed hit the
         // early and the late part of short and of long runs alike.
-        for (unsigned i = 0; i < options_.pctDepth; ++i) {
+        for (unsigned i = 0; i < options_.pctDepth; i++) {
             const double exponent = static_cast<double>(random_.next() >> 11) * 0x1p-53 * 20.0;
             priorityChanges_.push_back(static_cast<std::uint64_t>(std::exp2(exponent)));
         }
@@ -133,7 +133,7 @@ bool SimCore::mayRun(const Task& task) const {
     if (task.kind == TaskKind::Dpc) {
         return processors_[task.processor].occupant == nullptr;
     }
-    for (unsigned i = 0; i < options_.processors; ++i) {
+    for (unsigned i = 0; i < options_.processors; i++) {
         if (processors_[i].occupant == nullptr) {
             return true;
         }
@@ -156,7 +156,7 @@ Task* SimCore::pick(Task* self) {
         Task* only = self;
         for (Task* task : ready_) {
             if (mayRun(*task)) {
-                ++candidates;
+                candidates++;
                 only = task;
             }
         }
@@ -290,7 +290,7 @@ void SimCore::raise(Task& self, unsigned level) {
         // The task was running, so at least one processor has no occupant.
         std::array<unsigned, 4> free{};
         unsigned count = 0;
-        for (unsigned i = 0; i < options_.processors; ++i) {
+        for (unsigned i = 0; i < options_.processors; i++) {
             if (processors_[i].occupant == nullptr) {
                 free[count++] = i;
             }
@@ -322,7 +322,7 @@ bool SimCore::block(Task& self, const WaitReason& reason, Time deadline) {
         self.deadlineTimer = ++timersStarted_;
         timers_[{deadline, self.deadlineTimer}].task = &self;
     }
-    ++steps_;
+    steps_++;
     leaveProcessor(self);
     return self.woken;
 }

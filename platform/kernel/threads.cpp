@@ -91,7 +91,7 @@ void endThreadObject(Task& task) {
     satisfyWaiters(thread.Header);
     dropReference(thread);
     if (system) {
-        --threads->running;
+        threads->running--;
         wakeChannel(&runningChannel);
     }
 }
@@ -160,7 +160,7 @@ NTSTATUS PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBUTES, H
         KernelGuard guard;
         _KTHREAD& thread = createThreadObject(2); // the handle and the running thread
         thread.system = true;
-        ++threads->running;
+        threads->running++;
         *ThreadHandle = reinterpret_cast<HANDLE>(threads->lastHandle += 4);
         threads->handles[*ThreadHandle] = &thread;
         Task& task =
@@ -195,7 +195,7 @@ NTSTATUS ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE Obje
     }
     KernelGuard guard;
     _KTHREAD* thread = checkedHandle(Handle, "ObReferenceObjectByHandle");
-    ++thread->references;
+    thread->references++;
     *Object = thread;
     return STATUS_SUCCESS;
 }

@@ -153,7 +153,7 @@ struct LinkTiming::State : std::enable_shared_from_this<State> {
             if (transfer.type == TransferType::Bulk && !transfer.data.empty()) {
                 busy += item->movingUntil - item->movingSince;
                 bulkBytes += transfer.data.size();
-                ++bulkTransfers;
+                bulkTransfers++;
             }
         }
         hookCompletion(transfer, [self = shared_from_this(), item](Transfer&) { self->deviceDone(item); });

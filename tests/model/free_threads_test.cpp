@@ -20,19 +20,19 @@ TEST(FreeThreads, ShareOneAdapter) {
     constexpr unsigned kRounds = 100;
     std::atomic<unsigned> reports = 0;
     std::thread streaming([&] {
-        for (unsigned i = 0; i < kRounds; ++i)
+        for (unsigned i = 0; i < kRounds; i++)
             host.sendFrame(noise(pixels(mode), i / 2));
     });
     std::thread registers([&] {
-        for (unsigned i = 0; i < kRounds; ++i)
+        for (unsigned i = 0; i < kRounds; i++)
             host.read(reg::kStatus);
     });
     std::thread events([&] {
-        for (unsigned i = 0; i < kRounds; ++i)
+        for (unsigned i = 0; i < kRounds; i++)
             host.adapter.reportFrameError();
     });
     std::thread reader([&] {
-        for (unsigned i = 0; i < kRounds; ++i) {
+        for (unsigned i = 0; i < kRounds; i++) {
             std::uint8_t byte = 0;
             std::atomic<bool> ended = false;
             usb::Transfer read;
@@ -50,7 +50,7 @@ TEST(FreeThreads, ShareOneAdapter) {
         }
     });
     std::thread watcher([&] {
-        for (unsigned i = 0; i < kRounds; ++i) {
+        for (unsigned i = 0; i < kRounds; i++) {
             (void)host.adapter.picture();
             (void)host.adapter.statistics();
             (void)host.adapter.violations();

@@ -31,7 +31,7 @@ std::uint32_t Host::read(std::uint16_t offset) {
 
 void Host::write(std::uint16_t offset, std::uint32_t value) {
     std::vector<std::uint8_t> bytes(4);
-    for (unsigned i = 0; i < 4; ++i)
+    for (unsigned i = 0; i < 4; i++)
         bytes[i] = static_cast<std::uint8_t>(value >> 8 * i);
     control({0x40, 0x41, 0, offset, 4}, &bytes);
 }
@@ -52,7 +52,7 @@ bool Host::serial(std::uint32_t command) {
         control |= reg::kPowerStage2;
     write(reg::kSerialControl, (control & 0x7FFC0000) | command);
     clock.advance(3 * usb::kMillisecond);
-    for (unsigned poll = 0; poll < 10; ++poll) {
+    for (unsigned poll = 0; poll < 10; poll++) {
         if ((read(reg::kSerialControl) & reg::kSerialDone) != 0)
             return true;
         clock.advance(10 * usb::kMillisecond);
@@ -206,7 +206,7 @@ std::vector<std::uint8_t> Host::txDdcRead(std::uint8_t segment, std::uint8_t off
                  static_cast<std::uint32_t>(count) << 24);
     clock.advance(10 * usb::kMillisecond);
     std::vector<std::uint8_t> bytes;
-    for (unsigned i = 3; i < count; ++i)
+    for (unsigned i = 3; i < count; i++)
         bytes.push_back(txRead(0x17));
     return bytes;
 }
@@ -315,7 +315,7 @@ std::vector<std::uint8_t> noise(std::size_t bytes, std::uint32_t seed) {
 
 std::vector<std::uint8_t> edidOf(unsigned blocks) {
     std::vector<std::uint8_t> edid(blocks * 128);
-    for (std::size_t i = 0; i < edid.size(); ++i)
+    for (std::size_t i = 0; i < edid.size(); i++)
         edid[i] = static_cast<std::uint8_t>(i % 128 + 16 * (i / 128));
     return edid;
 }

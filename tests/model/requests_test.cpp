@@ -33,7 +33,7 @@ TEST(Requests, DescriptorsAreWellFormedOnBothLinks) {
             companions += whole[at + 1] == 48;
             if (whole[at + 1] != 5)
                 continue;
-            ++endpoints;
+            endpoints++;
             const unsigned packet = whole[at + 4] | whole[at + 5] << 8;
             if (whole[at + 2] == kBulkOutEndpoint) {
                 EXPECT_EQ(packet, link == usb::Speed::Super ? 1024u : 512u);
@@ -243,11 +243,11 @@ TEST(Requests, ACompletionMaySubmitAgain) {
     read.complete = [&](usb::Transfer& transfer) {
         if (transfer.status != usb::Status::Success)
             return;
-        ++reports;
+        reports++;
         host.adapter.submit(transfer);
     };
     host.adapter.submit(read);
-    for (unsigned i = 0; i < 5; ++i)
+    for (unsigned i = 0; i < 5; i++)
         host.adapter.reportFrameError();
     EXPECT_EQ(reports, 5u);
     host.adapter.cancel(read);

@@ -78,7 +78,7 @@ TEST_P(EveryRevision, ShowsThePictureAgainAfterSleepInMidStream) {
     plug();
     show(small);
     expectPicture(small, 1);
-    for (unsigned round = 0; round < 2; ++round) {
+    for (unsigned round = 0; round < 2; round++) {
         const auto frame = noise(pixels(small) * 3, round);
         host.sleep();
         // A stream that nobody stopped runs on while the adapter falls asleep and wakes, and its position
@@ -106,7 +106,7 @@ TEST_P(EveryRevision, ShowsThePictureAgainAfterDetachAndAttach) {
     plug();
     show(small);
     expectPicture(small, 1);
-    for (unsigned round = 0; round < 10; ++round) {
+    for (unsigned round = 0; round < 10; round++) {
         host.adapter.detachMonitor();
         EXPECT_EQ(host.adapter.darkReason(), "no monitor is attached");
         host.disableOutput();
@@ -150,13 +150,13 @@ TEST(Sequences, TellAWrongPllWord) {
         Timing timing;
         timing.horizontalTotal = mode.horizontalTotal;
         timing.verticalTotal = mode.verticalTotal;
-        EXPECT_EQ(nominalRefresh(timing, pixelClock(mode.pll)) == mode.refresh, !missesItsClock(mode));
+        EXPECT_EQ(nominalRefresh(timing, pllClock(mode.pll)) == mode.refresh, !missesItsClock(mode));
         for (const Mode& other : kModes) {
-            const double ratio = pixelClock(other.pll) / pixelClock(mode.pll);
+            const double ratio = pllClock(other.pll) / pllClock(mode.pll);
             if (ratio > 0.98 && ratio < 1.02)
                 continue;
-            ++wrong;
-            const auto refresh = nominalRefresh(timing, pixelClock(other.pll));
+            wrong++;
+            const auto refresh = nominalRefresh(timing, pllClock(other.pll));
             accepted += refresh.has_value();
             EXPECT_NE(refresh, mode.refresh);
         }

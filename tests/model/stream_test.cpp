@@ -74,7 +74,7 @@ Plain readPlainly(const Bytes& stream, unsigned unit, std::size_t most) {
     Plain plain;
     while (plain.pixels.size() < most * unit && plain.taken + unit <= stream.size()) {
         std::uint32_t value = 0;
-        for (unsigned i = 0; i < unit; ++i)
+        for (unsigned i = 0; i < unit; i++)
             value |= static_cast<std::uint32_t>(stream[plain.taken + i]) << 8 * i;
         const std::uint32_t flag = 1u << (8 * unit - 1);
         if ((value & flag) != 0) {
@@ -83,12 +83,12 @@ Plain readPlainly(const Bytes& stream, unsigned unit, std::size_t most) {
                 value <<= 1;
             if (unit == 3)
                 value = (value & 0xFFFF) | value >> 16 << 17;
-            for (unsigned i = 0; i < unit; ++i)
+            for (unsigned i = 0; i < unit; i++)
                 plain.pixels.push_back(static_cast<std::uint8_t>(value >> 8 * i));
         } else {
             if (value == 0 || plain.pixels.empty() || plain.pixels.size() / unit + value > most)
                 break;
-            for (std::uint32_t i = 0; i < value * unit; ++i)
+            for (std::uint32_t i = 0; i < value * unit; i++)
                 plain.pixels.push_back(plain.pixels[plain.pixels.size() - unit]);
         }
         plain.taken += unit;
@@ -147,7 +147,7 @@ TEST(Picture, WidensEveryFormatSoThatBlackAndWhiteStay) {
 TEST(Picture, ChecksumSeesEveryByteAndItsPlace) {
     for (const std::size_t size : {1u, 7u, 8u, 31u, 32u, 33u, 100u}) {
         const Bytes bytes = noise(size, 5);
-        for (std::size_t i = 0; i < size; ++i) {
+        for (std::size_t i = 0; i < size; i++) {
             Bytes other = bytes;
             other[i] ^= 0x10;
             EXPECT_NE(checksum(other), checksum(bytes));
@@ -240,7 +240,7 @@ TEST_F(Stream, DecodesEveryLayoutOfTheFormatRegister) {
         {kRgb8, 2, PixelFormat::Rgb8},
         {kCompressed, 2, PixelFormat::Bgr24Red7},
         {kCompressed | kRgb555, 2, PixelFormat::Rgb555},
-        {kCompressed | kRgb565, 2, PixelFormat::Rgb555}, // a literal has 15 bits of colour only
+        {kCompressed | kRgb565, 2, PixelFormat::Rgb555}, // a literal has 15 bits of color only
         {kCompressed | kRgb8, 0, PixelFormat::Rgb8},
         {kCompressed | kRgb8, 2, PixelFormat::Bgr24Red7}, // revision 2 has no 1-byte units
     };
@@ -277,7 +277,7 @@ TEST_F(Stream, TellsTheListenerOfNewPicturesOnly) {
     start();
     unsigned calls = 0;
     host.adapter.setScreenListener([&] {
-        ++calls;
+        calls++;
         EXPECT_TRUE(host.adapter.picture()) << "called without the lock";
     });
     host.sendFrame(frame(1));
@@ -313,7 +313,7 @@ TEST_F(Stream, ReportsFrameErrorsWhenTheLinkStarvesIt) {
         host.displayOff();
         host.setMode(mode, kBgr24, true, armed);
         const std::uint64_t before = host.adapter.statistics().frameErrors;
-        for (unsigned i = 0; i < frames; ++i) {
+        for (unsigned i = 0; i < frames; i++) {
             host.sendFrame(same);
             host.clock.advance(interval);
         }

@@ -208,7 +208,7 @@ TEST_F(TransmitterTest, AnAbortFreesABusyBusButNotAStuckOne) {
         unsigned count = 0;
         while (count < 200 && (host.txRead(0x16) & 0xB8) == 0) {
             host.clock.advance(50 * usb::kMillisecond);
-            ++count;
+            count++;
         }
         return count;
     };

@@ -83,7 +83,7 @@ struct BulkTransfer {
         self.usb = *params->Parameters.Usb.Completion;
         self.completedAt = kernel::now();
         self.completedIrql = KeGetCurrentIrql();
-        ++self.completions;
+        self.completions++;
         if (self.onCompletion) {
             self.onCompletion();
         }

@@ -36,10 +36,10 @@ void notificationEventsReleaseAllAndSynchronizationEventsOne() {
         KeInitializeEvent(&event, type, FALSE);
         std::atomic<int> released = 0;
         std::vector<Task*> tasks;
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < 3; i++) {
             tasks.push_back(&spawn("waiter", TaskKind::Host, [&] {
                 EXPECT_EQ(waitFor(&event), STATUS_SUCCESS);
-                ++released;
+                released++;
                 if (type == SynchronizationEvent) {
                     KeSetEvent(&event, 0, FALSE);
                 }
@@ -114,21 +114,21 @@ void mutexesExcludeAndNest() {
     int inside = 0;
     int total = 0;
     const auto work = [&] {
-        for (int i = 0; i < 5; ++i) {
+        for (int i = 0; i < 5; i++) {
             LARGE_INTEGER slice = relative(50 * usb::kMillisecond);
             while (waitFor(&mutex, &slice) == STATUS_TIMEOUT) {
             }
             EXPECT_EQ(waitFor(&mutex), STATUS_SUCCESS); // again, by its owner
             EXPECT_EQ(++inside, 1);
             schedulingPoint(Point::Yield);
-            --inside;
-            ++total;
+            inside--;
+            total++;
             KeReleaseMutex(&mutex, FALSE);
             KeReleaseMutex(&mutex, FALSE);
         }
     };
     std::vector<Task*> tasks;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 3; i++) {
         tasks.push_back(&spawn("worker", TaskKind::Host, work));
     }
     for (Task* task : tasks) {
@@ -150,14 +150,14 @@ void spinLocksExcludeDpcsAndTasks() {
         EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
         EXPECT_EQ(++inside, 1);
         schedulingPoint(Point::Yield);
-        --inside;
-        ++total;
+        inside--;
+        total++;
         KeReleaseSpinLock(&lock, old);
     };
     std::vector<Task*> tasks;
-    for (int i = 0; i < 2; ++i) {
+    for (int i = 0; i < 2; i++) {
         tasks.push_back(&spawn("task", TaskKind::Host, [&] {
-            for (int k = 0; k < 4; ++k) {
+            for (int k = 0; k < 4; k++) {
                 queueDpc(count);
                 count();
             }
@@ -232,7 +232,7 @@ class FreeDispatcher : public ::testing::TestWithParam<void (*)()> {};
 
 TEST_P(Dispatcher, HoldsUnderEverySchedule) {
     for (unsigned processors : {1u, 2u, 4u}) {
-        for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 40; seed++) {
             for (Strategy strategy : {Strategy::InOrder, Strategy::Random, Strategy::Pct}) {
                 const auto report = run(sim(strategy, seed, processors), GetParam());
                 ASSERT_FALSE(report) << report->text();
@@ -242,7 +242,7 @@ TEST_P(Dispatcher, HoldsUnderEverySchedule) {
 }
 
 TEST_P(FreeDispatcher, HoldsOnRealThreads) {
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 10; i++) {
         const auto report = run(freeRunning(), GetParam());
         ASSERT_FALSE(report) << report->text();
     }
@@ -265,7 +265,7 @@ INSTANTIATE_TEST_SUITE_P(Kernel, FreeDispatcher, kProperties, propertyName);
 TEST(SpinLock, IsContendedOnlyBetweenProcessors) {
     for (unsigned processors : {1u, 2u}) {
         bool contended = false;
-        for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 50; seed++) {
             run(sim(Strategy::Random, seed, processors), [&] {
                 KSPIN_LOCK lock;
                 KeInitializeSpinLock(&lock);

@@ -167,7 +167,7 @@ TEST_F(FrameworkIo, ACompletionRoutineMaySendItsRequestAgain) {
 TEST(FrameworkUsb, ACompletionMayComeInsideTheSendOrThroughADpc) {
     int inside = 0;
     int later = 0;
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 20; seed++) {
         usb::HostOptions host;
         host.link.latency = 0;
         host.inlineCompletion = usb::InlineCompletion::Explored;
@@ -387,7 +387,7 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
             };
             EXPECT_TRUE(transfer.send(target, 512, WDF_REL_TIMEOUT_IN_SEC(2)));
         }
-        for (int round = 0; round < 20; ++round) {
+        for (int round = 0; round < 20; round++) {
             WDF_USB_CONTROL_SETUP_PACKET setup;
             WDF_USB_CONTROL_SETUP_PACKET_INIT_VENDOR(&setup, BmRequestDeviceToHost, BmRequestToDevice, 0x40,
                                                      0, 0);

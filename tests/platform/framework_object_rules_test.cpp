@@ -32,14 +32,14 @@ std::vector<FrameworkCase> objectCases() {
          [](World& world) {
              const WDFCOLLECTION old = world.makeObject();
              WdfObjectDelete(old);
-             for (int i = 0; i < 3000; ++i) {
+             for (int i = 0; i < 3000; i++) {
                  WdfObjectDelete(world.makeObject());
              }
              (void)WdfCollectionGetCount(old);
          },
          [](World& world) {
              const WDFCOLLECTION old = world.makeObject();
-             for (int i = 0; i < 3000; ++i) {
+             for (int i = 0; i < 3000; i++) {
                  WdfObjectDelete(world.makeObject());
              }
              EXPECT_EQ(WdfCollectionGetCount(old), 0u);
@@ -244,7 +244,7 @@ std::vector<FrameworkCase> levelAndLockCases() {
          },
          [](World& world) {
              const WDFWAITLOCK lock = world.makeWaitLock();
-             for (int i = 0; i < 2; ++i) {
+             for (int i = 0; i < 2; i++) {
                  EXPECT_EQ(WdfWaitLockAcquire(lock, nullptr), STATUS_SUCCESS);
                  WdfWaitLockRelease(lock);
              }

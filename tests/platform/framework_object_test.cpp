@@ -291,7 +291,7 @@ TEST_F(FrameworkCallbacks, AWorkItemRunsOncePerEnqueueAtPassiveLevelAndIsWaitedF
 
 // The device may go while such an item is queued or runs; seeds decide which.
 TEST(FrameworkWorkItem, AWorkItemMayDeleteItselfWhileItsDeviceGoes) {
-    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 50; seed++) {
         FrameworkBench seeded(seed);
         seeded.run([&] {
             seeded.plug();

@@ -31,7 +31,7 @@ struct Sent {
         transfer.data = data;
         transfer.complete = [this](usb::Transfer&) {
             endedAt = now();
-            ++completions;
+            completions++;
         };
     }
     Sent(const Sent&) = delete;
@@ -198,7 +198,7 @@ TEST(LinkTiming, ADeafDeviceHoldsUpWhatFollows) {
 TEST(Host, DeliversByDpcOrInsideAsTheScheduleChooses) {
     for (usb::InlineCompletion mode : {usb::InlineCompletion::Never, usb::InlineCompletion::Explored}) {
         int inside = 0;
-        for (std::uint64_t seed = 1; seed <= 40; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 40; seed++) {
             Scheduler scheduler(sim(Strategy::Random, seed));
             scheduler.run([&] {
                 ScriptedDevice device(usb::Speed::Super);
@@ -210,7 +210,7 @@ TEST(Host, DeliversByDpcOrInsideAsTheScheduleChooses) {
                 Sent sent(TransferType::Bulk, kOut, 0);
                 bool submitting = true;
                 sent.transfer.complete = [&](usb::Transfer&) {
-                    ++sent.completions;
+                    sent.completions++;
                     const bool isDpc = taskKind(currentTask()) == TaskKind::Dpc;
                     EXPECT_EQ(isDpc, currentIrql() == kDispatchLevel);
                     inside += submitting && !isDpc ? 1 : 0;
@@ -273,7 +273,7 @@ void endsExactlyOnce(const SchedulerOptions& options) {
         ScriptedDevice device(usb::Speed::Super);
         usb::Host host(device, scheduler.clock(), {});
         std::deque<Sent> all;
-        for (int i = 0; i < 30; ++i) {
+        for (int i = 0; i < 30; i++) {
             all.emplace_back(i % 3 == 0 ? TransferType::Control : TransferType::Bulk,
                              static_cast<std::uint8_t>(i % 3 == 0 ? 0 : kOut),
                              40u * static_cast<unsigned>(i));
@@ -307,13 +307,13 @@ void endsExactlyOnce(const SchedulerOptions& options) {
 }
 
 TEST(Host, EveryTransferEndsExactlyOnce) {
-    for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 300; seed++) {
         endsExactlyOnce(sim(seed % 2 == 0 ? Strategy::Random : Strategy::Pct, seed));
     }
 }
 
 TEST(FreeHost, EveryTransferEndsExactlyOnce) {
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; i++) {
         endsExactlyOnce(freeRunning());
     }
 }

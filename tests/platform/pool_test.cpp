@@ -47,7 +47,7 @@ TEST(Pool, BlocksAreAlignedFilledAndCounted) {
 // A large block that comes out of the cache again must look as fresh as a new one.
 TEST(Pool, ReusedBlocksAreFresh) {
     run(sim(Strategy::InOrder), [] {
-        for (int round = 0; round < 3; ++round) {
+        for (int round = 0; round < 3; round++) {
             UCHAR* block = allocate(1'000'000);
             for (SIZE_T i = 0; i < 1'000'000; i += 997) {
                 ASSERT_EQ(block[i], kFreshFill) << "round " << round << ", byte " << i;
@@ -83,7 +83,7 @@ TEST(FaultPoints, TheArmedOneFails) {
          {FaultCase{FaultMode::Once, "-x---- "}, FaultCase{FaultMode::Sticky, "-xxxxx "}}) {
         armFault(2, test.mode);
         std::string failures;
-        for (int i = 0; i < 6; ++i) {
+        for (int i = 0; i < 6; i++) {
             failures += faultPoint(FaultKind::Allocation, "allocate") ? 'x' : '-';
             if (i == 2) {
                 failures += faultPoint(FaultKind::Creation, "create") ? "created" : "";

@@ -46,7 +46,7 @@ INSTANTIATE_TEST_SUITE_P(All, Rules, ::testing::ValuesIn(allRules()));
 
 TEST(RuleTable, ShowsEveryRule) {
     const std::vector<RuleCase> cases = allRules();
-    for (std::size_t i = 0; i < verifier::kRuleCount; ++i) {
+    for (std::size_t i = 0; i < verifier::kRuleCount; i++) {
         const auto rule = static_cast<Rule>(i);
         EXPECT_TRUE(std::any_of(cases.begin(), cases.end(),
                                 [rule](const RuleCase& test) { return test.rule == rule; }))

@@ -21,7 +21,7 @@ std::string trace(const SchedulerOptions& options) {
         std::vector<Task*> tasks;
         for (char name : {'a', 'b', 'c'}) {
             tasks.push_back(&spawn(std::string(1, name), TaskKind::Host, [&trace, name] {
-                for (int i = 0; i < 4; ++i) {
+                for (int i = 0; i < 4; i++) {
                     trace += name;
                     schedulingPoint(Point::Interlocked);
                 }
@@ -39,7 +39,7 @@ TEST(SimScheduler, ASeedNamesOneScheduleAndSeedsExploreMany) {
     EXPECT_EQ(trace(sim(Strategy::InOrder)), "aaaabbbbcccc");
     for (Strategy strategy : {Strategy::Random, Strategy::Pct}) {
         std::set<std::string> seen;
-        for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 200; seed++) {
             const std::string once = trace(sim(strategy, seed));
             EXPECT_EQ(once, trace(sim(strategy, seed)));
             seen.insert(once);
@@ -52,12 +52,12 @@ TEST(SimScheduler, ASeedNamesOneScheduleAndSeedsExploreMany) {
 TEST(SimScheduler, EveryExploringStrategyFindsTheTornPair) {
     for (Strategy strategy : {Strategy::Random, Strategy::Pct}) {
         int torn = 0;
-        for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 100; seed++) {
             run(sim(strategy, seed), [&torn] {
                 int first = 0;
                 int second = 0;
                 Task& writer = spawn("writer", TaskKind::Host, [&] {
-                    for (int i = 1; i <= 3; ++i) {
+                    for (int i = 1; i <= 3; i++) {
                         first = i;
                         schedulingPoint(Point::Interlocked);
                         second = i;
@@ -97,11 +97,11 @@ TEST(SimScheduler, TimeJumpsToTheNextTimerAndKeepsTheOrder) {
 }
 
 TEST(SimScheduler, ClockActionsWithOneTimeRunInTheOrderScheduled) {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 20; seed++) {
         std::string order;
         Scheduler scheduler(sim(Strategy::Random, seed, 4));
         scheduler.run([&] {
-            for (char name = 'a'; name <= 'j'; ++name) {
+            for (char name = 'a'; name <= 'j'; name++) {
                 // Due before now, now and later alike.
                 scheduler.clock().schedule(name < 'd' ? -5 : 50, [&order, name] { order += name; });
             }
@@ -116,14 +116,14 @@ TEST(SimScheduler, DispatchLevelOccupiesOneProcessor) {
     for (unsigned processors : {1u, 2u}) {
         bool dpcRanDuring = false;
         bool passiveRanDuring = false;
-        for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+        for (std::uint64_t seed = 1; seed <= 50; seed++) {
             run(sim(Strategy::Random, seed, processors), [&] {
                 bool raised = false;
                 Task& other = spawn("other", TaskKind::Host, [&] { passiveRanDuring |= raised; });
                 const unsigned old = raiseIrql(kDispatchLevel);
                 raised = true;
                 queueDpc([&] { dpcRanDuring |= raised; });
-                for (int i = 0; i < 10; ++i) {
+                for (int i = 0; i < 10; i++) {
                     schedulingPoint(Point::Yield);
                 }
                 raised = false;
@@ -138,10 +138,10 @@ TEST(SimScheduler, DispatchLevelOccupiesOneProcessor) {
 }
 
 TEST(SimScheduler, DpcsOfOneProcessorRunOneAtATimeInOrder) {
-    for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 50; seed++) {
         std::string order;
         run(sim(Strategy::Random, seed, 2), [&order] {
-            for (char name = 'a'; name <= 'e'; ++name) {
+            for (char name = 'a'; name <= 'e'; name++) {
                 queueDpc(
                     [&order, name] {
                         order += name;
@@ -214,7 +214,7 @@ TEST(SimScheduler, RunsThatCannotEndAreReportedWithTheirTasks) {
 
 // The rest holds under both schedulers.
 void eitherWay(const std::function<void(const SchedulerOptions&)>& test) {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 20; seed++) {
         test(sim(Strategy::Random, seed));
         test(sim(Strategy::Pct, seed));
     }
@@ -227,9 +227,9 @@ void workersNeverHoldBackEachOther(const SchedulerOptions& options) {
     const auto report = run(options, [&] {
         queueWork("blocked", [&] {
             waitUntil(&channel, {"test", &channel, nullptr}, kForever, [&] { return released.load(); });
-            ++done;
+            done++;
         });
-        for (int i = 0; i < 5; ++i) {
+        for (int i = 0; i < 5; i++) {
             queueWork("quick", [&] {
                 EXPECT_EQ(currentIrql(), kPassiveLevel);
                 if (++done == 5) {
@@ -267,7 +267,7 @@ void aStopParksEveryTask(const SchedulerOptions& options) {
                 verifier::fail(verifier::Rule::Argument, "the call", "the object", "the detail");
             });
             join(bad);
-            ++after;
+            after++;
         });
         ASSERT_TRUE(report);
         EXPECT_EQ(report->task, "bad");
@@ -282,9 +282,9 @@ void timersFireAndCanBeCancelled(const SchedulerOptions& options) {
     const int channel = 0;
     const auto report = run(options, [&] {
         const TimerId later = startTimer(now() + 3600 * usb::kSecond, [&] { fired += 100; });
-        for (int i = 0; i < 10; ++i) {
+        for (int i = 0; i < 10; i++) {
             startTimer(now() + i * usb::kMicrosecond, [&] {
-                ++fired;
+                fired++;
                 wakeChannel(&channel);
             });
         }
@@ -342,7 +342,7 @@ TEST(SimScheduler, TasksThatWaitForeverAreNoDeadlockOnceTheHostIsDone) {
 
 void burn() {
     volatile unsigned sink = 0;
-    for (unsigned i = 0; i < 20'000'000; ++i) {
+    for (unsigned i = 0; i < 20'000'000; i++) {
         sink = sink + 1;
     }
 }

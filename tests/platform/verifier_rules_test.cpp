@@ -240,7 +240,7 @@ const KernelCase kCases[] = {
          KeAcquireSpinLock(&world.spinA, &old);
      },
      [](World& world) {
-         for (int i = 0; i < 2; ++i) {
+         for (int i = 0; i < 2; i++) {
              KIRQL old;
              KeAcquireSpinLock(&world.spinA, &old);
              KeReleaseSpinLock(&world.spinA, old);
@@ -396,7 +396,7 @@ const KernelCase kCases[] = {
          ExFreePoolWithTag(block, kTag);
      },
      [](World&) {
-         for (int i = 0; i < 2; ++i) {
+         for (int i = 0; i < 2; i++) {
              ExFreePoolWithTag(allocate(16), kTag);
          }
      }},
@@ -544,7 +544,7 @@ TEST(LockOrder, ReportsNameTheLocksAndBothPlaces) {
 
 // Interfaces: states and notifications as clients see them.
 TEST(Interfaces, NotifyInOrderAndAnswerAsTheSystemDoes) {
-    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+    for (std::uint64_t seed = 1; seed <= 20; seed++) {
         std::string changes;
         const auto report = run(sim(Strategy::Random, seed), [&changes] {
             static const GUID kClass = {1, 2, 3, {4, 5, 6, 7, 8, 9, 10, 11}};
