@@ -55,13 +55,16 @@ struct Adapter::State {
             const std::lock_guard guard(mutex);
             step(now, outcome);
             deliverReports(outcome);
-            if (outcome.screenChanged)
+            if (outcome.screenChanged) {
                 listener = screenListener;
+            }
         }
-        for (usb::Transfer* transfer : outcome.ended)
+        for (usb::Transfer* transfer : outcome.ended) {
             transfer->complete(*transfer);
-        if (listener)
+        }
+        if (listener) {
             listener();
+        }
     }
 
     void control(usb::Transfer& transfer, usb::Time now, Outcome& outcome);
@@ -96,25 +99,30 @@ void Adapter::State::control(usb::Transfer& transfer, usb::Time now, Outcome& ou
         unanswered.push_back(&transfer);
         return;
     }
-    if (std::exchange(stallNextControl, false))
+    if (std::exchange(stallNextControl, false)) {
         return end(outcome, transfer, usb::Status::Stalled);
+    }
     const usb::SetupPacket& setup = transfer.setup;
-    if ((setup.requestType & kTypeMask) != kTypeStandard)
+    if ((setup.requestType & kTypeMask) != kTypeStandard) {
         return accessRegister(transfer, now, outcome);
+    }
 
     const auto answer = standard.answer(setup);
-    if (standard.takePipeReset())
+    if (standard.takePipeReset()) {
         board.restartFraming();
+    }
     if (!answer) {
         // Hosts probe for descriptors that a device need not have; every other refusal is the host's mistake.
         constexpr std::uint8_t kGetDescriptor = 6;
-        if (setup.request != kGetDescriptor)
+        if (setup.request != kGetDescriptor) {
             violate(now, ViolationKind::BadRequest,
                     describe(setup) + " names what this adapter does not have");
+        }
         return end(outcome, transfer, usb::Status::Stalled);
     }
-    if (!transfer.isIn())
+    if (!transfer.isIn()) {
         return end(outcome, transfer, usb::Status::Success, transfer.data.size());
+    }
     const std::size_t count = std::min({answer->size(), std::size_t{setup.length}, transfer.data.size()});
     std::copy_n(answer->begin(), count, transfer.data.begin());
     end(outcome, transfer, usb::Status::Success, count);
@@ -126,23 +134,29 @@ void Adapter::State::accessRegister(usb::Transfer& transfer, usb::Time now, Outc
         violate(now, kind, fmt::format("{}: {}", describe(setup), why));
         end(outcome, transfer, usb::Status::Stalled);
     };
-    if (setup.request != kRegisterReadRequest && setup.request != kRegisterWriteRequest)
+    if (setup.request != kRegisterReadRequest && setup.request != kRegisterWriteRequest) {
         return refuse(ViolationKind::BadRequest, "no such vendor request");
+    }
     const bool read = setup.request == kRegisterReadRequest;
-    if (setup.requestType != (read ? kRegisterReadType : kRegisterWriteType))
+    if (setup.requestType != (read ? kRegisterReadType : kRegisterWriteType)) {
         return refuse(ViolationKind::BadRequest, "wrong direction, type or recipient");
-    if (setup.value != 0 || setup.length != kRegisterBytes || transfer.data.size() != kRegisterBytes)
+    }
+    if (setup.value != 0 || setup.length != kRegisterBytes || transfer.data.size() != kRegisterBytes) {
         return refuse(ViolationKind::BadRequest, "a register access has value 0 and 4 bytes of data");
-    if (!standard.configured())
+    }
+    if (!standard.configured()) {
         return refuse(ViolationKind::NotConfigured, "register access before SET_CONFIGURATION");
+    }
     if (read) {
         const std::uint32_t value = board.readRegister(setup.index, now);
-        for (unsigned i = 0; i < kRegisterBytes; i++)
+        for (unsigned i = 0; i < kRegisterBytes; i++) {
             transfer.data[i] = static_cast<std::uint8_t>(value >> 8 * i);
+        }
     } else {
         std::uint32_t value = 0;
-        for (unsigned i = 0; i < kRegisterBytes; i++)
+        for (unsigned i = 0; i < kRegisterBytes; i++) {
             value |= static_cast<std::uint32_t>(transfer.data[i]) << 8 * i;
+        }
         board.writeRegister(setup.index, value, now);
     }
     end(outcome, transfer, usb::Status::Success, kRegisterBytes);
@@ -156,8 +170,9 @@ void Adapter::State::bulk(usb::Transfer& transfer, usb::Time now, Outcome& outco
                 fmt::format("bulk transfer to endpoint 0x{:02X}, which is not there", transfer.endpoint));
         return end(outcome, transfer, usb::Status::Error);
     }
-    if (standard.halted(kBulkOutEndpoint))
+    if (standard.halted(kBulkOutEndpoint)) {
         return end(outcome, transfer, usb::Status::Stalled);
+    }
     outcome.screenChanged = board.receive(transfer.data, now);
     end(outcome, transfer, usb::Status::Success, transfer.data.size());
 }
@@ -169,21 +184,25 @@ void Adapter::State::interrupt(usb::Transfer& transfer, usb::Time now, Outcome& 
             fmt::format("interrupt transfer to endpoint 0x{:02X}, which is not there", transfer.endpoint));
         return end(outcome, transfer, usb::Status::Error);
     }
-    if (standard.halted(kInterruptInEndpoint))
+    if (standard.halted(kInterruptInEndpoint)) {
         return end(outcome, transfer, usb::Status::Stalled);
+    }
     interruptReads.push_back(&transfer);
 }
 
 void Adapter::State::deliverReports(Outcome& outcome) {
-    for (const std::uint8_t report : board.takeReports())
-        if (reports.size() < kReportsKept)
+    for (const std::uint8_t report : board.takeReports()) {
+        if (reports.size() < kReportsKept) {
             reports.push_back(report);
+        }
+    }
     while (!gone && !reports.empty() && !interruptReads.empty()) {
         usb::Transfer& read = *interruptReads.front();
         interruptReads.pop_front();
         const std::size_t count = std::min<std::size_t>(1, read.data.size());
-        if (count == 1)
+        if (count == 1) {
             read.data[0] = reports.front();
+        }
         reports.pop_front();
         board.statistics.interruptReports++;
         end(outcome, read, usb::Status::Success, count);
@@ -210,8 +229,9 @@ const AdapterOptions& Adapter::options() const {
 void Adapter::submit(usb::Transfer& transfer) {
     state_->run([&](usb::Time now, State::Outcome& outcome) {
         transfer.actual = 0;
-        if (state_->gone)
+        if (state_->gone) {
             return State::end(outcome, transfer, usb::Status::Gone);
+        }
         switch (transfer.type) {
         case usb::TransferType::Control:
             return state_->control(transfer, now, outcome);
@@ -225,18 +245,21 @@ void Adapter::submit(usb::Transfer& transfer) {
 
 void Adapter::cancel(usb::Transfer& transfer) {
     state_->run([&](usb::Time, State::Outcome& outcome) {
-        if (std::erase(state_->unanswered, &transfer) + std::erase(state_->interruptReads, &transfer) > 0)
+        if (std::erase(state_->unanswered, &transfer) + std::erase(state_->interruptReads, &transfer) > 0) {
             State::end(outcome, transfer, usb::Status::Cancelled);
+        }
     });
 }
 
 void Adapter::disconnect() {
     state_->run([&](usb::Time, State::Outcome& outcome) {
         state_->gone = true;
-        for (usb::Transfer* transfer : std::exchange(state_->unanswered, {}))
+        for (usb::Transfer* transfer : std::exchange(state_->unanswered, {})) {
             State::end(outcome, *transfer, usb::Status::Gone);
-        for (usb::Transfer* transfer : std::exchange(state_->interruptReads, {}))
+        }
+        for (usb::Transfer* transfer : std::exchange(state_->interruptReads, {})) {
             State::end(outcome, *transfer, usb::Status::Gone);
+        }
     });
 }
 
@@ -259,11 +282,13 @@ void Adapter::pulseHotPlug(usb::Time away) {
         back = now + away;
     });
     state_->clock.schedule(back, [weak = std::weak_ptr(state_), edid = std::move(edid)] {
-        if (const auto state = weak.lock())
+        if (const auto state = weak.lock()) {
             state->run([&](usb::Time, State::Outcome&) {
-                if (!state->gone && !state->board.ddc.attached())
+                if (!state->gone && !state->board.ddc.attached()) {
                     state->board.attachMonitor(edid);
+                }
             });
+        }
     });
 }
 
@@ -285,9 +310,11 @@ void Adapter::stall(std::uint8_t endpoint) {
             return;
         }
         state_->standard.halt(endpoint);
-        if (endpoint == kInterruptInEndpoint)
-            for (usb::Transfer* transfer : std::exchange(state_->interruptReads, {}))
+        if (endpoint == kInterruptInEndpoint) {
+            for (usb::Transfer* transfer : std::exchange(state_->interruptReads, {})) {
                 State::end(outcome, *transfer, usb::Status::Stalled);
+            }
+        }
     });
 }
 
@@ -301,16 +328,18 @@ void Adapter::setDeaf(Part part, bool deaf) {
         state_->board.serial.setDeaf(deaf);
         break;
     case Part::Transmitter:
-        if (state_->board.transmitter)
+        if (state_->board.transmitter) {
             state_->board.transmitter->setDeaf(deaf);
+        }
         break;
     }
 }
 
 void Adapter::setTransmitterFault(TransmitterFault fault) {
     const std::lock_guard guard(state_->mutex);
-    if (state_->board.transmitter)
+    if (state_->board.transmitter) {
         state_->board.transmitter->setFault(fault);
+    }
 }
 
 void Adapter::setDdcFault(DdcFault fault) {
@@ -325,8 +354,9 @@ void Adapter::limitDdcAnswers(std::optional<std::uint32_t> bytes) {
 
 void Adapter::setSpdifLock(std::optional<usb::Time> delay) {
     const std::lock_guard guard(state_->mutex);
-    if (state_->board.transmitter)
+    if (state_->board.transmitter) {
         state_->board.transmitter->setSpdifLock(delay);
+    }
 }
 
 // The memories.
@@ -361,8 +391,9 @@ void Adapter::refuseWrites(Memory which, bool refuse) {
 
 std::optional<Picture> Adapter::picture() const {
     const std::lock_guard guard(state_->mutex);
-    if (!state_->board.darkReason().empty())
+    if (!state_->board.darkReason().empty()) {
         return std::nullopt;
+    }
     return state_->board.picture();
 }
 
@@ -373,8 +404,9 @@ std::string Adapter::darkReason() const {
 
 std::optional<RawFrame> Adapter::rawFrame() const {
     const std::lock_guard guard(state_->mutex);
-    if (!state_->board.darkReason().empty())
+    if (!state_->board.darkReason().empty()) {
         return std::nullopt;
+    }
     return state_->board.frameMemory().frame();
 }
 
@@ -391,8 +423,9 @@ std::optional<OutputMode> Adapter::outputMode() const {
 std::optional<TransmitterReport> Adapter::transmitter() const {
     const usb::Time now = state_->clock.now();
     const std::lock_guard guard(state_->mutex);
-    if (!state_->board.transmitter)
+    if (!state_->board.transmitter) {
         return std::nullopt;
+    }
     return state_->board.transmitter->report(now);
 }
 

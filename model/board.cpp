@@ -18,8 +18,9 @@ Board::Board(const AdapterOptions& options) : options_(options) {
 // Registers.
 
 std::uint32_t Board::peekRegister(std::uint16_t offset, usb::Time now) const {
-    if (!registers_.has(offset))
+    if (!registers_.has(offset)) {
         return 0;
+    }
     switch (offset) {
     case reg::kStatus:
         return status();
@@ -41,8 +42,9 @@ std::uint32_t Board::readRegister(std::uint16_t offset, usb::Time now) {
     const std::uint32_t value = peekRegister(offset, now);
     if (offset == reg::kStatus) {
         seenEvents_ |= value & reg::kStatusEvents;
-        if (options_.revision >= 2)
+        if (options_.revision >= 2) {
             registers_.set(reg::kStatus, registers_.get(reg::kStatus) & ~reg::kStatusEvents);
+        }
     }
     return value;
 }
@@ -75,15 +77,17 @@ void Board::writeRegister(std::uint16_t offset, std::uint32_t value, usb::Time n
         break;
     case reg::kScanControl:
         registers_.set(offset, value & ~reg::kScanFlush);
-        if ((value & reg::kScanFlush) != 0)
+        if ((value & reg::kScanFlush) != 0) {
             flush();
+        }
         break;
     case reg::kHorizontalSize:
     case reg::kHorizontalSync:
     case reg::kVerticalSize:
     case reg::kVerticalSync:
-        if (registers_.get(offset) != value)
+        if (registers_.get(offset) != value) {
             scanning_ = false;
+        }
         registers_.set(offset, value);
         updateSignal();
         break;
@@ -95,12 +99,14 @@ void Board::writeRegister(std::uint16_t offset, std::uint32_t value, usb::Time n
 
 std::uint32_t Board::status() const {
     std::uint32_t value = registers_.get(reg::kStatus) & reg::kStatusEvents;
-    if (ddc.attached())
+    if (ddc.attached()) {
         value |= reg::kStatusMonitor;
+    }
     if (ddc.hasEdid()) {
         value |= reg::kStatusEdid;
-        if (!transmitter || options_.ddcPath == DdcPath::AdapterMaster)
+        if (!transmitter || options_.ddcPath == DdcPath::AdapterMaster) {
             value |= reg::kStatusEdidMaster;
+        }
     }
     return value;
 }
@@ -108,35 +114,42 @@ std::uint32_t Board::status() const {
 void Board::writeSerialControl(std::uint32_t value, usb::Time now) {
     const std::uint32_t old = registers_.get(reg::kSerialControl);
     registers_.set(reg::kSerialControl, value & ~reg::kSerialDone);
-    if ((old & ~value & powerBits()) != 0)
+    if ((old & ~value & powerBits()) != 0) {
         asleep_ = true;
-    if (options_.revision >= 2 && (value & ~old & reg::kPowerStage1) != 0)
+    }
+    if (options_.revision >= 2 && (value & ~old & reg::kPowerStage1) != 0) {
         registers_.set(reg::kStandby, registers_.get(reg::kStandby) & ~reg::kStandbyOutput);
-    if ((value & reg::kSerialDone) != 0)
+    }
+    if ((value & reg::kSerialDone) != 0) {
         return;
+    }
 
     if (options_.revision >= 2 && (value & reg::kPowerStage2) == 0) {
         // Taking the power away rewrites the word as it is read: after an unanswered command, with bit 31
         // clear.
-        if (((value ^ old) & reg::kSerialCommandMask) != 0)
+        if (((value ^ old) & reg::kSerialCommandMask) != 0) {
             violations.add(now, ViolationKind::SerialUnpowered,
                            fmt::format("serial command 0x{:08X} without power bit 28", value));
+        }
         serial.refuse();
         return;
     }
     statistics.serialCommands++;
-    if (transmitter)
+    if (transmitter) {
         transmitter->setInput(videoInput());
+    }
     serial.start(value, registers_.get(reg::kSerialWriteData), now);
 }
 
 void Board::writeControl(std::uint32_t value) {
     const std::uint32_t old = registers_.get(reg::kControl);
     registers_.set(reg::kControl, value);
-    if ((value & reg::kControlBandwidth) == 0)
+    if ((value & reg::kControlBandwidth) == 0) {
         pace_.reset();
-    if (options_.revision == 0 || (old & ~value & reg::kControlPll) == 0)
+    }
+    if (options_.revision == 0 || (old & ~value & reg::kControlPll) == 0) {
         return;
+    }
     registers_.set(reg::kPll, 0);
     updateSignal();
 }
@@ -154,21 +167,25 @@ void Board::writePll(std::uint32_t value, usb::Time now) {
 void Board::writeOutput(std::uint32_t value, usb::Time now) {
     const bool wasHeld = registers_.any(reg::kOutput, reg::kOutputTimingHold);
     registers_.set(reg::kOutput, value);
-    if ((value & reg::kOutputTimingHold) != 0)
+    if ((value & reg::kOutputTimingHold) != 0) {
         return;
-    if (wasHeld && !pllRuns())
+    }
+    if (wasHeld && !pllRuns()) {
         violations.add(now, ViolationKind::OutputWithoutClock,
                        "the timing generator was released while the PLL stands still");
-    if (flushed_)
+    }
+    if (flushed_) {
         asleep_ = false;
+    }
     flushed_ = false;
 }
 
 void Board::flush() {
     // Revision 0 has no power bits that would tell a host that wakes in mid-stream from one that sends too
     // early.
-    if (options_.revision == 0)
+    if (options_.revision == 0) {
         asleep_ = true;
+    }
     flushed_ = true;
     scanning_ = false;
     zeroLengthDue_ = false;
@@ -216,8 +233,9 @@ void Board::updateSignal() {
 }
 
 VideoInput Board::videoInput() const {
-    if (!signal_.fault.empty())
+    if (!signal_.fault.empty()) {
         return {};
+    }
     return {signal_.timing.width, signal_.timing.height, signal_.clock};
 }
 
@@ -225,19 +243,21 @@ FrameLayout Board::frameLayout() const {
     const std::uint32_t format = registers_.get(reg::kFormat);
     FrameLayout layout{signal_.timing.width, signal_.timing.height, PixelFormat::Bgr24,
                        (format & reg::kFormatCompressed) != 0};
-    if ((format & (reg::kFormatRgb555 | reg::kFormatRgb565)) != 0)
+    if ((format & (reg::kFormatRgb555 | reg::kFormatRgb565)) != 0) {
         layout.format = layout.compressed || (format & reg::kFormatRgb555) != 0 ? PixelFormat::Rgb555
                                                                                 : PixelFormat::Rgb565;
-    else if ((format & reg::kFormatRgb8) != 0 && !(layout.compressed && options_.revision == 2))
+    } else if ((format & reg::kFormatRgb8) != 0 && !(layout.compressed && options_.revision == 2)) {
         layout.format = PixelFormat::Rgb8;
-    else if (layout.compressed)
+    } else if (layout.compressed) {
         layout.format = PixelFormat::Bgr24Red7;
+    }
     return layout;
 }
 
 std::optional<OutputMode> Board::outputMode() const {
-    if (!signal_.fault.empty())
+    if (!signal_.fault.empty()) {
         return std::nullopt;
+    }
     const FrameLayout layout = frameLayout();
     return OutputMode{layout.width,
                       layout.height,
@@ -265,34 +285,42 @@ bool Board::receive(std::span<const std::uint8_t> bytes, usb::Time now) {
         return receiveFrame(bytes, now);
     }
     // The output may wake between a swallowed frame and the transfer that closes it.
-    if (!std::exchange(swallowedFrame_, false))
+    if (!std::exchange(swallowedFrame_, false)) {
         receiveZeroLength(now);
+    }
     return false;
 }
 
 bool Board::acceptsData(std::size_t bytes, usb::Time now) {
     // A host may go to sleep in mid-stream and find its stream still running when it wakes: until it has set
     // the output up again, or has found it intact, its data falls on the floor.
-    if (asleep_)
+    if (asleep_) {
         return false;
+    }
     const auto refuse = [&](ViolationKind kind, std::string_view why) {
         violations.add(now, kind, fmt::format("{} bytes of bulk data {}", bytes, why));
         return false;
     };
-    if (registers_.any(reg::kOutput, reg::kOutputTimingHold))
+    if (registers_.any(reg::kOutput, reg::kOutputTimingHold)) {
         return refuse(ViolationKind::UnexpectedData, "before any mode was set");
-    if (flushed_)
+    }
+    if (flushed_) {
         return refuse(ViolationKind::UnexpectedData,
                       "between a flush and the release of the timing generator");
-    if (!outputPowered())
+    }
+    if (!outputPowered()) {
         return refuse(ViolationKind::UnexpectedData, "for an output stage without power");
-    if (!registers_.any(reg::kFormat, reg::kFormatEnable))
+    }
+    if (!registers_.any(reg::kFormat, reg::kFormatEnable)) {
         return refuse(ViolationKind::UnexpectedData, "while the frame input is off");
-    if (signal_.clock == 0 && driversOn())
+    }
+    if (signal_.clock == 0 && driversOn()) {
         return refuse(ViolationKind::OutputWithoutClock, "while the PLL stands still");
+    }
     if (!signal_.fault.empty()) {
-        if (!signal_.reported)
+        if (!signal_.reported) {
             violations.add(now, signal_.kind, signal_.fault);
+        }
         signal_.reported = true;
     }
     // Without a clock the frame input cannot take anything in, and without a timing nothing can be a frame.
@@ -300,17 +328,19 @@ bool Board::acceptsData(std::size_t bytes, usb::Time now) {
 }
 
 void Board::receiveZeroLength(usb::Time now) {
-    if (!zeroLengthDue_)
+    if (!zeroLengthDue_) {
         violations.add(now, ViolationKind::ExtraZeroLength,
                        registers_.any(reg::kControl, reg::kControlZeroLength)
                            ? "a zero-length transfer that closes no frame"
                            : "a zero-length transfer in a mode that has none");
+    }
     zeroLengthDue_ = false;
 }
 
 bool Board::receiveFrame(std::span<const std::uint8_t> bytes, usb::Time now) {
-    if (zeroLengthDue_)
+    if (zeroLengthDue_) {
         violations.add(now, ViolationKind::MissingZeroLength, "a frame began before the last one was closed");
+    }
     zeroLengthDue_ = registers_.any(reg::kControl, reg::kControlZeroLength);
 
     if (std::exchange(dropNext_, false)) {
@@ -328,16 +358,19 @@ bool Board::receiveFrame(std::span<const std::uint8_t> bytes, usb::Time now) {
     frameNumber_ = statistics.framesReceived;
     frameTime_ = now;
     scanning_ = true;
-    if (stored.repeated)
+    if (stored.repeated) {
         statistics.framesRepeated++;
-    else
+    } else {
         contentNumber_ = frameNumber_;
+    }
     if (registers_.any(reg::kControl, reg::kControlBandwidth) &&
-        pace_.isTooSlow(now, refreshOf(signal_.timing, signal_.clock)))
+        pace_.isTooSlow(now, refreshOf(signal_.timing, signal_.clock))) {
         reportFrameError();
+    }
 
-    if (!darkReason().empty())
+    if (!darkReason().empty()) {
         return false;
+    }
     statistics.framesShown++;
     return std::exchange(shownContent_, contentNumber_) != contentNumber_;
 }
@@ -367,30 +400,42 @@ void Board::raise(std::uint32_t statusEvents) {
 }
 
 std::string_view Board::darkReason() const {
-    if (!ddc.attached())
+    if (!ddc.attached()) {
         return "no monitor is attached";
-    if (!outputPowered())
+    }
+    if (!outputPowered()) {
         return "the output stage has no power";
-    if (!driversOn())
+    }
+    if (!driversOn()) {
         return "the output drivers are off";
-    if (options_.revision >= 2 && registers_.any(reg::kStandby, reg::kStandbyOutput))
+    }
+    if (options_.revision >= 2 && registers_.any(reg::kStandby, reg::kStandbyOutput)) {
         return "the output is in standby";
-    if (registers_.any(reg::kOutput, reg::kOutputTimingHold))
+    }
+    if (registers_.any(reg::kOutput, reg::kOutputTimingHold)) {
         return "no mode was set";
-    if (signal_.clock == 0)
+    }
+    if (signal_.clock == 0) {
         return "the pixel clock stands still";
-    if (!signal_.fault.empty())
+    }
+    if (!signal_.fault.empty()) {
         return signal_.fault;
-    if (registers_.any(reg::kOrigin, reg::kOriginMask))
+    }
+    if (registers_.any(reg::kOrigin, reg::kOriginMask)) {
         return "the picture's origin lies outside the frame";
-    if (!registers_.any(reg::kFormat, reg::kFormatEnable))
+    }
+    if (!registers_.any(reg::kFormat, reg::kFormatEnable)) {
         return "the frame input is off";
-    if (registers_.any(reg::kControl, reg::kControlTransmitterHold))
+    }
+    if (registers_.any(reg::kControl, reg::kControlTransmitterHold)) {
         return "the output is held for the transmitter";
-    if (!scanning_)
+    }
+    if (!scanning_) {
         return "no frame has arrived since the output was set up";
-    if (transmitter)
+    }
+    if (transmitter) {
         return transmitter->darkReason();
+    }
     return {};
 }
 

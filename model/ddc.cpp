@@ -22,22 +22,26 @@ void DdcBus::detach() {
 }
 
 void DdcBus::recover() {
-    if (fault_ == DdcFault::Busy)
+    if (fault_ == DdcFault::Busy) {
         fault_ = DdcFault::None;
+    }
     hung_ = false;
 }
 
 I2cAnswer::Kind DdcBus::selectSegment(std::uint8_t segment) const {
-    if (held())
+    if (held()) {
         return I2cAnswer::Kind::Hung;
-    if (!hasEdid() || (segment > 0 && edid_.size() <= 2 * kBlockBytes))
+    }
+    if (!hasEdid() || (segment > 0 && edid_.size() <= 2 * kBlockBytes)) {
         return I2cAnswer::Kind::NotAcknowledged;
+    }
     return I2cAnswer::Kind::Completed;
 }
 
 DdcBus::ReadResult DdcBus::read(std::uint8_t segment, unsigned offset, std::span<std::uint8_t> out) {
-    if (const I2cAnswer::Kind kind = selectSegment(segment); kind != I2cAnswer::Kind::Completed)
+    if (const I2cAnswer::Kind kind = selectSegment(segment); kind != I2cAnswer::Kind::Completed) {
         return {kind, 0};
+    }
     for (unsigned i = 0; i < out.size(); i++) {
         if (answersLeft_) {
             if (*answersLeft_ == 0) {
@@ -59,8 +63,9 @@ I2cAnswer DdcPort::read(std::uint8_t address, std::uint8_t offset, usb::Time) {
         // that the master then clocks in.
         answer.kind = bus_.selectSegment(offset);
         answer.data = 0xFFFFFFFF;
-        if (answer.kind == I2cAnswer::Kind::Completed)
+        if (answer.kind == I2cAnswer::Kind::Completed) {
             segment_ = offset;
+        }
     } else {
         std::uint8_t bytes[4] = {};
         answer.kind = bus_.read(segment_, offset, bytes).kind;
@@ -68,8 +73,9 @@ I2cAnswer DdcPort::read(std::uint8_t address, std::uint8_t offset, usb::Time) {
                       static_cast<std::uint32_t>(bytes[3]) << 24;
     }
     // After its time-out the master clocks the lines free (I2C bus, "bus clear").
-    if (answer.kind == I2cAnswer::Kind::Hung)
+    if (answer.kind == I2cAnswer::Kind::Hung) {
         bus_.recover();
+    }
     return answer;
 }
 

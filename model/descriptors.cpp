@@ -30,8 +30,9 @@ void putEndpoint(std::vector<std::uint8_t>& out, usb::Speed link, std::uint8_t a
     out.insert(out.end(), {7, kEndpointType, address, attributes});
     put16(out, packet);
     out.push_back(interval);
-    if (link != usb::Speed::Super)
+    if (link != usb::Speed::Super) {
         return;
+    }
     const std::uint8_t burst = attributes == kBulk ? 15 : 0;
     out.insert(out.end(), {6, kCompanionType, burst, 0});
     put16(out, attributes == kInterrupt ? packet : 0);
@@ -52,11 +53,12 @@ Identity identityOf(unsigned revision, Product product) {
         identity = {PARTNER_VENDOR_ID, PARTNER_PRODUCT_ID, 0};
         break;
     }
-    if (revision > 3 || (revision % 2 == 1 && product != Product::Main))
+    if (revision > 3 || (revision % 2 == 1 && product != Product::Main)) {
         throw std::invalid_argument(
             fmt::format("there is no revision {} of this product: 0 and 2 exist of every product, "
                         "1 and 3 of the main one only",
                         revision));
+    }
     identity.bcdDevice = revision == 0 ? 0x0050 : static_cast<std::uint16_t>(revision << 8);
     return identity;
 }
@@ -118,8 +120,9 @@ std::vector<std::uint8_t> stringDescriptor(std::uint8_t index, Product product) 
         return {};
     }
     std::vector<std::uint8_t> out{static_cast<std::uint8_t>(2 + 2 * text.size()), kStringType};
-    for (const char letter : text)
+    for (const char letter : text) {
         put16(out, static_cast<std::uint8_t>(letter));
+    }
     return out;
 }
 

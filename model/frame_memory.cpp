@@ -16,8 +16,9 @@ bool equal(std::span<const std::uint8_t> left, const std::vector<std::uint8_t>& 
 } // namespace
 
 FrameMemory::Result FrameMemory::store(const FrameLayout& layout, std::span<const std::uint8_t> bytes) {
-    if (layout_ == layout && equal(bytes, layout.compressed ? stream_ : frame_.pixels))
+    if (layout_ == layout && equal(bytes, layout.compressed ? stream_ : frame_.pixels)) {
         return {.good = true, .repeated = true, .kind = {}, .cause = {}};
+    }
     Result result = layout.compressed ? storeCompressed(layout, bytes) : storePlain(layout, bytes);
     if (result.good) {
         layout_ = layout;
@@ -31,12 +32,13 @@ FrameMemory::Result FrameMemory::store(const FrameLayout& layout, std::span<cons
 
 FrameMemory::Result FrameMemory::storePlain(const FrameLayout& layout, std::span<const std::uint8_t> bytes) {
     const std::size_t wanted = std::size_t{layout.width} * layout.height * bytesPerPixel(layout.format);
-    if (bytes.size() != wanted)
+    if (bytes.size() != wanted) {
         return {.good = false,
                 .repeated = false,
                 .kind = ViolationKind::BadFrameLength,
                 .cause = fmt::format("{} bytes for a {}x{} frame of {}, which has {}", bytes.size(),
                                      layout.width, layout.height, name(layout.format), wanted)};
+    }
     frame_.pixels.assign(bytes.begin(), bytes.end());
     return {.good = true, .repeated = false, .kind = {}, .cause = {}};
 }
@@ -46,9 +48,10 @@ FrameMemory::Result FrameMemory::storeCompressed(const FrameLayout& layout,
     const unsigned unit = bytesPerPixel(layout.format);
     expanded_.resize(std::size_t{layout.width} * layout.height * unit);
     std::string cause = expandRuns(bytes, unit, expanded_);
-    if (!cause.empty())
+    if (!cause.empty()) {
         return {
             .good = false, .repeated = false, .kind = ViolationKind::BadStream, .cause = std::move(cause)};
+    }
     frame_.pixels.swap(expanded_);
     stream_.assign(bytes.begin(), bytes.end());
     return {.good = true, .repeated = false, .kind = {}, .cause = {}};

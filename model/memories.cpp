@@ -7,9 +7,10 @@
 namespace model {
 
 void MemoryCells::load(std::span<const std::uint8_t> contents) {
-    if (contents.size() > cells_.size())
+    if (contents.size() > cells_.size()) {
         throw std::length_error(
             fmt::format("{} bytes do not fit a memory of {}", contents.size(), cells_.size()));
+    }
     std::copy(contents.begin(), contents.end(), cells_.begin());
 }
 
@@ -31,8 +32,9 @@ void MemoryCells::erase(std::size_t first, std::size_t count) {
 
 std::uint32_t MemoryCells::word(std::size_t address) const {
     std::uint32_t value = 0;
-    for (unsigned i = 0; i < 4; i++)
+    for (unsigned i = 0; i < 4; i++) {
         value |= static_cast<std::uint32_t>(get(address + i)) << 8 * i;
+    }
     return value;
 }
 
@@ -41,11 +43,13 @@ I2cAnswer Eeprom::read(std::uint8_t, std::uint8_t offset, usb::Time) {
 }
 
 I2cAnswer Eeprom::write(std::uint8_t, std::uint8_t offset, std::uint32_t data, usb::Time) {
-    if (cells.refusesWrites())
+    if (cells.refusesWrites()) {
         return {};
+    }
     const std::size_t page = offset / kPage * kPage;
-    for (unsigned i = 0; i < 4; i++)
+    for (unsigned i = 0; i < 4; i++) {
         cells.set(page + (offset + i) % kPage, static_cast<std::uint8_t>(data >> 8 * i));
+    }
     return {I2cAnswer::Kind::Completed, 0, kWriteCycle};
 }
 
@@ -54,10 +58,12 @@ I2cAnswer SpiFlash::read(std::uint32_t address) const {
 }
 
 I2cAnswer SpiFlash::write(std::uint32_t address, std::uint32_t data, bool eraseFirst) {
-    if (cells.refusesWrites())
+    if (cells.refusesWrites()) {
         return {};
-    if (eraseFirst)
+    }
+    if (eraseFirst) {
         cells.erase(address / kSector * kSector, kSector);
+    }
     const std::size_t page = address / kPage * kPage;
     for (unsigned i = 0; i < 4; i++) {
         const std::size_t at = page + (address + i) % kPage;

@@ -10,8 +10,9 @@ namespace {
 // Widens the low `bits` bits of `value` to 8 by repeating them from the top.
 constexpr std::uint32_t widen(std::uint32_t value, unsigned bits) {
     std::uint32_t wide = value << (8 - bits);
-    for (unsigned have = bits; have < 8; have += bits)
+    for (unsigned have = bits; have < 8; have += bits) {
         wide |= wide >> have;
+    }
     return wide & 0xFF;
 }
 
@@ -63,8 +64,9 @@ std::vector<std::uint8_t> toBgrx32(const RawFrame& frame) {
     std::vector<std::uint8_t> picture(count * 4);
     for (std::size_t i = 0; i < count; i++) {
         const std::uint32_t pixel = toBgrx32(frame.format, frame.pixels.data() + i * step);
-        for (unsigned byte = 0; byte < 4; byte++)
+        for (unsigned byte = 0; byte < 4; byte++) {
             picture[i * 4 + byte] = static_cast<std::uint8_t>(pixel >> 8 * byte);
+        }
     }
     return picture;
 }
@@ -82,8 +84,9 @@ std::uint64_t checksum(std::span<const std::uint8_t> bytes) {
     for (; left >= 32; left -= 32, at += 32) {
         std::uint64_t words[4];
         std::memcpy(words, at, 32);
-        for (unsigned i = 0; i < 4; i++)
+        for (unsigned i = 0; i < 4; i++) {
             lane[i] = takeIn(lane[i], words[i]);
+        }
     }
     for (unsigned i = 0; left > 0; i++) {
         std::uint64_t word = 0;
@@ -94,8 +97,9 @@ std::uint64_t checksum(std::span<const std::uint8_t> bytes) {
         left -= step;
     }
     std::uint64_t result = bytes.size();
-    for (const std::uint64_t state : lane)
+    for (const std::uint64_t state : lane) {
         result = takeIn(result ^ state >> 32, state);
+    }
     return result;
 }
 

@@ -23,9 +23,11 @@ class RegisterFile {
 
   private:
     const std::uint32_t* find(std::uint16_t offset) const {
-        for (const auto& [at, value] : words_)
-            if (at == offset)
+        for (const auto& [at, value] : words_) {
+            if (at == offset) {
                 return &value;
+            }
+        }
         return nullptr;
     }
 

@@ -11,10 +11,12 @@ namespace {
 template <unsigned Unit>
 std::uint32_t loadUnit(const std::uint8_t* at) {
     std::uint32_t value = at[0];
-    if constexpr (Unit > 1)
+    if constexpr (Unit > 1) {
         value |= static_cast<std::uint32_t>(at[1]) << 8;
-    if constexpr (Unit > 2)
+    }
+    if constexpr (Unit > 2) {
         value |= static_cast<std::uint32_t>(at[2]) << 16;
+    }
     return value;
 }
 
@@ -27,8 +29,9 @@ void storePixel(std::uint8_t* at, std::uint32_t literal) {
         at[0] = static_cast<std::uint8_t>(literal);
         at[1] = static_cast<std::uint8_t>(literal >> 8);
     }
-    if constexpr (Unit == 3)
+    if constexpr (Unit == 3) {
         at[2] = static_cast<std::uint8_t>(literal >> 16 << 1);
+    }
 }
 
 // Repeats the pixel in the `Unit` bytes before `at` until `bytes` bytes are written; `room` is what may be
@@ -47,11 +50,13 @@ void repeatPixel(std::uint8_t* at, std::size_t bytes, std::size_t room) {
             // tail.
             const unsigned skip = (Unit - word * 8 % Unit) % Unit * 8;
             block[word] = skip == 0 ? 0 : pixel >> (8 * Unit - skip);
-            for (unsigned bit = skip; bit < 64; bit += 8 * Unit)
+            for (unsigned bit = skip; bit < 64; bit += 8 * Unit) {
                 block[word] |= pixel << bit;
+            }
         }
-        for (std::size_t done = 0; done < bytes; done += kBlock)
+        for (std::size_t done = 0; done < bytes; done += kBlock) {
             std::memcpy(at + done, block, kBlock);
+        }
         return;
     }
     const std::uint8_t* const pixel = at - Unit;
@@ -75,30 +80,35 @@ std::string expand(std::span<const std::uint8_t> stream, std::span<std::uint8_t>
     const auto done = [&] { return static_cast<std::size_t>(out - pixels.data()) / Unit; };
 
     while (out != outEnd) {
-        if (static_cast<std::size_t>(inEnd - in) < Unit)
+        if (static_cast<std::size_t>(inEnd - in) < Unit) {
             return fmt::format("the stream of {} bytes ends after {} of {} pixels", stream.size(), done(),
                                pixels.size() / Unit);
+        }
         const std::uint32_t value = loadUnit<Unit>(in);
         if ((value & kLiteral) != 0) {
             storePixel<Unit>(out, value & ~kLiteral);
             out += Unit;
         } else {
-            if (out == pixels.data())
+            if (out == pixels.data()) {
                 return fmt::format("a count of {} stands before any literal", value);
-            if (value == 0)
+            }
+            if (value == 0) {
                 return fmt::format("a count of 0 at byte {}", position());
+            }
             const std::size_t room = static_cast<std::size_t>(outEnd - out) / Unit;
-            if (value > room)
+            if (value > room) {
                 return fmt::format("a count of {} at byte {} runs past the frame, which has room for {}",
                                    value, position(), room);
+            }
             repeatPixel<Unit>(out, std::size_t{value} * Unit, room * Unit);
             out += std::size_t{value} * Unit;
         }
         in += Unit;
     }
     const std::size_t rest = static_cast<std::size_t>(inEnd - in);
-    if (rest > 3 || (rest > 0 && stream.size() % 4 != 0))
+    if (rest > 3 || (rest > 0 && stream.size() % 4 != 0)) {
         return fmt::format("{} bytes follow the last pixel of a stream of {}", rest, stream.size());
+    }
     return {};
 }
 

@@ -22,10 +22,12 @@ constexpr std::uint8_t kSelfPoweredOff = 0;
 template <typename Match>
 bool anyDescriptor(const std::vector<std::uint8_t>& bytes, std::uint8_t type, std::size_t least,
                    Match match) {
-    for (std::size_t at = 0; at + 2 <= bytes.size() && bytes[at] >= 2; at += bytes[at])
+    for (std::size_t at = 0; at + 2 <= bytes.size() && bytes[at] >= 2; at += bytes[at]) {
         if (bytes[at + 1] == type && bytes[at] >= least && at + bytes[at] <= bytes.size() &&
-            match(&bytes[at]))
+            match(&bytes[at])) {
             return true;
+        }
+    }
     return false;
 }
 
@@ -44,9 +46,10 @@ StandardRequests::StandardRequests(const AdapterOptions& options) : options_(opt
 std::optional<std::vector<std::uint8_t>> StandardRequests::answer(const usb::SetupPacket& setup) {
     switch (setup.request) {
     case kGetStatus:
-        if ((setup.requestType & 0x1F) == kToEndpoint)
+        if ((setup.requestType & 0x1F) == kToEndpoint) {
             return Bytes{static_cast<std::uint8_t>(halted(static_cast<std::uint8_t>(setup.index)) ? 1 : 0),
                          0};
+        }
         return Bytes{kSelfPoweredOff, 0};
     case kClearFeature:
         return changeFeature(setup, false);
@@ -63,8 +66,9 @@ std::optional<std::vector<std::uint8_t>> StandardRequests::answer(const usb::Set
     case kSetConfiguration:
         return setConfiguration(setup.value);
     case kGetInterface:
-        if (!configured() || !hasSetting(setup.index, alternates_[setup.index]))
+        if (!configured() || !hasSetting(setup.index, alternates_[setup.index])) {
             return std::nullopt;
+        }
         return Bytes{alternates_[setup.index]};
     case kSetInterface:
         return setInterface(setup.value, setup.index);
@@ -79,13 +83,15 @@ std::optional<std::vector<std::uint8_t>> StandardRequests::descriptor(std::uint1
     case kDevice:
         return device_;
     case kConfiguration:
-        if (index != 0)
+        if (index != 0) {
             return std::nullopt;
+        }
         return configurationBytes_;
     case kString: {
         Bytes text = stringDescriptor(index, options_.product);
-        if (text.empty())
+        if (text.empty()) {
             return std::nullopt;
+        }
         return text;
     }
     case kBos:
@@ -97,8 +103,9 @@ std::optional<std::vector<std::uint8_t>> StandardRequests::descriptor(std::uint1
 
 std::optional<std::vector<std::uint8_t>> StandardRequests::setConfiguration(std::uint16_t value) {
     const std::uint8_t only = configurationBytes_.size() > 5 ? configurationBytes_[5] : 1;
-    if (value != 0 && value != only)
+    if (value != 0 && value != only) {
         return std::nullopt;
+    }
     configuration_ = static_cast<std::uint8_t>(value);
     alternates_.clear();
     halted_.clear();
@@ -108,15 +115,17 @@ std::optional<std::vector<std::uint8_t>> StandardRequests::setConfiguration(std:
 
 std::optional<std::vector<std::uint8_t>> StandardRequests::setInterface(std::uint16_t alternate,
                                                                         std::uint16_t interface) {
-    if (!configured() || !hasSetting(interface, alternate))
+    if (!configured() || !hasSetting(interface, alternate)) {
         return std::nullopt;
+    }
     alternates_[interface] = static_cast<std::uint8_t>(alternate);
     if (interface == kStreamingInterface) {
         halted_.erase(kBulkOutEndpoint);
         pipeReset_ = true;
     }
-    if (interface == kStatusInterface)
+    if (interface == kStatusInterface) {
         halted_.erase(kInterruptInEndpoint);
+    }
     return Bytes{};
 }
 
@@ -124,15 +133,18 @@ std::optional<std::vector<std::uint8_t>> StandardRequests::changeFeature(const u
                                                                          bool set) {
     const std::uint8_t recipient = setup.requestType & 0x1F;
     // Remote wake-up, link power states and function suspend: accepted, without effect here.
-    if (recipient == kToDevice || recipient == kToInterface)
+    if (recipient == kToDevice || recipient == kToInterface) {
         return Bytes{};
-    if (recipient != kToEndpoint || setup.value != kEndpointHalt || !hasEndpoint(setup.index))
+    }
+    if (recipient != kToEndpoint || setup.value != kEndpointHalt || !hasEndpoint(setup.index)) {
         return std::nullopt;
+    }
     const auto endpoint = static_cast<std::uint8_t>(setup.index);
-    if (set)
+    if (set) {
         halted_.insert(endpoint);
-    else
+    } else {
         halted_.erase(endpoint);
+    }
     pipeReset_ |= endpoint == kBulkOutEndpoint;
     return Bytes{};
 }

@@ -31,8 +31,9 @@ class StreamPace {
             frames_++;
         }
         last_ = now;
-        if (frames_ < kFrames)
+        if (frames_ < kFrames) {
             return false;
+        }
         const double allowed = kFrames * kTolerance * usb::kSecond / refresh;
         const bool slow = static_cast<double>(now - begin_) > allowed;
         begin_ = now;

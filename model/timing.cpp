@@ -13,13 +13,16 @@ constexpr double kClockTolerance = 0.01;
 
 std::string contradictionOf(const char* axis, std::uint32_t active, std::uint32_t total, std::uint32_t sync,
                             std::uint32_t startPlusOne) {
-    if (active == 0 || sync == 0)
+    if (active == 0 || sync == 0) {
         return fmt::format("{}: {} active, {} of sync", axis, active, sync);
-    if (startPlusOne <= sync)
+    }
+    if (startPlusOne <= sync) {
         return fmt::format("{}: the picture starts at {} inside a sync of {}", axis, startPlusOne, sync);
-    if (startPlusOne - 1 + active > total)
+    }
+    if (startPlusOne - 1 + active > total) {
         return fmt::format("{}: {} active from {} do not fit a total of {}", axis, active, startPlusOne - 1,
                            total);
+    }
     return {};
 }
 
@@ -39,23 +42,26 @@ Timing decodeTiming(const TimingImages& images) {
 }
 
 std::string contradiction(const TimingImages& images) {
-    if ((images.verticalSync & 0xFFFF) != images.verticalSync >> 20)
+    if ((images.verticalSync & 0xFFFF) != images.verticalSync >> 20) {
         return fmt::format("the vertical sync image 0x{:08X} names two different starts",
                            images.verticalSync);
+    }
     const Timing timing = decodeTiming(images);
     std::string cause = contradictionOf("horizontal", timing.width, timing.horizontalTotal,
                                         timing.horizontalSync, images.horizontalSync & 0xFFFF);
-    if (cause.empty())
+    if (cause.empty()) {
         cause = contradictionOf("vertical", timing.height, timing.verticalTotal, timing.verticalSync,
                                 images.verticalSync & 0xFFFF);
+    }
     return cause;
 }
 
 double pllClock(std::uint32_t word) {
     const std::uint32_t multiplier = word >> 16 & 0xFF;
     const std::uint32_t divider = word & 0xFF;
-    if (divider == 0)
+    if (divider == 0) {
         return 0;
+    }
     return reg::kPllReference * multiplier / divider / ((word & reg::kPllHalve) != 0 ? 2 : 1);
 }
 
@@ -67,10 +73,12 @@ double refreshOf(const Timing& timing, double clock) {
 std::optional<unsigned> nominalRefresh(const Timing& timing, double clock) {
     const double refresh = refreshOf(timing, clock);
     std::optional<unsigned> nearest;
-    for (const unsigned rate : {15u, 24u, 30u, 43u, 50u, 56u, 60u, 65u, 70u, 72u, 73u, 75u, 85u, 100u})
+    for (const unsigned rate : {15u, 24u, 30u, 43u, 50u, 56u, 60u, 65u, 70u, 72u, 73u, 75u, 85u, 100u}) {
         if (std::abs(refresh - rate) <= rate * kClockTolerance &&
-            (!nearest || std::abs(refresh - rate) < std::abs(refresh - *nearest)))
+            (!nearest || std::abs(refresh - rate) < std::abs(refresh - *nearest))) {
             nearest = rate;
+        }
+    }
     return nearest;
 }
 

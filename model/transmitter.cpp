@@ -62,8 +62,9 @@ std::uint8_t sum(const std::vector<std::uint8_t>& bytes) {
 
 Transmitter::Transmitter(ViolationLog& violations, DdcBus& ddc) : violations_(violations), ddc_(ddc) {
     auto& common = registers_[0];
-    for (unsigned i = 0; i < 4; i++)
+    for (unsigned i = 0; i < 4; i++) {
         common[tx::kIdentity + i] = static_cast<std::uint8_t>(tx::kIdentityWord >> 8 * i);
+    }
     common[tx::kPowerReference] = 1;
     common[tx::kBank] = 0x78;
     common[tx::kDriver] = tx::kDriverPowerDown | tx::kDriverReset;
@@ -76,8 +77,9 @@ void Transmitter::resetFunctions() {
     auto& bank0 = registers_[0];
     bank0[tx::kReset] = tx::kResetVideo | tx::kResetAudio | tx::kResetAudioFifo | 1;
     bank0[tx::kBank] &= static_cast<std::uint8_t>(~tx::kBankSelect);
-    for (const std::uint8_t group : kBank0Functions)
+    for (const std::uint8_t group : kBank0Functions) {
         std::fill_n(bank0.begin() + group, 4, std::uint8_t{0});
+    }
     registers_[1].fill(0);
     bank0[tx::kAvMute] = 1;
     bank0[tx::kAudioRegenerate] = tx::kAudioRegenerateProtected;
@@ -91,40 +93,48 @@ void Transmitter::resetFunctions() {
 }
 
 I2cAnswer Transmitter::read(std::uint8_t, std::uint8_t offset, usb::Time now) {
-    if (deaf_ || now < answersFrom_)
+    if (deaf_ || now < answersFrom_) {
         return {};
-    if (fault_ == TransmitterFault::Stuck)
+    }
+    if (fault_ == TransmitterFault::Stuck) {
         return {Kind::Hung, 0, 0};
+    }
     I2cAnswer answer{Kind::Completed, 0, 0};
     const std::uint8_t group = offset & 0xFC;
-    if (!mayAccess(group, false, now))
+    if (!mayAccess(group, false, now)) {
         return answer;
+    }
     const unsigned bank = bank0(tx::kBank) & tx::kBankSelect;
-    for (unsigned i = 0; i < 4; i++)
+    for (unsigned i = 0; i < 4; i++) {
         answer.data |= static_cast<std::uint32_t>(readByte(bank, static_cast<std::uint8_t>(group + i), now))
                        << 8 * i;
+    }
     return answer;
 }
 
 I2cAnswer Transmitter::write(std::uint8_t, std::uint8_t offset, std::uint32_t data, usb::Time now) {
-    if (deaf_ || now < answersFrom_)
+    if (deaf_ || now < answersFrom_) {
         return {};
-    if (fault_ == TransmitterFault::Stuck)
+    }
+    if (fault_ == TransmitterFault::Stuck) {
         return {Kind::Hung, 0, 0};
+    }
     const std::uint8_t group = offset & 0xFC;
     if (mayAccess(group, true, now)) {
         const unsigned bank = bank0(tx::kBank) & tx::kBankSelect;
-        for (unsigned i = 0; i < 4; i++)
+        for (unsigned i = 0; i < 4; i++) {
             writeByte(bank, static_cast<std::uint8_t>(group + i), static_cast<std::uint8_t>(data >> 8 * i),
                       now);
+        }
     }
     return {Kind::Completed, 0, 0};
 }
 
 bool Transmitter::mayAccess(std::uint8_t group, bool write, usb::Time now) {
     if (isCommon(group)) {
-        if (contains(kCommonGroups, group))
+        if (contains(kCommonGroups, group)) {
             return true;
+        }
         violations_.add(now, ViolationKind::UnknownRegister,
                         fmt::format("the transmitter has no registers at 0x{:02X}", group));
         return false;
@@ -149,10 +159,12 @@ bool Transmitter::mayAccess(std::uint8_t group, bool write, usb::Time now) {
 }
 
 std::uint8_t Transmitter::readByte(unsigned bank, std::uint8_t reg, usb::Time now) {
-    if (isCommon(reg))
+    if (isCommon(reg)) {
         bank = 0;
-    if (bank == 1)
+    }
+    if (bank == 1) {
         return registers_[1][reg];
+    }
     switch (reg) {
     case tx::kInterrupt:
         return ddcHung_ || ddc_.held() ? tx::kInterruptDdcHang : 0;
@@ -161,8 +173,9 @@ std::uint8_t Transmitter::readByte(unsigned bank, std::uint8_t reg, usb::Time no
     case tx::kDdcStatus:
         return ddcStatus(now);
     case tx::kDdcFifo: {
-        if (ddcFifo_.empty() || ddcBusy(now))
+        if (ddcFifo_.empty() || ddcBusy(now)) {
             return 0;
+        }
         const std::uint8_t byte = ddcFifo_.front();
         ddcFifo_.pop_front();
         return byte;
@@ -175,16 +188,18 @@ std::uint8_t Transmitter::readByte(unsigned bank, std::uint8_t reg, usb::Time no
 }
 
 void Transmitter::writeByte(unsigned bank, std::uint8_t reg, std::uint8_t value, usb::Time now) {
-    if (isCommon(reg))
+    if (isCommon(reg)) {
         bank = 0;
+    }
     if (bank == 1) {
         aviChanged_ |= reg >= tx::kAviData && reg < tx::kAudioData;
         audioChanged_ |= reg >= tx::kAudioData && reg <= tx::kAudioChecksum;
         registers_[1][reg] = value;
         return;
     }
-    if (isReadOnly(reg) || reg == tx::kSpdifStatus)
+    if (isReadOnly(reg) || reg == tx::kSpdifStatus) {
         return;
+    }
     if (reg == tx::kDdcCommand) {
         runDdcCommand(value, now);
         return;
@@ -211,22 +226,26 @@ void Transmitter::writeFunction(std::uint8_t reg, std::uint8_t value, usb::Time 
         unlock(value);
         break;
     case tx::kSpdifControl:
-        if ((value & tx::kSpdifStart) == 0)
+        if ((value & tx::kSpdifStart) == 0) {
             spdifStart_.reset();
-        else if (!spdifStart_)
+        } else if (!spdifStart_) {
             spdifStart_ = now;
+        }
         break;
     case tx::kAvMute:
-        if ((old & 1) != 0 && (value & 1) == 0)
+        if ((old & 1) != 0 && (value & 1) == 0) {
             checkVideoPath(now);
+        }
         break;
     case tx::kAviPacket:
-        if ((value & 1) != 0 && (aviChanged_ || value != old))
+        if ((value & 1) != 0 && (aviChanged_ || value != old)) {
             checkAvi(now);
+        }
         break;
     case tx::kAudioPacket:
-        if ((value & 1) != 0 && (audioChanged_ || value != old))
+        if ((value & 1) != 0 && (audioChanged_ || value != old)) {
             checkAudio(now);
+        }
         break;
     default:
         break;
@@ -234,10 +253,11 @@ void Transmitter::writeFunction(std::uint8_t reg, std::uint8_t value, usb::Time 
 }
 
 void Transmitter::unlock(std::uint8_t key) {
-    if (key == 0xC3)
+    if (key == 0xC3) {
         keysSeen_ = 1;
-    else
+    } else {
         keysSeen_ = key == 0xA5 && keysSeen_ == 1 ? 2 : 0;
+    }
 }
 
 // DDC master.
@@ -276,15 +296,18 @@ void Transmitter::startDdcRead(usb::Time now) {
                                     count, bank0(tx::kDdcControl)));
         return;
     }
-    if (ddcBusy(now) || ddcHung_)
+    if (ddcBusy(now) || ddcHung_) {
         return; // lost, as on a master that is still freeing the bus
+    }
     ddcFifo_.clear();
     std::uint8_t bytes[tx::kDdcFifoDepth];
     DdcBus::ReadResult result{Kind::NotAcknowledged, 0};
-    if (bank0(tx::kDdcAddress) == i2c::kEdid << 1)
+    if (bank0(tx::kDdcAddress) == i2c::kEdid << 1) {
         result = ddc_.read(bank0(tx::kDdcSegment), bank0(tx::kDdcOffset), {bytes, count});
-    for (unsigned i = tx::kDdcShift; i < result.bytes; i++)
+    }
+    for (unsigned i = tx::kDdcShift; i < result.bytes; i++) {
         ddcFifo_.push_back(bytes[i]);
+    }
 
     // Segment pointer and address, address and offset, address, data; nine bits each.
     ddcEnd_ = now + (5 + count) * 9 * kDdcBit;
@@ -316,18 +339,24 @@ bool Transmitter::bandFits() const {
 }
 
 std::string_view Transmitter::darkReason() const {
-    if (!powered())
+    if (!powered()) {
         return "the transmitter is powered down";
-    if ((bank0(tx::kBank) & tx::kBankClockGates) != 0)
+    }
+    if ((bank0(tx::kBank) & tx::kBankClockGates) != 0) {
         return "the transmitter's function clocks are gated";
-    if ((bank0(tx::kReset) & tx::kResetVideo) != 0 || (bank0(tx::kDriver) & tx::kDriverReset) != 0)
+    }
+    if ((bank0(tx::kReset) & tx::kResetVideo) != 0 || (bank0(tx::kDriver) & tx::kDriverReset) != 0) {
         return "the transmitter's video path is held in reset";
-    if ((bank0(tx::kAvMute) & 1) != 0)
+    }
+    if ((bank0(tx::kAvMute) & 1) != 0) {
         return "the transmitter is muted";
-    if ((bank0(tx::kInputMode) & 1) == 0)
+    }
+    if ((bank0(tx::kInputMode) & 1) == 0) {
         return "the transmitter takes no video input";
-    if (!bandFits())
+    }
+    if (!bandFits()) {
         return "the transmitter is set up for another pixel clock";
+    }
     return {};
 }
 
@@ -336,21 +365,24 @@ bool Transmitter::spdifLocked(usb::Time now) const {
 }
 
 void Transmitter::checkVideoPath(usb::Time now) {
-    if (!bandFits())
+    if (!bandFits()) {
         violations_.add(
             now, ViolationKind::BadTransmitterSetup,
             fmt::format("unmuted with PLL registers 0x{:02X}, 0x{:02X} and range 0x{:02X} for a pixel "
                         "clock of {:.2f} MHz",
                         bank0(tx::kClockPll), bank0(tx::kDataPll), bank0(tx::kRange),
                         input_.pixelClock / 1e6));
+    }
 }
 
 AviInfoFrame Transmitter::aviInfoFrame() const {
     AviInfoFrame frame;
     frame.bytes = {0x82, 0x02, 0x0D, bank1(tx::kAviChecksum)};
-    for (std::uint8_t reg = tx::kAviData; reg < tx::kAviData + 14; reg++)
-        if (reg != tx::kAviChecksum)
+    for (std::uint8_t reg = tx::kAviData; reg < tx::kAviData + 14; reg++) {
+        if (reg != tx::kAviChecksum) {
             frame.bytes.push_back(bank1(reg));
+        }
+    }
     frame.version = 2;
     frame.checksum = bank1(tx::kAviChecksum);
     frame.vic = frame.bytes[7] & 0x7F;
@@ -367,11 +399,13 @@ void Transmitter::checkAvi(usb::Time now) {
         violations_.add(now, ViolationKind::BadInfoFrame, std::move(cause));
     };
     const AviInfoFrame frame = aviInfoFrame();
-    if (sum(frame.bytes) != 0)
+    if (sum(frame.bytes) != 0) {
         report(fmt::format("the AVI InfoFrame's checksum 0x{:02X} leaves a sum of 0x{:02X}", frame.checksum,
                            sum(frame.bytes)));
-    if (input_.width == 0)
+    }
+    if (input_.width == 0) {
         return;
+    }
     const auto isThisSize = [this](const auto& code) {
         return code.width == input_.width && code.height == input_.height;
     };
@@ -379,18 +413,20 @@ void Transmitter::checkAvi(usb::Time now) {
     const auto* const named = std::find_if(std::begin(kVideoCodes), std::end(kVideoCodes),
                                            [&](const auto& code) { return code.vic == frame.vic; });
     const bool known = named != std::end(kVideoCodes);
-    if (frame.vic == 0 ? sizeHasCode : !known || !isThisSize(*named))
+    if (frame.vic == 0 ? sizeHasCode : !known || !isThisSize(*named)) {
         report(fmt::format("the AVI InfoFrame has VIC {} for a picture of {}x{}", frame.vic, input_.width,
                            input_.height));
-    else if (known && (frame.bytes[5] >> 4 & 3u) != named->aspectCode)
+    } else if (known && (frame.bytes[5] >> 4 & 3u) != named->aspectCode) {
         report(fmt::format("the AVI InfoFrame has aspect {} for VIC {}", frame.aspect, frame.vic));
+    }
 }
 
 AudioInfoFrame Transmitter::audioInfoFrame() const {
     AudioInfoFrame frame;
     frame.bytes = {0x84, 0x01, 0x0A, bank1(tx::kAudioChecksum)};
-    for (std::uint8_t reg = tx::kAudioData; reg < tx::kAudioData + 5; reg++)
+    for (std::uint8_t reg = tx::kAudioData; reg < tx::kAudioData + 5; reg++) {
         frame.bytes.push_back(bank1(reg));
+    }
     frame.bytes.resize(14, 0);
     frame.checksum = bank1(tx::kAudioChecksum);
     frame.channels = (frame.bytes[4] & 7u) + 1;
@@ -400,10 +436,11 @@ AudioInfoFrame Transmitter::audioInfoFrame() const {
 void Transmitter::checkAudio(usb::Time now) {
     audioChanged_ = false;
     const AudioInfoFrame frame = audioInfoFrame();
-    if (sum(frame.bytes) != 0)
+    if (sum(frame.bytes) != 0) {
         violations_.add(now, ViolationKind::BadInfoFrame,
                         fmt::format("the audio InfoFrame's checksum 0x{:02X} leaves a sum of 0x{:02X}",
                                     frame.checksum, sum(frame.bytes)));
+    }
 }
 
 TransmitterReport Transmitter::report(usb::Time now) const {
@@ -416,16 +453,21 @@ TransmitterReport Transmitter::report(usb::Time now) const {
     report.audioRunning = report.powered && report.hdmi && !report.avMute &&
                           (bank0(tx::kReset) & (tx::kResetAudio | tx::kResetAudioFifo)) == 0 &&
                           (bank0(tx::kAudioControl) & 0x0F) != 0 && (!report.spdif || spdifLocked(now));
-    for (const auto& [code, rate] : kSamplingCodes)
-        if (code == (bank1(tx::kSamplingCode) & 0x0F))
+    for (const auto& [code, rate] : kSamplingCodes) {
+        if (code == (bank1(tx::kSamplingCode) & 0x0F)) {
             report.sampleRate = rate;
+        }
+    }
     // A DVI sink gets no data islands, so no InfoFrame reaches it.
-    if (!report.powered || !report.hdmi)
+    if (!report.powered || !report.hdmi) {
         return report;
-    if (bank0(tx::kAviPacket) == tx::kPacketSendRepeat && sum(aviInfoFrame().bytes) == 0)
+    }
+    if (bank0(tx::kAviPacket) == tx::kPacketSendRepeat && sum(aviInfoFrame().bytes) == 0) {
         report.avi = aviInfoFrame();
-    if (bank0(tx::kAudioPacket) == tx::kPacketSendRepeat && sum(audioInfoFrame().bytes) == 0)
+    }
+    if (bank0(tx::kAudioPacket) == tx::kPacketSendRepeat && sum(audioInfoFrame().bytes) == 0) {
         report.audio = audioInfoFrame();
+    }
     return report;
 }
 

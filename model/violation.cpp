@@ -48,8 +48,9 @@ std::string_view name(ViolationKind kind) {
 
 void ViolationLog::add(usb::Time time, ViolationKind kind, std::string cause) {
     total_++;
-    if (list_.size() < kKept)
+    if (list_.size() < kKept) {
         list_.push_back({time, kind, std::move(cause)});
+    }
 }
 
 void ViolationLog::clear() {

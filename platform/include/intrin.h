@@ -40,14 +40,16 @@ inline UCHAR _BitScanReverse(ULONG* index, ULONG mask) {
     return 1;
 }
 inline UCHAR _BitScanForward64(ULONG* index, ULONGLONG mask) {
-    if (mask == 0)
+    if (mask == 0) {
         return 0;
+    }
     *index = (ULONG)__builtin_ctzll(mask);
     return 1;
 }
 inline UCHAR _BitScanReverse64(ULONG* index, ULONGLONG mask) {
-    if (mask == 0)
+    if (mask == 0) {
         return 0;
+    }
     *index = 63 - (ULONG)__builtin_clzll(mask);
     return 1;
 }

@@ -20,16 +20,19 @@ TEST(FreeThreads, ShareOneAdapter) {
     constexpr unsigned kRounds = 100;
     std::atomic<unsigned> reports = 0;
     std::thread streaming([&] {
-        for (unsigned i = 0; i < kRounds; i++)
+        for (unsigned i = 0; i < kRounds; i++) {
             host.sendFrame(noise(pixels(mode), i / 2));
+        }
     });
     std::thread registers([&] {
-        for (unsigned i = 0; i < kRounds; i++)
+        for (unsigned i = 0; i < kRounds; i++) {
             host.read(reg::kStatus);
+        }
     });
     std::thread events([&] {
-        for (unsigned i = 0; i < kRounds; i++)
+        for (unsigned i = 0; i < kRounds; i++) {
             host.adapter.reportFrameError();
+        }
     });
     std::thread reader([&] {
         for (unsigned i = 0; i < kRounds; i++) {
@@ -45,8 +48,9 @@ TEST(FreeThreads, ShareOneAdapter) {
             };
             host.adapter.submit(read);
             host.adapter.cancel(read);
-            while (!ended)
+            while (!ended) {
                 std::this_thread::yield();
+            }
         }
     });
     std::thread watcher([&] {
@@ -56,8 +60,9 @@ TEST(FreeThreads, ShareOneAdapter) {
             (void)host.adapter.violations();
         }
     });
-    for (std::thread* thread : {&streaming, &registers, &events, &reader, &watcher})
+    for (std::thread* thread : {&streaming, &registers, &events, &reader, &watcher}) {
         thread->join();
+    }
     EXPECT_EQ(host.adapter.statistics().framesReceived, kRounds);
     EXPECT_EQ(host.adapter.statistics().interruptReports, reports);
     EXPECT_EQ(host.takeViolations(), std::vector<std::string>{});

@@ -7,8 +7,9 @@ namespace model::test {
 usb::Status Host::control(const usb::SetupPacket& setup, std::vector<std::uint8_t>* data) {
     usb::Transfer transfer;
     transfer.setup = setup;
-    if (data != nullptr)
+    if (data != nullptr) {
         transfer.data = *data;
+    }
     bool completed = false;
     transfer.complete = [&](usb::Transfer&) { completed = true; };
     adapter.submit(transfer);
@@ -16,23 +17,26 @@ usb::Status Host::control(const usb::SetupPacket& setup, std::vector<std::uint8_
         adapter.cancel(transfer);
         return usb::Status::Cancelled;
     }
-    if (data != nullptr && transfer.isIn())
+    if (data != nullptr && transfer.isIn()) {
         data->resize(transfer.actual);
+    }
     return transfer.status;
 }
 
 std::uint32_t Host::read(std::uint16_t offset) {
     std::vector<std::uint8_t> bytes(4);
-    if (control({0xC0, 0x40, 0, offset, 4}, &bytes) != usb::Status::Success)
+    if (control({0xC0, 0x40, 0, offset, 4}, &bytes) != usb::Status::Success) {
         return 0;
+    }
     return static_cast<std::uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) |
            static_cast<std::uint32_t>(bytes[3]) << 24;
 }
 
 void Host::write(std::uint16_t offset, std::uint32_t value) {
     std::vector<std::uint8_t> bytes(4);
-    for (unsigned i = 0; i < 4; i++)
+    for (unsigned i = 0; i < 4; i++) {
         bytes[i] = static_cast<std::uint8_t>(value >> 8 * i);
+    }
     control({0x40, 0x41, 0, offset, 4}, &bytes);
 }
 
@@ -48,13 +52,15 @@ usb::Status Host::send(std::vector<std::uint8_t> bytes) {
 
 bool Host::serial(std::uint32_t command) {
     std::uint32_t control = read(reg::kSerialControl);
-    if (adapter.options().revision >= 2)
+    if (adapter.options().revision >= 2) {
         control |= reg::kPowerStage2;
+    }
     write(reg::kSerialControl, (control & 0x7FFC0000) | command);
     clock.advance(3 * usb::kMillisecond);
     for (unsigned poll = 0; poll < 10; poll++) {
-        if ((read(reg::kSerialControl) & reg::kSerialDone) != 0)
+        if ((read(reg::kSerialControl) & reg::kSerialDone) != 0) {
             return true;
+        }
         clock.advance(10 * usb::kMillisecond);
     }
     return false;
@@ -92,8 +98,9 @@ std::uint8_t Host::txRead(std::uint8_t reg) {
 
 void Host::txWrite(std::uint8_t reg, std::uint8_t value) {
     std::uint32_t word = 0;
-    if (!i2cRead(i2c::kTransmitter, reg & 0xFC, word))
+    if (!i2cRead(i2c::kTransmitter, reg & 0xFC, word)) {
         return;
+    }
     const unsigned shift = 8 * (reg & 3);
     word = (word & ~(0xFFu << shift)) | static_cast<std::uint32_t>(value) << shift;
     i2cWrite(i2c::kTransmitter, reg & 0xFC, word);
@@ -108,16 +115,18 @@ void Host::txPowerUp() {
                                          {0x62, 0x44, 0x00}, {0x64, 0x40, 0x00}, {0x61, 0x10, 0x00},
                                          {0x62, 0x08, 0x08}, {0x64, 0x04, 0x04}, {0x6A, 0xFF, 0x70},
                                          {0x66, 0xFF, 0x1F}, {0x63, 0xFF, 0x38}, {0x0F, 0x78, 0x08}};
-    for (const auto& step : steps)
+    for (const auto& step : steps) {
         txMask(step[0], step[1], step[2]);
+    }
 }
 
 void Host::txPowerDown() {
     constexpr std::uint8_t steps[][3] = {{0x0F, 0x40, 0x00}, {0x61, 0x10, 0x10}, {0x62, 0x08, 0x00},
                                          {0x64, 0x04, 0x00}, {0x61, 0x20, 0x20}, {0x62, 0x44, 0x44},
                                          {0x64, 0x40, 0x40}, {0x05, 0x01, 0x01}, {0x0F, 0x78, 0x78}};
-    for (const auto& step : steps)
+    for (const auto& step : steps) {
         txMask(step[0], step[1], step[2]);
+    }
 }
 
 void Host::txProgram(const Mode& mode, bool hdmi) {
@@ -130,12 +139,13 @@ void Host::txProgram(const Mode& mode, bool hdmi) {
     mute(true);
 
     std::uint8_t avi[14] = {0x10, 0x58, 0, 0};
-    if (mode.width == 640 && mode.height == 480)
+    if (mode.width == 640 && mode.height == 480) {
         avi[3] = 1;
-    else if (mode.width == 1280 && mode.height == 720)
+    } else if (mode.width == 1280 && mode.height == 720) {
         avi[1] = 0xA8, avi[3] = 4;
-    else if (mode.width == 1920 && mode.height == 1080)
+    } else if (mode.width == 1920 && mode.height == 1080) {
         avi[1] = 0xA8, avi[3] = 16;
+    }
     const auto aviSum = static_cast<std::uint8_t>(0x6F - std::accumulate(std::begin(avi), std::end(avi), 0));
     txWrite(0x0F, 1);
     i2cWrite(i2c::kTransmitter, 0x58,
@@ -163,8 +173,9 @@ void Host::txProgram(const Mode& mode, bool hdmi) {
     txWrite(0x61, 0x00);
 
     txWrite(0x0F, 1);
-    for (const auto& [reg, value] : {std::pair{0x68, 1}, {0x69, 0}, {0x6B, 0}, {0x6C, 0}, {0x6D, 0x70}})
+    for (const auto& [reg, value] : {std::pair{0x68, 1}, {0x69, 0}, {0x6B, 0}, {0x6C, 0}, {0x6D, 0x70}}) {
         txWrite(static_cast<std::uint8_t>(reg), static_cast<std::uint8_t>(value));
+    }
     txWrite(0x0F, 0);
     txWrite(0xCE, 0x03);
 
@@ -174,8 +185,9 @@ void Host::txProgram(const Mode& mode, bool hdmi) {
     txWrite(0xE0, txRead(0xE0) & 0xEF);
     txWrite(0x0F, 1);
     for (const auto& [reg, value] :
-         {std::pair{0x33, 0}, {0x34, 0x10}, {0x35, 0}, {0x30, 0}, {0x31, 0}, {0x32, 0}})
+         {std::pair{0x33, 0}, {0x34, 0x10}, {0x35, 0}, {0x30, 0}, {0x31, 0}, {0x32, 0}}) {
         txWrite(static_cast<std::uint8_t>(reg), static_cast<std::uint8_t>(value));
+    }
     txWrite(0x0F, 0);
     txWrite(0xF8, 0xC3);
     txWrite(0xF8, 0xA5);
@@ -197,8 +209,9 @@ void Host::txProgram(const Mode& mode, bool hdmi) {
 
 std::vector<std::uint8_t> Host::txDdcRead(std::uint8_t segment, std::uint8_t offset, std::uint8_t count) {
     txMask(0x10, 1, 1);
-    for (const std::uint8_t command : {0x0F, 0x0F, 0x09})
+    for (const std::uint8_t command : {0x0F, 0x0F, 0x09}) {
         txWrite(0x15, command);
+    }
     i2cWrite(i2c::kTransmitter, 0x10,
              0xA001u | static_cast<std::uint32_t>(offset) << 16 | static_cast<std::uint32_t>(count) << 24);
     i2cWrite(i2c::kTransmitter, 0x14,
@@ -206,8 +219,9 @@ std::vector<std::uint8_t> Host::txDdcRead(std::uint8_t segment, std::uint8_t off
                  static_cast<std::uint32_t>(count) << 24);
     clock.advance(10 * usb::kMillisecond);
     std::vector<std::uint8_t> bytes;
-    for (unsigned i = 3; i < count; i++)
+    for (unsigned i = 3; i < count; i++) {
         bytes.push_back(txRead(0x17));
+    }
     return bytes;
 }
 
@@ -238,14 +252,16 @@ void Host::powerUp() {
 void Host::enableOutput() {
     set(reg::kOutput, reg::kOutputDriverB);
     set(reg::kOutput, reg::kOutputDriverA);
-    if (adapter.options().revision == 2)
+    if (adapter.options().revision == 2) {
         clear(reg::kStandby, reg::kStandbyOutput);
+    }
 }
 
 void Host::disableOutput() {
     clear(reg::kControl, reg::kControlPll);
-    if (adapter.options().revision == 2)
+    if (adapter.options().revision == 2) {
         set(reg::kStandby, reg::kStandbyOutput);
+    }
     clear(reg::kOutput, reg::kOutputDriverB);
     clear(reg::kOutput, reg::kOutputDriverA);
 }
@@ -278,28 +294,32 @@ void Host::sleep() {
     clock.advance(750 * usb::kMillisecond);
     clear(reg::kSerialControl, reg::kPowerStage2);
     clear(reg::kControl, reg::kControlPll);
-    if (adapter.options().revision == 2)
+    if (adapter.options().revision == 2) {
         set(reg::kStandby, reg::kStandbyOutput);
+    }
 }
 
 void Host::sendFrame(std::vector<std::uint8_t> bytes) {
     send(std::move(bytes));
-    if (zeroLengthMode)
+    if (zeroLengthMode) {
         send({});
+    }
 }
 
 std::vector<std::string> Host::takeViolations() {
     std::vector<std::string> lines;
-    for (const Violation& violation : adapter.violations())
+    for (const Violation& violation : adapter.violations()) {
         lines.push_back(std::string(name(violation.kind)) + ": " + violation.cause);
+    }
     adapter.clearViolations();
     return lines;
 }
 
 std::vector<ViolationKind> Host::takeViolationKinds() {
     std::vector<ViolationKind> kinds;
-    for (const Violation& violation : adapter.violations())
+    for (const Violation& violation : adapter.violations()) {
         kinds.push_back(violation.kind);
+    }
     adapter.clearViolations();
     return kinds;
 }
@@ -315,8 +335,9 @@ std::vector<std::uint8_t> noise(std::size_t bytes, std::uint32_t seed) {
 
 std::vector<std::uint8_t> edidOf(unsigned blocks) {
     std::vector<std::uint8_t> edid(blocks * 128);
-    for (std::size_t i = 0; i < edid.size(); i++)
+    for (std::size_t i = 0; i < edid.size(); i++) {
         edid[i] = static_cast<std::uint8_t>(i % 128 + 16 * (i / 128));
+    }
     return edid;
 }
 

@@ -53,8 +53,9 @@ constexpr std::uint32_t kBgr24 = 0, kRgb565 = reg::kFormatRgb565, kRgb555 = reg:
 class Host {
   public:
     explicit Host(const AdapterOptions& options = {}, bool configure = true) : adapter(clock, options) {
-        if (configure)
+        if (configure) {
             control({0x00, 9, 1, 0, 0});
+        }
     }
 
     FakeClock clock;

@@ -31,8 +31,9 @@ TEST(Requests, DescriptorsAreWellFormedOnBothLinks) {
         for (; at < whole.size() && whole[at] != 0; at += whole[at]) {
             interfaces += whole[at + 1] == 4;
             companions += whole[at + 1] == 48;
-            if (whole[at + 1] != 5)
+            if (whole[at + 1] != 5) {
                 continue;
+            }
             endpoints++;
             const unsigned packet = whole[at + 4] | whole[at + 5] << 8;
             if (whole[at + 2] == kBulkOutEndpoint) {
@@ -241,14 +242,16 @@ TEST(Requests, ACompletionMaySubmitAgain) {
     read.endpoint = kInterruptInEndpoint;
     read.data = {&byte, 1};
     read.complete = [&](usb::Transfer& transfer) {
-        if (transfer.status != usb::Status::Success)
+        if (transfer.status != usb::Status::Success) {
             return;
+        }
         reports++;
         host.adapter.submit(transfer);
     };
     host.adapter.submit(read);
-    for (unsigned i = 0; i < 5; i++)
+    for (unsigned i = 0; i < 5; i++) {
         host.adapter.reportFrameError();
+    }
     EXPECT_EQ(reports, 5u);
     host.adapter.cancel(read);
 }

@@ -22,8 +22,9 @@ class EveryRevision : public testing::TestWithParam<std::tuple<unsigned, usb::Sp
     }
     void show(const Mode& mode) {
         host.setMode(mode);
-        if (options().transmitter)
+        if (options().transmitter) {
             host.txProgram(mode);
+        }
     }
     void expectPicture(const Mode& mode, std::uint32_t seed) {
         const auto frame = noise(pixels(mode) * 3, seed);
@@ -64,13 +65,15 @@ TEST_P(EveryRevision, ShowsFramesOverModeChangesAndDisplayOff) {
     host.setMode(large);
     expectPicture(large, 4);
     // Display off and on again, in the same mode.
-    if (options().transmitter)
+    if (options().transmitter) {
         host.txPowerDown();
+    }
     host.displayOff();
     EXPECT_NE(host.adapter.darkReason(), "");
     host.setMode(large);
-    if (options().transmitter)
+    if (options().transmitter) {
         host.txPowerUp();
+    }
     expectPicture(large, 5);
 }
 
@@ -84,8 +87,9 @@ TEST_P(EveryRevision, ShowsThePictureAgainAfterSleepInMidStream) {
         // A stream that nobody stopped runs on while the adapter falls asleep and wakes, and its position
         // against the wake-up is up to chance.
         host.sendFrame(frame);
-        if (options().transmitter)
+        if (options().transmitter) {
             host.txPowerDown();
+        }
         host.powerUp();
         host.sendFrame(frame);
         if (options().revision == 0) {
@@ -96,8 +100,9 @@ TEST_P(EveryRevision, ShowsThePictureAgainAfterSleepInMidStream) {
             host.setMode(small);
             host.send({});
         }
-        if (options().transmitter)
+        if (options().transmitter) {
             host.txProgram(small);
+        }
         expectPicture(small, 10 + round);
     }
 }
@@ -153,8 +158,9 @@ TEST(Sequences, TellAWrongPllWord) {
         EXPECT_EQ(nominalRefresh(timing, pllClock(mode.pll)) == mode.refresh, !missesItsClock(mode));
         for (const Mode& other : kModes) {
             const double ratio = pllClock(other.pll) / pllClock(mode.pll);
-            if (ratio > 0.98 && ratio < 1.02)
+            if (ratio > 0.98 && ratio < 1.02) {
                 continue;
+            }
             wrong++;
             const auto refresh = nominalRefresh(timing, pllClock(other.pll));
             accepted += refresh.has_value();
@@ -204,11 +210,13 @@ TEST(Sequences, StatusEventsAreReportedOnceAndLost) {
         const std::uint32_t first = host.read(reg::kStatus);
         EXPECT_EQ(first, 0xB0000001u);
         host.adapter.reportFrameError(); // between the read and the acknowledgement
-        if (revision < 2)
+        if (revision < 2) {
             host.write(reg::kStatus, first);
+        }
         EXPECT_EQ(host.read(reg::kStatus), 0x30000003u) << "revision " << revision;
-        if (revision < 2)
+        if (revision < 2) {
             host.write(reg::kStatus, 0x30000001); // as a host that clears the frame-error bit alone does
+        }
         EXPECT_EQ(host.read(reg::kStatus), 0x30000001u);
         host.adapter.detachMonitor();
         EXPECT_EQ(host.read(reg::kStatus), 0x40000000u);

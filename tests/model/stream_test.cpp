@@ -74,22 +74,28 @@ Plain readPlainly(const Bytes& stream, unsigned unit, std::size_t most) {
     Plain plain;
     while (plain.pixels.size() < most * unit && plain.taken + unit <= stream.size()) {
         std::uint32_t value = 0;
-        for (unsigned i = 0; i < unit; i++)
+        for (unsigned i = 0; i < unit; i++) {
             value |= static_cast<std::uint32_t>(stream[plain.taken + i]) << 8 * i;
+        }
         const std::uint32_t flag = 1u << (8 * unit - 1);
         if ((value & flag) != 0) {
             value &= ~flag;
-            if (unit == 1)
+            if (unit == 1) {
                 value <<= 1;
-            if (unit == 3)
+            }
+            if (unit == 3) {
                 value = (value & 0xFFFF) | value >> 16 << 17;
-            for (unsigned i = 0; i < unit; i++)
+            }
+            for (unsigned i = 0; i < unit; i++) {
                 plain.pixels.push_back(static_cast<std::uint8_t>(value >> 8 * i));
+            }
         } else {
-            if (value == 0 || plain.pixels.empty() || plain.pixels.size() / unit + value > most)
+            if (value == 0 || plain.pixels.empty() || plain.pixels.size() / unit + value > most) {
                 break;
-            for (std::uint32_t i = 0; i < value * unit; i++)
+            }
+            for (std::uint32_t i = 0; i < value * unit; i++) {
                 plain.pixels.push_back(plain.pixels[plain.pixels.size() - unit]);
+            }
         }
         plain.taken += unit;
     }
@@ -103,12 +109,14 @@ RC_GTEST_PROP(RunStream, AgreesWithAPlainReadingOnAnyBytes, ()) {
     for (const auto choice : *rc::gen::container<Bytes>(rc::gen::arbitrary<std::uint8_t>())) {
         Bytes bytes(unit, 0);
         bytes[0] = choice % 2 == 0 ? choice & 0x7F : choice == 0xFF ? 0 : 1 + choice % 9;
-        if (choice % 2 == 0 || stream.empty())
+        if (choice % 2 == 0 || stream.empty()) {
             bytes[unit - 1] |= 0x80;
+        }
         stream.insert(stream.end(), bytes.begin(), bytes.end());
     }
-    if (*rc::gen::inRange(0, 4) == 0 && !stream.empty())
+    if (*rc::gen::inRange(0, 4) == 0 && !stream.empty()) {
         stream.pop_back();
+    }
     const std::size_t reached = readPlainly(stream, unit, 1000).pixels.size() / unit;
     const std::size_t count = *rc::gen::oneOf(rc::gen::just(reached), rc::gen::inRange<std::size_t>(0, 300));
 
@@ -119,8 +127,9 @@ RC_GTEST_PROP(RunStream, AgreesWithAPlainReadingOnAnyBytes, ()) {
     RC_CLASSIFY(good, "a whole frame");
     Bytes pixels(count * unit);
     RC_ASSERT(expandRuns(stream, unit, pixels).empty() == good);
-    if (good)
+    if (good) {
         RC_ASSERT(pixels == plain.pixels);
+    }
 }
 
 TEST(Picture, WidensEveryFormatSoThatBlackAndWhiteStay) {
