@@ -1,7 +1,6 @@
 #include "device/settings.h"
 
 #include "base/annotations.h"
-#include "device/device_context.h"
 #include "device/registry.h"
 
 namespace {
@@ -21,10 +20,10 @@ constexpr SETTING TABLE[] = {SETTINGS_LIST(SETTINGS_ENTRY, SETTINGS_NOTHING)};
 
 } // namespace
 
-void REGISTRY_ReadConfiguration(DEVICE_CONTEXT* context) {
-    context->Settings = DEFAULTS;
+void REGISTRY_ReadConfiguration(SETTINGS* settings) {
+    *settings = DEFAULTS;
     for (const SETTING& setting : TABLE) {
         // A value that is missing or of another type leaves the default.
-        (void)REGISTRY_QueryULong(setting.Name, &(context->Settings.*setting.Field));
+        (void)REGISTRY_QueryULong(setting.Name, &(settings->*setting.Field));
     }
 }

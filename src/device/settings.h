@@ -6,8 +6,6 @@
 
 #include <ntddk.h>
 
-struct DEVICE_CONTEXT;
-
 // DWORD_VALUE(name, default, range, effect, when the driver reads it), in the order in which they are read;
 // BINARY_VALUE(name, range, effect, when the driver reads it) for values that REGISTRY_ReadConfiguration does
 // not read. The tool and its tests use the texts. The driver drops them, so they are not in its image.
@@ -86,9 +84,8 @@ struct DEVICE_CONTEXT;
 
 #define SETTINGS_NOTHING(...)
 
-// Read once at device add. Three change later: UseUsb3OutputRGB565Enable (shared field; the pixel-bytes
-// adjustment writes it), CurrentNumberOfDevices (this device's copy; re-read at mode sets, changed at prepare
-// and release) and HdmiSwapLsbMsb (set at D0 entry for one product).
+// Read once at device add. Two change later: UseUsb3OutputRGB565Enable (shared field;
+// SETTINGS_UseRgb565Output writes it) and CurrentNumberOfDevices (this device's copy; device/device_count.h).
 struct SETTINGS {
 #define SETTINGS_FIELD(name, ...) ULONG name;
     SETTINGS_LIST(SETTINGS_FIELD, SETTINGS_NOTHING)
@@ -96,7 +93,7 @@ struct SETTINGS {
 };
 
 _IRQL_requires_(PASSIVE_LEVEL)
-void REGISTRY_ReadConfiguration(DEVICE_CONTEXT* context);
+void REGISTRY_ReadConfiguration(_Out_ SETTINGS* settings);
 
 // The output without compression on SuperSpeed: RGB565, or 24 bits. At run time the pixel-bytes adjustment
 // replaces the registry's value. Any IRQL.

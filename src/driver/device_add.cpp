@@ -84,7 +84,7 @@ NTSTATUS DEVICE_EvtDeviceAdd(WDFDRIVER, PWDFDEVICE_INIT deviceInit) {
     DEVICE_InitLocks(context);
     FRAMEBUFFER_InitializeList(context);
     RENDER_InitializeEvents(context);
-    REGISTRY_ReadConfiguration(context);
+    REGISTRY_ReadConfiguration(&context->Settings);
     DEVICE_DetectCpuFeatures(context);
 
     return RENDER_CreateBuffers(context);
