@@ -1,5 +1,8 @@
-// What the compilers are told beyond the language: lock contracts for Clang's thread-safety analysis,
-// processor features of single functions, and wide strings that are right for each compiler.
+// What compilers and analysers are told beyond the language: source annotations (<sal.h>) for that of the
+// Microsoft compiler, lock contracts for Clang's thread-safety analysis, processor features of single
+// functions, and wide strings that are right for each compiler.
+//
+// A function that a header declares without an IRQL annotation can be called at any IRQL.
 #pragma once
 
 #include <ntddk.h>
@@ -20,8 +23,8 @@
 #define TSA_EXCLUDES(...) DRIVER_TSA(locks_excluded(__VA_ARGS__))
 #define TSA_NO_ANALYSIS DRIVER_TSA(no_thread_safety_analysis)
 
-// MSVC lets every function use every instruction; GCC and Clang want it said per function, because a caller
-// must not reach such a function before the processor flags were checked.
+// MSVC lets every function use every instruction; GCC and Clang need an attribute on each function that
+// uses the extended ones. A caller checks the processor's flags before it calls such a function.
 #if defined(__GNUC__)
 #define TARGET_SSSE3 __attribute__((target("ssse3")))
 #define TARGET_SSE41 __attribute__((target("sse4.1")))
@@ -30,7 +33,7 @@
 #define TARGET_SSE41
 #endif
 
-// 16-bit characters: `wchar_t` where that is what it is, `char16_t` elsewhere.
+// 16-bit characters: `wchar_t` where it has 16 bits, `char16_t` elsewhere.
 #if defined(_WIN32)
 #define WIDE(text) L##text
 #else

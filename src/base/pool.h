@@ -1,12 +1,14 @@
-// The pool that every allocation of the driver comes from, and the tags that tell them apart.
+// The pool type of every allocation of the driver, and the tags that tell the allocations apart.
 #pragma once
 
 #include <ntddk.h>
 
-// NonPagedPoolNx from OS version 6.2 on, NonPagedPool before. Set by DriverEntry, read everywhere.
+// NonPagedPoolNx from OS version 6.2 on, NonPagedPool before. Set by DriverEntry before any
+// allocation.
 extern POOL_TYPE DriverPoolType;
 
-// A tag with its first character in the most significant byte, and one that reads in memory order.
+// A tag with its first character in the most significant byte, and one with it in the least significant
+// byte, which reads in memory order.
 constexpr ULONG PoolTagHighFirst(const char (&name)[5]) {
     return (ULONG(UCHAR(name[0])) << 24) | (ULONG(UCHAR(name[1])) << 16) | (ULONG(UCHAR(name[2])) << 8) |
            ULONG(UCHAR(name[3]));

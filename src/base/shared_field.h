@@ -1,6 +1,6 @@
-// Plain fields that one side writes and others poll without a lock. Every access goes through these, so that
-// the compiler neither invents nor drops one and a reader that sees the new value also sees what was written
-// before it. Fields of one, two or four bytes and pointers.
+// Plain fields that one side writes and others poll without a lock. Every access uses these functions,
+// so that the compiler neither adds nor removes one and a reader that sees the new value also sees what was
+// written before it. For fields of one, two or four bytes and for pointers.
 #pragma once
 
 #include <ntddk.h>

@@ -8,14 +8,16 @@ constexpr LONGLONG RelativeMs(ULONG milliseconds) {
     return -static_cast<LONGLONG>(milliseconds) * 10000;
 }
 
-// Blocks the calling thread. PASSIVE_LEVEL.
+// Blocks the calling thread.
+_IRQL_requires_(PASSIVE_LEVEL)
 void UTIL_DelayMs(ULONG milliseconds);
 
 enum class POLL_RESULT { Again, Done, Failed };
 
 // Asks `probe(context)` at most `maximumCount` times, with `intervalMs` after every answer of Again. Returns
-// the last answer: Again means that the count ran out. PASSIVE_LEVEL.
+// the last answer: Again means that the count ran out.
 template <typename Context>
+_IRQL_requires_(PASSIVE_LEVEL)
 POLL_RESULT UTIL_Poll(ULONG intervalMs, ULONG maximumCount, POLL_RESULT (*probe)(Context*),
                       Context* context) {
     for (ULONG count = 0; count < maximumCount; count++) {

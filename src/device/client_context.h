@@ -12,7 +12,7 @@ struct CLIENT_CONTEXT {
     LONG ClientCount; // interlocked; 0 or 1 outside an exchange
 
     // Held while the display is switched on or off, so that two commands at once leave the state of the later
-    // one. D0 exit takes it to let a switch under way finish before power goes. PASSIVE_LEVEL.
+    // one. D0 exit takes it so that a switch under way finishes before the power is removed.
     DEVICE_MUTEX DisplayPowerMutex;
     BOOLEAN NewSession TSA_GUARDED_BY(DisplayPowerMutex); // no display switch since the last client left
 

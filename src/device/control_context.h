@@ -10,7 +10,7 @@
 #include <wdfusb.h>
 
 struct CONTROL_CONTEXT {
-    WDFUSBPIPE InterruptPipe; // set at hardware preparation, null while there is none
+    WDFUSBPIPE InterruptPipe; // set at hardware preparation, null without a status pipe
 
     // Set while the device is not fully in D0: the status work item then drops what it read (shared field).
     BOOLEAN IgnoreInterruptStatus;
@@ -18,12 +18,13 @@ struct CONTROL_CONTEXT {
     // Set at hardware preparation.
     DEVICE_OBJECT* PhysicalDeviceObject;
 
-    // Held while the monitor's state changes, EDID reads included: a second or more. PASSIVE_LEVEL.
+    // Held while the monitor's state changes, EDID reads included: a second or more.
     DEVICE_MUTEX MonitorMutex;
     UNICODE_STRING InterfaceSymbolicLinkName TSA_GUARDED_BY(MonitorMutex); // length 0: not registered
     MONITOR_EDID Edid TSA_GUARDED_BY(MonitorMutex);
 
-    // Written under MonitorMutex; polled elsewhere (shared fields).
+    // Written under MonitorMutex, and at hardware preparation, before reports are accepted; read elsewhere
+    // without it (shared fields).
     BOOLEAN MonitorConnected;
     BOOLEAN MonitorIsDvi;
 

@@ -1,5 +1,5 @@
-// Everything the driver knows of one adapter: one record per subsystem, each in a header of its own that
-// names the folder whose code writes it. Other folders read a field, or call a function of its owner.
+// Everything the driver stores about one adapter: one record for each subsystem, in a header of its own that
+// names the folder whose code writes it. Other folders read its fields, or call a function of that folder.
 //
 // The locks are declared beside what they guard. Their order, outermost first; a task takes a lock only while
 // it holds none that comes after it:
@@ -54,13 +54,13 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(DEVICE_CONTEXT, DEVICE_GetContext)
 
 // Attributes of an object that lives as long as the device: parent the device, execution level and scope
 // inherited.
-void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, WDF_OBJECT_ATTRIBUTES* attributes);
+void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, _Out_ WDF_OBJECT_ATTRIBUTES* attributes);
 
-// Every lock of the records above. At device add, before any other code can use the context.
+// Initializes every lock of the records above. At device add, before any other code can use the context.
 void DEVICE_InitLocks(DEVICE_CONTEXT* context);
 
 // What the processor offers to the encoders. At device add.
 void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context);
 
-// A surprise removal, or a transfer that found the device gone. Any IRQL.
+// After a surprise removal, or a transfer that found the device gone. Called at any IRQL.
 void DEVICE_MarkRemoved(DEVICE_CONTEXT* context);

@@ -8,8 +8,8 @@
 
 struct DEVICE_CONTEXT;
 
-// At driver load: a count left by a system that stopped without releasing its adapters would turn compression
-// on.
+// Sets the registry's number to 0. At driver load: a count left by a system that stopped without releasing
+// its adapters would turn compression on.
 _IRQL_requires_(PASSIVE_LEVEL)
 void DEVICECOUNT_Clear();
 

@@ -3,7 +3,7 @@
 
 #include <ntddk.h>
 
-// Written under DisplayStateMutex; polled by the client's display-off (shared fields).
+// Written under DisplayStateMutex; read elsewhere without it (shared fields).
 struct HDMI_CONTEXT {
     BOOLEAN HdmiTransmitterPresent;
     BOOLEAN HdmiTransmitterPowered;

@@ -16,7 +16,7 @@ struct CURSOR_IMAGE {
 };
 
 struct SURFACE_CONTEXT {
-    // Guards the list, with the links, reference counts and keys of what it holds. DISPATCH_LEVEL.
+    // Guards the list, with the links, reference counts and keys of its frame buffers.
     DEVICE_SPIN_LOCK FrameBufferListLock;
     LIST_ENTRY FrameBufferList TSA_GUARDED_BY(FrameBufferListLock);
     VOID* PendingFrameBuffer TSA_GUARDED_BY(FrameBufferListLock); // pixel buffer of the newest frame, while
@@ -29,7 +29,7 @@ struct SURFACE_CONTEXT {
     KEVENT FrameUpdateRequestEvent;
 
     // Serializes hand-offs of frames to the frame update thread, so that the newest frame is the one handed
-    // over last, and guards the pointer that is drawn into them. PASSIVE_LEVEL.
+    // over last, and guards the pointer that is drawn into them.
     DEVICE_MUTEX SubmitMutex;
     ULONG LastPointerX TSA_GUARDED_BY(SubmitMutex); // as the client gave them
     ULONG LastPointerY TSA_GUARDED_BY(SubmitMutex);

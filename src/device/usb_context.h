@@ -1,5 +1,5 @@
-// USB side of an adapter: identity, target, pipes, and the one control transfer every register access shares.
-// Written by usb/.
+// The USB side of an adapter: identity, target, pipes, and the one control transfer that all register
+// accesses share. Written by usb/.
 #pragma once
 
 #include "base/lock.h"
@@ -26,7 +26,7 @@ struct USB_CONTEXT {
     WDFUSBDEVICE UsbDevice; // kept across stop and start
     WDFIOTARGET UsbIoTarget;
     WDFUSBINTERFACE UsbInterfaces[USB_INTERFACE_COUNT];
-    ULONG ChipRevision; // 0 to 3; what the revisions differ in: usb/chip.h
+    ULONG ChipRevision; // 0 to 3; their differences: usb/chip.h
 
     // Refreshed by timing programming while the pipeline is stopped; read by the send path.
     WDFUSBPIPE BulkOutPipe;
@@ -38,7 +38,8 @@ struct USB_CONTEXT {
     ULONG* ControlBuffer TSA_GUARDED_BY(RegisterMutex);
     WDF_MEMORY_DESCRIPTOR ControlMemoryDescriptor TSA_GUARDED_BY(RegisterMutex);
 
-    // Held for a whole procedure on the serial master (an EDID read, a transmitter's sequence): the master
-    // has one set of command and data registers, and the transmitter one bank selection.
+    // Held for all transactions on the serial master that belong together (an EDID read, a transmitter's
+    // sequence): the master has one set of command and data registers, and the transmitter one bank
+    // selection.
     DEVICE_MUTEX SerialMasterMutex;
 };

@@ -12,8 +12,8 @@ constexpr UCHAR DDC_EDID_ADDRESS = 0x50;
 constexpr UCHAR DDC_SEGMENT_ADDRESS = 0x30;
 constexpr ULONG DDC_WORD_SIZE = sizeof(ULONG);
 
-// Extensions to read for an extension count. More than 8 is no EDID that we know: the base block alone is
-// used. Of 8 the last does not fit into EdidBlocks; the seven before it are as good without it.
+// The number of extensions to read. With a count above 8 only the base block is used: no known monitor has so
+// many. Of 8 extensions the last does not fit into EdidBlocks; the seven before it are usable without it.
 ULONG CountReadableExtensions(UCHAR extensionCount) {
     if (extensionCount > EDID_BLOCK_COUNT) {
         return 0;

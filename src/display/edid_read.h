@@ -1,6 +1,7 @@
 // Reading the monitor's EDID, through the adapter's serial master or through an HDMI transmitter.
 //
-// A block takes some 200 ms. SerialMasterMutex is taken here; in the driver the caller holds MonitorMutex.
+// Reading a block blocks for some 200 ms. SerialMasterMutex is taken inside. `edid` belongs to the caller for
+// the whole call: that of CONTROL_CONTEXT is guarded by MonitorMutex.
 #pragma once
 
 #include "base/annotations.h"
@@ -8,8 +9,8 @@
 
 struct DEVICE_CONTEXT;
 
-// Reads, checks and rewrites the EDID, by the path that ViaAdapterDdc says, and keeps IsDvi. Without a usable
-// EDID, block 0 is left zero.
+// Reads, checks and rewrites the EDID, by the path that ViaAdapterDdc says, and updates IsDvi. Without a
+// usable EDID, block 0 is left zero.
 _IRQL_requires_(PASSIVE_LEVEL)
 void EDID_Acquire(DEVICE_CONTEXT* context, MONITOR_EDID* edid);
 

@@ -102,8 +102,8 @@ ULONG VideoFormatBits(const MODE_PARAMETERS& mode) {
     return bits;
 }
 
-// FALSE when the register holds something else afterwards. A write that failed is passed over: the adapter
-// may be going away, and then nothing here matters any more.
+// FALSE when the register holds something else afterwards. A write that failed is ignored: the adapter may
+// have been removed, and then its registers do not matter.
 BOOLEAN WriteTimingImage(DEVICE_CONTEXT* context, ULONG offset, ULONG image) {
     if (!REG_Write(context, offset, &image)) {
         return TRUE;
@@ -138,7 +138,7 @@ NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters
     MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
     MODE_PARAMETERS* mode = &context->Display.Mode;
 
-    // The PLL word stays: it tells what the adapter runs.
+    // The PLL word is kept: it is the clock that the adapter runs.
     const ULONG runningPllWord = mode->PllWord;
     *mode = *parameters;
     mode->PllWord = runningPllWord;
@@ -236,10 +236,10 @@ void MODE_RestoreTiming(DEVICE_CONTEXT* context) {
     MUTEX_GUARD mode(context->Display.DropFrameCheckMutex);
     const ULONG expected = context->Display.Mode.PllWord;
     ULONG pllWord = 0;
-    // Without a PLL word no mode is in force and there is no timing to go back to.
+    // Without a PLL word no mode is in force and there is no timing to restore.
     if (!REG_Read(context, REGISTER_PLL, &pllWord) || pllWord == expected || expected == 0) {
         return;
     }
-    // A failure leaves a dark monitor that the next mode set lights.
+    // After a failure the monitor stays dark until the next mode set.
     (void)MODE_ProgramTiming(context, TRUE);
 }

@@ -1,6 +1,7 @@
 // Makes a display mode current: parameters, timing generator, pixel clock, bulk pipe.
 //
-// Each blocks for some thirty register accesses. The render pipeline is stopped.
+// The functions that access registers block for up to some thirty register accesses. The render pipeline is
+// stopped.
 #pragma once
 
 #include "device/device_context.h"
@@ -24,6 +25,7 @@ _Must_inspect_result_
     TSA_REQUIRES(context->Display.DropFrameCheckMutex);
 
 // Replaces the timings in which the mode table differs from CEA-861: an HDMI sink may insist on them.
+_IRQL_requires_(PASSIVE_LEVEL)
 void MODE_ApplyHdmiTiming(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DropFrameCheckMutex);
 
 // Forgets the current mode and its pixel clock: the next mode set programs everything. Takes
@@ -37,7 +39,7 @@ void MODE_Forget(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)
 void MODE_ForgetForSleep(DEVICE_CONTEXT* context);
 
-// An adapter that lost power has forgotten its timing: writes it again if the pixel clock is not the mode's.
+// An adapter that lost power has lost its timing: writes it again if the pixel clock is not the mode's.
 // Takes DropFrameCheckMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
 void MODE_RestoreTiming(DEVICE_CONTEXT* context);

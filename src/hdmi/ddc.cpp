@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr UCHAR MONITOR_EDID_ADDRESS = 0xA0; // eight bits, as the transmitter wants it
+constexpr UCHAR MONITOR_EDID_ADDRESS = 0xA0; // in the eight-bit form that the transmitter takes
 
 constexpr ULONG ABORT_POLL_MS = 50;
 constexpr ULONG ABORT_POLLS = 200;
@@ -68,7 +68,7 @@ UCHAR SumOf(const UCHAR (&block)[EDID_BLOCK_SIZE]) {
 // earlier of that segment. A monitor whose address counter wraps inside the segment delivers them after
 // offset 0xFD of the same segment, one whose counter runs on after offset 0xFD of the segment before; the
 // block's checksum tells which of the two it was. If neither, the three bytes become 0: no extension block
-// has tag 0, so a guess cannot pass for data.
+// has tag 0, so the block is not taken for valid data.
 BOOLEAN ReadSegmentHead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR (&block)[EDID_BLOCK_SIZE])
     TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     const UCHAR candidates[] = {segment, static_cast<UCHAR>(segment - 1)};

@@ -6,7 +6,8 @@
 #include <ntddk.h>
 
 // Reads 128-byte block `block` (0 to EDID_BLOCK_COUNT - 1; any other fails). FALSE when a transfer failed:
-// the parts of the block read until then stay. SerialMasterMutex is taken here.
+// `destination` then has the parts that were read before. Blocks for some hundred milliseconds. Takes
+// SerialMasterMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_ReadEdidBlock(DEVICE_CONTEXT* context, UCHAR block,
@@ -17,8 +18,11 @@ _Must_inspect_result_
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS HDMI_DdcRead(DEVICE_CONTEXT* context, UCHAR segment, UCHAR offset, UCHAR count,
-                                    UCHAR* buffer) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+                                    _Out_writes_bytes_(count - 3) UCHAR* buffer)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
+// Each FALSE when a transfer failed. An abort blocks until the DDC master reports its end: in the worst
+// case, when it never does, for more than 20 seconds.
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_DdcAbortIfBusy(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 _IRQL_requires_(PASSIVE_LEVEL)

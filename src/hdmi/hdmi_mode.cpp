@@ -18,7 +18,7 @@ constexpr ULONG SPDIF_LOCK_POLLS = 100;
 constexpr ULONG AUDIO_SAMPLE_RATE = 44100;
 constexpr ULONG AUDIO_CHANNELS = 2;
 
-// Bits of HDMI_RESET that hold the audio FIFO and the audio receiver, and all but those of the video path.
+// Bits of HDMI_RESET: for audio FIFO and audio receiver, for the audio FIFO alone, for the video path.
 constexpr UCHAR RESET_AUDIO = 0x14;
 constexpr UCHAR RESET_AUDIO_FIFO = 0x10;
 constexpr UCHAR RESET_VIDEO = 0x28;
@@ -87,7 +87,7 @@ BOOLEAN SetUpAudioClock(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.Seria
     return HDMI_WriteMasked(context, HDMI_BANK1_SAMPLING + 1, 0xF0, 0x60);
 }
 
-// Only the byte that is written alone decides: a sink plays on with an incomplete channel status.
+// Only the write of the single byte decides the result: a sink plays also with an incomplete channel status.
 BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& status)
     TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     const UCHAR(&bytes)[5] = status.Bytes;
@@ -99,8 +99,8 @@ BOOLEAN WriteChannelStatus(DEVICE_CONTEXT* context, const AUDIO_CHANNEL_STATUS& 
     return written;
 }
 
-// Reads until the receiver has locked, but only so often; whether the last read succeeded. A receiver that
-// does not lock in time is not a failure: it locks when the source starts.
+// Polls until the receiver has locked, at most SPDIF_LOCK_POLLS times. Returns whether the last read
+// succeeded: a receiver that does not lock in time is not a failure, because it locks when the source starts.
 BOOLEAN AwaitSpdifLock(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     BOOLEAN read = FALSE;
     UCHAR status = 0;

@@ -1,7 +1,7 @@
-// What the HDMI transmitter is told at a mode set: InfoFrames, video path and audio.
+// Programs the HDMI transmitter at a mode set: InfoFrames, video path and audio.
 //
-// HDMI_SetMode takes SerialMasterMutex for the whole sequence; its single steps rely on that, and return
-// TRUE on success.
+// HDMI_SetMode takes SerialMasterMutex for the whole sequence. The others are its steps; each returns FALSE
+// at the first transfer that failed. They block for milliseconds per register.
 #pragma once
 
 #include "device/device_context.h"

@@ -1,5 +1,6 @@
-// Access to the transmitter's registers in the forms its procedures are written in. The caller holds
-// SerialMasterMutex. Each returns FALSE when a transfer failed. PASSIVE_LEVEL.
+// Access to the transmitter's registers: single bytes, masked writes, groups of four and tables of writes.
+// Each access blocks for one or two transactions of the serial master. The BOOLEAN functions return FALSE
+// when a transfer failed.
 #pragma once
 
 #include "device/device_context.h"
@@ -12,10 +13,10 @@ constexpr UCHAR HDMI_I2C_ADDRESS = 0x4C;
 // group and writing it back.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] NTSTATUS HDMI_ReadRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* result)
-    TSA_REQUIRES(context->Usb.SerialMasterMutex);
+[[nodiscard]] NTSTATUS HDMI_ReadRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister,
+                                         _Out_ UCHAR* result) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 _IRQL_requires_(PASSIVE_LEVEL)
-UCHAR HDMI_ReadRegisterChecked(DEVICE_CONTEXT* context, UCHAR transmitterRegister, ULONG* succeeded)
+UCHAR HDMI_ReadRegisterChecked(DEVICE_CONTEXT* context, UCHAR transmitterRegister, _Out_ ULONG* succeeded)
     TSA_REQUIRES(context->Usb.SerialMasterMutex);
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
@@ -25,7 +26,7 @@ _Must_inspect_result_
 // Takes the bits inside `mask` from `value` and keeps the others; with mask 0xFF it does not read first.
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_ModifyRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR mask, UCHAR value,
-                         ULONG* succeeded) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+                         _Out_ ULONG* succeeded) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 // A masked register write; mask 0xFF writes the value without reading.
 struct HDMI_WRITE {
@@ -54,20 +55,25 @@ _Must_inspect_result_
 // Stops at the first write that fails.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE* writes, ULONG count)
-    TSA_REQUIRES(context->Usb.SerialMasterMutex);
+[[nodiscard]] BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, _In_reads_(count) const HDMI_WRITE* writes,
+                                    ULONG count) TSA_REQUIRES(context->Usb.SerialMasterMutex);
 
 template <ULONG Count>
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] inline BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE (&writes)[Count])
     TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     return HDMI_WriteAll(context, writes, Count);
 }
 
-// A transmitter left in bank 1 would misread everything after: a failure to select a bank shows in the
-// accesses that follow, and bank 0 is selected again whatever happened in between.
+// Bank 1 is selected while the object exists. In a transmitter left in bank 1 all later accesses would reach
+// other registers, so bank 0 is selected again after every outcome. A failure to select a bank shows in the
+// accesses that follow.
 class HDMI_BANK1_SCOPE {
   public:
+    _IRQL_requires_(PASSIVE_LEVEL)
     explicit HDMI_BANK1_SCOPE(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+    _IRQL_requires_(PASSIVE_LEVEL)
     ~HDMI_BANK1_SCOPE();
     HDMI_BANK1_SCOPE(const HDMI_BANK1_SCOPE&) = delete;
     HDMI_BANK1_SCOPE& operator=(const HDMI_BANK1_SCOPE&) = delete;

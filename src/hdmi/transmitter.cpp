@@ -34,7 +34,7 @@ constexpr HDMI_WRITE POWER_UP[] = {
     {HDMI_BANK, 0x78, 0x08},
 };
 
-// The reverse.
+// The reverse order.
 constexpr HDMI_WRITE POWER_DOWN[] = {
     {HDMI_BANK, 0x40, 0x00},     {HDMI_DRIVER, 0x10, 0x10},          {HDMI_CLOCK_PLL, 0x08, 0x00},
     {HDMI_DATA_PLL, 0x04, 0x00}, {HDMI_DRIVER, 0x20, 0x20},          {HDMI_CLOCK_PLL, 0x44, 0x44},

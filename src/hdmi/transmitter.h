@@ -1,8 +1,8 @@
 // The external HDMI transmitter on the adapter's I2C bus: identification, reset and power.
 //
 // Every operation takes SerialMasterMutex for its whole sequence, because the transmitter has one bank
-// selection and a byte write is a read and a write of its group of four registers. PASSIVE_LEVEL; they block
-// for milliseconds per register. TRUE on success, FALSE at the first failed transfer.
+// selection and a byte write is a read and a write of its group of four registers. They block for
+// milliseconds per register. TRUE on success, FALSE at the first failed transfer.
 #pragma once
 
 #include "device/device_context.h"
@@ -10,12 +10,15 @@
 #include <ntddk.h>
 
 // Whether a transmitter answers with the expected identification. A failed read means that there is none.
+_IRQL_requires_(PASSIVE_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context);
 
-// Resets the transmitter and waits for it to come back.
+// Resets the transmitter and waits 300 ms, after which it answers again.
+_IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context);
 
-// Looks for a transmitter and keeps HdmiTransmitterPresent; one that is found and not powered is reset and
+// Looks for a transmitter and updates HdmiTransmitterPresent; one that is found and not powered is reset and
 // powered up.
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_Detect(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
@@ -24,15 +27,16 @@ void HDMI_Detect(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayS
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_SetUp(DEVICE_CONTEXT* context);
 
-// Runs the power tables and keeps HdmiTransmitterPowered.
+// Write the power tables and, on success, update HdmiTransmitterPowered.
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_PowerUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_PowerDown(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 
-// The same for one that is present and powered; nothing happens to any other. Takes DisplayStateMutex.
+// Powers down a transmitter that is present and powered. Takes DisplayStateMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_PowerDownIfPowered(DEVICE_CONTEXT* context);
 
 // Sets bit `bit` (0 to 7) of a register.
+_IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_SetBit(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR bit);

@@ -1,5 +1,5 @@
 // Registers of the HDMI transmitter: 8 bits each, moved over I2C in aligned groups of four. Offsets from 0x30
-// on exist in two banks; without a remark they are those of bank 0.
+// on exist in two banks; those of bank 1 have BANK1 in their names.
 #pragma once
 
 #include <ntddk.h>

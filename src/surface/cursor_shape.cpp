@@ -9,7 +9,7 @@ constexpr ULONGLONG PackedPitch(ULONG type, ULONG width) {
                                      : static_cast<ULONGLONG>(width) * CURSOR_PIXEL_BYTES;
 }
 
-// The bytes that a shape takes, or nothing when it does not fit into an image or its rows overlap. Width and
+// The bytes that a shape takes. FALSE when it does not fit into an image or its rows overlap. Width and
 // height of what passes are small enough for 32-bit arithmetic on its bytes.
 BOOLEAN MeasureBits(ULONG type, ULONG width, ULONG height, ULONGLONG pitch, ULONG* byteCount) {
     if (pitch < PackedPitch(type, width) || pitch > CURSOR_BITS_SIZE) {
@@ -23,7 +23,7 @@ BOOLEAN MeasureBits(ULONG type, ULONG width, ULONG height, ULONGLONG pitch, ULON
     return TRUE;
 }
 
-// Whether the turned image fits, too, whatever the display's rotation is later.
+// Whether the image also fits after a quarter turn: the rotation may change later.
 BOOLEAN FitsEveryRotation(ULONG type, ULONG width, ULONG height) {
     ULONG byteCount = 0;
     return MeasureBits(type, width, height, PackedPitch(type, width), &byteCount) &&
@@ -91,7 +91,7 @@ BOOLEAN CURSOR_MeasureImage(const CURSOR_IMAGE* image, ULONG* byteCount) {
 }
 
 // A shape that is too large is refused and not cut: half a pointer in the wrong place of its image would be
-// worse than the one from before.
+// worse than the previous pointer.
 BOOLEAN CURSOR_StoreShape(CURSOR_IMAGE* image, const POINTER_SHAPE* shape) {
     const POINTER_SHAPE copy = *shape; // once: it is the caller's memory
     ULONG byteCount = 0;
@@ -130,7 +130,7 @@ BOOLEAN CURSOR_RotateShape(const CURSOR_IMAGE* source, ULONG rotation, CURSOR_IM
         return TRUE;
     }
     if (rotatedBytes == 0) {
-        return TRUE; // No pixels, however long the other side claims to be.
+        return TRUE; // One side is 0, the other may be any length.
     }
     RtlZeroMemory(rotated->Bits, rotatedBytes);
     if (CURSOR_IsMonochrome(source->Type)) {

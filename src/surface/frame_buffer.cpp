@@ -54,7 +54,7 @@ NTSTATUS FRAMEBUFFER_Create(DEVICE_CONTEXT* context, const FRAME_BUFFER_REQUEST*
     }
     RtlZeroMemory(frameBuffer, sizeof(*frameBuffer));
 
-    // At least one pixel: the address of the pixels stands for the frame, and an empty one needs one, too.
+    // At least one pixel: the address of the pixels identifies the frame, and an empty frame needs one, too.
     const SIZE_T allocation = request->ByteSize > FRAME_PIXEL_BYTES ? request->ByteSize : FRAME_PIXEL_BYTES;
     frameBuffer->PixelBuffer =
         static_cast<UCHAR*>(ExAllocatePoolWithTag(DriverPoolType, allocation, POOL_TAG_FRAME_BUFFER));
@@ -116,8 +116,8 @@ FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindByIdentifier(DEVICE_CONTEXT* context, ULON
 FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindCurrent(DEVICE_CONTEXT* context) {
     SPIN_LOCK_GUARD list(context->Surface.FrameBufferListLock);
     const ULONG key = context->Surface.CurrentFrameKey;
-    // A key that a client gives twice, or 0, which a frame buffer has before its first present, stands for
-    // one with a picture in it.
+    // A key that a client gives twice, or 0, which a frame buffer has before its first present, means a frame
+    // buffer with a picture in it.
     FRAME_BUFFER_CONTEXT* presented =
         FindAndReference(context, [key](const FRAME_BUFFER_CONTEXT* frameBuffer) {
             return frameBuffer->FrameKey == key && frameBuffer->Presented && !frameBuffer->Destroyed;

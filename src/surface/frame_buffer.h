@@ -41,40 +41,49 @@ constexpr ULONG FRAME_PIXEL_BYTES = 4;
 void FRAMEBUFFER_InitializeList(DEVICE_CONTEXT* context);
 
 // Allocates a frame buffer with `initialCount` references and lists it. STATUS_INSUFFICIENT_RESOURCES leaves
-// nothing behind. Up to DISPATCH_LEVEL.
+// nothing behind, and null in `*frameBuffer`.
 _IRQL_requires_max_(DISPATCH_LEVEL)
+_Must_inspect_result_
 [[nodiscard]] NTSTATUS FRAMEBUFFER_Create(DEVICE_CONTEXT* context, const FRAME_BUFFER_REQUEST* request,
-                                          LONG initialCount, FRAME_BUFFER_CONTEXT** frameBuffer);
+                                          LONG initialCount,
+                                          _Outptr_result_maybenull_ FRAME_BUFFER_CONTEXT** frameBuffer)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
 // Drops one reference; the last one unlinks and frees.
 _IRQL_requires_(DISPATCH_LEVEL)
 void FRAMEBUFFER_Release(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer)
     TSA_REQUIRES(context->Surface.FrameBufferListLock);
 
-// The same for callers that do not hold the lock.
+// The same, and takes the lock.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void FRAMEBUFFER_Dereference(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer);
+void FRAMEBUFFER_Dereference(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
 // Drops the list's reference of every frame buffer with that identifier, or of all of them.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void FRAMEBUFFER_Destroy(DEVICE_CONTEXT* context, ULONGLONG identifier);
+void FRAMEBUFFER_Destroy(DEVICE_CONTEXT* context, ULONGLONG identifier)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void FRAMEBUFFER_DestroyAll(DEVICE_CONTEXT* context);
+void FRAMEBUFFER_DestroyAll(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
 // Referenced, or null. A frame buffer that is being destroyed is not found by its identifier: the client may
 // reuse the identifier for another size.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindByIdentifier(DEVICE_CONTEXT* context, ULONGLONG identifier);
+FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindByIdentifier(DEVICE_CONTEXT* context, ULONGLONG identifier)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
-// The frame buffer whose key is that of the last present, referenced, or null.
+// The frame buffer whose key is that of the last present, referenced, or null. Among several with that key, a
+// presented one is preferred.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindCurrent(DEVICE_CONTEXT* context);
+FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindCurrent(DEVICE_CONTEXT* context)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
 // For the frame update thread: the newest frame handed over, referenced, or null when there is none, when it
 // has another size than `width` x `height`, or when it holds less than that many pixels.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindPending(DEVICE_CONTEXT* context, ULONG width, ULONG height);
+FRAME_BUFFER_CONTEXT* FRAMEBUFFER_FindPending(DEVICE_CONTEXT* context, ULONG width, ULONG height)
+    TSA_EXCLUDES(context->Surface.FrameBufferListLock);
 
 // Whether a frame was handed over and still exists.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-BOOLEAN FRAMEBUFFER_HasPending(DEVICE_CONTEXT* context);
+BOOLEAN FRAMEBUFFER_HasPending(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Surface.FrameBufferListLock);

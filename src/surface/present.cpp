@@ -58,7 +58,7 @@ void HaveClientFill(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer, 
     fill.PixelBuffer = frameBuffer->PixelBuffer;
     fill.ByteSize = frameBuffer->ByteSize;
     ULONG bytesReturned = 0;
-    // Whatever the result, what the client left in the buffer is the frame.
+    // The content of the buffer is the frame, also after a failure of the client.
     (void)clientInterface->CommandEntry(clientInterface->Context, CLIENT_CMD_FILL_FRAME_BUFFER, &fill,
                                         sizeof(fill), nullptr, 0, &bytesReturned);
 }
@@ -80,7 +80,7 @@ NTSTATUS FRAMEBUFFER_Present(DEVICE_CONTEXT* context, const PRESENT_REQUEST* req
 
     FRAMEBUFFER_AcquirePixels(frameBuffer);
     SHARED_Write(frameBuffer->FillThread, KeGetCurrentThread());
-    // The pixels are about to be replaced: there is no cursor in them to take out again.
+    // The pixels are about to be replaced: the cursor in them needs no restoring.
     frameBuffer->SavedValid = FALSE;
     {
         SPIN_LOCK_GUARD list(context->Surface.FrameBufferListLock);

@@ -9,7 +9,7 @@
 
 struct DEVICE_CONTEXT;
 
-// What happens to the chip at D0 entry, besides the search for a transmitter.
+// What is done to the chip at D0 entry, besides the search for a transmitter.
 enum CHIP_BRING_UP : ULONG {
     CHIP_BRING_UP_NONE,
     CHIP_BRING_UP_REVISION1,
@@ -17,11 +17,11 @@ enum CHIP_BRING_UP : ULONG {
 };
 
 struct CHIP_TRAITS {
-    BOOLEAN IsSupported;          // its configuration is known
-    BOOLEAN HasStatusPipe;        // else the status is read at D0 entry only
-    BOOLEAN ReportsEvents;        // the status register says what changed; else only what is, and wants to be
-                                  // written back
-    BOOLEAN HasPowerSwitches;     // REGISTER_STANDBY and REGISTER_POWER
+    BOOLEAN IsSupported;      // its configuration is known
+    BOOLEAN HasStatusPipe;    // without one, the status is read at D0 entry only
+    BOOLEAN ReportsEvents;    // its status register reports what changed; otherwise it has the present state
+                              // only, and the driver acknowledges a report by writing the status back
+    BOOLEAN HasPowerSwitches; // REGISTER_STANDBY and REGISTER_POWER
     BOOLEAN SerialMasterOnStage2; // its serial master needs power stage 2
     BOOLEAN KeepsOutputDrivers;   // the output's drivers stay on after the final power-down
     BOOLEAN ExactRunUnits;        // its run expander knows 3-byte units only, besides 2-byte ones
@@ -29,10 +29,10 @@ struct CHIP_TRAITS {
     CHIP_BRING_UP BringUp;
 };
 
-// 0 to 3, by the identity that the adapter reports.
+// 0 to 3, from the identity that the adapter reports.
 ULONG USB_RevisionOf(const USB_DEVICE_DESCRIPTOR* descriptor);
 
-// Of the adapter's revision; before it is known, of revision 0.
+// The traits of the adapter's revision; before the revision is known, those of revision 0.
 const CHIP_TRAITS& CHIP_Traits(const DEVICE_CONTEXT* context);
 
 // Sets ChipRevision from the device descriptor, under DisplayStateMutex.

@@ -71,7 +71,7 @@ NTSTATUS USB_RetrieveConfigDescriptor(DEVICE_CONTEXT* context) {
     USHORT length = 0;
     NTSTATUS status = WdfUsbTargetDeviceRetrieveConfigDescriptor(usbDevice, nullptr, &length);
     if (status != STATUS_BUFFER_TOO_SMALL || length == 0) {
-        // A success without a size is an adapter without a configuration: of no use.
+        // A success without a size means an adapter without a configuration.
         return NT_SUCCESS(status) ? STATUS_UNSUCCESSFUL : status;
     }
 
@@ -99,7 +99,7 @@ NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context) {
 
     const UCHAR interfaceCount = WdfUsbTargetDeviceGetNumInterfaces(usb->UsbDevice);
     if (interfaceCount < USB_INTERFACE_COUNT) {
-        // Streaming and status interface are missing; better no adapter than one that shows nothing.
+        // Without streaming and status interface the adapter cannot show a picture.
         return STATUS_UNSUCCESSFUL;
     }
     for (UCHAR i = 0; i < USB_INTERFACE_COUNT; i++) {

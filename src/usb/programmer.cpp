@@ -31,8 +31,7 @@ void ReadImage(PCWSTR name, MEMORY_IMAGE* image) {
 void EEPROM_ProgramFromRegistry(DEVICE_CONTEXT* context) {
     MEMORY_IMAGE image;
     ReadImage(WIDE("EepromData"), &image);
-    // An image that reaches beyond the EEPROM is refused whole: a part of it is no configuration that anybody
-    // made.
+    // An image that reaches beyond the EEPROM is refused whole: a part of it is no valid configuration.
     if (image.Length > EEPROM_CAPACITY) {
         return;
     }

@@ -1,13 +1,20 @@
 // Programming of the adapter's memories from binary images in the registry.
 //
-// Each programmer reads its image, writes it word by word and verifies every word; whatever fails ends it
-// silently, and bring-up goes on. They take SerialMasterMutex for the whole programming and block for
-// milliseconds per word. PASSIVE_LEVEL.
+// Each programmer reads its image, writes it word by word and verifies every word; a failure ends it
+// without a report, and bring-up continues. They take SerialMasterMutex for the whole programming and block
+// for milliseconds per word.
 #pragma once
+
+#include "base/annotations.h"
 
 #include <ntddk.h>
 
 struct DEVICE_CONTEXT;
 
-void EEPROM_ProgramFromRegistry(DEVICE_CONTEXT* context); // "EepromData"
-void SPI_ProgramFromRegistry(DEVICE_CONTEXT* context);    // "SpiData"
+// The image "EepromData".
+_IRQL_requires_(PASSIVE_LEVEL)
+void EEPROM_ProgramFromRegistry(DEVICE_CONTEXT* context);
+
+// The image "SpiData".
+_IRQL_requires_(PASSIVE_LEVEL)
+void SPI_ProgramFromRegistry(DEVICE_CONTEXT* context);

@@ -1,5 +1,5 @@
 // Registers of the adapter: 32 bits wide, 16-bit offsets. Names end in _BIT for bit numbers and in _MASK for
-// masks. A bit without a purpose of its own is named for when it is touched.
+// masks. A bit whose effect is not known is named after the situation in which it is written.
 #pragma once
 
 #include <ntddk.h>

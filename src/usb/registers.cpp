@@ -16,7 +16,7 @@ constexpr ULONG BitMask(ULONG bit) {
     return 1u << (bit & 31);
 }
 
-// Request, descriptor and buffer are the only ones of their kind.
+// All transfers share one request, one descriptor and one buffer.
 NTSTATUS TransferLocked(DEVICE_CONTEXT* context, BOOLEAN isRead, USHORT offset, ULONG* value)
     TSA_REQUIRES(context->Usb.RegisterMutex) {
     if (SHARED_Read(context->DeviceRemoved) || context->Usb.ControlRequest == nullptr) {

@@ -7,7 +7,7 @@
 
 namespace {
 
-// The command word. Bits 18 to 30 belong to others (the power stages) and are kept.
+// The command word. Bits 18 to 30 have other purposes (the power stages) and are kept.
 constexpr ULONG COMMAND_KEPT_MASK = 0x7FFC0000;
 constexpr ULONG COMMAND_READ = 1u << 7;
 constexpr ULONG COMMAND_FLASH = 1u << 16;
