@@ -1,6 +1,7 @@
 #include "tool/edid_modes.h"
 
 #include "device/client_abi.h"
+#include "device/mode_limits.h"
 #include "display/mode_tables.h"
 
 #include <algorithm>

@@ -14,9 +14,6 @@
 
 namespace {
 
-constexpr ULONG PRESENT_MAX_WIDTH = 2048;
-constexpr ULONG PRESENT_MAX_HEIGHT = 1152;
-
 constexpr ULONG D0_POLL_MS = 10;
 constexpr ULONG D0_LIMIT_MS = 5000;
 
@@ -78,7 +75,7 @@ NTSTATUS PresentFrame(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inpu
     // Larger than any mode: dropped without an error. Both dimensions must be too large, because what counts
     // is the number of pixels, and that is what the byte size says.
     if (request.ByteSize > PRESENT_MAX_BYTES ||
-        (request.Width > PRESENT_MAX_WIDTH && request.Height > PRESENT_MAX_HEIGHT)) {
+        (request.Width > MODE_LARGEST_WIDTH && request.Height > MODE_LARGEST_HEIGHT)) {
         return STATUS_SUCCESS;
     }
     return FRAMEBUFFER_Present(context, &request);

@@ -2,6 +2,8 @@
 // points, the commands and their records. Little-endian, 64-bit pointers.
 #pragma once
 
+#include "device/mode_limits.h"
+
 #include <ntddk.h>
 
 // FILE_DEVICE_UNKNOWN, function 0, METHOD_NEITHER, FILE_ANY_ACCESS; an internal device control.
@@ -128,4 +130,4 @@ struct FRAME_FILL_REQUEST {
 static_assert(sizeof(FRAME_FILL_REQUEST) == 40);
 
 constexpr ULONG EDID_BLOCK_SIZE = 128;
-constexpr ULONGLONG PRESENT_MAX_BYTES = 0x900000; // 2048 x 1152 x 4
+constexpr ULONGLONG PRESENT_MAX_BYTES = ULONGLONG{MODE_MAX_PIXELS} * 4;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "base/lock.h"
+#include "device/mode_limits.h"
 
 #include <ntddk.h>
 #include <usb.h>
@@ -13,9 +14,9 @@ struct DEVICE_CONTEXT;
 
 constexpr ULONG RENDER_CONTEXT_COUNT = 4;
 constexpr ULONG RENDER_BUFFER_COUNT = 4;
-constexpr ULONG RENDER_BUFFER_CAPACITY = 0x6C0036;   // from the aligned address: 2048 x 1152 x 3 + 54
-constexpr ULONG RENDER_BUFFER_ALLOCATION = 0x6C0046; // capacity + 16
-constexpr ULONG COMPRESSION_STAGING_ALLOCATION = 0x6C0056;
+constexpr ULONG RENDER_BUFFER_CAPACITY = MODE_MAX_PIXELS * 3 + 54;            // from the aligned address
+constexpr ULONG RENDER_BUFFER_ALLOCATION = RENDER_BUFFER_CAPACITY + 16;       // with its alignment
+constexpr ULONG COMPRESSION_STAGING_ALLOCATION = RENDER_BUFFER_CAPACITY + 32; // with its alignment
 constexpr ULONG RENDER_BUFFER_NONE = ~0u; // no frame was queued since the stream started
 
 // Where a render context is in its life. The events that lead from one state to the next: render/send.h.
@@ -129,11 +130,10 @@ struct RENDER_PIPELINE {
     BOOLEAN StopAcknowledged; // set by the thread, cleared by a stop
 
     // Held while the stream starts, stops or pauses; a task that also changes the mode holds it around both.
-    // PASSIVE_LEVEL.
     DEVICE_MUTEX RenderStartStopMutex;
-    BOOLEAN ShutDown TSA_GUARDED_BY(RenderStartStopMutex); // being torn down: starts no more
-    BOOLEAN
-    SuspendedWhileRunning TSA_GUARDED_BY(RenderStartStopMutex); // paused for a sleep; resumes after it
+    BOOLEAN ShutDown TSA_GUARDED_BY(RenderStartStopMutex); // being torn down: no more starts
+    // Paused for a sleep; resumes after it.
+    BOOLEAN SuspendedWhileRunning TSA_GUARDED_BY(RenderStartStopMutex);
 
     // Changed under RenderStartStopMutex and PendingListLock: it cannot change while either is held. A poll
     // without them (shared field) only saves work that would be thrown away.
@@ -152,9 +152,10 @@ struct RENDER_PIPELINE {
     // Feedback loops. Written by the frame update thread unless said otherwise.
     BOOLEAN AutoUpdateArmed;
     BOOLEAN SmallFrameSeen;
-    ULONG DropFrameCheckState;    // shared field; by the check timer under DropFrameCheckMutex, reset by mode
-                                  // set and attach
-    ULONG PixelBytesUpgradeCount; // shared field
+    // Shared field: ELAPSED is set by the check timer, SEEN by the frame update thread, RESET by mode set and
+    // attach.
+    ULONG DropFrameCheckState;
+    ULONG PixelBytesUpgradeCount;   // shared field
     BOOLEAN DropFrameEventReceived; // shared field
     LONG FrameErrorBucket;          // interlocked
 };

@@ -1,7 +1,9 @@
 #include "display/edid.h"
 
+#include "device/mode_limits.h"
 #include "device/usb_context.h"
 #include "display/mode_tables.h"
+#include "display/monitor_modes.h"
 
 namespace {
 
@@ -22,11 +24,9 @@ constexpr ULONG VIC_1280X720 = 4;
 constexpr ULONG VIC_1920X1080 = 16;
 
 constexpr ULONG OFFERED_REFRESH = 60;
-constexpr ULONG LARGEST_WIDTH = 2048;
-constexpr ULONG LARGEST_HEIGHT = 1152;
 
-// A standard timing that stands in for one the adapter cannot drive: 1024 x 768 at 120 Hz, which no client
-// finds in its list. Empty entries get it, too.
+// A standard timing that replaces one the adapter cannot drive: 1024 x 768 at 120 Hz, which no client
+// has in its list. Empty entries get it, too.
 constexpr UCHAR REFUSED_STANDARD_TIMING[2] = {0x61, 0x7C};
 constexpr UCHAR UNUSED_STANDARD_TIMING = 0x01;
 
@@ -88,7 +88,7 @@ EXTENSION_CHECK CheckExtension(const UCHAR* block) {
     for (ULONG offset = CEA_DATA_BLOCKS_OFFSET; offset < end;) {
         const CEA_DATA_BLOCK data = ReadDataBlock(block, offset);
         if (data.Tag == 0 || data.Tag > CEA_LAST_KNOWN_BLOCK || data.Length == 0) {
-            // Unknown data block: accept what was checked and stop.
+            // Unknown data block: accept what was checked before and stop.
             return EXTENSION_CHECK::EndsCheck;
         }
         if (data.Tag == CEA_VENDOR_BLOCK && !IsHdmiVendorBlock(block, data)) {
@@ -104,7 +104,7 @@ UCHAR* FindDetailedTiming(MONITOR_EDID* edid, ULONG slot) {
 }
 
 // In units of 10 kHz, for that many pixels and lines in all, plus 0.4 Hz for the rounding in the client.
-// A clock beyond the field's 16 bits is as good as the largest one: no mode of the adapter comes near it.
+// A clock beyond the field's 16 bits becomes the largest value: every mode of the adapter is far below it.
 ULONG PixelClockFor(ULONG total) {
     const ULONGLONG pixels = total;
     const ULONGLONG clock = (pixels * 2 / 5 + pixels * OFFERED_REFRESH) / 10000;
@@ -196,8 +196,8 @@ void RewriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, const EDID_DETAILED_T
         WritePixelClock(bytes, PixelClockFor(total));
     }
     if (timing.HorizontalActive * timing.VerticalActive > MODE_MAX_PIXELS) {
-        EDID_WriteDetailedTiming(edid, 0, LARGEST_WIDTH, LARGEST_HEIGHT);
-        MONITOR_AddMode(edid, LARGEST_WIDTH, LARGEST_HEIGHT, OFFERED_REFRESH);
+        EDID_WriteDetailedTiming(edid, 0, MODE_LARGEST_WIDTH, MODE_LARGEST_HEIGHT);
+        MONITOR_AddMode(edid, MODE_LARGEST_WIDTH, MODE_LARGEST_HEIGHT, OFFERED_REFRESH);
     } else {
         MONITOR_AddMode(edid, timing.HorizontalActive, timing.VerticalActive, OFFERED_REFRESH);
     }
@@ -341,17 +341,4 @@ void EDID_WriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, ULONG width, ULONG
     timing[5] = static_cast<UCHAR>(height);
     timing[6] = 0;
     timing[7] = static_cast<UCHAR>(height >> 8 << 4);
-}
-
-void MONITOR_AddMode(MONITOR_EDID* edid, ULONG width, ULONG height, ULONG refresh) {
-    if (edid->MonitorModeCount >= MONITOR_MODE_COUNT || ULONGLONG{width} * height > MODE_MAX_PIXELS) {
-        return;
-    }
-    for (ULONG i = 0; i < edid->MonitorModeCount; i++) {
-        const MONITOR_MODE& mode = edid->MonitorModes[i];
-        if (mode.Width == width && mode.Height == height && mode.Refresh == refresh) {
-            return;
-        }
-    }
-    edid->MonitorModes[edid->MonitorModeCount++] = {width, height, refresh};
 }

@@ -1,10 +1,11 @@
 // EDID (VESA E-EDID 1.3/1.4, CEA-861 extensions): checking it, collecting the modes it offers, and rewriting
 // its base block so that it offers only what the adapter can drive.
 //
-// Pure functions on a MONITOR_EDID. In the driver the caller holds MonitorMutex. The blocks come from
-// outside: nothing in them is trusted, and nothing outside the current block is read.
+// Pure functions on a MONITOR_EDID; any IRQL. The blocks come from outside: nothing in them is trusted, and
+// nothing outside the current block is read.
 #pragma once
 
+#include "base/annotations.h"
 #include "device/monitor_edid.h"
 
 #include <ntddk.h>
@@ -26,10 +27,11 @@ enum EDID_FILTER : ULONG {
     EDID_FILTER_1024X768 = 3,
 };
 
-// Empties all blocks, so that nothing of an earlier monitor is ever looked at.
+// Empties all blocks, so that nothing of an earlier monitor is used.
 void EDID_Clear(MONITOR_EDID* edid);
 
-// Whether header and CEA extensions make sense. Checksums are not looked at.
+// Whether header and CEA extensions are well-formed. Checksums are not checked.
+_Must_inspect_result_
 [[nodiscard]] BOOLEAN EDID_Validate(const MONITOR_EDID* edid);
 
 // The first extension block that is CEA-861 revision 3, or 0 when there is none.
@@ -39,12 +41,12 @@ ULONG EDID_FindCeaBlock(const MONITOR_EDID* edid);
 // EDID_LAST_BLOCK.
 void EDID_AddCeaModes(MONITOR_EDID* edid, ULONG block);
 
-// Rewrites the base block for a link of that bcdUSB under a FilterEdidTableEnable that is not 0, and makes
-// its checksum right.
+// Rewrites the base block for a link of that bcdUSB under a FilterEdidTableEnable that is not 0, and corrects
+// its checksum.
 void EDID_Rewrite(MONITOR_EDID* edid, USHORT bcdUsb, ULONG filter);
 
 // A standard timing's size from its first byte and the top two bits of its second.
-void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, ULONG* width, ULONG* height);
+void EDID_DecodeStandardTiming(UCHAR byte0, ULONG aspect, _Out_ ULONG* width, _Out_ ULONG* height);
 
 // What a detailed timing in use describes, its clock in units of 10 kHz.
 struct EDID_DETAILED_TIMING {
@@ -54,11 +56,8 @@ struct EDID_DETAILED_TIMING {
     ULONG VerticalActive;
     ULONG VerticalBlanking;
 };
-void EDID_ReadDetailedTiming(const MONITOR_EDID* edid, ULONG slot, EDID_DETAILED_TIMING* timing);
+void EDID_ReadDetailedTiming(const MONITOR_EDID* edid, ULONG slot, _Out_ EDID_DETAILED_TIMING* timing);
 
 // Describes a mode at 60 Hz in a detailed timing slot (0 to 3), without blanking. What else the slot holds
 // stays.
 void EDID_WriteDetailedTiming(MONITOR_EDID* edid, ULONG slot, ULONG width, ULONG height);
-
-// Lists a mode unless it is listed, too large, or the list is full.
-void MONITOR_AddMode(MONITOR_EDID* edid, ULONG width, ULONG height, ULONG refresh);

@@ -1,5 +1,7 @@
 #include "display/mode_tables.h"
 
+#include "device/mode_limits.h"
+
 namespace {
 
 // With s the sync width and a = s + back porch + 1, a sync image holds s and a: the start of the sync and of

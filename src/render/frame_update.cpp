@@ -1,6 +1,6 @@
 #include "render/frame_update.h"
 
-#include "display/mode_tables.h"
+#include "device/mode_limits.h"
 #include "display/video_output.h"
 #include "pixel/compression.h"
 #include "pixel/transform.h"

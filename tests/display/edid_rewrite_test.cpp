@@ -1,6 +1,7 @@
 // What the client is offered after a rewrite of the EDID's base block.
 #include "tests/display/edid_builder.h"
 
+#include "device/mode_limits.h"
 #include "display/mode_tables.h"
 
 #include <gtest/gtest.h>

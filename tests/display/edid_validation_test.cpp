@@ -2,6 +2,8 @@
 // extension count, offset or length may lead outside the block at hand.
 #include "tests/display/edid_builder.h"
 
+#include "display/monitor_modes.h"
+
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
