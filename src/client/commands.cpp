@@ -18,7 +18,7 @@ constexpr ULONG D0_POLL_MS = 10;
 constexpr ULONG D0_LIMIT_MS = 5000;
 
 // A command's input is the caller's memory, which may change at any time: it is copied once and only the copy
-// is looked at. FALSE when it is shorter than the record.
+// is used. FALSE when it is shorter than the record.
 template <typename Record>
 [[nodiscard]] BOOLEAN CopyInput(const VOID* input, ULONGLONG inputLength, Record* record) {
     if (input == nullptr || inputLength < sizeof(Record)) {
@@ -29,8 +29,8 @@ template <typename Record>
 }
 
 // The base block twice, as far as whole copies fit: a client that asks for one block gets one, and no client
-// gets bytes past the length it gave. Under MonitorMutex, although reading a monitor's EDID holds it for a
-// second or more: a client that asks in the middle gets the new EDID then, and never half of it.
+// gets bytes beyond the length that it gave. Under MonitorMutex, although reading a monitor's EDID holds it
+// for a second or more: a client that asks during the read waits for the new EDID and never gets half of it.
 NTSTATUS QueryEdid(DEVICE_CONTEXT* context, VOID* output, ULONGLONG outputLength) {
     if (output == nullptr || outputLength < EDID_BLOCK_SIZE) {
         return STATUS_BUFFER_TOO_SMALL;
@@ -52,7 +52,7 @@ NTSTATUS CreateFrameBuffer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG
     FRAME_BUFFER_CONTEXT* frameBuffer;
     const NTSTATUS status = FRAMEBUFFER_Create(context, &request, 1, &frameBuffer);
 
-    // The size counts even without memory for it: a present may create the frame buffer later.
+    // The size is kept even if the allocation failed: a present may create the frame buffer later.
     SHARED_Write(context->Client.DesktopWidth, request.Width);
     SHARED_Write(context->Client.DesktopHeight, request.Height);
     return status;
@@ -92,8 +92,8 @@ NTSTATUS SetPointer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputL
 
 void SwitchDisplayOff(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
     if (SHARED_Read(context->Power.CurrentPowerState) != WdfPowerDeviceD0) {
-        // The stream is paused, the transmitter is powered down and the adapter cannot be reached. It wakes
-        // with its output off, and nothing else has to be done.
+        // The stream is paused, the transmitter is powered down and the adapter cannot be reached. Its output
+        // is off when it wakes, so nothing else has to be done.
         RENDER_StopSuspended(context);
         return;
     }
@@ -110,7 +110,7 @@ void SwitchDisplayOn(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.Displ
                               SHARED_Read(context->Client.DesktopHeight));
 }
 
-// TRUE when the display was switched or needs no switch any more, FALSE while the device is out of D0.
+// TRUE when the display was switched on or need not be any more, FALSE while the device is out of D0.
 BOOLEAN TrySwitchDisplayOn(DEVICE_CONTEXT* context) {
     MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
     if (context->Client.DisplayOn == 0) {
@@ -123,7 +123,7 @@ BOOLEAN TrySwitchDisplayOn(DEVICE_CONTEXT* context) {
     return TRUE;
 }
 
-// Waits without the mutex: D0 exit needs it, and a later display-off must not wait behind a sleeping device.
+// Waits without the mutex: D0 exit needs it, and a later display-off must not wait for a sleeping device.
 NTSTATUS SwitchDisplayOnInD0(DEVICE_CONTEXT* context) {
     ULONG elapsedMs = 0;
     while (!TrySwitchDisplayOn(context)) {
@@ -214,12 +214,13 @@ void CLIENT_ReleaseInterface(VOID* clientContext) {
     DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
     FRAMEBUFFER_DestroyAll(context);
     {
-        // The next client knows nothing of what this one left: its first switch acts, whichever way.
+        // The next client does not know the state of the display: its first switch is carried out in any
+        // case.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
         context->Client.NewSession = TRUE;
     }
     if (InterlockedDecrement(&context->Client.ClientCount) < 0) {
-        // Released twice, or after a restart that had ended the session: nothing was held.
+        // Released twice, or after a restart that ended the session: this client did not hold the interface.
         InterlockedIncrement(&context->Client.ClientCount);
     }
 }

@@ -16,6 +16,6 @@ _Must_inspect_result_
 _IRQL_requires_(PASSIVE_LEVEL)
 void INTERFACE_Unregister(DEVICE_CONTEXT* context);
 
-// The client sees the monitor come and go by this.
+// Tells the client that a monitor was attached or detached.
 _IRQL_requires_(PASSIVE_LEVEL)
 void INTERFACE_Enable(DEVICE_CONTEXT* context, BOOLEAN enable) TSA_REQUIRES(context->Control.MonitorMutex);

@@ -13,9 +13,9 @@
 
 namespace {
 
-constexpr ULONG MANY_DEVICES = 3; // so many share a SuperSpeed bus that frames must be compressed
+constexpr ULONG MANY_DEVICES = 3; // on one SuperSpeed bus, whose bandwidth then needs compressed frames
 
-// A few monitors, or long cables, take 1920 x 1080 only at a lower clock.
+// Some monitors and long cables support 1920 x 1080 only at a lower pixel clock.
 ULONG ChooseRefresh(const SETTINGS& settings, const MODE_REQUEST& request) {
     if (request.Width != 1920 || request.Height != 1080 || request.Refresh != 60) {
         return request.Refresh;
@@ -56,14 +56,14 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request)
     TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     const MODE_PARAMETERS& current = context->Display.Mode;
     if (request->Width != current.Width || request->Height != current.Height) {
-        // Remembered, because a mode set that fails in the middle leaves its size behind: the next mode set
-        // of that size must program the transmitter all the same.
+        // Remembered, because a mode set that fails partway has already stored its size: the next mode set of
+        // that size must still program the transmitter.
         context->Control.HdmiModeStale = TRUE;
     }
 
-    // The stop comes first, and it takes back what the pixel-bytes adjustment did to
-    // UseUsb3OutputRGB565Enable. With the adjustment enabled the policy therefore never sees the value from
-    // the registry either: the output starts with 24 bits and falls back when frames are dropped.
+    // The stop comes before the transfer policy. With the pixel-bytes adjustment enabled it clears
+    // UseUsb3OutputRGB565Enable, so the policy never sees the registry's value: the output starts with 24
+    // bits and falls back to 16 bits when frames are dropped.
     RENDER_Stop(context);
     MODE_DisableOutput(context);
     RENDER_ResetDropFrameCheck(context);
@@ -89,8 +89,8 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request)
 } // namespace
 
 NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request) {
-    // Held from the stop to the start: between them the frame update thread might otherwise switch the pixel
-    // bytes of a mode that is about to be replaced, or a detach forget the one just set.
+    // Held from the stop to the start: in between, the frame update thread could otherwise switch the pixel
+    // bytes of the mode that is being replaced, or a detach could forget the mode just set.
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     const NTSTATUS status = ChangeMode(context, request);
 
@@ -119,7 +119,7 @@ void MODE_Resume(DEVICE_CONTEXT* context) {
         RENDER_Resume(context);
         return;
     }
-    // A failure leaves the monitor dark until the next switch, as every other mode set does.
+    // A failure leaves the monitor dark until the next mode set, as after every other failed one.
     (void)MODE_SetDesktopMode(context, context->Display.WidthBeforeSleep, context->Display.HeightBeforeSleep);
 }
 
@@ -155,8 +155,8 @@ void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
     if (!SHARED_Read(context->Hdmi.HdmiTransmitterPresent)) {
         return;
     }
-    // A transmitter that fails here stays marked as not powered, or as not programmed, and the next mode set
-    // tries again. The mode set itself goes on: the transmitter may recover.
+    // A transmitter that fails here stays marked as not powered or not programmed, and the next mode set
+    // tries again. This mode set continues.
     const BOOLEAN powered = SHARED_Read(context->Hdmi.HdmiTransmitterPowered) || HDMI_PowerUp(context);
     if (modeChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);

@@ -1,4 +1,4 @@
-// From "switch the display on" to a running stream. Blocks for up to seconds.
+// From "switch the display on" to a running stream. Blocks for up to several seconds.
 #pragma once
 
 #include "device/device_context.h"
@@ -21,15 +21,15 @@ static_assert(sizeof(MODE_REQUEST) == 32);
 // the monitor dark until the next mode set that succeeds. Takes RenderStartStopMutex for the whole change.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, MODE_REQUEST* request);
+[[nodiscard]] NTSTATUS MODE_SetMode(DEVICE_CONTEXT* context, _Inout_ MODE_REQUEST* request);
 
 // The same with a request for the client's frames of that size: 60 Hz, 4 bytes a pixel, 24-bit output.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height);
 
-// After a sleep: a stream that RENDER_Suspend paused goes on, in the mode it had. Where that mode was
-// forgotten, it is set anew. The adapter is in D0.
+// After a sleep: a stream that RENDER_Suspend paused continues in its mode. A mode that was forgotten for the
+// sleep is set again. The adapter is in D0.
 _IRQL_requires_(PASSIVE_LEVEL)
 void MODE_Resume(DEVICE_CONTEXT* context);
 
@@ -37,7 +37,8 @@ void MODE_Resume(DEVICE_CONTEXT* context);
 // their number alone made the frames compressed. Changes `parameters` only, and this device's copy of
 // CurrentNumberOfDevices.
 _IRQL_requires_(PASSIVE_LEVEL)
-void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices);
+void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, _Inout_ MODE_PARAMETERS* parameters,
+                              _Out_ BOOLEAN* severalDevices);
 
 // Powers an HDMI transmitter up and programs it when `modeChanged`. Takes DisplayStateMutex.
 _IRQL_requires_(PASSIVE_LEVEL)

@@ -23,8 +23,8 @@ void MONITOR_Reset(DEVICE_CONTEXT* context) {
 }
 
 void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context) {
-    // Hold the mutex throughout, so that a concurrent report reads the status again afterwards: a monitor
-    // that goes while its EDID is read is not missed.
+    // The mutex is held throughout, so that a concurrent report reads the status again afterwards: a detach
+    // while the EDID is read is not missed.
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
     MONITOR_IgnoreReports(context);
     ULONG status;
@@ -74,7 +74,7 @@ void MONITOR_Attach(DEVICE_CONTEXT* context, BOOLEAN readEdid) {
     EDID_Clear(&context->Control.Edid);
     const BOOLEAN hasEdid = readEdid || SHARED_Read(context->Hdmi.HdmiTransmitterPresent);
     if (context->Settings.UseForceNonPnpMonitor != 0) {
-        // As without an EDID: a transmitter takes such a monitor for a DVI one.
+        // As without an EDID: a transmitter treats such a monitor as a DVI one.
         context->Control.Edid.IsDvi = TRUE;
         SHARED_Write(context->Control.MonitorIsDvi, TRUE);
     } else if (hasEdid) {
@@ -89,7 +89,7 @@ void MONITOR_Detach(DEVICE_CONTEXT* context) {
     RENDER_StopDropFrameEventCheckTimer(context);
     INTERFACE_Enable(context, FALSE);
     {
-        // One step: a display-on in between would start the stream with a mode that is forgotten under it.
+        // Under one lock: a display-on in between would start the stream in the mode that is then forgotten.
         MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
         RENDER_Stop(context);
         MODE_Forget(context);

@@ -9,7 +9,7 @@
 #include "usb/registers.h"
 
 struct VGA_WORKITEM_CONTEXT {
-    ::DEVICE_CONTEXT* DeviceContext;
+    DEVICE_CONTEXT* DeviceContext;
 };
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(VGA_WORKITEM_CONTEXT, INT_GetWorkItemContext)
@@ -57,7 +57,7 @@ void INT_StopStatusPipe(DEVICE_CONTEXT* context) {
     CONTROL_CONTEXT* control = &context->Control;
     if (control->InterruptPipe != nullptr) {
         WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(control->InterruptPipe), WdfIoTargetCancelSentIo);
-        control->InterruptPipe = nullptr; // The next configuration makes pipes anew.
+        control->InterruptPipe = nullptr; // The next configuration creates new pipes.
     }
 }
 
@@ -92,7 +92,7 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
     attributes.ParentObject = context->Device;
     WDFWORKITEM workItem = nullptr;
     if (!NT_SUCCESS(WdfWorkItemCreate(&config, &attributes, &workItem))) {
-        return; // The report is lost; the next one starts afresh.
+        return; // The report is lost. The next one is handled as usual.
     }
     INT_GetWorkItemContext(workItem)->DeviceContext = context;
     WdfWorkItemEnqueue(workItem);
@@ -101,10 +101,10 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
 void INT_EvtStatusWorkItem(WDFWORKITEM workItem) {
     DEVICE_CONTEXT* context = INT_GetWorkItemContext(workItem)->DeviceContext;
     {
-        // MonitorMutex comes first for either kind of status, because a detach takes every lock that comes
-        // after it. The status is read under it, too: of two work items at once the later one acts on the
-        // newer status. D0 exit sets the flag and then waits for this mutex: a later work item leaves the
-        // monitor alone.
+        // MonitorMutex comes first for either kind of status, because a detach takes locks that come after
+        // it. The status is read under it, too: of two work items at once the later one acts on the newer
+        // status. D0 exit sets IgnoreInterruptStatus and then waits for this mutex, so a later work item does
+        // nothing.
         MUTEX_GUARD monitor(context->Control.MonitorMutex);
         ULONG status;
         if (REG_Read(context, REGISTER_STATUS, &status) &&

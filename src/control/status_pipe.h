@@ -1,5 +1,5 @@
-// The interrupt pipe on which the adapter reports monitors that come and go and frames that it dropped, and
-// the work items that act on the reports.
+// The interrupt pipe on which the adapter reports attached and detached monitors and dropped frames, and the
+// work items that act on the reports.
 #pragma once
 
 #include "base/annotations.h"
@@ -22,12 +22,16 @@ _IRQL_requires_(PASSIVE_LEVEL)
 void INT_StopStatusPipe(DEVICE_CONTEXT* context);
 
 // Over a sleep: no read is pending while the device is out of D0. Without the pipe the adapter still shows
-// frames, so a failure of the resume is passed over.
+// frames, so a failed resume is ignored.
 _IRQL_requires_(PASSIVE_LEVEL)
 void INT_SuspendStatusPipe(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)
 void INT_ResumeStatusPipe(DEVICE_CONTEXT* context);
 
-EVT_WDF_USB_READER_COMPLETION_ROUTINE INT_EvtReadComplete; // up to DISPATCH_LEVEL
-EVT_WDF_WORKITEM INT_EvtStatusWorkItem;                    // chips that report events
-EVT_WDF_WORKITEM INT_EvtAckWorkItem;                       // the others
+_IRQL_requires_max_(DISPATCH_LEVEL)
+EVT_WDF_USB_READER_COMPLETION_ROUTINE INT_EvtReadComplete;
+
+_IRQL_requires_(PASSIVE_LEVEL)
+EVT_WDF_WORKITEM INT_EvtStatusWorkItem; // chips that report events
+_IRQL_requires_(PASSIVE_LEVEL)
+EVT_WDF_WORKITEM INT_EvtAckWorkItem; // the others

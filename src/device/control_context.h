@@ -12,7 +12,8 @@
 struct CONTROL_CONTEXT {
     WDFUSBPIPE InterruptPipe; // set at hardware preparation, null without a status pipe
 
-    // Set while the device is not fully in D0: the status work item then drops what it read (shared field).
+    // Set from hardware preparation or D0 exit until D0 entry has checked the monitor: the status work item
+    // then drops what it read (shared field).
     BOOLEAN IgnoreInterruptStatus;
 
     // Set at hardware preparation.
@@ -28,6 +29,7 @@ struct CONTROL_CONTEXT {
     BOOLEAN MonitorConnected;
     BOOLEAN MonitorIsDvi;
 
-    // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex.
+    // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex
+    // of RENDER_PIPELINE.
     BOOLEAN HdmiModeStale;
 };

@@ -13,7 +13,7 @@ namespace {
 
 constexpr ULONG POWER_STAGE_SETTLE_MS = 750;
 
-// An adapter that lost power with a monitor attached has forgotten its timing, and with it the picture.
+// An adapter that lost power with a monitor attached has lost its timing and shows no picture.
 void RestoreTiming(DEVICE_CONTEXT* context) {
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
     if (SHARED_Read(context->Control.MonitorConnected)) {
@@ -21,8 +21,8 @@ void RestoreTiming(DEVICE_CONTEXT* context) {
     }
 }
 
-// The power stages share their register with the serial master's command: a transaction under way between
-// the read and the write would be started anew.
+// The power stages share their register with the serial master's command: the write would start a transaction
+// again that was in progress at the read.
 void SwitchPowerStage(DEVICE_CONTEXT* context, ULONG bit, BOOLEAN on) {
     MUTEX_GUARD serialMaster(context->Usb.SerialMasterMutex);
     if (on) {

@@ -43,7 +43,7 @@ NTSTATUS CreateDevice(PWDFDEVICE_INIT deviceInit, DEVICE_CONTEXT** context) {
     *context = DEVICE_GetContext(device);
     (*context)->Device = device;
 
-    // The adapter is meant to be pulled: no warning to the user when it is.
+    // Users unplug the adapter without notice, and get no warning when they do.
     WDF_DEVICE_PNP_CAPABILITIES capabilities;
     WDF_DEVICE_PNP_CAPABILITIES_INIT(&capabilities);
     capabilities.SurpriseRemovalOK = WdfTrue;

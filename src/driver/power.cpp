@@ -62,7 +62,7 @@ NTSTATUS DEVICE_EvtD0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previousStat
 NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) {
     DEVICE_CONTEXT* context = DEVICE_GetContext(device);
     {
-        // A display switch under way finishes first; the next one finds the device out of D0.
+        // A display switch in progress finishes first; the next one finds the device out of D0.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
         context->Power.PreviousPowerState = context->Power.CurrentPowerState;
         SHARED_Write(context->Power.CurrentPowerState, targetState);
@@ -70,10 +70,10 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
     MONITOR_IgnoreReports(context);
     RENDER_SuspendFrameErrors(context);
 
-    // A monitor event under way finishes first, too; later ones see IgnoreInterruptStatus under this mutex.
+    // A monitor event in progress finishes first, too; later ones see IgnoreInterruptStatus under this mutex.
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
 
-    // The stream must not outlive D0.
+    // No transfer may be in flight outside D0.
     RENDER_Suspend(context);
 
     if (targetState == WdfPowerDeviceD3Final) {
