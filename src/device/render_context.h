@@ -6,9 +6,7 @@
 
 #include <ntddk.h>
 #include <usb.h>
-#include <usbdlib.h>
 #include <wdf.h>
-#include <wdfusb.h>
 
 struct DEVICE_CONTEXT;
 
@@ -17,9 +15,9 @@ constexpr ULONG RENDER_BUFFER_COUNT = 4;
 constexpr ULONG RENDER_BUFFER_CAPACITY = MODE_MAX_PIXELS * 3 + 54;            // from the aligned address
 constexpr ULONG RENDER_BUFFER_ALLOCATION = RENDER_BUFFER_CAPACITY + 16;       // with its alignment
 constexpr ULONG COMPRESSION_STAGING_ALLOCATION = RENDER_BUFFER_CAPACITY + 32; // with its alignment
-constexpr ULONG RENDER_BUFFER_NONE = ~0u; // no frame was queued since the stream started
+constexpr ULONG RENDER_BUFFER_NONE = ~0u; // in place of an index
 
-// Where a render context is in its life. The events that lead from one state to the next: render/send.h.
+// The states of a render context. The events that lead from one to the next: render/send.h.
 enum RENDER_CONTEXT_STATE : ULONG {
     FRAME_CLEARED,   // on AvailableList
     FRAME_TAKEN,     // on no list: the frame update thread fills a render buffer for it
@@ -46,7 +44,7 @@ struct RENDER_CONTEXT {
 };
 
 // A collection of USB requests. It refers to the requests of the render contexts and does not own them. Lock
-// and collection are null before the pipeline is built and after it was torn down.
+// and collection are null before the pipeline is built and after it is torn down.
 struct REQUEST_LIST {
     DEVICE_WDF_SPIN_LOCK Lock;
     WDFCOLLECTION Requests TSA_GUARDED_BY(Lock);
@@ -89,19 +87,20 @@ struct RENDER_PIPELINE {
     REQUEST_LIST SendQueue;    // formatted, of the frame that is being sent
     REQUEST_LIST SentRequests; // sent and not completed
 
-    // Guarded by AvailableListLock; the count is interlocked and may lag the list.
+    // The count is interlocked and changes shortly after the list.
     DEVICE_SPIN_LOCK AvailableListLock;
     LIST_ENTRY AvailableList TSA_GUARDED_BY(AvailableListLock);
     LONG AvailableCount;
 
-    // Guarded by PendingListLock; the count is interlocked.
+    // The count is interlocked and changes with the list.
     DEVICE_SPIN_LOCK PendingListLock;
     LIST_ENTRY PendingList TSA_GUARDED_BY(PendingListLock);
     LONG PendingCount;
-    ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued in this run
+    ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued since the
+                                                                   // start, or RENDER_BUFFER_NONE
     BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // a dispatch is running; new work is left to it
-    KEVENT DispatchIdleEvent;                            // notification; signalled while Dispatching is clear
-    KEVENT DispatchRequestEvent; // synchronization; a dispatch that took too long leaves the rest to the
+    KEVENT DispatchIdleEvent;                            // notification; signaled while Dispatching is clear
+    KEVENT DispatchRequestEvent; // synchronization; a dispatch that sent its limit leaves the rest to the
                                  // frame update thread
 
     LONG RenderContextsInFlight; // interlocked
@@ -112,9 +111,8 @@ struct RENDER_PIPELINE {
     ULONG NextRenderBufferIndex TSA_GUARDED_BY(RenderBufferIndexMutex);
     ULONG RenderBufferLength[RENDER_BUFFER_COUNT]; // bytes to send; written before the buffer is queued
 
-    // Replaced while the pipeline is stopped; used by the frame update.
-    WDFMEMORY CompressionStaging;
-    UCHAR* CompressionStagingAddress;
+    // Replaced while the pipeline is stopped; the frame update uses the address.
+    WDFMEMORY CompressionStaging TSA_GUARDED_BY(RenderStartStopMutex);
     UCHAR* CompressionStagingAligned; // 32-byte boundary
 
     // The frame update thread.
@@ -124,10 +122,10 @@ struct RENDER_PIPELINE {
     KEVENT ThreadStartStopEvent;
     BOOLEAN FrameUpdateThreadCreated;
 
-    // Shared fields, each written by one side and polled by the other.
-    ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE, by the thread
-    LONG StartedAnew; // interlocked: set by a start, taken back by the thread at its next frame update
-    BOOLEAN StopAcknowledged; // set by the thread, cleared by a stop
+    // Between the thread and the tasks that start and stop the stream.
+    ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE (shared field); by the thread once it runs
+    LONG StartedAnew;         // interlocked: set by a start, cleared by the thread at its next frame update
+    BOOLEAN StopAcknowledged; // shared field: set by the thread, cleared by a stop
 
     // Held while the stream starts, stops or pauses; a task that also changes the mode holds it around both.
     DEVICE_MUTEX RenderStartStopMutex;
@@ -139,23 +137,24 @@ struct RENDER_PIPELINE {
     // without them (shared field) only saves work that would be thrown away.
     ULONG RenderRunning;
 
-    // Notification; signalled while the thread is not filling a render buffer. The thread clears it under
+    // Notification; signaled while the thread is not filling a render buffer. The thread clears it under
     // PendingListLock, and only while RenderRunning is set; a stop waits for it after it cleared
     // RenderRunning.
     KEVENT FrameFillIdleEvent;
 
-    // While set, frame-error reports are ignored (shared field). Power callbacks, display switches and mode
-    // changes set and clear it through RENDER_SuspendFrameErrors and RENDER_ResumeFrameErrors; the latest
-    // call decides.
+    // While set, the status work item ignores frame-error reports (shared field). Power callbacks, display
+    // switches and mode changes set and clear it through RENDER_SuspendFrameErrors and
+    // RENDER_ResumeFrameErrors; the latest call decides.
     BOOLEAN FrameErrorHandlingSuspended;
 
-    // Feedback loops. Written by the frame update thread unless said otherwise.
-    BOOLEAN AutoUpdateArmed;
-    BOOLEAN SmallFrameSeen;
-    // Shared field: ELAPSED is set by the check timer, SEEN by the frame update thread, RESET by mode set and
-    // attach.
-    ULONG DropFrameCheckState;
-    ULONG PixelBytesUpgradeCount;   // shared field
-    BOOLEAN DropFrameEventReceived; // shared field
+    // Feedback from the sizes of frames. Used by the frame update thread only.
+    BOOLEAN AutoUpdateArmed; // the last frame was too large; the timer was started to repeat it
+    BOOLEAN SmallFrameSeen;  // the last compressed frame was small; a second one lowers the level
+
+    // Feedback from dropped frames. Shared fields, written by the frame update thread and by those named
+    // here.
+    ULONG DropFrameCheckState;      // DROP_FRAME_CHECK_STATE; check timer, mode set and attach
+    ULONG PixelBytesUpgradeCount;   // mode set and attach
+    BOOLEAN DropFrameEventReceived; // monitor handling and stops
     LONG FrameErrorBucket;          // interlocked
 };

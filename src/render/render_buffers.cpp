@@ -7,27 +7,37 @@ namespace {
 constexpr ULONG RENDER_BUFFER_ALIGNMENT = 16;
 constexpr ULONG COMPRESSION_ALIGNMENT = 32;
 
+void DeleteBuffers(RENDER_BUFFERS* buffers) {
+    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
+        if (buffers->Memory[i] != nullptr) {
+            WdfObjectDelete(buffers->Memory[i]);
+        }
+        buffers->Memory[i] = nullptr;
+        buffers->NonAligned[i] = nullptr;
+        buffers->Aligned[i] = nullptr;
+    }
+}
+
 NTSTATUS CreateCompressionStaging(DEVICE_CONTEXT* context)
     TSA_REQUIRES(context->Render.RenderStartStopMutex) {
-    RENDER_PIPELINE* render = &context->Render;
     WDF_OBJECT_ATTRIBUTES attributes;
     DEVICE_InitChildAttributes(context, &attributes);
     VOID* address;
     if (!NT_SUCCESS(WdfMemoryCreate(&attributes, DriverPoolType, POOL_TAG_COMPRESSION,
-                                    COMPRESSION_STAGING_ALLOCATION, &render->CompressionStaging, &address))) {
-        render->CompressionStaging = nullptr;
+                                    COMPRESSION_STAGING_ALLOCATION, &context->Render.CompressionStaging,
+                                    &address))) {
+        context->Render.CompressionStaging = nullptr;
         return STATUS_UNSUCCESSFUL;
     }
-    render->CompressionStagingAddress = static_cast<UCHAR*>(address);
-    render->CompressionStagingAligned =
+    context->Render.CompressionStagingAligned =
         static_cast<UCHAR*>(ALIGN_UP_POINTER_BY(address, COMPRESSION_ALIGNMENT));
     return STATUS_SUCCESS;
 }
 
 NTSTATUS BuildMdls(const RENDER_BUFFERS& buffers, RENDER_CONTEXT* renderContext, ULONG length) {
     if (ReadAcquire(&renderContext->OutstandingRequests) != 0) {
-        // A transfer that did not complete within the stop still reads through these, and they describe the
-        // same buffers as new ones would.
+        // A transfer that did not complete during the stop still uses these MDLs. They describe the same
+        // buffers as new ones would.
         return STATUS_SUCCESS;
     }
     for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
@@ -59,7 +69,7 @@ NTSTATUS RENDER_CreateBuffers(DEVICE_CONTEXT* context) {
                                                 RENDER_BUFFER_ALLOCATION, &buffers->Memory[i], &address);
         if (!NT_SUCCESS(status)) {
             buffers->Memory[i] = nullptr;
-            RENDER_DeleteBuffers(context);
+            DeleteBuffers(buffers);
             return status;
         }
         RtlFillMemory(address, RENDER_BUFFER_ALLOCATION, 0xFF);
@@ -67,18 +77,6 @@ NTSTATUS RENDER_CreateBuffers(DEVICE_CONTEXT* context) {
         buffers->Aligned[i] = static_cast<UCHAR*>(ALIGN_UP_POINTER_BY(address, RENDER_BUFFER_ALIGNMENT));
     }
     return STATUS_SUCCESS;
-}
-
-void RENDER_DeleteBuffers(DEVICE_CONTEXT* context) {
-    RENDER_BUFFERS* buffers = &context->Render.RenderBuffer;
-    for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
-        if (buffers->Memory[i] != nullptr) {
-            WdfObjectDelete(buffers->Memory[i]);
-        }
-        buffers->Memory[i] = nullptr;
-        buffers->NonAligned[i] = nullptr;
-        buffers->Aligned[i] = nullptr;
-    }
 }
 
 void RENDER_ClearBuffers(DEVICE_CONTEXT* context) {
@@ -90,7 +88,6 @@ void RENDER_ClearBuffers(DEVICE_CONTEXT* context) {
 }
 
 NTSTATUS RENDER_PrepareRenderBuffers(DEVICE_CONTEXT* context, ULONG length) {
-    RENDER_PIPELINE* render = &context->Render;
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     RENDER_DeleteCompressionStaging(context);
     if (context->Display.Mode.CompressionEnabled != 0) {
@@ -100,11 +97,11 @@ NTSTATUS RENDER_PrepareRenderBuffers(DEVICE_CONTEXT* context, ULONG length) {
         }
     }
     const ULONG mdlLength = length < RENDER_BUFFER_CAPACITY ? length : RENDER_BUFFER_CAPACITY;
-    for (RENDER_CONTEXT* renderContext : render->RenderContexts) {
+    for (RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
         if (renderContext == nullptr) {
             return STATUS_UNSUCCESSFUL; // The pipeline has been torn down.
         }
-        const NTSTATUS status = BuildMdls(render->RenderBuffer, renderContext, mdlLength);
+        const NTSTATUS status = BuildMdls(context->Render.RenderBuffer, renderContext, mdlLength);
         if (!NT_SUCCESS(status)) {
             return status;
         }
@@ -122,11 +119,9 @@ void RENDER_FreeMdls(RENDER_CONTEXT* renderContext) {
 }
 
 void RENDER_DeleteCompressionStaging(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
-    if (render->CompressionStaging != nullptr) {
-        WdfObjectDelete(render->CompressionStaging);
+    if (context->Render.CompressionStaging != nullptr) {
+        WdfObjectDelete(context->Render.CompressionStaging);
     }
-    render->CompressionStaging = nullptr;
-    render->CompressionStagingAddress = nullptr;
-    render->CompressionStagingAligned = nullptr;
+    context->Render.CompressionStaging = nullptr;
+    context->Render.CompressionStagingAligned = nullptr;
 }

@@ -9,15 +9,13 @@
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_CreateBuffers(DEVICE_CONTEXT* context);
-_IRQL_requires_(PASSIVE_LEVEL)
-void RENDER_DeleteBuffers(DEVICE_CONTEXT* context);
 
-// What the render buffers hold becomes black. At hardware preparation.
+// Fills the render buffers with zeros. At hardware preparation.
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_ClearBuffers(DEVICE_CONTEXT* context);
 
-// The staging buffer, when the current mode is compressed, and new MDLs of at most `length` bytes over the
-// render buffers. The stream is stopped. Takes RenderStartStopMutex.
+// Allocates the staging buffer, when the current mode is compressed, and new MDLs of at most `length` bytes
+// over the render buffers. The stream is stopped. Takes RenderStartStopMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_PrepareRenderBuffers(DEVICE_CONTEXT* context, ULONG length);
