@@ -6,7 +6,7 @@
 #include "surface/present.h"
 
 struct RENDER_COMPRESSION_AUTOUPDATETIMER_CONTEXT {
-    ::DEVICE_CONTEXT* DeviceContext;
+    DEVICE_CONTEXT* DeviceContext;
 };
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(RENDER_COMPRESSION_AUTOUPDATETIMER_CONTEXT, RENDER_GetAutoUpdateContext)
@@ -14,7 +14,7 @@ WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(RENDER_COMPRESSION_AUTOUPDATETIMER_CONTEXT, R
 namespace {
 
 constexpr ULONG AUTO_UPDATE_DELAY_MS = 10;
-constexpr ULONG REPEAT_DELAY_MS = 100; // long enough that a bus that refuses everything costs next to nothing
+constexpr ULONG REPEAT_DELAY_MS = 100; // causes little load when the bus refuses every transfer
 
 } // namespace
 
@@ -45,7 +45,7 @@ void RENDER_CompressionAutoUpdate(DEVICE_CONTEXT* context, ULONGLONG length) {
         return;
     }
     if (length > mode.CompressedHighThreshold) {
-        // The same frame once more, soon, and smaller.
+        // The same frame is sent again soon, in fewer bytes.
         COMPRESSION_RaiseLevel(context);
         render->AutoUpdateArmed = TRUE;
         render->SmallFrameSeen = FALSE;

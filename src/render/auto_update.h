@@ -1,5 +1,5 @@
-// The compression level follows the size of the frames, and a frame that came out too large is sent again at
-// the next level, a little later.
+// Adapts the compression level to the size of the frames. A frame that came out too large is converted and
+// sent again at the next level, a little later.
 #pragma once
 
 #include "device/device_context.h"
@@ -12,9 +12,10 @@ _Must_inspect_result_
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_DeleteCompressionAutoUpdateTimer(DEVICE_CONTEXT* context);
 
-EVT_WDF_TIMER RENDER_CompressionAutoUpdateTimerFunc; // PASSIVE_LEVEL
+_IRQL_requires_(PASSIVE_LEVEL)
+EVT_WDF_TIMER RENDER_CompressionAutoUpdateTimerFunc;
 
-// The decision after a compressed frame of `length` bytes. On the frame update thread.
+// Chooses the level of the next frame after a compressed frame of `length` bytes. On the frame update thread.
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_CompressionAutoUpdate(DEVICE_CONTEXT* context, ULONGLONG length);
 
@@ -22,7 +23,7 @@ void RENDER_CompressionAutoUpdate(DEVICE_CONTEXT* context, ULONGLONG length);
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_StopAutoUpdate(DEVICE_CONTEXT* context);
 
-// Has the newest frame converted and sent again in a while. For a frame that could not be sent while nothing
-// else was in flight.
+// Has the newest frame converted and sent again after 100 ms. For a frame that could not be sent while
+// nothing else was in flight.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_RepeatFrameLater(DEVICE_CONTEXT* context);

@@ -1,20 +1,16 @@
 #include "render/buffer_turn.h"
 
-#include "base/shared_field.h"
 #include "base/util.h"
 #include "render/context_lists.h"
 #include "render/send.h"
+#include "render/start_stop.h"
 
 namespace {
 
 constexpr ULONG TRANSFER_WAIT_MS = 10;
 constexpr ULONG DISPATCH_PAUSE_MS = 1;
 
-BOOLEAN IsRunning(const DEVICE_CONTEXT* context) {
-    return SHARED_Read(context->Render.RenderRunning) != 0;
-}
-
-// Waits a little for a transfer to come back. The dispatch that would send it may be waiting for this thread.
+// Gives transfers time to complete. A dispatch that has to send them may need this thread to continue it.
 void AwaitTransfers(DEVICE_CONTEXT* context) {
     LARGE_INTEGER timeout;
     timeout.QuadPart = RelativeMs(TRANSFER_WAIT_MS);
@@ -35,7 +31,7 @@ ULONG TakeNextBufferIndex(DEVICE_CONTEXT* context) {
 } // namespace
 
 RENDER_CONTEXT* RENDER_WaitForContext(DEVICE_CONTEXT* context) {
-    while (IsRunning(context)) {
+    while (RENDER_IsRunning(context)) {
         RENDER_CONTEXT* renderContext = RENDER_TakeAvailable(context);
         if (renderContext != nullptr) {
             InterlockedExchange(&renderContext->OutstandingRequests, 0);
@@ -46,11 +42,11 @@ RENDER_CONTEXT* RENDER_WaitForContext(DEVICE_CONTEXT* context) {
     return nullptr;
 }
 
-// With as many buffers as contexts the next one in turn is free as long as every frame is sent. Frames that
-// yield nothing use their turn as well, so that the turn can reach the buffer that is being sent again and
-// again.
+// There are as many buffers as contexts, so the next one in turn is free as long as every frame is sent. A
+// frame with nothing to send uses up a turn as well, so the turn can reach the buffer that is sent
+// repeatedly: that one is skipped.
 ULONG RENDER_WaitForBuffer(DEVICE_CONTEXT* context) {
-    while (IsRunning(context)) {
+    while (RENDER_IsRunning(context)) {
         for (ULONG i = 0; i < RENDER_BUFFER_COUNT; i++) {
             const ULONG index = TakeNextBufferIndex(context);
             if (!RENDER_IsBufferInUse(context, index)) {
@@ -63,7 +59,7 @@ ULONG RENDER_WaitForBuffer(DEVICE_CONTEXT* context) {
 }
 
 void RENDER_ContinueDispatch(DEVICE_CONTEXT* context) {
-    if (IsRunning(context)) {
+    if (RENDER_IsRunning(context)) {
         UTIL_DelayMs(DISPATCH_PAUSE_MS);
         RENDER_DispatchPendingContexts(context);
     }

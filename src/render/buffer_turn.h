@@ -13,7 +13,7 @@ RENDER_CONTEXT* RENDER_WaitForContext(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)
 ULONG RENDER_WaitForBuffer(DEVICE_CONTEXT* context);
 
-// After DispatchRequestEvent: a dispatch ended early because transfers complete as fast as they are sent. It
-// goes on here, below DISPATCH_LEVEL, and after a pause in which every other task gets the processor.
+// After DispatchRequestEvent: a dispatch ended early because transfers complete as fast as they are sent.
+// This continues it, after a pause in which other tasks get the processor.
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_ContinueDispatch(DEVICE_CONTEXT* context);

@@ -50,7 +50,7 @@ NTSTATUS RENDER_FormatRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderCo
                                   .Length = renderContext->TransferLength,
                                   .Completed = renderCompleted};
     if (render.Mdl == nullptr) {
-        return STATUS_INSUFFICIENT_RESOURCES; // The last preparation of the render buffers failed.
+        return STATUS_INSUFFICIENT_RESOURCES; // The preparation of the render buffers failed.
     }
     const NTSTATUS status = FormatTransfer(context, renderContext, render);
     if (!NT_SUCCESS(status) || context->Display.Mode.ZeroLengthFlag != 1) {

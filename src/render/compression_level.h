@@ -1,17 +1,17 @@
-// The compression level of the stream, between the bounds of the mode in force. A mode set starts it anew;
-// the frame update thread moves it with the size of the frames.
+// The compression level of the stream, between the bounds of the mode in force. A mode set resets it; the
+// frame update thread raises and lowers it according to the size of the frames.
 #pragma once
 
 #include "device/device_context.h"
 
-// The level that a new mode begins with. Nothing happens while the pipeline does not exist.
+// To the level that the new mode begins with. Nothing happens while the pipeline does not exist.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void COMPRESSION_ResetLevel(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex);
 
 _IRQL_requires_max_(DISPATCH_LEVEL)
 ULONG COMPRESSION_CurrentLevel(DEVICE_CONTEXT* context);
 
-// Move the level by one; no effect at the bound.
+// By one; no effect at the bound.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void COMPRESSION_RaiseLevel(DEVICE_CONTEXT* context);
 _IRQL_requires_max_(DISPATCH_LEVEL)

@@ -79,8 +79,7 @@ void RENDER_ClearPending(DEVICE_CONTEXT* context) {
     }
 }
 
-// Contexts enter and leave the states that count under PendingListLock, apart from those of a device that is
-// gone.
+// Contexts enter and leave the states that count here under PendingListLock, except when the device is gone.
 BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     if (context->Render.LatestRenderBufferIndex == index) {

@@ -1,5 +1,5 @@
-// The two lists that render contexts wait on: AvailableList, free for a frame, and PendingList, filled and to
-// be sent. The states that belong to them: render/send.h.
+// The two lists of render contexts: AvailableList, of those that are free for a frame, and PendingList, of
+// those that are filled and to be sent. The states that belong to them: render/send.h.
 #pragma once
 
 #include "device/device_context.h"
@@ -20,19 +20,21 @@ void RENDER_AppendPending(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext
 
 // Takes the oldest pending context; the list is not empty. `*remaining`: how many are left.
 _IRQL_requires_(DISPATCH_LEVEL)
-RENDER_CONTEXT* RENDER_RemoveFirstPending(DEVICE_CONTEXT* context, LONG* remaining)
+RENDER_CONTEXT* RENDER_RemoveFirstPending(DEVICE_CONTEXT* context, _Out_ LONG* remaining)
     TSA_REQUIRES(context->Render.PendingListLock);
 
 // Queues a filled context as the newest frame. FALSE, with the context still the caller's, when the pipeline
 // was stopped meanwhile.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] BOOLEAN RENDER_QueueFrame(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext);
+[[nodiscard]] BOOLEAN RENDER_QueueFrame(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
+    TSA_EXCLUDES(context->Render.PendingListLock);
 
 // Returns everything on PendingList to AvailableList. After RenderRunning was cleared.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_ClearPending(DEVICE_CONTEXT* context);
+void RENDER_ClearPending(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
 
 // Whether a transfer may still read that render buffer, now or by being sent again.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index);
+BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index)
+    TSA_EXCLUDES(context->Render.PendingListLock);

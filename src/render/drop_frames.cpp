@@ -6,7 +6,7 @@
 #include "surface/frame_buffer.h"
 
 struct RENDER_DROPFRAMEEVENT_CHECKTIMER_CONTEXT {
-    ::DEVICE_CONTEXT* DeviceContext;
+    DEVICE_CONTEXT* DeviceContext;
 };
 
 WDF_DECLARE_CONTEXT_TYPE_WITH_NAME(RENDER_DROPFRAMEEVENT_CHECKTIMER_CONTEXT, RENDER_GetCheckTimerContext)
@@ -44,8 +44,8 @@ void RENDER_DropFrameEventCheckTimerFunc(WDFTIMER timer) {
         MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
         SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_ELAPSED);
     }
-    // A detach does not wait for this callback. Either it stops the timer that is started here, or
-    // MonitorConnected is already FALSE here; in the worst case the timer fires once more.
+    // A detach does not wait for this callback. If it stops the timer between this check and the start, the
+    // timer fires once more.
     if (SHARED_Read(context->Control.MonitorConnected)) {
         WdfTimerStart(timer, RelativeMs(DROP_FRAME_CHECK_PERIOD_MS));
     }
@@ -107,8 +107,8 @@ void RENDER_DecayFrameErrorBucket(DEVICE_CONTEXT* context) {
     if (context->Settings.UseFrameErrorBucket == 0) {
         return;
     }
-    // Never below 0, which as an unsigned level would be the fullest bucket of all. Another try only after
-    // another task has changed the bucket.
+    // Never below 0: the level is compared as an unsigned number. The loop repeats only when another task has
+    // changed the bucket.
     LONG* bucket = &context->Render.FrameErrorBucket;
     LONG level = ReadAcquire(bucket);
     while (level != 0) {

@@ -14,7 +14,8 @@ _Must_inspect_result_
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_DeleteDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
 
-EVT_WDF_TIMER RENDER_DropFrameEventCheckTimerFunc; // PASSIVE_LEVEL
+_IRQL_requires_(PASSIVE_LEVEL)
+EVT_WDF_TIMER RENDER_DropFrameEventCheckTimerFunc;
 
 // From monitor attach to monitor detach. The stop does not wait for a running callback. No effect without
 // the timer.
@@ -24,24 +25,30 @@ _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_StopDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
 
 // At mode set and monitor attach: no check period has passed, and no switch back to 24 bits was tried.
+_IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context);
 
-// A stop of the stream: its dropped frames are forgotten, and with them the fallback to 16 bits, which lasts
+// When the stream stops: its dropped frames are forgotten, and with them the fallback to 16 bits, which lasts
 // as long as the stream that dropped frames.
+_IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context);
 
-// While suspended, reports of dropped frames are ignored: the stream is being stopped or the adapter is not
-// in D0. Of two callers the later one decides.
+// While suspended, the status work item ignores reports of dropped frames: the stream is being stopped or the
+// adapter is not in D0. Of two callers the later one decides.
+_IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context);
+_IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ResumeFrameErrors(DEVICE_CONTEXT* context);
 
-// One report of a dropped frame.
+// One report of a dropped frame. It counts when the bucket is full. Without the bucket, and while frame
+// errors are suspended, it counts at once.
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_HandleFrameError(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Control.MonitorMutex);
 
-// At a new mode: an empty bucket.
+// At a new mode.
+_IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_EmptyFrameErrorBucket(DEVICE_CONTEXT* context);
 
-// A completed frame lowers the bucket by one.
+// A completed transfer of a frame lowers the bucket by one.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_DecayFrameErrorBucket(DEVICE_CONTEXT* context);

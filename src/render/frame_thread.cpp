@@ -4,6 +4,7 @@
 #include "base/util.h"
 #include "render/buffer_turn.h"
 #include "render/frame_update.h"
+#include "render/start_stop.h"
 #include "surface/present.h"
 
 namespace {
@@ -11,18 +12,14 @@ namespace {
 constexpr ULONG THREAD_END_POLL_MS = 10;
 
 enum THREAD_EVENT : ULONG {
-    EVENT_END_THREAD, // wins when several are signalled
+    EVENT_END_THREAD, // the first one wins when several are signaled
     EVENT_FRAME_REQUESTED,
     EVENT_DISPATCH_REQUESTED,
     THREAD_EVENT_COUNT,
 };
 static_assert(THREAD_EVENT_COUNT <= THREAD_WAIT_OBJECTS);
 
-BOOLEAN IsRunning(const DEVICE_CONTEXT* context) {
-    return SHARED_Read(context->Render.RenderRunning) != 0;
-}
-
-// As they were at device add, whatever the last run of the pipeline left.
+// To their state at device add: the last run of the pipeline may have changed it.
 void ResetEvents(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     FRAMEBUFFER_ClearUpdateRequest(context);
@@ -32,7 +29,7 @@ void ResetEvents(DEVICE_CONTEXT* context) {
     KeSetEvent(&render->DispatchIdleEvent, IO_NO_INCREMENT, FALSE);
 }
 
-// Ends a thread whose object cannot be waited for.
+// Ends a thread without its object: it can only be polled.
 void EndThreadByState(RENDER_PIPELINE* render) {
     KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
     while (SHARED_Read(render->FrameUpdateThreadState) != THREAD_ENDED) {
@@ -40,7 +37,7 @@ void EndThreadByState(RENDER_PIPELINE* render) {
     }
 }
 
-// Leaves a reference to the thread object, which shutdown waits for and drops, and no handle.
+// Keeps a reference to the thread object, which shutdown waits for and drops, and no handle.
 NTSTATUS StartThread(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     render->ThreadStartContext.DeviceContext = context;
@@ -66,15 +63,15 @@ NTSTATUS StartThread(DEVICE_CONTEXT* context) {
 }
 
 void HandleFrameRequest(DEVICE_CONTEXT* context) {
-    if (IsRunning(context) && InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
+    if (RENDER_IsRunning(context) && InterlockedExchange(&context->Render.StartedAnew, 0) != 0) {
         FRAMEBUFFER_ResubmitPresented(context);
     }
-    // Only now, so that what was just handed over is shown once.
+    // Not earlier, so that the frame that was just handed over is shown only once.
     FRAMEBUFFER_ClearUpdateRequest(context);
-    if (!IsRunning(context)) {
+    if (!RENDER_IsRunning(context)) {
         SHARED_Write(context->Render.StopAcknowledged, TRUE);
     } else if (ReadAcquire(&context->Render.StartedAnew) != 0) {
-        // A start came in between, and its request has just been cleared.
+        // A start in between made a request that has just been cleared.
         FRAMEBUFFER_RequestUpdate(context);
     } else {
         RENDER_FrameUpdate(context);

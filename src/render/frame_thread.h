@@ -4,9 +4,11 @@
 
 #include "device/device_context.h"
 
-// Starts the thread; its events are as at device add. A thread that cannot be waited for is ended again.
+// Resets the thread's events and starts it. A thread whose object cannot be referenced is ended again.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS THREAD_CreateFrameUpdateThread(DEVICE_CONTEXT* context);
 
-KSTART_ROUTINE THREAD_FrameUpdateProcess; // start context: THREAD_START_CONTEXT; PASSIVE_LEVEL
+// The start context is a THREAD_START_CONTEXT.
+_IRQL_requires_(PASSIVE_LEVEL)
+KSTART_ROUTINE THREAD_FrameUpdateProcess;

@@ -73,7 +73,8 @@ void RENDER_FrameUpdate(DEVICE_CONTEXT* context) {
         return;
     }
     if (RENDER_WantsOtherPixelBytes(context)) {
-        // The switch stops the stream and may have to wait for another task that stops it.
+        // Not during a fill: the switch stops the stream, and another task that stops it would wait for the
+        // fill.
         RENDER_EndFill(context);
         RENDER_AdjustPixelBytes(context);
         if (!RENDER_BeginFill(context)) {
@@ -91,8 +92,8 @@ void RENDER_FrameUpdate(DEVICE_CONTEXT* context) {
 
 void RENDER_Private_UpdateRenderingFrameBuffer(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
     const MODE_PARAMETERS& mode = context->Display.Mode;
-    // The client may ask for a listed mode that no monitor was offered: the frames of some exceed a render
-    // buffer, and no adapter holds any of them.
+    // The client may set a mode of the table that no EDID offers. The frames of some are larger than a render
+    // buffer, and no adapter can store them.
     if (ULONGLONG{mode.Width} * mode.Height > MODE_MAX_PIXELS) {
         return;
     }

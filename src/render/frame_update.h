@@ -1,12 +1,12 @@
-// One frame update: the frame that the client presented last becomes the bytes of a render buffer. On the
-// frame update thread.
+// One frame update: converts the frame that the client presented last into a render buffer and has it sent.
+// On the frame update thread.
 #pragma once
 
 #include "device/device_context.h"
 
 struct FRAME_BUFFER_CONTEXT;
 
-// Nothing happens when the pipeline is stopped or the newest frame does not fit the mode.
+// Nothing is sent when the pipeline is stopped or the newest frame does not have the size of the mode.
 _IRQL_requires_(PASSIVE_LEVEL)
 void RENDER_FrameUpdate(DEVICE_CONTEXT* context);
 

@@ -8,8 +8,8 @@
 
 namespace {
 
-// Its last frames may well be incomplete: they must not count as dropped ones. RenderStartStopMutex comes
-// before DisplayStateMutex, as in every other stop.
+// The last frames before the switch can be incomplete: they must not count as dropped. RenderStartStopMutex
+// is taken before DisplayStateMutex, as in every other stop.
 void StopForSwitch(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
     RENDER_SuspendFrameErrors(context);
@@ -32,10 +32,11 @@ void SwitchOutput(DEVICE_CONTEXT* context, ULONG outputColorMode)
         SETTINGS_UseRgb565Output(&context->Settings, TRUE);
         (void)RENDER_Start(context);
     } else if (NT_SUCCESS(RENDER_ProgramMode(context, &previous))) {
-        // A transfer failed in the middle of the switch: the old format is better than no picture.
+        // A transfer failed during the switch. The old format still gives a picture.
         (void)RENDER_Start(context);
     }
-    // Else the adapter has no usable timing or pipe, and the stream stays stopped until the next mode set.
+    // Otherwise the adapter has no usable timing or pipe, and the stream stays stopped until the next mode
+    // set.
 }
 
 // A check period has passed with 16-bit output.

@@ -184,22 +184,22 @@ NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context) {
 }
 
 void RENDER_Uninitialize(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     RENDER_Shutdown(context);
     RENDER_DeleteCompressionAutoUpdateTimer(context);
     RENDER_DeleteDropFrameEventCheckTimer(context);
     MODE_DisableOutput(context);
 
-    // Under the mutex, so that a stop that a late client asks for finds each of these complete or null.
+    // Under the mutex: a client that has not released the interface may still stop the stream, and that stop
+    // finds each of these complete or null.
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     for (ULONG number = 0; number < RENDER_CONTEXT_COUNT; number++) {
-        DeleteRenderContext(render, number);
+        DeleteRenderContext(&context->Render, number);
     }
     RENDER_DeleteCompressionStaging(context);
-    DeleteObject(&render->RenderContextLookaside);
-    DeleteRequestList(&render->SentRequests);
-    DeleteRequestList(&render->SendQueue);
-    DeleteObject(&render->CompressionLevelLock.Handle);
-    // The render buffers stay: they belong to the device, like the memory behind them, and a device that is
-    // stopped and started again need not find 28 MB a second time.
+    DeleteObject(&context->Render.RenderContextLookaside);
+    DeleteRequestList(&context->Render.SentRequests);
+    DeleteRequestList(&context->Render.SendQueue);
+    DeleteObject(&context->Render.CompressionLevelLock.Handle);
+    // The render buffers stay, because they belong to the device: when it is stopped and started again, their
+    // 28 MB need not be allocated a second time.
 }

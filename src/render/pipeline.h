@@ -12,7 +12,8 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context);
 
-// Four render contexts with their requests, all on AvailableList. Part of RENDER_Initialize, which undoes it.
+// Four render contexts with their requests, all on AvailableList. Part of RENDER_Initialize, which undoes a
+// failure.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context);

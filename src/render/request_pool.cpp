@@ -7,7 +7,7 @@ namespace {
 
 constexpr ULONG SEND_TIMEOUT_MS = 2000;
 constexpr ULONG COMPLETION_POLL_MS = 100;
-constexpr ULONG COMPLETION_POLL_COUNT = 31; // a little longer than the time-out of what is waited for
+constexpr ULONG COMPLETION_POLL_COUNT = 31; // longer than SEND_TIMEOUT_MS
 
 NTSTATUS AddRequest(REQUEST_LIST* list, WDFREQUEST request) {
     if (list->Lock.Handle == nullptr) {

@@ -1,6 +1,6 @@
 // The two collections of USB requests: formatted and not yet sent, sent and not yet completed. Before the
-// pipeline is built and after it was torn down, queueing fails and everything else does nothing. The locks
-// are taken inside, one at a time.
+// pipeline is built and after it was torn down, queueing, tracking and sending fail and everything else does
+// nothing. The locks are taken inside, one at a time.
 #pragma once
 
 #include "base/annotations.h"
@@ -21,10 +21,10 @@ _IRQL_requires_max_(DISPATCH_LEVEL)
 WDFREQUEST REQUEST_TakeNextToSend(DEVICE_CONTEXT* context);
 
 // Tracks and sends a request, with a time-out of two seconds. FALSE: the request was refused, is not tracked
-// and will not complete. *status then says why.
+// and will not complete. `*status` then says why.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* status);
+[[nodiscard]] BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, _Out_ NTSTATUS* status);
 
 _IRQL_requires_max_(DISPATCH_LEVEL)
 _Must_inspect_result_

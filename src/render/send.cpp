@@ -9,9 +9,9 @@
 
 namespace {
 
-// Two transfers are in flight, so a dispatch sends one or two contexts. One that finds more and more work
-// runs on a bus that completes inside the send; what is left after this many goes to the frame update thread,
-// for it may be running at DISPATCH_LEVEL.
+// Two transfers are in flight, so a dispatch usually sends one or two contexts. It finds more and more work
+// only on a bus that completes inside the send. After this many, the frame update thread continues, because
+// the dispatch may be running at DISPATCH_LEVEL.
 constexpr ULONG DISPATCH_LIMIT = 2 * RENDER_CONTEXT_COUNT;
 
 // Formats the requests of a context and queues them for sending; on failure none is queued.
@@ -66,8 +66,8 @@ struct DISPATCH {
     BOOLEAN Refused; // a request could not be sent; a second transfer would be refused, too
 };
 
-// The newest frame follows the only transfer in flight, so that the pipe does not run dry.
-void TopUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
+// The newest frame follows the only transfer in flight, so that the pipe always has one to continue with.
+void AppendNewestFrame(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
     if (SHARED_Read(context->DeviceRemoved)) {
         return;
     }
@@ -78,9 +78,8 @@ void TopUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock
     }
 }
 
-// No completion will keep the stream going, and a client that has nothing to redraw would be left with the
-// picture before. The lock is held and this context is not returned yet, so no stop can have completed: the
-// timer still exists.
+// No completion will continue the stream, and a client that has nothing to redraw would keep showing an older
+// picture. The timer exists as long as RenderRunning is set, which cannot change here.
 void RepeatLater(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
     if (context->Render.RenderRunning != 0 && !SHARED_Read(context->DeviceRemoved)) {
         RENDER_RepeatFrameLater(context);
@@ -96,7 +95,7 @@ RENDER_CONTEXT* QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
         return nullptr;
     }
     if (dispatch->IsAlone && !dispatch->Refused && IsListEmpty(pendingList)) {
-        TopUp(context);
+        AppendNewestFrame(context);
     }
     if (IsListEmpty(pendingList)) {
         return nullptr;
@@ -117,6 +116,7 @@ RENDER_CONTEXT* QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     return renderContext;
 }
 
+// Null after the end of the dispatch.
 RENDER_CONTEXT* PrepareNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     RENDER_CONTEXT* renderContext = QueueNextTransfer(context, dispatch);
@@ -160,7 +160,7 @@ NEXT_STEP ChooseNextStep(DEVICE_CONTEXT* context, const RENDER_CONTEXT* renderCo
     }
     const ULONG latest = context->Render.LatestRenderBufferIndex;
     if (latest == RENDER_BUFFER_NONE) {
-        // The context comes from before a stop, and what it carries must not be seen again.
+        // The context carries a frame from before the last stop, which must not be shown again.
         return NEXT_STEP::Return;
     }
     const BOOLEAN wasRefused = SHARED_Read(renderContext->State) == FRAME_REFUSED;
@@ -168,9 +168,9 @@ NEXT_STEP ChooseNextStep(DEVICE_CONTEXT* context, const RENDER_CONTEXT* renderCo
     if (!wasRefused && (carriesNewest || inFlight == 1)) {
         return NEXT_STEP::SendNewest;
     }
-    // The newest frame may have been refused while this transfer, of an older one, was still out.
-    const BOOLEAN nothingIsOut = ReadAcquire(&context->Render.RenderContextsInFlight) == 0;
-    return nothingIsOut ? NEXT_STEP::ReturnAndRepeatLater : NEXT_STEP::Return;
+    // The newest frame may have been refused while this transfer, of an older one, was still in flight.
+    const BOOLEAN nothingInFlight = ReadAcquire(&context->Render.RenderContextsInFlight) == 0;
+    return nothingInFlight ? NEXT_STEP::ReturnAndRepeatLater : NEXT_STEP::Return;
 }
 
 // TRUE when something waits to be dispatched. The context belongs to another task once it was returned or
@@ -204,8 +204,8 @@ void FinishContext(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTA
     }
 }
 
-// A request that was queued but not sent is done: it does not complete. The rest of its frame is of no use to
-// the adapter, and sending the frame again at once would only be refused again.
+// A request that was queued but not sent does not complete: it is done now. The adapter cannot use the rest
+// of its frame, and the frame would be refused again if it was sent again at once.
 void RefuseRequest(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTATUS status) {
     SHARED_Write(renderContext->State, FRAME_REFUSED);
     if (InterlockedDecrement(&renderContext->OutstandingRequests) == 0) {

@@ -1,48 +1,51 @@
-// From a filled render buffer to USB transfers and back: the dispatch of pending contexts and the completion
-// of their requests.
+// From a filled render buffer to USB transfers: the dispatch of pending contexts and the completion of their
+// requests.
 //
-// The life of a render context. PendingListLock is held at every event of FRAME_UPDATED and at the end of a
-// transfer; RenderRunning changes under that lock, too. So once a stop has cleared it, nothing is queued or
-// dispatched any more.
+// The life of a render context. RenderRunning changes under PendingListLock, and each change to or from
+// FRAME_UPDATED holds that lock, too. So after a stop has cleared RenderRunning, no context is queued, and
+// none is taken off PendingList to be sent.
 //
-//   state            event                                next state       what happens besides
-//   FRAME_CLEARED    a frame update takes it              FRAME_TAKEN
-//                    the transfer sent last is the only   FRAME_UPDATED    it carries the newest frame, so
-//                    that the one in flight, nothing is pending                     pipe does not run dry
-//   FRAME_TAKEN      its render buffer is filled          FRAME_UPDATED    its frame is the newest one
-//                    nothing to send, or a stop           FRAME_CLEARED
-//   FRAME_UPDATED    a dispatch, requests formatted       FRAME_IN_FLIGHT  its requests are sent in order
-//                    a dispatch, requests not formatted   FRAME_CLEARED    the dispatch ends
-//                    a stop                               FRAME_CLEARED
-//   FRAME_IN_FLIGHT  a request is refused                 FRAME_REFUSED    the rest of its frame is not sent
-//   FRAME_IN_FLIGHT  the last of its requests is done:
-//                    - the device is gone                 FRAME_CLEARED    the device is given up
-//                    - the stream is stopped              FRAME_CLEARED
-//                    - a newer frame is pending           FRAME_CLEARED    the newer frame is dispatched
-//                    - it carried the newest frame        FRAME_UPDATED    the frame is sent again
-//                    - it carried an older frame, and     FRAME_UPDATED    the newest frame is sent in its
-//                    place:
-//                      one other context is in flight                      two transfers of it are enough
-//                    - otherwise                          FRAME_CLEARED    if nothing is in flight, the
-//                    newest
-//                                                                          frame is converted again later
-//   FRAME_REFUSED    the last of its requests is done     FRAME_CLEARED    as above for a gone device, a stop
-//   and a
-//                                                                          newer frame; else as "otherwise"
+//   state            event                              next state       what happens besides
+//   FRAME_CLEARED    a frame update takes it            FRAME_TAKEN
+//                    it joins a lone transfer (1)       FRAME_UPDATED    it sends the newest frame, too
+//   FRAME_TAKEN      its render buffer is filled        FRAME_UPDATED    its frame is the newest one
+//                    nothing to send, or a stop         FRAME_CLEARED
+//   FRAME_UPDATED    a dispatch queues its requests     FRAME_IN_FLIGHT  they are sent in order
+//                    a dispatch fails to queue them     FRAME_CLEARED    the dispatch ends; (2)
+//                    a stop                             FRAME_CLEARED
+//   FRAME_IN_FLIGHT  one of its requests is refused     FRAME_REFUSED    the requests after it are not sent
+//                    the last of its requests is done:
+//                    - it says: the device is gone      FRAME_CLEARED    the device is given up
+//                    - the stream is stopped            FRAME_CLEARED
+//                    - a newer frame is pending         FRAME_CLEARED    the newer frame is dispatched
+//                    - no frame since the last start    FRAME_CLEARED
+//                    - it carried the newest frame      FRAME_UPDATED    the frame is sent again
+//                    - one other context is in flight   FRAME_UPDATED    it sends the newest frame, too
+//                    - otherwise                        FRAME_CLEARED    (2)
+//   FRAME_REFUSED    the last of its requests is done   FRAME_CLEARED    (3)
+//
+// (1) A dispatch finds nothing pending, the context that it sent last is the only one in flight, and no
+//     request was refused: a second transfer follows, so that the pipe always has one to continue with.
+// (2) When nothing is in flight any more, the newest frame is converted and sent again after 100 ms.
+// (3) The same cases as for FRAME_IN_FLIGHT, but in place of becoming FRAME_UPDATED it is returned, and (2)
+//     applies.
 #pragma once
 
 #include "device/device_context.h"
 
 // Sends what is on PendingList, and the newest frame a second time when it would be alone in flight. Returns
-// at once when another dispatch is running: that one finds the new work. No lock is held by the caller.
+// at once when another dispatch is running: that one finds the new work.
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context);
+void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
 
-// Context: the RENDER_CONTEXT. Up to DISPATCH_LEVEL.
+// Their completion context is the RENDER_CONTEXT.
+_IRQL_requires_max_(DISPATCH_LEVEL)
 EVT_WDF_REQUEST_COMPLETION_ROUTINE RENDER_RenderRequestCompleted;
+_IRQL_requires_max_(DISPATCH_LEVEL)
 EVT_WDF_REQUEST_COMPLETION_ROUTINE RENDER_ZeroLengthRequestCompleted;
 
 // All requests of the context are done; `params` are those of the last one.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_CompleteRenderContext(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext,
-                                  PWDF_REQUEST_COMPLETION_PARAMS params);
+                                  _In_ PWDF_REQUEST_COMPLETION_PARAMS params)
+    TSA_EXCLUDES(context->Render.PendingListLock);

@@ -16,8 +16,8 @@ constexpr ULONG CONTEXT_RETURN_POLL_MS = 1;
 constexpr ULONG CONTEXT_RETURN_POLL_COUNT = 100;
 constexpr ULONG CANCEL_POLL_MS = 10;
 
-// Under PendingListLock: the frame update thread and each completion have either finished what they began
-// while the stream ran, or find it stopped.
+// Under PendingListLock: the frame update thread and each completion either are past their critical section
+// or find the stream stopped.
 void SetStopped(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     SHARED_Write(context->Render.RenderRunning, 0u);
@@ -26,12 +26,12 @@ void SetStopped(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStar
 void SetRunning(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     {
         SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-        // What the render buffers hold is from before the stop, in another mode perhaps.
+        // The render buffers hold frames from before the stop, perhaps of another mode.
         context->Render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
         SHARED_Write(context->Render.RenderRunning, 1u);
     }
-    // The newest presented frame goes out now, be it one from before the stop or one that came meanwhile: a
-    // client that has nothing to redraw would leave the monitor dark, or with an old picture.
+    // The newest presented frame is sent at once, whether it was presented before the stop or since then: a
+    // client that has nothing to redraw would leave the monitor dark or with an old picture.
     InterlockedExchange(&context->Render.StartedAnew, 1);
     FRAMEBUFFER_RequestUpdate(context);
 }
@@ -40,8 +40,8 @@ BOOLEAN IsFrameUpdateThread(const RENDER_PIPELINE* render) {
     return KeGetCurrentThread() == render->FrameUpdateThreadObject;
 }
 
-// Wakes the thread out of whatever it waits for, and lets it consume a frame request that is now void.
-void AwaitAcknowledgement(DEVICE_CONTEXT* context) {
+// Wakes the thread from its wait and lets it take a frame request that has lost its purpose.
+void AwaitAcknowledgment(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     FRAMEBUFFER_RequestUpdate(context);
     if (!IsFrameUpdateThread(render) && !SHARED_Read(render->StopAcknowledged) &&
@@ -52,14 +52,15 @@ void AwaitAcknowledgement(DEVICE_CONTEXT* context) {
     SHARED_Write(render->StopAcknowledged, FALSE);
 }
 
-void WaitForEvent(KEVENT* event) {
-    (void)KeWaitForSingleObject(event, Executive, KernelMode, FALSE, nullptr);
+// An event or a thread.
+void WaitFor(VOID* object) {
+    (void)KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
 }
 
-// The thread finishes or drops the frame at hand; all its waits in between end once RenderRunning is clear.
+// The thread finishes or drops its frame; all its waits within a fill end once RenderRunning is clear.
 void AwaitFillEnd(RENDER_PIPELINE* render) {
     if (!IsFrameUpdateThread(render)) {
-        WaitForEvent(&render->FrameFillIdleEvent);
+        WaitFor(&render->FrameFillIdleEvent);
     }
 }
 
@@ -71,19 +72,19 @@ POLL_RESULT ProbeContextsReturned(DEVICE_CONTEXT* context) {
 // nothing.
 void DrainTransfers(DEVICE_CONTEXT* context) {
     // A running dispatch sends what it queued before it ends; a new one finds the stream stopped.
-    WaitForEvent(&context->Render.DispatchIdleEvent);
+    WaitFor(&context->Render.DispatchIdleEvent);
     RENDER_ClearPending(context);
 
     REQUEST_WaitSentCompleted(context);
     if (REQUEST_AllSentCompleted(context)) {
-        // The completion that came last is still on its way to the available list, a few instructions long.
+        // The last completion may not have returned its context yet: that takes a few instructions more.
         (void)UTIL_Poll(CONTEXT_RETURN_POLL_MS, CONTEXT_RETURN_POLL_COUNT, ProbeContextsReturned, context);
     }
     REQUEST_DiscardSent(context);
 }
 
-// Nothing that a transfer uses may be deleted before the transfer is back, so there is no limit: the USB
-// stack completes whatever is cancelled.
+// Nothing that a transfer uses may be deleted before it has completed, so there is no limit: the USB stack
+// completes every request that is canceled.
 void CancelOutstanding(DEVICE_CONTEXT* context) {
     while (RENDER_CountAvailable(context) != RENDER_CONTEXT_COUNT) {
         for (const RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
@@ -98,31 +99,29 @@ void CancelOutstanding(DEVICE_CONTEXT* context) {
 
 // FALSE when there is no thread to end.
 BOOLEAN RequestThreadEnd(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     context->Render.ShutDown = TRUE;
     context->Render.SuspendedWhileRunning = FALSE;
     SetStopped(context);
     RENDER_ForgetDroppedFrames(context);
-    if (!render->FrameUpdateThreadCreated) {
+    if (!context->Render.FrameUpdateThreadCreated) {
         return FALSE;
     }
-    KeResetEvent(&render->ThreadStartStopEvent);
-    KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
+    KeResetEvent(&context->Render.ThreadStartStopEvent);
+    KeSetEvent(&context->Render.ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
     return TRUE;
 }
 
 } // namespace
 
 NTSTATUS RENDER_Start(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     const MODE_PARAMETERS& mode = context->Display.Mode;
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     if (context->Render.ShutDown) {
         return STATUS_SUCCESS;
     }
     if (mode.CompressionEnabled == 0) {
-        for (ULONG& length : render->RenderBufferLength) {
+        for (ULONG& length : context->Render.RenderBufferLength) {
             length = mode.Width * mode.Height * mode.SourceBytesPerPixel;
         }
     }
@@ -132,15 +131,14 @@ NTSTATUS RENDER_Start(DEVICE_CONTEXT* context) {
 }
 
 void RENDER_Stop(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
     context->Render.SuspendedWhileRunning = FALSE;
-    SHARED_Write(render->StopAcknowledged, FALSE);
+    SHARED_Write(context->Render.StopAcknowledged, FALSE);
     SetStopped(context);
 
-    if (render->FrameUpdateThreadCreated) {
-        AwaitAcknowledgement(context);
-        AwaitFillEnd(render);
+    if (context->Render.FrameUpdateThreadCreated) {
+        AwaitAcknowledgment(context);
+        AwaitFillEnd(&context->Render);
         if (context->Display.Mode.BandwidthFlag != 0) {
             REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_BANDWIDTH_BIT);
         }
@@ -152,14 +150,13 @@ void RENDER_Stop(DEVICE_CONTEXT* context) {
 }
 
 void RENDER_Suspend(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
-    if (render->RenderRunning == 0) {
+    if (context->Render.RenderRunning == 0) {
         return;
     }
     SetStopped(context);
     context->Render.SuspendedWhileRunning = TRUE;
-    AwaitFillEnd(render);
+    AwaitFillEnd(&context->Render);
     DrainTransfers(context);
 }
 
@@ -182,19 +179,23 @@ void RENDER_StopSuspended(DEVICE_CONTEXT* context) {
 }
 
 void RENDER_Shutdown(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
     if (!RequestThreadEnd(context)) {
         return;
     }
-    // Wait on the thread object: the thread still runs driver code after it set its state.
-    (void)KeWaitForSingleObject(render->FrameUpdateThreadObject, Executive, KernelMode, FALSE, nullptr);
+    // The thread object and not its state is waited for: the thread still runs driver code after it set the
+    // state.
+    WaitFor(context->Render.FrameUpdateThreadObject);
 
     MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
-    ObDereferenceObject(render->FrameUpdateThreadObject);
-    render->FrameUpdateThreadObject = nullptr;
-    render->FrameUpdateThreadCreated = FALSE;
+    ObDereferenceObject(context->Render.FrameUpdateThreadObject);
+    context->Render.FrameUpdateThreadObject = nullptr;
+    context->Render.FrameUpdateThreadCreated = FALSE;
     DrainTransfers(context);
     CancelOutstanding(context);
+}
+
+BOOLEAN RENDER_IsRunning(const DEVICE_CONTEXT* context) {
+    return SHARED_Read(context->Render.RenderRunning) != 0;
 }
 
 BOOLEAN RENDER_BeginFill(DEVICE_CONTEXT* context) {
