@@ -28,6 +28,10 @@ template <typename Record>
     return TRUE;
 }
 
+void CopyBaseBlock(const MONITOR_EDID& edid, UCHAR* output) {
+    RtlCopyMemory(output, edid.EdidBlocks[0], EDID_BLOCK_SIZE);
+}
+
 // The base block twice, as far as whole copies fit: a client that asks for one block gets one, and no client
 // gets bytes beyond the length that it gave. Under MonitorMutex, although reading a monitor's EDID holds it
 // for a second or more: a client that asks during the read waits for the new EDID and never gets half of it.
@@ -37,9 +41,9 @@ NTSTATUS QueryEdid(DEVICE_CONTEXT* context, VOID* output, ULONGLONG outputLength
     }
     UCHAR* bytes = static_cast<UCHAR*>(output);
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
-    RtlCopyMemory(bytes, context->Control.Edid.EdidBlocks[0], EDID_BLOCK_SIZE);
+    CopyBaseBlock(context->Control.Edid, bytes);
     if (outputLength >= 2 * EDID_BLOCK_SIZE) {
-        RtlCopyMemory(bytes + EDID_BLOCK_SIZE, context->Control.Edid.EdidBlocks[0], EDID_BLOCK_SIZE);
+        CopyBaseBlock(context->Control.Edid, bytes + EDID_BLOCK_SIZE);
     }
     return STATUS_SUCCESS;
 }
@@ -88,6 +92,10 @@ NTSTATUS SetPointer(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG inputL
     }
     CURSOR_Update(context, request.Position, request.Shape);
     return STATUS_SUCCESS;
+}
+
+void SetDisplayOn(DEVICE_CONTEXT* context, UCHAR on) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
+    SHARED_Write(context->Client.DisplayOn, on);
 }
 
 void SwitchDisplayOff(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
@@ -150,7 +158,7 @@ NTSTATUS SetDisplayPower(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG i
             return STATUS_SUCCESS;
         }
         context->Client.NewSession = FALSE;
-        SHARED_Write(context->Client.DisplayOn, request.On);
+        SetDisplayOn(context, request.On);
         if (request.On == 0) {
             SwitchDisplayOff(context);
             return STATUS_SUCCESS;
@@ -205,7 +213,7 @@ void CLIENT_EndSession(DEVICE_CONTEXT* context) {
     InterlockedExchange(&context->Client.ClientCount, 0);
     {
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        SHARED_Write(context->Client.DisplayOn, 0);
+        SetDisplayOn(context, 0);
     }
     FRAMEBUFFER_DestroyAll(context);
 }

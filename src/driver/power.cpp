@@ -19,6 +19,11 @@ namespace {
 constexpr ULONG CLIENT_RELEASE_POLL_MS = 10;
 constexpr ULONG CLIENT_RELEASE_LIMIT_MS = 10000;
 
+void SetCurrentPowerState(DEVICE_CONTEXT* context, WDF_POWER_DEVICE_STATE state)
+    TSA_REQUIRES(context->Client.DisplayPowerMutex) {
+    SHARED_Write(context->Power.CurrentPowerState, state);
+}
+
 void PowerDownForSleep(DEVICE_CONTEXT* context) {
     CHIP_PowerDownStages(context);
     REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_PLL_BIT);
@@ -54,7 +59,7 @@ NTSTATUS DEVICE_EvtD0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previousStat
     // A display switch finds the device either out of D0 with its stream paused, or in D0 with its stream
     // running.
     MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-    SHARED_Write(context->Power.CurrentPowerState, WdfPowerDeviceD0);
+    SetCurrentPowerState(context, WdfPowerDeviceD0);
     MODE_Resume(context);
     return STATUS_SUCCESS;
 }
@@ -65,7 +70,7 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
         // A display switch in progress finishes first; the next one finds the device out of D0.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
         context->Power.PreviousPowerState = context->Power.CurrentPowerState;
-        SHARED_Write(context->Power.CurrentPowerState, targetState);
+        SetCurrentPowerState(context, targetState);
     }
     MONITOR_IgnoreReports(context);
     RENDER_SuspendFrameErrors(context);

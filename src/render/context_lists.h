@@ -4,6 +4,10 @@
 
 #include "device/device_context.h"
 
+// Empty lists, no newest frame and no dispatch. When the pipeline is built.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_InitializeLists(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
+
 // Takes the oldest available context, or null.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 RENDER_CONTEXT* RENDER_TakeAvailable(DEVICE_CONTEXT* context);

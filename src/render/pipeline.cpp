@@ -161,19 +161,7 @@ NTSTATUS RENDER_Initialize(DEVICE_CONTEXT* context) {
 }
 
 NTSTATUS RENDER_CreateRenderContexts(DEVICE_CONTEXT* context) {
-    RENDER_PIPELINE* render = &context->Render;
-    {
-        SPIN_LOCK_GUARD available(render->AvailableListLock);
-        InitializeListHead(&render->AvailableList);
-        render->AvailableCount = 0;
-    }
-    {
-        SPIN_LOCK_GUARD pending(render->PendingListLock);
-        InitializeListHead(&render->PendingList);
-        render->PendingCount = 0;
-        render->LatestRenderBufferIndex = RENDER_BUFFER_NONE;
-        render->Dispatching = FALSE;
-    }
+    RENDER_InitializeLists(context);
     for (ULONG number = 0; number < RENDER_CONTEXT_COUNT; number++) {
         const NTSTATUS status = CreateRenderContext(context, number);
         if (!NT_SUCCESS(status)) {

@@ -16,11 +16,16 @@ constexpr ULONG CONTEXT_RETURN_POLL_MS = 1;
 constexpr ULONG CONTEXT_RETURN_POLL_COUNT = 100;
 constexpr ULONG CANCEL_POLL_MS = 10;
 
+void SetRenderRunning(DEVICE_CONTEXT* context, ULONG running)
+    TSA_REQUIRES(context->Render.RenderStartStopMutex, context->Render.PendingListLock) {
+    SHARED_Write(context->Render.RenderRunning, running);
+}
+
 // Under PendingListLock: the frame update thread and each completion either are past their critical section
 // or find the stream stopped.
 void SetStopped(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    SHARED_Write(context->Render.RenderRunning, 0u);
+    SetRenderRunning(context, 0);
 }
 
 void SetRunning(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
@@ -28,7 +33,7 @@ void SetRunning(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStar
         SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
         // The render buffers hold frames from before the stop, perhaps of another mode.
         context->Render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
-        SHARED_Write(context->Render.RenderRunning, 1u);
+        SetRenderRunning(context, 1);
     }
     // The newest presented frame is sent at once, whether it was presented before the stop or since then: a
     // client that has nothing to redraw would leave the monitor dark or with an old picture.
@@ -41,7 +46,7 @@ BOOLEAN IsFrameUpdateThread(const RENDER_PIPELINE* render) {
 }
 
 // Wakes the thread from its wait and lets it take a frame request that has lost its purpose.
-void AwaitAcknowledgment(DEVICE_CONTEXT* context) {
+void AwaitAcknowledgment(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     RENDER_PIPELINE* render = &context->Render;
     FRAMEBUFFER_RequestUpdate(context);
     if (!IsFrameUpdateThread(render) && !SHARED_Read(render->StopAcknowledged) &&
@@ -70,7 +75,7 @@ POLL_RESULT ProbeContextsReturned(DEVICE_CONTEXT* context) {
 
 // Returns every context that was queued or sent to AvailableList. The stream is stopped and the thread fills
 // nothing.
-void DrainTransfers(DEVICE_CONTEXT* context) {
+void DrainTransfers(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     // A running dispatch sends what it queued before it ends; a new one finds the stream stopped.
     WaitFor(&context->Render.DispatchIdleEvent);
     RENDER_ClearPending(context);
@@ -85,7 +90,7 @@ void DrainTransfers(DEVICE_CONTEXT* context) {
 
 // Nothing that a transfer uses may be deleted before it has completed, so there is no limit: the USB stack
 // completes every request that is canceled.
-void CancelOutstanding(DEVICE_CONTEXT* context) {
+void CancelOutstanding(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     while (RENDER_CountAvailable(context) != RENDER_CONTEXT_COUNT) {
         for (const RENDER_CONTEXT* renderContext : context->Render.RenderContexts) {
             if (ReadAcquire(&renderContext->OutstandingRequests) != 0) {
