@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr ULONG MANY_DEVICES = 3; // on one SuperSpeed bus, whose bandwidth then needs compressed frames
+constexpr ULONG MANY_DEVICES = 3; // as many adapters may exceed the bandwidth of a SuperSpeed bus
 
 // Some monitors and long cables support 1920 x 1080 only at a lower pixel clock.
 ULONG ChooseRefresh(const SETTINGS& settings, const MODE_REQUEST& request) {

@@ -57,7 +57,7 @@ void AwaitAcknowledgment(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.R
     SHARED_Write(render->StopAcknowledged, FALSE);
 }
 
-// An event or a thread.
+// For an event or the end of a thread.
 void WaitFor(VOID* object) {
     (void)KeWaitForSingleObject(object, Executive, KernelMode, FALSE, nullptr);
 }
