@@ -15,7 +15,7 @@ constexpr ULONG RENDER_BUFFER_COUNT = 4;
 constexpr ULONG RENDER_BUFFER_CAPACITY = MODE_MAX_PIXELS * 3 + 54;            // from the aligned address
 constexpr ULONG RENDER_BUFFER_ALLOCATION = RENDER_BUFFER_CAPACITY + 16;       // with its alignment
 constexpr ULONG COMPRESSION_STAGING_ALLOCATION = RENDER_BUFFER_CAPACITY + 32; // with its alignment
-constexpr ULONG RENDER_BUFFER_NONE = ~0u; // in place of an index
+constexpr ULONG RENDER_BUFFER_NONE = ~0u;                                     // in place of an index
 
 // The states of a render context. The events that lead from one to the next: render/send.h.
 enum RENDER_CONTEXT_STATE : ULONG {
