@@ -1,9 +1,9 @@
 // The adapter, with the monitor plugged into it: the device side of everything the driver does.
 //
-// It is a `usb::Device` and answers transfers inside `submit` unless it has nothing to say yet (an interrupt
-// IN without a report) or is deaf; the link in front of it charges the time on the wire. All members may be
-// called from any thread. One mutex guards the whole state; it is never held while a transfer's `complete` or
-// a listener runs.
+// It is a `usb::Device` and completes transfers inside `submit`, except an interrupt IN transfer while there
+// is no report, and all transfers of a part that does not answer. The link in front of it accounts for the
+// time on the wire. All members may be called from any thread. One mutex guards the whole state; it is never
+// held while a transfer's `complete` or a listener runs.
 #pragma once
 
 #include "model/adapter_options.h"
@@ -48,12 +48,12 @@ class Adapter final : public usb::Device {
     // The monitor. `edid` holds whole blocks of 128 bytes; an empty one is a monitor without DDC.
     void attachMonitor(std::span<const std::uint8_t> edid);
     void detachMonitor();
-    // The monitor goes away now and comes back with the same EDID after `away`.
+    // The monitor is detached now and attached again with the same EDID after `away`.
     void pulseHotPlug(usb::Time away = 100 * usb::kMillisecond);
 
     // Faults.
-    void reportFrameError();           // sets the status bit and sends a report, as a starved link does
-    void dropNextFrame();              // the next correct frame is lost, and reported so
+    void reportFrameError(); // sets the status bit and sends a report, as a link that is too slow does
+    void dropNextFrame();    // the next correct frame is lost, and reported so
     void stall(std::uint8_t endpoint); // the default pipe: its next request; another: until CLEAR_FEATURE
     void setDeaf(Part part, bool deaf);
     void setTransmitterFault(TransmitterFault fault);
@@ -65,7 +65,7 @@ class Adapter final : public usb::Device {
     // The memories. Loading replaces the start of the contents; throws std::length_error when it is too long.
     std::vector<std::uint8_t> memory(Memory which) const;
     void loadMemory(Memory which, std::span<const std::uint8_t> contents);
-    // The next writes that cover `address`, so many of them, store its lowest bit wrong.
+    // The next writes that cover `address`, up to `times`, invert its lowest bit.
     void corruptWrites(Memory which, std::uint32_t address, unsigned times = 1);
     void refuseWrites(Memory which, bool refuse); // the memory does not acknowledge writes
 
@@ -86,7 +86,7 @@ class Adapter final : public usb::Device {
     std::uint64_t violationCount() const;
     void clearViolations();
 
-    // Looks into a register without the side effects of an access over USB.
+    // Reads a register without the side effects of an access over USB.
     std::uint32_t peekRegister(std::uint16_t offset) const;
     std::uint8_t peekTransmitter(unsigned bank, std::uint8_t reg) const;
 

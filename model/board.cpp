@@ -125,8 +125,8 @@ void Board::writeSerialControl(std::uint32_t value, usb::Time now) {
     }
 
     if (options_.revision >= 2 && (value & reg::kPowerStage2) == 0) {
-        // Taking the power away rewrites the word as it is read: after an unanswered command, with bit 31
-        // clear.
+        // A host switches the power off by writing back the word that it has read; after an unanswered
+        // command bit 31 of it is clear.
         if (((value ^ old) & reg::kSerialCommandMask) != 0) {
             violations.add(now, ViolationKind::SerialUnpowered,
                            fmt::format("serial command 0x{:08X} without power bit 28", value));
@@ -181,8 +181,8 @@ void Board::writeOutput(std::uint32_t value, usb::Time now) {
 }
 
 void Board::flush() {
-    // Revision 0 has no power bits that would tell a host that wakes in mid-stream from one that sends too
-    // early.
+    // Revision 0 has no power bits that would distinguish a host that wakes in mid-stream from one that sends
+    // too early.
     if (options_.revision == 0) {
         asleep_ = true;
     }
@@ -292,8 +292,8 @@ bool Board::receive(std::span<const std::uint8_t> bytes, usb::Time now) {
 }
 
 bool Board::acceptsData(std::size_t bytes, usb::Time now) {
-    // A host may go to sleep in mid-stream and find its stream still running when it wakes: until it has set
-    // the output up again, or has found it intact, its data falls on the floor.
+    // A host may go to sleep in mid-stream and continue its stream when it wakes. Until it has set the output
+    // up again, or has found it intact, its data is discarded.
     if (asleep_) {
         return false;
     }

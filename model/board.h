@@ -1,4 +1,4 @@
-// The adapter's circuit board behind its USB interface: registers and what they set in motion, the serial bus
+// The adapter's circuit board behind its USB interface: registers and their effects, the serial bus
 // with its devices, the frame input, frame memory and the video output.
 //
 // Not locked: the adapter calls it with its mutex held. Time comes in with each call.
@@ -67,10 +67,10 @@ class Board {
     // What the timing and clock registers add up to; kept until one of them changes.
     struct Signal {
         Timing timing;
-        double clock = 0;      // Hz, 0 while the PLL stands still
+        double clock = 0;      // Hz, 0 while the PLL is stopped
         ViolationKind kind{};  // of the fault
         std::string fault;     // empty for a signal that a monitor can show
-        bool reported = false; // the fault stands in the violation list
+        bool reported = false; // the fault is in the violation list
     };
 
     std::uint32_t status() const;
@@ -103,10 +103,10 @@ class Board {
     std::vector<std::uint8_t> reports_;
 
     bool flushed_ = true;   // from a flush to the next release of the timing generator
-    bool asleep_ = false;   // from a power-down to that release: data is swallowed without a word
+    bool asleep_ = false;   // from a power-down to that release: data is discarded without a violation
     bool scanning_ = false; // a complete frame has arrived since the last flush
     bool zeroLengthDue_ = false;
-    bool swallowedFrame_ = false; // the last transfer was a frame that fell on the floor in sleep
+    bool swallowedFrame_ = false; // the last transfer was a frame that was discarded in sleep
     bool dropNext_ = false;
     StreamPace pace_;
     FrameMemory frames_;

@@ -59,7 +59,7 @@ DdcBus::ReadResult DdcBus::read(std::uint8_t segment, unsigned offset, std::span
 I2cAnswer DdcPort::read(std::uint8_t address, std::uint8_t offset, usb::Time) {
     I2cAnswer answer;
     if (address == i2c::kSegmentPointer) {
-        // The pointer is write only: its "register offset" is the new segment, and nobody drives the data
+        // The pointer is write only: its "register offset" is the new segment, and no device drives the data
         // that the master then clocks in.
         answer.kind = bus_.selectSegment(offset);
         answer.data = 0xFFFFFFFF;

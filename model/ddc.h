@@ -28,8 +28,7 @@ class DdcBus {
     bool held() const { return hung_ || fault_ != DdcFault::None; }
     void recover();
 
-    // Whether the monitor acknowledges this segment: only one with more than two blocks knows segments at
-    // all.
+    // Whether the monitor acknowledges this segment: only one with more than two blocks has segments.
     I2cAnswer::Kind selectSegment(std::uint8_t segment) const;
 
     struct ReadResult {

@@ -1,4 +1,4 @@
-// Who the adapter says it is (USB 2.0 chapter 9, USB 3.2 chapter 9).
+// The adapter's descriptors (USB 2.0 chapter 9, USB 3.2 chapter 9).
 #pragma once
 
 #include <cstdint>

@@ -7,7 +7,7 @@ namespace model {
 
 // Parts that can stop answering.
 enum class Part : std::uint8_t {
-    Control,      // control transfers stay pending until the host withdraws them
+    Control,      // control transfers stay pending until the host cancels them
     SerialMaster, // a started serial command never ends
     Transmitter,  // the transmitter does not acknowledge its address
 };
@@ -21,7 +21,7 @@ enum class TransmitterFault : std::uint8_t {
 enum class DdcFault : std::uint8_t {
     None,
     Busy,  // an unfinished transaction holds the bus; an abort frees it
-    Stuck, // the data line is held low for good; neither an abort nor the adapter's master gets through
+    Stuck, // the data line is held low permanently; neither an abort nor the adapter's master frees it
 };
 
 } // namespace model

@@ -1,4 +1,4 @@
-// What the serial master finds on its bus.
+// A device on the serial master's bus.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@ namespace model {
 struct I2cAnswer {
     enum class Kind : std::uint8_t {
         Completed,
-        NotAcknowledged, // nobody at this address, or it refuses
+        NotAcknowledged, // no device has this address, or it refuses
         Hung,            // a line is held until the master's time-out
     };
     Kind kind = Kind::NotAcknowledged;

@@ -34,7 +34,8 @@ class MemoryCells {
 };
 
 // Serial EEPROM of 256 bytes at I2C address 0x54, pages of 16: a write that runs over the end of its page
-// goes on at the page's start. The master waits out the write cycle by polling for the acknowledge.
+// goes on at the page's start. The master waits for the end of the write cycle by polling for the
+// acknowledge.
 class Eeprom final : public I2cDevice {
   public:
     static constexpr std::size_t kSize = 256;

@@ -12,8 +12,8 @@ struct OutputMode {
     std::uint32_t height = 0;
     std::uint32_t horizontalTotal = 0;
     std::uint32_t verticalTotal = 0;
-    double pixelClock = 0; // Hz, 0 while the PLL stands still
-    double refresh = 0;    // Hz, 0 while the PLL stands still
+    double pixelClock = 0; // Hz, 0 while the PLL is stopped
+    double refresh = 0;    // Hz, 0 while the PLL is stopped
     PixelFormat format = PixelFormat::Bgr24;
     bool compressed = false;
     bool zeroLengthTransfers = false;

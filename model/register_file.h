@@ -1,5 +1,5 @@
-// The adapter's 32-bit registers as plain storage: which exist, and what they hold at power-on. What a write
-// sets in motion is the board's affair.
+// The adapter's 32-bit registers as plain storage: which exist, and what they hold at power-on. The effects
+// of a write are implemented by the board.
 #pragma once
 
 #include <array>

@@ -1,7 +1,7 @@
 // Every register of the adapter and of the transmitter, and what its bits do in this model.
 //
-// The wire fixes offsets, values and orders; what the hardware does with them is decided here, so that each
-// sequence a driver may legally perform ends in a picture and each one it may not ends in a violation.
+// The wire fixes offsets, values and orders; the effects of a write are defined here, so that each sequence
+// that a driver may perform ends in a picture and every other one in a violation.
 #pragma once
 
 #include <cstdint>
@@ -31,8 +31,8 @@ constexpr std::uint32_t kStatusMonitor = 1u << 0;       // level: a monitor is a
 constexpr std::uint32_t kStatusFrameError = 1u << 1;    // event: a frame was lost or came too late
 constexpr std::uint32_t kStatusEdid = 1u << 28;         // level: the monitor answers on DDC
 constexpr std::uint32_t kStatusEdidMaster = 1u << 29;   // level: ... on the adapter's own serial master
-constexpr std::uint32_t kStatusMonitorLost = 1u << 30;  // event: the monitor went
-constexpr std::uint32_t kStatusMonitorFound = 1u << 31; // event: a monitor came
+constexpr std::uint32_t kStatusMonitorLost = 1u << 30;  // event: the monitor was detached
+constexpr std::uint32_t kStatusMonitorFound = 1u << 31; // event: a monitor was attached
 constexpr std::uint32_t kStatusEvents = kStatusFrameError | kStatusMonitorLost | kStatusMonitorFound;
 
 // Video format of the frame stream. With no layout bit the pixels are `BGR24`. A compressed 16-bit stream
@@ -58,8 +58,8 @@ constexpr std::uint32_t kOriginMask = 0x3FFF0000; // must be 0 for a picture; no
 
 // The serial master. Writing kSerialControl with bit 31 clear starts a transaction; with bit 31 set it only
 // changes the power bits. Bit 31 reads 0 from the start until the transaction has succeeded. A device that
-// does not acknowledge, or a bus that hangs until the master's time-out, leaves it 0 for good: the master is
-// free again, the command has not completed. A rewrite of the command under way changes the power bits only.
+// does not acknowledge, or a bus that hangs until the master's time-out, leaves it 0: the master is free
+// again, but the command has not completed. A rewrite of the command under way changes the power bits only.
 constexpr std::uint16_t kSerialControl = 0x8020;
 constexpr std::uint16_t kSerialReadData = 0x8024;  // the word of the last completed read
 constexpr std::uint16_t kSerialWriteData = 0x8028; // the word the next write sends
@@ -134,7 +134,7 @@ constexpr std::uint8_t kAudioInput = 0x09;
 
 constexpr std::uint8_t kBank = 0x0F; // (always on)
 constexpr std::uint8_t kBankSelect = 1u << 0;
-constexpr std::uint8_t kBankClockGates = 0x60; // either set: the function clocks stand still
+constexpr std::uint8_t kBankClockGates = 0x60; // either set: the function clocks are stopped
 
 // DDC master (always on). A command takes its parameters from 0x10..0x14. A read fills the FIFO with the
 // bytes from offset + 3 to offset + count - 1: the first three leave the shift register before the FIFO

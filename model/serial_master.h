@@ -1,7 +1,7 @@
 // The adapter's serial master: one 32-bit word per command, on I2C or on the SPI flash.
 //
 // A command takes its real time: the bits on the wire (I2C at 100 kHz, SPI at 10 MHz) and what the device
-// needs. Its effect on the device stands from the start; its end is only a time that the host's polls are
+// needs. Its effect on the device begins at its start; its end is only a time that the host's polls are
 // compared with.
 #pragma once
 
@@ -30,7 +30,7 @@ class SerialMaster {
     void connect(std::uint8_t address, I2cDevice& device) { devices_.emplace_back(address, &device); }
     void setDeaf(bool deaf) { deaf_ = deaf; }
 
-    // `command` is the register word of `reg::kSerialControl`, of which the command bits are looked at.
+    // `command` is the register word of `reg::kSerialControl`, of which only the command bits are used.
     void start(std::uint32_t command, std::uint32_t writeData, usb::Time now);
     // A command to a master without power: it never completes.
     void refuse();

@@ -1,4 +1,4 @@
-// Notices that the link does not carry the frames as fast as the screen needs them.
+// Detects that the link does not carry the frames as fast as the screen needs them.
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,9 @@
 namespace model {
 
 // Rule: over `kFrames` consecutive frames of one stream, the frames took on average more than `kTolerance`
-// refresh periods each. The stream is one as long as no more than `kPause` passes between two frames: a host
-// that stops sending is not starved by its link. After a verdict the count starts afresh, so a starved stream
-// is reported once in `kFrames` frames.
+// refresh periods each. A pause of more than `kPause` between two frames ends a stream: the host has stopped
+// sending, so the link is not too slow. After a result the count starts again, so a slow stream is reported
+// once in `kFrames` frames.
 class StreamPace {
   public:
     static constexpr unsigned kFrames = 8;

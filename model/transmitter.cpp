@@ -297,7 +297,7 @@ void Transmitter::startDdcRead(usb::Time now) {
         return;
     }
     if (ddcBusy(now) || ddcHung_) {
-        return; // lost, as on a master that is still freeing the bus
+        return; // ignored, as by a master that is still freeing the bus
     }
     ddcFifo_.clear();
     std::uint8_t bytes[tx::kDdcFifoDepth];

@@ -1,4 +1,4 @@
-// What the adapter could not understand. Hardware would show garbage, hang or do nothing; the model says so.
+// What the host did wrong. Real hardware would show garbage, hang or do nothing; the model reports it.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ enum class ViolationKind : std::uint8_t {
     SerialUnpowered, // a serial command while the serial master has no power
     BadTiming,       // timing images that contradict each other
     BadClock, // a PLL word that gives no usable refresh for the timing, or one written to a stopped PLL
-    OutputWithoutClock,  // the timing generator or the frame stream runs while the PLL stands still
+    OutputWithoutClock,  // the timing generator or the frame stream runs while the PLL is stopped
     UnexpectedData,      // bulk data while the output is not configured for any
     BadFrameLength,      // an uncompressed frame of another length than the mode's
     BadStream,           // a run stream that no decoder could follow to exactly one frame

@@ -248,7 +248,7 @@ void Machine::remove(DeviceNode& node) {
     kernel::PlatformCall platformCall;
     if (node.node != nullptr) {
         if (node.node->started()) {
-            // The user may have gone on without waiting for the answer: the bench removes either way.
+            // The removal follows whatever the driver answers, as after a user who does not wait.
             (void)node.node->queryRemove();
         }
         node.node->remove();

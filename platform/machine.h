@@ -80,10 +80,10 @@ class Machine {
     NTSTATUS startStatus(const DeviceNode& node) const;
     usb::Host& host(DeviceNode& node);
 
-    NTSTATUS queryRemove(DeviceNode& node); // asks the driver; `cancelRemove` takes it back
+    NTSTATUS queryRemove(DeviceNode& node); // asks the driver; `cancelRemove` revokes it
     void cancelRemove(DeviceNode& node);
     void remove(DeviceNode& node);         // orderly: query-remove, remove
-    void surpriseRemove(DeviceNode& node); // the cable is pulled now; returns when the driver let go
+    void surpriseRemove(DeviceNode& node); // the cable is pulled; returns when the device object is removed
     void stop(DeviceNode& node);           // PnP stop ...
     NTSTATUS restart(DeviceNode& node);    // ... and start again on the same device object
     void suspend(DeviceNode& node);        // D0 to D3 (system sleep)

@@ -1,4 +1,4 @@
-// The time base of the machine and of everything on the device's side of the USB seam.
+// The time base of the machine and of the devices in its ports.
 #pragma once
 
 #include <cstdint>

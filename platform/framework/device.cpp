@@ -193,7 +193,7 @@ WDFDEVICE_INIT& requireInit(const Call& call, PWDFDEVICE_INIT init) {
     }
     if (!underWay || init->device) {
         call.fail(Rule::PnpOrder, nullptr,
-                  "The initialisation record is used outside EvtDriverDeviceAdd or "
+                  "The initialization record is used outside EvtDriverDeviceAdd or "
                   "after the device was created.");
     }
     return *init;
@@ -322,7 +322,7 @@ PDEVICE_OBJECT WdfDeviceWdmGetPhysicalDevice(WDFDEVICE Device) {
     return call.object<framework::Device>(Device)->pdo();
 }
 
-// Nothing stands between the driver's device object and the bus driver's.
+// There is no other driver between this driver's device object and the bus driver's.
 PDEVICE_OBJECT WdfDeviceWdmGetAttachedDevice(WDFDEVICE Device) {
     Call call("WdfDeviceWdmGetAttachedDevice", kDispatchLevel);
     return call.object<framework::Device>(Device)->pdo();

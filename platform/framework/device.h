@@ -13,7 +13,7 @@
 
 namespace framework {
 
-// Where the device stands with the PnP manager. Written by the steps of a DevNode, which exclude each other,
+// The device's PnP state. Written by the steps of a DevNode, which exclude each other,
 // and by a surprise removal during a sleep or a wake.
 enum class PnpState : std::uint8_t {
     Added,
@@ -69,7 +69,7 @@ class Device final : public Object {
     // The framework's own handling of a packet.
     void dispatchToFramework(PIRP irp);
 
-    // The default queue; the first one that asks to be. Guarded by the kernel lock.
+    // Sets the default queue. False when there is one already. Guarded by the kernel lock.
     bool setDefaultQueue(PacketQueue& queue);
 
     WDF_DEVICE_PNP_CAPABILITIES capabilities = {};

@@ -112,7 +112,7 @@ bool IoTarget::withdrawWaiting(SentRequest& request) {
 
 void IoTarget::requestDone(SentRequest& request) {
     {
-        // A completion routine may have sent the request again, so only one of its entries goes.
+        // A completion routine may have sent the request again, so only one of its entries is removed.
         KernelGuard guard;
         sent_.erase(std::find(sent_.begin(), sent_.end(), &request));
     }

@@ -1,7 +1,7 @@
 // I/O targets: the state that decides whether a request goes out, waits or is refused.
 //
 // Started: requests go out. Stopped: requests wait and go out at the next start, as the framework does it; a
-// time-out counts while they wait. Removed (the device is gone for good): a send is refused with
+// time-out counts while they wait. Removed (the device has been removed): a send is refused with
 // STATUS_INVALID_DEVICE_STATE. WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE sends in Stopped, too.
 #pragma once
 
@@ -48,7 +48,7 @@ class IoTarget : public Object {
     NTSTATUS start(const Call& call);
     void stop(WDF_IO_TARGET_SENT_IO_ACTION action);
 
-    // The device has gone: withdraws everything, and nothing goes out any more.
+    // The device has been removed: withdraws everything and sends nothing any more.
     void shutDown();
 
     enum class Admission : std::uint8_t { Submit, Wait, Refuse };

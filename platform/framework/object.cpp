@@ -259,7 +259,7 @@ NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attribut
         (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed)) {
         return STATUS_WDF_EXECUTION_LEVEL_INVALID;
     }
-    // Callbacks serialised by a lock of the device or queue are not offered here.
+    // Callbacks serialized by a lock of the device or queue are not implemented.
     const auto scope = attributes->SynchronizationScope;
     if (scope != WdfSynchronizationScopeInheritFromParent && scope != WdfSynchronizationScopeNone) {
         return STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID;

@@ -1,9 +1,9 @@
-// Framework objects: handles that know when they are stale, the tree of parents and children, references,
-// driver contexts, and the order in which all of it is taken down.
+// Framework objects: handles that are recognized when they are stale, the tree of parents and children,
+// references, driver contexts, and the order in which all of it is taken down.
 //
-// Tree, references and handles are guarded by the kernel lock. An object lives while somebody holds a
-// reference: the creation reference until its deletion has finished, the driver's references, and `Ref`s of
-// the framework itself.
+// Tree, references and handles are guarded by the kernel lock. An object lives while there is a reference to
+// it: the creation reference until its deletion has finished, the driver's references, and `Ref`s of the
+// framework itself.
 #pragma once
 
 #include "platform/framework/context_memory.h"
@@ -88,9 +88,9 @@ class Object {
     // Context of the given type, or null.
     void* context(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const;
 
-    // Deletes the children, oldest first and each with its own children before it; then the framework's own
-    // part of the object goes (`dispose`), the driver's clean-up callback runs, and the creation reference is
-    // dropped. Returns false when the object was being deleted already.
+    // Deletes the children, oldest first and each with its own children before it; then the framework ends
+    // what it does with the object (`dispose`), the driver's clean-up callback runs, and the creation
+    // reference is dropped. Returns false when the object was being deleted already.
     bool remove();
 
     // The same on behalf of WdfObjectDelete.
@@ -119,7 +119,7 @@ class Object {
     // Ends what the framework does with the object: cancels, waits for callbacks under way.
     virtual void dispose() {}
 
-    // True when `dispose` may have to wait, so that a deletion at DISPATCH_LEVEL goes to a worker.
+    // True when `dispose` may have to wait, so that a deletion at DISPATCH_LEVEL is done by a worker.
     virtual bool disposeWaits() const { return false; }
 
     // Objects that belong to the framework alone.
@@ -200,7 +200,7 @@ class Call {
 struct CreationRules {
     bool parentAllowed = true;   // attributes may name one; ObjectTree is reported if they do regardless
     bool parentRequired = false; // attributes must name one
-    bool levelAllowed = false;   // an execution level or synchronisation scope of its own
+    bool levelAllowed = false;   // an execution level or synchronization scope of its own
 };
 
 // Checks attributes as the framework does: status of the first thing wrong, and the parent to use. The

@@ -15,8 +15,9 @@ constexpr unsigned kGenerationShift = kIndexShift + kIndexBits;
 constexpr std::uint64_t kIndexMask = (1ull << kIndexBits) - 1;
 constexpr std::uint64_t kGenerationMask = (1ull << (56 - kGenerationShift)) - 1;
 
-// Entries rest before they are used again, which keeps generations low and stale handles far from live ones.
-constexpr std::size_t kRestingEntries = 1024;
+// So many entries are unused at any time: an entry is used again only after them, which keeps generations
+// low.
+constexpr std::size_t kUnusedEntries = 1024;
 
 void* encode(std::uint64_t index, std::uint64_t generation) {
     return reinterpret_cast<void*>(kTag | (generation & kGenerationMask) << kGenerationShift |
@@ -40,7 +41,7 @@ ObjectTable::~ObjectTable() {
 void* ObjectTable::add(Object& object, Kind kind) {
     creations_++;
     std::uint32_t index = 0;
-    if (free_.size() > kRestingEntries) {
+    if (free_.size() > kUnusedEntries) {
         index = free_.front();
         free_.pop_front();
     } else {

@@ -216,7 +216,7 @@ NTSTATUS powerUp(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE pr
     return STATUS_SUCCESS;
 }
 
-// The device is of no use any more: whatever waits is cancelled and the hardware is let go.
+// The device is not used any more: cancels the requests that wait and releases the hardware.
 void takeDown(DevNode::State& node, Device& device) {
     powerDown(node, device, WdfPowerDeviceD3Final);
     for (const Ref<Queue>& queue : queuesOf(device)) {

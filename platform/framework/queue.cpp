@@ -144,7 +144,7 @@ using kernel::kDispatchLevel;
 
 namespace {
 
-// A driver that relies on these would seem to work here and never be asked.
+// A driver that relies on these would seem to work here, although they are never called.
 void refuseUnusedCallbacks(const Call& call, const WDF_IO_QUEUE_CONFIG& config) {
     const std::pair<const char*, bool> callbacks[] = {
         {"EvtIoRead", config.EvtIoRead != nullptr},

@@ -135,7 +135,7 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
     }
     Ref<Request> self(this);
     reference(); // given back by `finish`
-    // What the driver did before the send, its completion routine sees on whatever processor it runs.
+    // The completion routine sees everything that the driver did before the send, on any processor.
     kernel::announceRelease(this);
     switch (target.admit(*this, (flags & WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE) != 0)) {
     case IoTarget::Admission::Refuse:

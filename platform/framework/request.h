@@ -90,7 +90,7 @@ class Request final : public SentRequest {
     std::shared_ptr<Submission> submission_; // while out
     kernel::TimerId waitTimer_ = 0;          // while it waits at a stopped target; holds a reference
 
-    // Written while nobody else can use them: before the send and before the completion routine.
+    // Written while no other task can use them: before the send and before the completion routine.
     Format format_;
     PFN_WDF_REQUEST_COMPLETION_ROUTINE routine_ = nullptr;
     WDFCONTEXT routineContext_ = nullptr;

@@ -29,7 +29,8 @@ class Timer final : public CallbackSource {
     bool stop(const Call& call, bool wait) {
         const bool was = cancelTimer();
         if (wait) {
-            // A callback under way may start its timer again: like the framework, stop it until it stays so.
+            // A callback under way may start its timer again: like the framework, stop it until it remains
+            // stopped.
             waitForCallbacks(call.name(), false, [this] { cancelTimer(); });
         }
         return was;

@@ -1,4 +1,4 @@
-// What a configuration descriptor says of interfaces, settings and endpoints.
+// Interfaces, settings and endpoints of a configuration descriptor.
 #pragma once
 
 #include <usbspec.h>

@@ -23,7 +23,7 @@ constexpr UCHAR kToInterface = 0x01;
 
 constexpr kernel::Time kStandardRequestTimeout = 5 * base::kSecond;
 
-// The setup packet goes out as it lies in memory.
+// The setup packet is sent as it is in memory.
 usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
     return {packet.Packet.bm.Byte, packet.Packet.bRequest, packet.Packet.wValue.Value,
             packet.Packet.wIndex.Value, packet.Packet.wLength};

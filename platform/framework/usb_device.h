@@ -135,7 +135,7 @@ class UsbDevice final : public IoTarget {
     // Fails with PnpOrder when a continuous reader runs: the device is out of D0.
     void requireReadersStopped() const;
 
-    // The device is gone for good: nothing goes out to it or to its pipes any more.
+    // The device has been removed: nothing is sent to it or to its pipes any more.
     void shutDownAll();
 
     std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,

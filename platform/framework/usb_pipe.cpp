@@ -16,7 +16,7 @@ constexpr UCHAR kClearFeature = 0x01;
 constexpr USHORT kEndpointHalt = 0;
 
 // Pipe handles look like kernel addresses and are never used twice, so that one from before the last
-// selection is recognised.
+// selection is recognized.
 struct PipeHandles {
     std::uint64_t last = 0xFFFFE000'00000000;
 };

@@ -143,9 +143,9 @@ void Reader::completed(Read& read, const TransferResult& result) {
     pipe_.readerChanged();
 }
 
-// As the framework recovers by default: when the remaining reads have come back, the driver is asked, the
-// pipe is reset and all reads go out again. A device that has gone, or a reset that fails, ends the reader
-// until the next start of the target.
+// As the framework recovers by default: when the remaining reads have completed, the driver is asked, the
+// pipe is reset and all reads are sent again. A device that has been removed, or a reset that fails, ends the
+// reader until the next start of the target.
 void Reader::recover() {
     const Ref<UsbPipe> pin(&pipe_);
     std::vector<std::shared_ptr<Submission>> submissions;

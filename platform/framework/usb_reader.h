@@ -18,7 +18,8 @@ class Reader {
     void stop(); // does not wait; see `idleLocked`
     bool idleLocked() const;
 
-    // Buffers are children of the pipe and keep it alive; an idle reader that starts no more lets them go.
+    // Buffers are children of the pipe and keep it alive; an idle reader that is not started again releases
+    // them.
     void dropBuffers();
 
   private:

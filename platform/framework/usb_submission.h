@@ -1,5 +1,5 @@
 // One transfer on its way to the device and back: fault point, time-out, cancellation, and the marks on the
-// memory it uses. Every transfer of the framework goes through here.
+// memory it uses. Every transfer of the framework is one of these.
 #pragma once
 
 #include "platform/kernel/pool.h"
@@ -34,7 +34,7 @@ class Submission : public std::enable_shared_from_this<Submission> {
     usb::Transfer& transfer() { return transfer_; } // filled in before `start`
 
     // Memory that is in use from now until the transfer is done, also while it waits for its `start`; or
-    // until this object goes, when it was never started.
+    // until this object is destroyed, when it was never started.
     void use(const void* address, std::size_t size, std::string what);
 
     // Instead of reaching the device, the transfer ends in `start` with this result.

@@ -51,7 +51,7 @@ NTSTATUS WdfUsbTargetDeviceRetrieveInformation(WDFUSBDEVICE UsbDevice,
     constexpr ULONG kUsbdVersion = 0x600;
     WDF_USB_DEVICE_INFORMATION_INIT(Information);
     Information->UsbdVersionInformation = {kUsbdVersion, device->descriptor().bcdUSB};
-    // The trait says "at high speed", but the stack sets it for every faster link as well.
+    // The trait is named "at high speed", but the stack sets it for every faster link as well.
     Information->Traits = WDF_USB_DEVICE_TRAIT_AT_HIGH_SPEED;
     return STATUS_SUCCESS;
 }
@@ -115,7 +115,7 @@ struct Buffer {
     Ref<framework::Memory> memory;
 };
 
-// The memory that a descriptor stands for; STATUS_INVALID_PARAMETER for one that stands for none.
+// The memory that a descriptor describes; STATUS_INVALID_PARAMETER for one that describes none.
 NTSTATUS resolve(const Call& call, const WDF_MEMORY_DESCRIPTOR* descriptor, Buffer& buffer) {
     if (descriptor == nullptr) {
         return STATUS_SUCCESS;

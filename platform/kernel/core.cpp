@@ -216,7 +216,7 @@ void Core::queueWork(std::string name, std::function<void()> body) {
         self.workNumber = number;
         workerLoop(self);
     };
-    // std::function wants a copyable target; the work itself may be moved out of it once.
+    // std::function needs a copyable target; the work itself is moved out of it once.
     auto shared = std::make_shared<decltype(begin)>(std::move(begin));
     spawn(
         fmt::format("worker {}", worker), TaskKind::Worker, [shared] { (*shared)(); }, true);
@@ -271,7 +271,7 @@ bool Core::waitUntil(const void* channel, const WaitReason& reason, Time deadlin
                      const std::function<bool()>& done) {
     Task& self = currentTask();
     for (;;) {
-        // The waiter is known before `done` is asked, so that a change between the two is not missed.
+        // The waiter is registered before `done` is called, so that a change between the two is not missed.
         ChannelWaiter waiter{&self, false};
         {
             KernelGuard guard;
@@ -281,10 +281,10 @@ bool Core::waitUntil(const void* channel, const WaitReason& reason, Time deadlin
         bool inTime = true;
         {
             KernelGuard guard;
-            while (!isDone && inTime && !waiter.signalled) {
+            while (!isDone && inTime && !waiter.signaled) {
                 inTime = block(self, reason, deadline);
             }
-            if (!waiter.signalled) {
+            if (!waiter.signaled) {
                 auto waiters = channels_.find(channel);
                 std::erase(waiters->second, &waiter);
                 if (waiters->second.empty()) {
@@ -307,7 +307,7 @@ void Core::wakeChannel(const void* channel) {
         return;
     }
     for (ChannelWaiter* waiter : waiters->second) {
-        waiter->signalled = true;
+        waiter->signaled = true;
         wake(*waiter->task);
     }
     channels_.erase(waiters);

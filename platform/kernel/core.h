@@ -62,7 +62,7 @@ class Core : public KernelLock, public verifier::Run {
   protected:
     struct ChannelWaiter {
         Task* task;
-        bool signalled;
+        bool signaled;
     };
 
     void launch(Task& task);                 // starts the task's thread,
@@ -77,7 +77,7 @@ class Core : public KernelLock, public verifier::Run {
     // Joins the threads of detached tasks that have ended.
     void reap();
 
-    // Tells the idle workers to end, and those that come later once they are done. Kernel lock held.
+    // Ends the idle workers now, and the busy ones when their work is done. Kernel lock held.
     void dismissWorkers();
     void acceptWorkers() { dismissing_ = false; }
     bool workOutstanding() const { return !outstandingWork_.empty(); }

@@ -1,6 +1,6 @@
 // Events, mutexes, waits and spin locks, on the kernel's own structures.
 //
-// A wait is satisfied at the moment its object is signalled, not when the waiter runs again: an event that is
+// A wait is satisfied at the moment its object is signaled, not when the waiter runs again: an event that is
 // set and cleared at once still ends the waits that were there. Each object lists its waiters in the order
 // they came; the entries live on the waiters' stacks. Everything is guarded by the kernel lock.
 
@@ -54,12 +54,12 @@ DISPATCHER_HEADER& checkedHeader(PVOID object, std::string_view call) {
     if (header == nullptr || header->WaitListHead.Flink == nullptr ||
         (header->Type > kMutant && header->Type != kThread)) {
         verifier::fail(verifier::Rule::Argument, call, describeObject(object),
-                       "this is no initialised event, mutex or thread");
+                       "this is no initialized event, mutex or thread");
     }
     return *header;
 }
 
-// Takes what `task` waits for when the object has it to give.
+// Satisfies the wait of `task` if the object is signaled for it.
 bool trySatisfy(DISPATCHER_HEADER& header, Task& task) {
     if (header.Type == kMutant) {
         KMUTANT& mutant = mutantOf(header);
@@ -142,8 +142,8 @@ NTSTATUS waitForAny(std::span<PVOID> objects, const LARGE_INTEGER* timeout, std:
     return STATUS_WAIT_0 + satisfiedBy;
 }
 
-// Tasks that spin for a lock, by the lock's address. A lock that is let go goes to whoever runs first, as on
-// the real machine.
+// Tasks that spin for a lock, by the lock's address. A lock that is released is taken by the task that runs
+// first, as on the real machine.
 base::MachinePart<std::unordered_map<const KSPIN_LOCK*, std::vector<Task*>>> spinningFor;
 
 Task* spinLockOwner(const KSPIN_LOCK& lock) {

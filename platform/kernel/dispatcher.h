@@ -1,5 +1,5 @@
 // What the framework layer needs of spin locks and events beyond the kernel's own functions: the same
-// operations under the name of the framework call that asked, for the verifier's reports.
+// operations under the name of the framework call, for the verifier's reports.
 #pragma once
 
 #include <ntddk.h>

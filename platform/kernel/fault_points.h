@@ -1,5 +1,5 @@
 // Places where a resource may be refused. Every allocation, object creation, registry access, target start
-// and transfer asks here first; a test arms the k-th of them and runs its scenario.
+// and transfer calls `faultPoint` first; a test arms the k-th of them and runs its scenario.
 #pragma once
 
 #include <array>

@@ -109,7 +109,7 @@ class FreeCore final : public Core {
 
     std::thread timerThread_; // used by the running task that starts it and by the runner
     Baton timerKick_;
-    Baton runner_;             // the thread that called `run` has something to look at
+    Baton runner_;             // wakes the thread that called `run`
     std::uint32_t active_ = 0; // atomic: tasks that are neither asleep nor parked
     bool stopped_ = false;     // atomic
     bool hostEnded_ = false;   // atomic
@@ -146,7 +146,7 @@ bool FreeCore::block(Task& self, const WaitReason& reason, Time deadline) {
     self.woken = false;
     self.state = Task::State::Blocked;
     accountSleepBegins(self);
-    // Whoever wakes the task counts it as active again, so that the count never misses a task that has
+    // The waking task counts this one as active again, so that the count never misses a task that has
     // something to do; only a task that wakes by its deadline counts itself.
     becameInactive();
     while (!self.woken) {

@@ -34,7 +34,7 @@ class Baton {
 
     bool tryTake() { return __atomic_exchange_n(&word_, 0, __ATOMIC_ACQUIRE) != 0; }
 
-    // Returns after a pass, after `relative`, or for no reason: the caller looks again.
+    // Returns after a pass, after `relative`, or for no reason: the caller checks again.
     void waitOnce(const timespec* relative) { futexWait(&word_, 0, relative); }
 
   private:

@@ -44,7 +44,7 @@ struct Interfaces {
     std::vector<Interface> registered;
     std::vector<std::shared_ptr<const Subscriber>> subscribers;
     std::deque<Change> changes; // not yet told to the subscribers
-    bool telling = false;       // a worker is at it
+    bool telling = false;       // a worker tells the subscribers of them
 };
 base::MachinePart<Interfaces> interfaces;
 

@@ -7,7 +7,7 @@ namespace kernel {
 
 namespace {
 
-// Inside the platform ThreadSanitizer is told to ignore what happens, orders included; an announcement is the
+// Inside the platform ThreadSanitizer ignores all accesses and orders; an announcement is the
 // exception.
 void announce(const void* object, void (*tell)(const void*)) {
     const Task* task = currentTaskOrNull();

@@ -4,10 +4,10 @@
 
 #include <ctime>
 
-// A thread's processor time does not advance while it sleeps or another program runs, but asking for it is a
-// system call. So it is asked for only where a task enters the driver from outside at PASSIVE_LEVEL and where
-// it leaves it again. The many platform calls between, and the short entries at DISPATCH_LEVEL, are measured
-// in time stamp ticks, from which sleep is taken off.
+// A thread's processor time does not advance while it sleeps or another program runs, but reading it is a
+// system call. So it is read only where a task enters the driver from outside at PASSIVE_LEVEL and where it
+// leaves it again. The many platform calls between, and the short entries at DISPATCH_LEVEL, are measured in
+// time stamp ticks, from which sleep is taken off.
 
 namespace kernel {
 

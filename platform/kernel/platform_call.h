@@ -46,7 +46,7 @@ void accountSleepEnds(Task& task);
 void accountEntry(Task& task, Domain outer);
 void accountExit(Task& task, Domain outer);
 
-// Whose code the calling task executes from now on; tells ThreadSanitizer whether to look.
+// Whose code the calling task executes from now on; tells ThreadSanitizer whether to ignore it.
 void enterDomain(Task& task, Domain domain);
 
 } // namespace kernel

@@ -114,7 +114,7 @@ struct Pool {
     std::size_t quarantineBytes = 0;
     std::multimap<std::size_t, Block> cache; // by `baseSize`
     std::size_t cacheBytes = 0;
-    std::map<const std::uint8_t*, std::size_t> freed; // sizes of the blocks at rest there, by `data`
+    std::map<const std::uint8_t*, std::size_t> freed; // sizes of the blocks in both, by `data`
     std::map<const MDL*, MdlRecord> mdls;
     std::vector<Use> uses;
     BufferUse lastUse = 0;

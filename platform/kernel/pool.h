@@ -1,8 +1,9 @@
 // Pool blocks with tags, guard bytes and fill patterns; MDLs; and the buffers that transfers are using.
 //
 // A block starts at a 16-byte boundary, from one page up at a page boundary. Fresh memory holds kFreshFill,
-// so that memory nobody wrote shows on the wire; freed memory is filled again and rests before it is reused,
-// so that a write after the free is found. Callable at up to DISPATCH_LEVEL; takes the kernel lock itself.
+// so that memory that was never written is recognized on the wire. Freed memory is filled again and not
+// reused for some time, so that a write after the free is found. Callable at up to DISPATCH_LEVEL; takes the
+// kernel lock itself.
 #pragma once
 
 #include <ntddk.h>
@@ -36,7 +37,7 @@ struct PoolBlock {
 // The live block that `address` lies in.
 std::optional<PoolBlock> findPoolBlock(const void* address);
 
-// True when `address` lies in a block that was freed and still rests before its memory is used again.
+// True when `address` lies in a block that was freed and whose memory has not been reused.
 bool liesInFreedBlock(const void* address);
 
 // "OSTV": the tag's bytes in memory order, as the kernel's tools show it.

@@ -1,5 +1,5 @@
 // The part of the registry that a driver sees: keys with values, names without regard to case.
-// Fault points are asked by the calls of the driver, not here: host code reads and writes without faults.
+// The driver's calls have fault points, these functions have none: host code reads and writes without faults.
 #pragma once
 
 #include <ntddk.h>

@@ -19,7 +19,7 @@ void __asan_unpoison_memory_region(const volatile void*, std::size_t) __attribut
 
 namespace kernel::sanitizer {
 
-// From here on ThreadSanitizer looks at nothing that this thread does. The platform itself is not
+// From here on ThreadSanitizer ignores everything that this thread does. The platform itself is not
 // instrumented, but the C library's functions that it calls are.
 inline void ignoreBegin() {
     if (AnnotateIgnoreReadsBegin != nullptr) {

@@ -1,14 +1,14 @@
 // Tasks, virtual processors and time: one interface, two schedulers.
 //
-// `sim` runs one task at a time. At every scheduling point a seeded strategy picks who runs next, and time is
-// virtual: it jumps to the next due timer when nothing can run. `free` runs the same tasks as ordinary
-// threads against the real clock. A task is an OS thread in both.
+// `sim` runs one task at a time. At every scheduling point a seeded strategy picks the task that runs next,
+// and time is virtual: it jumps to the next due timer when nothing can run. `free` runs the same tasks as
+// ordinary threads against the real clock. A task is an OS thread in both.
 //
 // Everything in the kernel and framework layers that several tasks can touch is guarded by the one kernel
 // lock
 // (`KernelGuard`). Under `sim` it costs nothing; under `free` it is a lock that ThreadSanitizer does not see,
-// so that it reports the driver's races and not only the platform's. The orders Windows guarantees (an event
-// set before the wait that it ends, one spin lock holder before the next, ...) are announced one by one
+// so that it reports the driver's races and not only the platform's. The orders that Windows guarantees (an
+// event set before the wait that it ends, one spin lock holder before the next, ...) are announced one by one
 // through `announceRelease` and `announceAcquire`.
 #pragma once
 
@@ -67,8 +67,8 @@ void waitForWorkers();
 bool block(const WaitReason& reason, Time deadline); // false when the deadline came first
 void wake(Task& task);                               // no effect on a task that is not blocked
 
-// A wait by the platform itself or by host code: until `done` answers true, asked anew after every wake-up of
-// `channel`. False when the deadline came first. PASSIVE_LEVEL.
+// A wait by the platform itself or by host code: until `done` returns true; it is called again after every
+// wake-up of `channel`. False when the deadline came first. PASSIVE_LEVEL.
 bool waitUntil(const void* channel, const WaitReason& reason, Time deadline,
                const std::function<bool()>& done);
 void wakeChannel(const void* channel);
@@ -86,8 +86,8 @@ class Scheduler {
     // throws `verifier::Stopped` when a rule was broken, a deadlock was found or the step limit reached.
     //
     // The host task is a thread of its own. A stopped run therefore unwinds nothing: every task, the host
-    // task included, stays where it was for the rest of the process, with what its stack holds, and none of
-    // them ever runs again. Tasks that still wait when `body` has returned are left in the same way.
+    // task included, keeps its stack until the process ends and never runs again. Tasks that still wait when
+    // `body` has returned are left in the same way.
     void run(const std::function<void()>& body);
 
     base::Clock& clock();

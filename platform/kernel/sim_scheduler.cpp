@@ -1,5 +1,5 @@
-// One task at a time. The running task owns everything here; it hands the baton to the next one and sleeps on
-// its own. Nothing needs a lock, and every order of tasks follows from the seed.
+// One task at a time. The running task owns everything here; it passes the baton to the next one and waits
+// for its own. Nothing needs a lock, and every order of tasks follows from the seed.
 
 #include "platform/kernel/core.h"
 #include "platform/kernel/random.h"
@@ -18,8 +18,8 @@ namespace kernel {
 
 namespace {
 
-// Keeps the run on one processor of the real machine: handing the baton to a thread that sleeps on another
-// one costs ten times as much.
+// Keeps the run on one processor of the real machine: passing the baton to a thread that sleeps on another
+// one takes ten times as long.
 class PinnedThread {
   public:
     PinnedThread() {
@@ -105,7 +105,7 @@ class SimCore final : public Core {
     std::unordered_map<TimerId, Time> timerDue_;
     TimerId timersStarted_ = 0;
 
-    // PCT: the steps at which the running task falls behind all others, next one last.
+    // PCT: the steps at which the running task gets the lowest priority, next one last.
     std::vector<std::uint64_t> priorityChanges_;
 
     Phase phase_ = Phase::Idle;
@@ -125,7 +125,7 @@ SimCore::SimCore(const SchedulerOptions& options) : Core(options), random_(optio
     }
 }
 
-// A task at DISPATCH_LEVEL has its processor for itself; every other task needs one that nobody has.
+// A task at DISPATCH_LEVEL has its processor for itself; every other task needs one that no task occupies.
 bool SimCore::mayRun(const Task& task) const {
     if (task.irql >= kDispatchLevel) {
         return true;

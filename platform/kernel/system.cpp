@@ -84,7 +84,7 @@ void KernelCpuid(int registers[4], int leaf, int subleaf) {
 void KernelFastFail(ULONG code) {
     if (code == FAST_FAIL_CORRUPT_LIST_ENTRY) {
         verifier::fail(verifier::Rule::ListCorruption, "RtlFailFast", "",
-                       "an entry's neighbours do not point back to it");
+                       "an entry's neighbors do not point back to it");
     }
     verifier::fail(verifier::Rule::Argument, "RtlFailFast", fmt::format("{}", code), "the driver gave up");
 }

@@ -6,7 +6,7 @@
 #include <ntddk.h>
 
 struct _KTHREAD {
-    DISPATCHER_HEADER Header; // signalled once the thread has ended
+    DISPATCHER_HEADER Header; // signaled once the thread has ended
 
     bool system = false; // made by PsCreateSystemThread
 

@@ -11,7 +11,7 @@ namespace kernel {
 unsigned runningSystemThreads();
 
 // Reports ThreadLeak when a driver thread runs, a thread handle is open or a thread object still referenced.
-// A thread has ended when its object is signalled: from then on it executes nothing of the driver.
+// A thread has ended when its object is signaled: from then on it executes nothing of the driver.
 void requireThreadsEnded(std::string_view call);
 
 // Waits until all of them have ended; false when one still runs at `deadline`.

@@ -208,7 +208,7 @@ struct Capture::State : std::enable_shared_from_this<State> {
     void submit(Transfer& transfer) {
         std::uint64_t id = 0;
         {
-            // The time is read under the lock, so that the events stand in the file in its order.
+            // The time is read under the lock, so that the events in the file are in its order.
             std::lock_guard lock(mutex);
             id = ++lastId;
             recordSubmission(id, transfer);
@@ -285,7 +285,7 @@ Capture::~Capture() {
     try {
         finish();
     } catch (const std::system_error&) {
-        // Whoever wants to know calls `finish` before.
+        // A caller that needs the error calls `finish` before.
     }
 }
 

@@ -1,5 +1,5 @@
-// How a device that wraps another gets hold of a transfer's completion: it puts its own function into the
-// transfer on the way down and gives the submitter's function back on the way up.
+// How a device that wraps another receives a transfer's completion: it replaces the transfer's completion
+// function before it passes the transfer on, and restores it when the transfer has completed.
 #pragma once
 
 #include "platform/usb/device.h"

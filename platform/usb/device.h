@@ -1,6 +1,5 @@
-// The one seam between the host and a USB device. The adapter's model implements it; whatever stands between
-// the host and the device (link timing, capture, faults, later a real device) is a `Device` that wraps
-// another.
+// The interface between the host and a USB device. The adapter's model implements it; every layer between the
+// host and the device (link timing, capture, faults) is a `Device` that wraps another.
 #pragma once
 
 #include <cstdint>

@@ -97,7 +97,7 @@ struct Host::State : std::enable_shared_from_this<State> {
         }
     }
 
-    // True for a transfer that never went below. Kernel lock held.
+    // True for a transfer that was not passed down. Kernel lock held.
     bool takeHeld(const Transfer& transfer) {
         auto found = std::find(held.begin(), held.end(), &transfer);
         if (found == held.end()) {

@@ -1,4 +1,4 @@
-// The host's end of the wire: what stands between the framework's USB target and the device in the port.
+// The host's end of the cable, between the framework's USB target and the device in the port.
 #pragma once
 
 #include "platform/usb/capture.h"
@@ -25,7 +25,7 @@ struct HostOptions {
 };
 
 // The chain host -> capture -> link timing -> device. Transfers that the framework submits complete through
-// DPCs (or inside the call, see above); after `pull` everything completes with `Gone`.
+// DPCs (or inside the call, see above); after `disconnect` all of them complete with `Gone`.
 class Host final : public Device {
   public:
     Host(Device& device, Clock& clock, const HostOptions& options);

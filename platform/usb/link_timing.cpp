@@ -9,11 +9,11 @@
 #include <vector>
 
 // A bulk transfer's data moves at the link's bandwidth, then the device sees the transfer, then, when the
-// device has taken it, the host learns of it after the latency. The next bulk transfer's data starts to move
-// as soon as the device has taken the last one, so that a host that keeps two transfers in flight keeps the
-// link busy, and a device that does not answer holds up everything behind. A control transfer pays latency
-// and bytes before the device sees it, one at a time. An interrupt transfer waits at the device for a report,
-// which then takes the latency.
+// device has taken it, it completes at the host after the latency. The next bulk transfer's data starts to
+// move as soon as the device has taken the last one, so that a host that keeps two transfers in flight keeps
+// the link busy, and a device that does not answer delays all later transfers. Latency and bytes of a control
+// transfer pass before the device sees it, one transfer at a time. An interrupt transfer waits at the device
+// for a report, which then takes the latency.
 
 namespace usb {
 
@@ -193,7 +193,7 @@ struct LinkTiming::State : std::enable_shared_from_this<State> {
         }
     }
 
-    // Takes a transfer out whose data has not all moved; the device never hears of it. Kernel lock held.
+    // Removes a transfer whose data has not all moved; the device never receives it. Kernel lock held.
     bool withdraw(Lane& lane, const Transfer& transfer) {
         auto waiting = std::find_if(lane.waiting.begin(), lane.waiting.end(),
                                     [&](const ItemPointer& item) { return item->transfer == &transfer; });

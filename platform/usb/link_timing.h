@@ -25,7 +25,7 @@ class LinkTiming final : public Device {
     void cancel(Transfer& transfer) override;
     void disconnect() override;
 
-    // Changes the bandwidth for transfers that start from now on: a link that is starved and freed again.
+    // Changes the bandwidth for transfers that start from now on: a link that becomes slow and fast again.
     void setBandwidth(std::uint64_t bytesPerSecond);
     std::uint64_t bandwidth() const;
 

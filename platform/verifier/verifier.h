@@ -22,7 +22,7 @@ enum class Rule : std::uint8_t {
     LockOwner,      // a lock released by a task that does not hold it
     LockLifetime,   // a lock's memory given back while it is held, an event's while a task waits for it
     RequestNotFormatted,
-    RequestPending, // a request sent, reused or formatted while it is still out
+    RequestPending, // a request sent, reused or formatted while it is pending
     RequestCompletedTwice,
     BufferLifetime, // a buffer, MDL or URB freed while a transfer uses it
     BufferTooShort,
