@@ -11,9 +11,7 @@ namespace {
 TEST(FreeThreads, ShareOneAdapter) {
     const Mode& mode = modeOf(640, 480);
     Host host;
-    host.adapter.attachMonitor(edidOf(2));
-    host.powerUp();
-    host.enableOutput();
+    host.switchOn(2);
     host.setMode(mode, kRgb8);
     host.adapter.setScreenListener([&] { (void)host.adapter.darkReason(); });
 

@@ -1,5 +1,5 @@
-// The host's side of the wire for the model's tests: a clock that only moves when told to, and the register
-// traffic of a host that knows the adapter. It shares nothing with the driver.
+// The host's side of the cable for the model's tests: a clock that a test advances, and the register traffic
+// of a host that knows the adapter. It shares nothing with the driver.
 #pragma once
 
 #include <algorithm>
@@ -50,6 +50,9 @@ const Mode& modeOf(std::uint32_t width, std::uint32_t height, std::uint32_t refr
 constexpr std::uint32_t kBgr24 = 0, kRgb565 = reg::kFormatRgb565, kRgb555 = reg::kFormatRgb555,
                         kRgb8 = reg::kFormatRgb8, kCompressed = reg::kFormatCompressed;
 
+// A monitor's EDID: `blocks` blocks whose bytes name their block and place.
+std::vector<std::uint8_t> edidOf(unsigned blocks);
+
 class Host {
   public:
     explicit Host(const AdapterOptions& options = {}, bool configure = true) : adapter(clock, options) {
@@ -88,6 +91,11 @@ class Host {
     // What a host does at power-up, for a monitor, for a mode, and around sleep.
     void powerUp();
     void enableOutput();
+    void switchOn(unsigned edidBlocks = 1) {
+        adapter.attachMonitor(edidOf(edidBlocks));
+        powerUp();
+        enableOutput();
+    }
     void disableOutput();
     void setMode(const Mode& mode, std::uint32_t format = kBgr24, bool zeroLength = true,
                  bool bandwidth = false);
@@ -108,8 +116,5 @@ std::vector<std::uint8_t> noise(std::size_t bytes, std::uint32_t seed);
 inline std::size_t pixels(const Mode& mode) {
     return std::size_t{mode.width} * mode.height;
 }
-
-// A monitor's EDID: `blocks` blocks whose bytes name their block and place.
-std::vector<std::uint8_t> edidOf(unsigned blocks);
 
 } // namespace model::test

@@ -177,9 +177,7 @@ TEST(Requests, MistakesAreViolations) {
     for (const Case& test : cases) {
         SCOPED_TRACE(test.what);
         Host host;
-        host.adapter.attachMonitor(edidOf(1));
-        host.powerUp();
-        host.enableOutput();
+        host.switchOn();
         host.setMode(mode);
         ASSERT_EQ(host.takeViolations(), std::vector<std::string>{});
         test.act(host);

@@ -84,7 +84,7 @@ TEST_P(EveryRevision, ShowsThePictureAgainAfterSleepInMidStream) {
     for (unsigned round = 0; round < 2; round++) {
         const auto frame = noise(pixels(small) * 3, round);
         host.sleep();
-        // A stream that nobody stopped runs on while the adapter falls asleep and wakes, and its position
+        // A stream that was not stopped continues while the adapter goes to sleep and wakes, and its position
         // against the wake-up is up to chance.
         host.sendFrame(frame);
         if (options().transmitter) {
@@ -130,9 +130,7 @@ bool missesItsClock(const Mode& mode) {
 
 TEST(Sequences, ShowEveryModeOfTheTable) {
     Host host;
-    host.adapter.attachMonitor(edidOf(2));
-    host.powerUp();
-    host.enableOutput();
+    host.switchOn(2);
     for (const Mode& mode : kModes) {
         host.setMode(mode, kRgb8);
         host.sendFrame(noise(pixels(mode), mode.pll));
@@ -189,9 +187,7 @@ TEST(Sequences, NameTheReasonForADarkScreen) {
     };
     for (const auto& [reason, spoil] : cases) {
         Host host;
-        host.adapter.attachMonitor(edidOf(1));
-        host.powerUp();
-        host.enableOutput();
+        host.switchOn();
         host.setMode(mode);
         host.sendFrame(noise(pixels(mode) * 3, 1));
         ASSERT_EQ(host.adapter.darkReason(), "");

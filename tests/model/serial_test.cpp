@@ -41,7 +41,7 @@ TEST(Serial, IsBusyUntilTheBitsAreOnTheWire) {
 
 TEST(Serial, NeverCompletesForASilentDevice) {
     const std::pair<const char*, std::function<void(Host&)>> cases[] = {
-        {"nobody there", [](Host& host) { host.adapter.detachMonitor(); }},
+        {"no monitor", [](Host& host) { host.adapter.detachMonitor(); }},
         {"a monitor without DDC", [](Host& host) { host.adapter.attachMonitor({}); }},
         {"a deaf master", [](Host& host) { host.adapter.setDeaf(Part::SerialMaster, true); }},
         {"a stuck bus", [](Host& host) { host.adapter.setDdcFault(DdcFault::Stuck); }},

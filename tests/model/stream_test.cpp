@@ -172,9 +172,7 @@ TEST(Picture, ChecksumSeesEveryByteAndItsPlace) {
 class Stream : public testing::Test {
   protected:
     void start(std::uint32_t format = kBgr24, bool zeroLength = true, bool bandwidth = false) {
-        host.adapter.attachMonitor(edidOf(1));
-        host.powerUp();
-        host.enableOutput();
+        host.switchOn();
         host.setMode(mode, format, zeroLength, bandwidth);
         host.takeViolations();
     }
@@ -257,9 +255,7 @@ TEST_F(Stream, DecodesEveryLayoutOfTheFormatRegister) {
         AdapterOptions options;
         options.revision = test.revision;
         Host other(options);
-        other.adapter.attachMonitor(edidOf(1));
-        other.powerUp();
-        other.enableOutput();
+        other.switchOn();
         other.setMode(mode, test.format);
         Bytes bytes(pixels(mode) * bytesPerPixel(test.expected), 0xA5); // literals, when taken as a stream
         other.sendFrame(bytes);

@@ -17,9 +17,7 @@ class TransmitterTest : public testing::Test {
         return options;
     }
     void start(const Mode& chosen) {
-        host.adapter.attachMonitor(edidOf(4));
-        host.powerUp();
-        host.enableOutput();
+        host.switchOn(4);
         host.setMode(chosen, kRgb8);
     }
     TransmitterReport report() const { return *host.adapter.transmitter(); }
@@ -114,7 +112,7 @@ TEST_F(TransmitterTest, MistakesAreViolations) {
         {"AVI checksum", avi(0x1000A810, 0xA600), ViolationKind::BadInfoFrame},
         {"VIC of another size", avi(0x0400A810, 0xB300), ViolationKind::BadInfoFrame},
         {"no VIC for a size that has one", avi(0x0000A810, 0xB700), ViolationKind::BadInfoFrame},
-        {"a VIC nobody knows", avi(0x7000A810, 0x4700), ViolationKind::BadInfoFrame},
+        {"an unknown VIC", avi(0x7000A810, 0x4700), ViolationKind::BadInfoFrame},
         {"aspect against the VIC", avi(0x10005810, 0xF700), ViolationKind::BadInfoFrame},
         {"audio checksum",
          [](Host& host) {
@@ -165,9 +163,7 @@ TEST_F(TransmitterTest, MistakesAreViolations) {
     for (const Case& test : cases) {
         SCOPED_TRACE(test.what);
         Host other(fitted());
-        other.adapter.attachMonitor(edidOf(1));
-        other.powerUp();
-        other.enableOutput();
+        other.switchOn();
         other.setMode(mode, kRgb8);
         other.txProgram(mode);
         ASSERT_EQ(other.takeViolations(), std::vector<std::string>{});

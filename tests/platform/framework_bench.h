@@ -341,6 +341,21 @@ inline NTSTATUS driverEntry(PDRIVER_OBJECT driverObject, PUNICODE_STRING path) {
 
 } // namespace callbacks
 
+// The interface that clients find the device by, and the code of their requests.
+constexpr GUID kClass = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
+constexpr ULONG kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0, METHOD_NEITHER, FILE_ANY_ACCESS);
+
+inline NTSTATUS enableInterface(WDFDEVICE device) {
+    UNICODE_STRING link = {};
+    NTSTATUS status =
+        IoRegisterDeviceInterface(WdfDeviceWdmGetPhysicalDevice(device), &kClass, nullptr, &link);
+    if (NT_SUCCESS(status)) {
+        status = IoSetDeviceInterfaceState(&link, TRUE);
+        RtlFreeUnicodeString(&link);
+    }
+    return status;
+}
+
 // The schedule that the environment variable SIM_SEED names; the first one otherwise.
 inline std::uint64_t seedOfRun() {
     const char* text = std::getenv("SIM_SEED");

@@ -110,7 +110,7 @@ std::vector<FrameworkCase> deviceCases() {
                  return WdfSpinLockCreate(nullptr, &lock);
              };
          }},
-        {Rule::PnpOrder, "the initialisation record used after the device was created", callbacksOnly,
+        {Rule::PnpOrder, "the initialization record used after the device was created", callbacksOnly,
          [=](World& world) {
              keepInit(world);
              world.bench.driver.add = [=, &world](WDFDEVICE) {
@@ -119,7 +119,7 @@ std::vector<FrameworkCase> deviceCases() {
              };
          },
          callbacksOnly, useInitInTime},
-        {Rule::PnpOrder, "the initialisation record used after device add", callbacksOnly,
+        {Rule::PnpOrder, "the initialization record used after device add", callbacksOnly,
          [=](World& world) {
              keepInit(world);
              world.bench.driver.prepare = [=, &world](WDFDEVICE) {

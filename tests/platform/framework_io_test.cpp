@@ -1,6 +1,5 @@
 // Transfers: control, bulk and the continuous reader, with their time-outs, cancellations and failures.
-#include "tests/platform/bulk_transfer.h"
-#include "tests/platform/framework_bench.h"
+#include "tests/platform/framework_world.h"
 
 #include "platform/kernel/fault_points.h"
 
@@ -10,21 +9,11 @@ namespace {
 
 using namespace platform_test;
 
-class FrameworkIo : public testing::Test {
+class FrameworkIo : public testing::Test, protected World {
   protected:
-    FrameworkIo() {
-        bench.driver.prepare = [this](WDFDEVICE device) { return target.create(device); };
-    }
-
     // Runs on a started device with one bulk transfer made.
     void run(const std::function<void(platform::DeviceNode&)>& body) {
-        bench.run([&] {
-            auto& node = bench.plug();
-            ASSERT_EQ(bench.machine().startStatus(node), STATUS_SUCCESS);
-            bulk.create(target);
-            body(node);
-            bulk.destroy();
-        });
+        started(*this, [&](World&) { body(*node); });
     }
 
     NTSTATUS control(BYTE request, USHORT index, ULONG& value, LONGLONG timeout = 0) {
@@ -42,12 +31,6 @@ class FrameworkIo : public testing::Test {
         return WdfUsbTargetDeviceSendControlTransferSynchronously(target.usb, nullptr, &options, &setup,
                                                                   &memory, nullptr);
     }
-
-    void settle() { bench.machine().sleep(10 * usb::kMillisecond); }
-
-    FrameworkBench bench;
-    Target target;
-    BulkTransfer bulk;
 };
 
 TEST_F(FrameworkIo, ControlTransfersMoveBytesBothWaysAndTimeOut) {
@@ -405,7 +388,7 @@ TEST_F(FrameworkFree, TrafficSleepAndRemovalOnRealThreads) {
             }
         }
         InterlockedExchange(&streaming, 0);
-        // A transfer that goes out when the target has already stopped would wait there, and be out for good.
+        // A transfer that is sent when the target has already stopped would wait there and never complete.
         for (KEVENT& end : ended) {
             EXPECT_EQ(KeWaitForSingleObject(&end, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
         }

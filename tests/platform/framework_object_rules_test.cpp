@@ -292,7 +292,7 @@ std::vector<FrameworkCase> levelAndLockCases() {
              });
              WdfWaitLockRelease(lock);
          }},
-        {Rule::LockOwner, "a framework spin lock released that nobody took",
+        {Rule::LockOwner, "a framework spin lock released that was not taken",
          [](World& world) {
              const WDFSPINLOCK lock = world.makeSpinLock();
              atDispatch([&] { WdfSpinLockRelease(lock); });

@@ -148,18 +148,11 @@ TEST(FrameworkPnp, ADeviceAddThatFailsAfterCreationLeavesNothingBehind) {
     });
 }
 
-constexpr ULONG kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0, METHOD_NEITHER, FILE_ANY_ACCESS);
-constexpr GUID kClass = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
-
 // A device that its client can open.
 class FrameworkClient : public testing::Test {
   protected:
     FrameworkClient() {
-        bench.driver.prepare = [this](WDFDEVICE device) {
-            const NTSTATUS status =
-                IoRegisterDeviceInterface(WdfDeviceWdmGetPhysicalDevice(device), &kClass, nullptr, &link);
-            return NT_SUCCESS(status) ? IoSetDeviceInterfaceState(&link, TRUE) : status;
-        };
+        bench.driver.prepare = enableInterface;
         bench.driver.control = [](WDFREQUEST request, ULONG) {
             PVOID input = nullptr;
             PVOID output = nullptr;
@@ -181,7 +174,6 @@ class FrameworkClient : public testing::Test {
             ASSERT_EQ(bench.machine().open(bench.machine().interfaces(kClass).at(0), file), STATUS_SUCCESS);
             body(node);
             bench.machine().close(file);
-            RtlFreeUnicodeString(&link);
         });
     }
 
@@ -191,7 +183,6 @@ class FrameworkClient : public testing::Test {
     }
 
     FrameworkBench bench;
-    UNICODE_STRING link = {};
     std::shared_ptr<platform::InterfaceHandle> file;
     std::array<std::uint8_t, 8> input = {1, 2, 3, 4, 5, 6, 7, 8};
     std::array<std::uint8_t, 8> output = {};
@@ -242,7 +233,6 @@ TEST_F(FrameworkClient, TheRemovePacketWaitsForTheLastHandle) {
         });
         machine.surpriseRemove(node);
         kernel::join(client);
-        RtlFreeUnicodeString(&link);
     });
     EXPECT_EQ(bench.driver.trace, (Trace{"prepare", "d0 entry(D3Final)", "init", "create", "surprise",
                                          "suspend", "d0 exit(D3Final)", "release", "client closes",

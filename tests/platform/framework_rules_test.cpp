@@ -7,9 +7,12 @@
 namespace platform_test {
 
 void started(World& world, const Body& body) {
-    world.bench.driver.prepare = [&world](WDFDEVICE device) { return world.target.create(device); };
+    if (!world.bench.driver.prepare) {
+        world.bench.driver.prepare = [&world](WDFDEVICE device) { return world.target.create(device); };
+    }
     world.bench.run([&] {
-        ASSERT_EQ(world.bench.machine().startStatus(world.bench.plug()), STATUS_SUCCESS);
+        world.node = &world.bench.plug();
+        ASSERT_EQ(world.bench.machine().startStatus(*world.node), STATUS_SUCCESS);
         world.bulk.create(world.target);
         body(world);
         world.bulk.destroy();

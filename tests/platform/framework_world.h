@@ -4,16 +4,13 @@
 #include "tests/platform/bulk_transfer.h"
 #include "tests/platform/framework_bench.h"
 #include "tests/platform/rule_table.h"
+#include "tests/platform/run.h"
 
 #include "platform/kernel/scheduler.h"
 
 #include <gtest/gtest.h>
 
 namespace platform_test {
-
-constexpr ULONG kTag = 0x74736554;
-constexpr GUID kClass = {0x12345678, 1, 2, {3, 4, 5, 6, 7, 8, 9, 10}};
-constexpr ULONG kNeither = CTL_CODE(FILE_DEVICE_UNKNOWN, 0, METHOD_NEITHER, FILE_ANY_ACCESS);
 
 struct PLACE {
     _URB_BULK_OR_INTERRUPT_TRANSFER Urb;
@@ -28,9 +25,10 @@ inline WDF_OBJECT_ATTRIBUTES attributesOf(WDFOBJECT parent) {
     return attributes;
 }
 
-// A machine with one driver on one device, and what the bad drivers and their twins play with.
+// A machine with one driver on one device, and what the bad drivers and their twins use.
 class World {
   public:
+    World() = default;
     explicit World(const kernel::SchedulerOptions& options) : bench(options) {}
 
     WDFDEVICE device() const { return bench.driver.device; }
@@ -108,11 +106,7 @@ class World {
     // Has a client send a request that `answer` receives.
     void receive(const std::function<void(WDFREQUEST)>& answer) {
         bench.driver.control = [&answer](WDFREQUEST request, ULONG) { answer(request); };
-        UNICODE_STRING link = {};
-        EXPECT_EQ(IoRegisterDeviceInterface(WdfDeviceWdmGetPhysicalDevice(device()), &kClass, nullptr, &link),
-                  STATUS_SUCCESS);
-        EXPECT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
-        RtlFreeUnicodeString(&link);
+        EXPECT_EQ(enableInterface(device()), STATUS_SUCCESS);
         std::shared_ptr<platform::InterfaceHandle> file;
         EXPECT_EQ(bench.machine().open(bench.machine().interfaces(kClass).at(0), file), STATUS_SUCCESS);
         ULONG_PTR information = 0;
@@ -120,7 +114,7 @@ class World {
         bench.machine().close(file);
     }
 
-    // An object without behaviour of its own, with room for an URB and a mutex in its context.
+    // An object without behavior of its own, with room for an URB and a mutex in its context.
     WDFCOLLECTION makeObject(WDFOBJECT parent) {
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
         WDFCOLLECTION object = nullptr;
@@ -183,6 +177,7 @@ class World {
     FrameworkBench bench;
     Target target;
     BulkTransfer bulk;
+    platform::DeviceNode* node = nullptr; // on a started device
     PWDFDEVICE_INIT keptInit = nullptr;
 };
 
@@ -229,15 +224,5 @@ std::vector<FrameworkCase> requestRules();
 std::vector<FrameworkCase> objectRules();
 std::vector<FrameworkCase> deviceRules();
 std::vector<FrameworkCase> together(const std::vector<std::vector<FrameworkCase>>& tables);
-
-inline void atDispatch(const std::function<void()>& body) {
-    const unsigned old = kernel::raiseIrql(kernel::kDispatchLevel);
-    body();
-    kernel::lowerIrql(old);
-}
-
-inline void elsewhere(const std::function<void()>& body) {
-    kernel::join(kernel::spawn("other", kernel::TaskKind::Host, body));
-}
 
 } // namespace platform_test

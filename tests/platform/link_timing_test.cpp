@@ -134,7 +134,7 @@ TEST(LinkTiming, StarvedLinksAreSlowFromTheNextTransferOn) {
     });
 }
 
-// Where a transfer stands when it is withdrawn or the cable is pulled.
+// Where a transfer is when it is withdrawn or the cable is pulled.
 TEST(LinkTiming, WithdrawnTransfersEndOnceWhereverTheyAre) {
     for (bool pull : {false, true}) {
         onClock([pull](usb::Clock& clock) {

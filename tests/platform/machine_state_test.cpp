@@ -36,14 +36,6 @@ void takeBoth(KMUTEX& outer, KMUTEX& inner) {
     KeReleaseMutex(&outer, FALSE);
 }
 
-void enableInterface(WDFDEVICE device) {
-    UNICODE_STRING link = {};
-    ASSERT_EQ(IoRegisterDeviceInterface(WdfDeviceWdmGetPhysicalDevice(device), &kClass, nullptr, &link),
-              STATUS_SUCCESS);
-    ASSERT_EQ(IoSetDeviceInterfaceState(&link, TRUE), STATUS_SUCCESS);
-    RtlFreeUnicodeString(&link);
-}
-
 ULONG osBuild() {
     RTL_OSVERSIONINFOW version = {};
     version.dwOSVersionInfoSize = sizeof(version);
@@ -80,13 +72,12 @@ void leaveEverything(Shared& shared, const std::string& capture) {
         usb::HostOptions host;
         host.capture = capture;
         ASSERT_EQ(machine.startStatus(machine.plug(device, host)), STATUS_SUCCESS);
-        enableInterface(driver.device);
+        ASSERT_EQ(enableInterface(driver.device), STATUS_SUCCESS);
         machine.sleep(usb::kMillisecond);
         shared.link = machine.interfaces(kClass).at(0);
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(driver.device);
         ASSERT_EQ(WdfCollectionCreate(&attributes, &shared.object), STATUS_SUCCESS);
-        void* block = ExAllocatePoolWithTag(NonPagedPoolNx, 7'000'000, kTag);
-        ASSERT_NE(IoAllocateMdl(block, 100, FALSE, FALSE, nullptr), nullptr);
+        ASSERT_NE(IoAllocateMdl(allocate(7'000'000), 100, FALSE, FALSE, nullptr), nullptr);
         HANDLE thread = nullptr;
         ASSERT_EQ(
             PsCreateSystemThread(&thread, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, waitForever, nullptr),
@@ -140,7 +131,7 @@ std::string usbLog(Shared& shared, const std::string& file) {
         platform::DeviceNode& node = bench.plug();
         ASSERT_EQ(machine.startStatus(node), STATUS_SUCCESS);
         EXPECT_EQ(machine.host(node).link().bulkBytes(), 0u);
-        enableInterface(bench.driver.device);
+        ASSERT_EQ(enableInterface(bench.driver.device), STATUS_SUCCESS);
         machine.sleep(usb::kMillisecond);
         machine.unloadDriver();
     });

@@ -14,12 +14,6 @@ namespace {
 using namespace kernel;
 using namespace platform_test;
 
-constexpr ULONG kTag = 0x74736554; // "Test" in memory order
-
-UCHAR* allocate(SIZE_T size, ULONG tag = kTag) {
-    return static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, size, tag));
-}
-
 TEST(Pool, BlocksAreAlignedFilledAndCounted) {
     run(sim(Strategy::InOrder), [] {
         for (SIZE_T size : {1u, 15u, 16u, 4095u, 4096u, 4097u, 100'000u, 7'077'958u}) {

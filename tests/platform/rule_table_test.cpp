@@ -1,4 +1,4 @@
-// Runs the tables of rules, and sees that together they show every rule.
+// Runs the tables of rules, and checks that together they show every rule.
 #include "tests/platform/rule_table.h"
 
 #include "tests/platform/run.h"

@@ -5,6 +5,8 @@
 #include "platform/usb/clock.h"
 #include "platform/verifier/verifier.h"
 
+#include <ntddk.h>
+
 #include <functional>
 #include <optional>
 
@@ -36,6 +38,22 @@ inline std::optional<verifier::Report> run(const kernel::SchedulerOptions& optio
         return stopped.report();
     }
     return std::nullopt;
+}
+
+inline void atDispatch(const std::function<void()>& body) {
+    const unsigned old = kernel::raiseIrql(kernel::kDispatchLevel);
+    body();
+    kernel::lowerIrql(old);
+}
+
+inline void elsewhere(const std::function<void()>& body) {
+    kernel::join(kernel::spawn("other", kernel::TaskKind::Host, body));
+}
+
+constexpr ULONG kTag = 0x74736554; // "Test" in memory order
+
+inline UCHAR* allocate(SIZE_T size, ULONG tag = kTag) {
+    return static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, size, tag));
 }
 
 // Sleeps on the machine's clock.

@@ -166,7 +166,7 @@ struct StopCase {
 TEST(SimScheduler, RunsThatCannotEndAreReportedWithTheirTasks) {
     const int never = 0;
     const StopCase cases[] = {
-        {"nobody wakes the host", verifier::Rule::Deadlock, "second waits in the test",
+        {"the host is never woken", verifier::Rule::Deadlock, "second waits in the test",
          [&never] {
              Task& second = spawn("second", TaskKind::Host, [&never] {
                  waitUntil(&never, {"the test", &never, nullptr}, kForever, [] { return false; });

@@ -22,12 +22,6 @@ using namespace kernel;
 using namespace platform_test;
 using verifier::Rule;
 
-constexpr ULONG kTag = 0x74736554;
-
-UCHAR* allocate(SIZE_T size) {
-    return static_cast<UCHAR*>(ExAllocatePoolWithTag(NonPagedPoolNx, size, kTag));
-}
-
 LARGE_INTEGER* relative(Time duration) {
     static LARGE_INTEGER timeout;
     timeout.QuadPart = -duration;
@@ -38,7 +32,7 @@ NTSTATUS waitFor(void* object, LARGE_INTEGER* timeout = nullptr) {
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, timeout);
 }
 
-// The objects that the drivers below play with, anew for every run.
+// The objects that the drivers below use, made anew for every run.
 struct World {
     KSPIN_LOCK spinA;
     KSPIN_LOCK spinB;
@@ -58,16 +52,6 @@ struct World {
 void waitForEither(KEVENT& first, KEVENT& second) {
     PVOID objects[] = {&first, &second};
     KeWaitForMultipleObjects(2, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr);
-}
-
-void elsewhere(const std::function<void()>& body) {
-    join(spawn("other", TaskKind::Host, body));
-}
-
-void atDispatch(const std::function<void()>& body) {
-    const unsigned old = raiseIrql(kDispatchLevel);
-    body();
-    lowerIrql(old);
 }
 
 void threadThatWaits(PVOID event) {
@@ -365,7 +349,7 @@ const KernelCase kCases[] = {
          (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
          ZwClose(handle);
          waitFor(thread);
-         sleepFor(1); // the running thread's own reference goes
+         sleepFor(1); // the running thread's own reference is dropped
          ObDereferenceObject(thread);
          ObDereferenceObject(thread);
      },
@@ -491,7 +475,7 @@ const KernelCase kCases[] = {
                                             nullptr),
                    STATUS_WAIT_1);
      }},
-    {Rule::Deadlock, "a wait for an event that nobody sets", [](World& world) { waitFor(&world.event); },
+    {Rule::Deadlock, "a wait for an event that is never set", [](World& world) { waitFor(&world.event); },
      [](World& world) {
          startTimer(now() + 10, [&] { KeSetEvent(&world.event, 0, FALSE); });
          waitFor(&world.event);
