@@ -59,7 +59,7 @@ void DEVICE_InitChildAttributes(DEVICE_CONTEXT* context, _Out_ WDF_OBJECT_ATTRIB
 // Initializes every lock of the records above. At device add, before any other code can use the context.
 void DEVICE_InitLocks(DEVICE_CONTEXT* context);
 
-// What the processor offers to the encoders. At device add.
+// Sets Cpu: the processor's features that the encoders use. At device add.
 void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context);
 
 // After a surprise removal, or a transfer that found the device gone. Called at any IRQL.
