@@ -19,7 +19,7 @@ constexpr unsigned kDesktopRefresh = 60; // of every mode that a client can requ
 
 ModeInfo infoOf(const VIDEO_MODE_ENTRY& entry) {
     const std::uint64_t total = std::uint64_t{entry.HorizontalTotal} * entry.VerticalTotal;
-    const std::uint64_t pllClock = static_cast<std::uint64_t>(model::pixelClock(entry.PllWord));
+    const std::uint64_t pllClock = static_cast<std::uint64_t>(model::pllClock(entry.PllWord));
     return {.size = {entry.Width, entry.Height},
             .refresh = entry.Refresh,
             .exactRefresh = static_cast<double>(pllClock) / static_cast<double>(total),
