@@ -1,92 +1,16 @@
-// Keeps the worked trace of docs/protocol.md true: what stands there is what goes over the wire.
+// Compares the trace that docs/protocol.md explains with what a session records.
 #include "tests/system/rig.h"
-
-#include "platform/usb/completion_hook.h"
+#include "tests/system/transcript.h"
 
 #include <algorithm>
 #include <fmt/format.h>
 #include <fstream>
 #include <iostream>
-#include <mutex>
 
 namespace system_test {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-constexpr std::uint8_t kRead = 0x40;
-constexpr std::uint8_t kWrite = 0x41;
-constexpr std::uint16_t kSerialControl = 0x8020;
-constexpr std::uint16_t kSerialReadData = 0x8024;
-
-struct Event {
-    usb::Time time = 0;
-    usb::TransferType type = usb::TransferType::Control;
-    std::uint8_t endpoint = 0;
-    usb::SetupPacket setup;
-    std::vector<std::uint8_t> data; // OUT as sent, IN as answered
-
-    bool isAccess(std::uint8_t request, std::uint16_t offset) const {
-        return type == usb::TransferType::Control && setup.request == request && setup.index == offset;
-    }
-    std::uint32_t word() const {
-        std::uint32_t value = 0;
-        for (std::size_t i = 0; i < data.size() && i < 4; i++) {
-            value |= std::uint32_t{data[i]} << 8 * i;
-        }
-        return value;
-    }
-};
-
-// Notes control transfers and frames when they arrive at the adapter, reports when they leave it.
-class Tap final : public usb::Device {
-  public:
-    usb::Device& wrap(usb::Device& device, usb::Clock& clock) {
-        inner_ = &device;
-        clock_ = &clock;
-        return *this;
-    }
-
-    usb::Speed speed() const override { return inner_->speed(); }
-    void cancel(usb::Transfer& transfer) override { inner_->cancel(transfer); }
-    void disconnect() override { inner_->disconnect(); }
-
-    void submit(usb::Transfer& transfer) override {
-        const bool isReport = transfer.type == usb::TransferType::Interrupt;
-        const std::size_t index = isReport ? 0 : note(transfer, transfer.data);
-        if (transfer.isIn()) {
-            usb::hookCompletion(transfer, [this, isReport, index](usb::Transfer& done) {
-                const std::span<const std::uint8_t> answer(done.data.data(), done.actual);
-                if (!isReport) {
-                    const std::lock_guard guard(mutex_);
-                    events_[index].data.assign(answer.begin(), answer.end());
-                } else if (done.status == usb::Status::Success) {
-                    note(done, answer);
-                }
-                usb::completeTransfer(done);
-            });
-        }
-        inner_->submit(transfer);
-    }
-
-    std::vector<Event> events() const {
-        const std::lock_guard guard(mutex_);
-        return events_;
-    }
-
-  private:
-    std::size_t note(const usb::Transfer& transfer, std::span<const std::uint8_t> data) {
-        const std::lock_guard guard(mutex_);
-        events_.push_back(
-            {clock_->now(), transfer.type, transfer.endpoint, transfer.setup, {data.begin(), data.end()}});
-        return events_.size() - 1;
-    }
-
-    usb::Device* inner_ = nullptr;
-    usb::Clock* clock_ = nullptr;
-    mutable std::mutex mutex_;
-    std::vector<Event> events_;
-};
 
 std::string setupText(const usb::SetupPacket& setup) {
     return fmt::format("{:02X} {:02X} {:02X} {:02X} {:02X} {:02X} {:02X} {:02X}", setup.requestType,
@@ -94,7 +18,7 @@ std::string setupText(const usb::SetupPacket& setup) {
                        setup.index >> 8, setup.length & 0xFF, setup.length >> 8);
 }
 
-std::string dataText(const Event& event) {
+std::string dataText(const Transfer& event) {
     if (event.data.size() > 4 || event.type == usb::TransferType::Bulk) {
         return fmt::format("{} bytes", event.data.size());
     }
@@ -106,7 +30,7 @@ std::string dataText(const Event& event) {
 }
 
 // Milliseconds since the event before, endpoint, setup packet, data.
-std::string lineOf(const Event& event, const Event* before) {
+std::string lineOf(const Transfer& event, const Transfer* before) {
     const usb::Time gap = before == nullptr ? 0 : (event.time - before->time) / kMillisecond;
     const bool control = event.type == usb::TransferType::Control;
     std::string line =
@@ -116,17 +40,18 @@ std::string lineOf(const Event& event, const Event* before) {
     return line;
 }
 
-// Four transfers that read a word over the serial master; its command, or 0 when they are something else.
+// The command of four transfers that read a word through the serial master; 0 when they are something else.
 constexpr std::size_t kSerialReadLength = 4;
-std::uint32_t serialReadCommand(std::span<const Event> events) {
-    const bool is = events.size() >= kSerialReadLength && events[0].isAccess(kRead, kSerialControl) &&
-                    events[1].isAccess(kWrite, kSerialControl) && events[2].isAccess(kRead, kSerialControl) &&
-                    events[3].isAccess(kRead, kSerialReadData);
+std::uint32_t serialReadCommand(std::span<const Transfer> events) {
+    const bool is = events.size() >= kSerialReadLength && events[0].isAccess(kReadRegister, kSerialControl) &&
+                    events[1].isAccess(kWriteRegister, kSerialControl) &&
+                    events[2].isAccess(kReadRegister, kSerialControl) &&
+                    events[3].isAccess(kReadRegister, kSerialReadData);
     return is ? events[1].word() : 0;
 }
 
-// How many serial reads follow one another that each read the four bytes behind those of the one before.
-std::size_t countSerialReads(std::span<const Event> events) {
+// The number of consecutive serial reads, each of the four bytes that follow those of the read before.
+std::size_t countSerialReads(std::span<const Transfer> events) {
     constexpr std::uint32_t kNextWord = 4 << 8;
     const std::uint32_t first = serialReadCommand(events);
     std::size_t count = first == 0 ? 0 : 1;
@@ -137,14 +62,14 @@ std::size_t countSerialReads(std::span<const Event> events) {
     return count;
 }
 
-// One phase of the trace. Repetitions are told, not listed.
-Lines linesOf(std::span<const Event> events) {
+// One phase of the trace. Repetitions are counted, not listed.
+Lines linesOf(std::span<const Transfer> events) {
     Lines lines;
-    const Event* before = nullptr;
+    const Transfer* before = nullptr;
     for (std::size_t at = 0; at < events.size();) {
         const std::size_t reads = countSerialReads(events.subspan(at));
         const std::size_t listed = reads > 0 ? kSerialReadLength : 1;
-        for (const Event& event : events.subspan(at, listed)) {
+        for (const Transfer& event : events.subspan(at, listed)) {
             lines.push_back(lineOf(event, before));
             before = &event;
         }
@@ -186,11 +111,11 @@ Lines documentedTrace() {
 }
 
 Lines recordedTrace() {
-    Tap tap;
+    Recorder recorder;
     Lines trace;
     std::size_t seen = 0;
     const auto endPhase = [&](const std::string& name, std::size_t events) {
-        const std::vector<Event> all = tap.events();
+        const std::vector<Transfer> all = recorder.transfers();
         trace.push_back(name);
         const Lines lines = linesOf(std::span(all).subspan(seen).first(std::min(events, all.size() - seen)));
         trace.insert(trace.end(), lines.begin(), lines.end());
@@ -200,9 +125,7 @@ Lines recordedTrace() {
     constexpr std::size_t kFrame = 2; // the frame and its zero-length transfer
     runSession(inOrder(), [&](Session& session) {
         PlugOptions plug = adapter();
-        plug.inFront = [&](usb::Device& device) -> usb::Device& {
-            return tap.wrap(device, session.machine().clock());
-        };
+        plug.inFront = recorder.wrap(session.machine().clock());
         session.plug(plug);
         endPhase("plug", kAll);
         session.attachMonitor(rig::builtinEdid());
@@ -218,7 +141,7 @@ Lines recordedTrace() {
     return trace;
 }
 
-TEST(ProtocolTrace, StandsInTheDocumentAsItGoesOverTheWire) {
+TEST(ProtocolTrace, MatchesTheDocument) {
     const Lines documented = documentedTrace();
     const Lines recorded = recordedTrace();
     if (documented == recorded) {

@@ -10,21 +10,19 @@ namespace system_test {
 
 namespace {
 
-constexpr std::uint16_t kSerialControl = 0x8020;
-constexpr std::uint16_t kSerialReadData = 0x8024;
 constexpr std::uint16_t kSerialWriteData = 0x8028;
 constexpr std::uint32_t kSerialDone = 1u << 31;
 constexpr unsigned kSerialPolls = 10;
 
-std::string describe(const ControlTransfer& transfer) {
-    return fmt::format("{} 0x{:04X} = 0x{:08X}", transfer.setup.request == 0x40 ? "read" : "write",
+std::string describe(const Transfer& transfer) {
+    return fmt::format("{} 0x{:04X} = 0x{:08X}", transfer.setup.request == kReadRegister ? "read" : "write",
                        transfer.setup.index, transfer.word());
 }
 
-// Walks along a transcript; the first step that finds something else stays as the problem.
+// Follows a recording step by step, up to the first step that finds something else.
 class Walk {
   public:
-    Walk(std::span<const ControlTransfer> transfers, unsigned revision)
+    Walk(std::span<const Transfer> transfers, unsigned revision)
         : transfers_(transfers), revision_(revision) {}
 
     bool step(const Step& step) {
@@ -38,7 +36,7 @@ class Walk {
             return modify(step.offset, step.value, step.kind == Step::Kind::Set);
         case Step::Kind::SerialRead:
             return serialRead(step, true);
-        case Step::Kind::SerialSilence:
+        case Step::Kind::SerialTimeout:
             return serialRead(step, false);
         }
         return false;
@@ -49,64 +47,48 @@ class Walk {
     std::string found() const { return atEnd() ? "nothing more" : describe(transfers_[next_]); }
 
   private:
-    const ControlTransfer* take(std::uint8_t request, std::uint16_t offset) {
-        if (atEnd() || transfers_[next_].setup.request != request ||
-            transfers_[next_].setup.index != offset) {
-            return nullptr;
-        }
-        return &transfers_[next_++];
+    const Transfer* take(std::uint8_t request, std::uint16_t offset) {
+        return !atEnd() && transfers_[next_].isAccess(request, offset) ? &transfers_[next_++] : nullptr;
     }
 
-    const ControlTransfer* read(std::uint16_t offset) { return take(0x40, offset); }
+    const Transfer* read(std::uint16_t offset) { return take(kReadRegister, offset); }
 
     bool write(std::uint16_t offset, std::uint32_t value) {
-        if (atEnd() || transfers_[next_].word() != value) {
-            return false;
-        }
-        return take(0x41, offset) != nullptr;
+        return !atEnd() && transfers_[next_].word() == value && take(kWriteRegister, offset) != nullptr;
     }
 
     bool modify(std::uint16_t offset, std::uint32_t mask, bool toSet) {
-        std::uint32_t done = 0;
-        std::uint32_t before = 0;
-        while (done != mask) {
-            const ControlTransfer* old = read(offset);
-            if (old == nullptr || atEnd()) {
+        const Transfer* written = nullptr;
+        for (;;) {
+            const Transfer* old = read(offset);
+            if (old == nullptr || (written != nullptr && written->word() != old->word())) {
                 return false;
             }
-            const std::uint32_t value = transfers_[next_].word();
-            if (done != 0 && before != old->word()) {
-                return false; // the last round did not take
-            }
-            // What this round may touch; it must touch something unless there is nothing left to change.
-            const std::uint32_t target = toSet ? old->word() | mask : old->word() & ~mask;
-            const std::uint32_t changed = value ^ old->word();
-            if ((changed & ~mask) != 0 || ((value ^ target) != 0 && changed == 0)) {
+            written = take(kWriteRegister, offset);
+            if (written == nullptr) {
                 return false;
             }
-            if (take(0x41, offset) == nullptr) {
-                return false;
+            if (written->word() == (toSet ? old->word() | mask : old->word() & ~mask)) {
+                return true;
             }
-            before = value;
-            if (value == target) {
-                done = mask;
+            // Each round changes at least one bit of the mask and no other bit.
+            const std::uint32_t changed = written->word() ^ old->word();
+            if (changed == 0 || (changed & ~mask) != 0) {
+                return false;
             }
         }
-        return true;
     }
 
-    // Command, polls until the done bit (or until the last one), data.
+    // The command, polls until one finds the done bit, and the data.
     bool serialRead(const Step& step, bool answered) {
-        const ControlTransfer* control = read(kSerialControl);
-        if (control == nullptr) {
-            return false;
-        }
-        const std::uint32_t kept = (control->word() & 0x7FFC0000) | (revision_ == 2 ? 1u << 28 : 0);
-        if (!write(kSerialControl, kept | step.deviceOffset << 8 | step.device | 0x80)) {
+        const Transfer* control = read(kSerialControl);
+        const std::uint32_t revisionBit = revision_ == 2 ? 1u << 28 : 0;
+        if (control == nullptr || !write(kSerialControl, (control->word() & 0x7FFC0000) | revisionBit |
+                                                             step.deviceOffset << 8 | step.device | 0x80)) {
             return false;
         }
         for (unsigned poll = 0; poll < kSerialPolls; poll++) {
-            const ControlTransfer* status = read(kSerialControl);
+            const Transfer* status = read(kSerialControl);
             if (status == nullptr) {
                 return false;
             }
@@ -117,7 +99,7 @@ class Walk {
         return !answered;
     }
 
-    std::span<const ControlTransfer> transfers_;
+    std::span<const Transfer> transfers_;
     unsigned revision_;
     std::size_t next_ = 0;
 };
@@ -134,16 +116,15 @@ std::string describe(const Step& step) {
         return fmt::format("clear 0x{:08X} in 0x{:04X}", step.value, step.offset);
     case Step::Kind::SerialRead:
         return fmt::format("I2C read of 0x{:02X} at 0x{:02X}", step.device, step.deviceOffset);
-    case Step::Kind::SerialSilence:
-        return fmt::format("I2C read of 0x{:02X} at 0x{:02X} that nobody answers", step.device,
-                           step.deviceOffset);
+    case Step::Kind::SerialTimeout:
+        return fmt::format("I2C read of 0x{:02X} at 0x{:02X} that times out", step.device, step.deviceOffset);
     }
     return {};
 }
 
 } // namespace
 
-std::uint32_t ControlTransfer::word() const {
+std::uint32_t Transfer::word() const {
     std::uint32_t value = 0;
     for (std::size_t i = 0; i < data.size() && i < 4; i++) {
         value |= std::uint32_t{data[i]} << 8 * i;
@@ -159,43 +140,47 @@ std::function<usb::Device&(usb::Device&)> Recorder::wrap(usb::Clock& clock) {
     };
 }
 
+std::size_t Recorder::record(const usb::Transfer& transfer, std::span<const std::uint8_t> data) {
+    const std::lock_guard guard(mutex_);
+    transfers_.push_back(
+        {transfer.type, transfer.endpoint, transfer.setup, {data.begin(), data.end()}, clock_->now()});
+    return cleared_ + transfers_.size() - 1;
+}
+
 void Recorder::submit(usb::Transfer& transfer) {
-    if (transfer.type == usb::TransferType::Control) {
-        std::size_t index;
-        {
-            const std::lock_guard guard(mutex_);
-            index = transfers_.size();
-            transfers_.push_back(
-                {transfer.setup, {transfer.data.begin(), transfer.data.end()}, clock_->now()});
-        }
-        if (transfer.isIn()) {
-            usb::hookCompletion(transfer, [this, index](usb::Transfer& done) {
-                {
-                    const std::lock_guard guard(mutex_);
-                    if (index < transfers_.size()) {
-                        transfers_[index].data.assign(done.data.begin(), done.data.begin() + done.actual);
-                    }
+    const bool isReport = transfer.type == usb::TransferType::Interrupt;
+    const std::size_t number = isReport ? 0 : record(transfer, transfer.data);
+    if (transfer.isIn()) {
+        usb::hookCompletion(transfer, [this, isReport, number](usb::Transfer& done) {
+            const std::span<const std::uint8_t> answer(done.data.data(), done.actual);
+            if (!isReport) {
+                const std::lock_guard guard(mutex_);
+                if (number >= cleared_) {
+                    transfers_[number - cleared_].data.assign(answer.begin(), answer.end());
                 }
-                usb::completeTransfer(done);
-            });
-        }
+            } else if (done.status == usb::Status::Success) {
+                record(done, answer);
+            }
+            usb::completeTransfer(done);
+        });
     }
     inner_->submit(transfer);
 }
 
 void Recorder::clear() {
     const std::lock_guard guard(mutex_);
+    cleared_ += transfers_.size();
     transfers_.clear();
 }
 
-std::vector<ControlTransfer> Recorder::transfers() const {
+std::vector<Transfer> Recorder::transfers() const {
     const std::lock_guard guard(mutex_);
     return transfers_;
 }
 
-std::vector<ControlTransfer> Recorder::registerAccesses(bool serial) const {
-    std::vector<ControlTransfer> list = transfers();
-    std::erase_if(list, [serial](const ControlTransfer& transfer) {
+std::vector<Transfer> Recorder::registerAccesses(bool serial) const {
+    std::vector<Transfer> list = transfers();
+    std::erase_if(list, [serial](const Transfer& transfer) {
         const std::uint16_t offset = transfer.setup.index;
         return !transfer.isVendor() || (!serial && (offset == kSerialControl || offset == kSerialReadData ||
                                                     offset == kSerialWriteData));
@@ -203,8 +188,7 @@ std::vector<ControlTransfer> Recorder::registerAccesses(bool serial) const {
     return list;
 }
 
-std::string differs(std::span<const ControlTransfer> transfers, std::span<const Step> table,
-                    unsigned revision) {
+std::string differs(std::span<const Transfer> transfers, std::span<const Step> table, unsigned revision) {
     Walk walk(transfers, revision);
     for (std::size_t i = 0; i < table.size(); i++) {
         const std::size_t before = walk.position();

@@ -1,4 +1,5 @@
-// Everything that crosses the default pipe, in order, with the time it arrived; and tables of what should.
+// Records the transfers between host and adapter in order, with their times, and compares register accesses
+// with tables of what is expected.
 #pragma once
 
 #include "platform/usb/clock.h"
@@ -13,19 +14,30 @@
 
 namespace system_test {
 
-struct ControlTransfer {
-    usb::SetupPacket setup;
+struct Transfer {
+    usb::TransferType type = usb::TransferType::Control;
+    std::uint8_t endpoint = 0;
+    usb::SetupPacket setup;         // of a control transfer
     std::vector<std::uint8_t> data; // OUT: as sent; IN: as answered
-    usb::Time time = 0;             // when it was submitted
+    usb::Time time = 0;             // submission; for a report on the interrupt pipe, completion
 
-    bool isVendor() const { return (setup.requestType & 0x60) == 0x40; }
+    bool isVendor() const { return type == usb::TransferType::Control && (setup.requestType & 0x60) == 0x40; }
+    bool isAccess(std::uint8_t request, std::uint16_t offset) const {
+        return isVendor() && setup.request == request && setup.index == offset;
+    }
     std::uint32_t word() const; // of a register access
 };
 
-// Stands in front of an adapter, passes everything on and keeps the control transfers.
+constexpr std::uint8_t kReadRegister = 0x40;
+constexpr std::uint8_t kWriteRegister = 0x41;
+constexpr std::uint16_t kSerialControl = 0x8020;
+constexpr std::uint16_t kSerialReadData = 0x8024;
+
+// Passes every transfer on to the adapter behind it. An interrupt transfer is recorded when it brings a
+// report.
 class Recorder final : public usb::Device {
   public:
-    // `inFront` of rig::PlugOptions. The clock is known once the session exists.
+    // For `inFront` of rig::PlugOptions. The clock is known once the session exists.
     std::function<usb::Device&(usb::Device&)> wrap(usb::Clock& clock);
 
     usb::Speed speed() const override { return inner_->speed(); }
@@ -34,26 +46,29 @@ class Recorder final : public usb::Device {
     void disconnect() override { inner_->disconnect(); }
 
     void clear();
-    std::vector<ControlTransfer> transfers() const;
-    // Vendor requests without those to the serial master's registers, unless `serial`.
-    std::vector<ControlTransfer> registerAccesses(bool serial = true) const;
+    std::vector<Transfer> transfers() const;
+    // Vendor requests. Without `serial`, those to the serial master's registers are left out.
+    std::vector<Transfer> registerAccesses(bool serial = true) const;
 
   private:
+    std::size_t record(const usb::Transfer& transfer, std::span<const std::uint8_t> data);
+
     usb::Device* inner_ = nullptr;
     usb::Clock* clock_ = nullptr;
     mutable std::mutex mutex_;
-    std::vector<ControlTransfer> transfers_;
+    std::vector<Transfer> transfers_;
+    std::size_t cleared_ = 0; // transfers recorded before the first of `transfers_`
 };
 
 // One line of a table of register traffic.
 struct Step {
-    enum class Kind { Read, Write, Set, Clear, SerialRead, SerialSilence };
+    enum class Kind { Read, Write, Set, Clear, SerialRead, SerialTimeout };
 
     Kind kind;
     std::uint16_t offset = 0;
     std::uint32_t value = 0; // written; or the mask
 
-    // Serial: device and offset. A read that succeeds, and a read that nobody answers.
+    // Of a serial read: one that succeeds, or one that no device acknowledges.
     std::uint8_t device = 0;
     std::uint8_t deviceOffset = 0;
 };
@@ -64,7 +79,7 @@ constexpr Step read(std::uint16_t offset) {
 constexpr Step write(std::uint16_t offset, std::uint32_t value) {
     return {Step::Kind::Write, offset, value};
 }
-// Read, then written back with bits set or cleared; the bits of one mask may come in several rounds.
+// A read, then a write with bits set or cleared. The bits of one mask may be changed in several rounds.
 constexpr Step set(std::uint16_t offset, std::uint32_t mask) {
     return {Step::Kind::Set, offset, mask};
 }
@@ -74,12 +89,11 @@ constexpr Step clear(std::uint16_t offset, std::uint32_t mask) {
 constexpr Step i2cRead(std::uint8_t device, std::uint8_t offset) {
     return {Step::Kind::SerialRead, 0, 0, device, offset};
 }
-constexpr Step i2cSilence(std::uint8_t device, std::uint8_t offset) {
-    return {Step::Kind::SerialSilence, 0, 0, device, offset};
+constexpr Step i2cTimeout(std::uint8_t device, std::uint8_t offset) {
+    return {Step::Kind::SerialTimeout, 0, 0, device, offset};
 }
 
-// What of `transfers` does not follow the table, as text; empty when all of it does.
-std::string differs(std::span<const ControlTransfer> transfers, std::span<const Step> table,
-                    unsigned revision);
+// Describes the first of `transfers` that does not follow the table; empty when all of them do.
+std::string differs(std::span<const Transfer> transfers, std::span<const Step> table, unsigned revision);
 
 } // namespace system_test

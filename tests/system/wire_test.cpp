@@ -1,12 +1,11 @@
-// What the driver says to the adapter, access by access, against tables that were written from the adapter's
-// side: powering up and down, monitors that come and go, display modes.
+// The register accesses of the driver, compared with tables that were written from the adapter's side:
+// power-up and power-down, monitors that are attached and detached, display modes.
 #include "tests/system/rig.h"
 #include "tests/system/transcript.h"
 
 #include <algorithm>
 #include <array>
 #include <fmt/format.h>
-#include <initializer_list>
 #include <iterator>
 
 namespace system_test {
@@ -32,8 +31,8 @@ Table edidBlock(unsigned block) {
     return table;
 }
 
-// Nobody answers at the transmitter's address.
-const Table kNoTransmitter = {i2cSilence(0x4C, 0x00)};
+// No device answers at the transmitter's address.
+const Table kNoTransmitter = {i2cTimeout(0x4C, 0x00)};
 
 Table powerUp(unsigned revision) {
     const Table begin = Table{set(0x8048, bit(15))} + kNoTransmitter;
@@ -51,19 +50,16 @@ Table powerUp(unsigned revision) {
 const Table kStatus = {read(0x8000)};
 
 Table attached(unsigned revision) {
-    Table table = {set(0x0070, bit(20)), set(0x0070, bit(19))};
-    if (revision == 2) {
-        table.push_back(clear(0x0078, bit(17)));
-    }
-    return table;
+    return Table{set(0x0070, bit(20)), set(0x0070, bit(19))} +
+           (revision == 2 ? Table{clear(0x0078, bit(17))} : Table{});
+}
+
+Table outputOff(unsigned revision) {
+    return Table{clear(0x803C, bit(26))} + (revision == 2 ? Table{set(0x0078, bit(17))} : Table{});
 }
 
 Table detached(unsigned revision) {
-    Table table = {clear(0x803C, bit(26))};
-    if (revision == 2) {
-        table.push_back(set(0x0078, bit(17)));
-    }
-    return table + Table{clear(0x0070, bit(20)), clear(0x0070, bit(19))};
+    return outputOff(revision) + Table{clear(0x0070, bit(20)), clear(0x0070, bit(19))};
 }
 
 Table finalPowerDown(unsigned revision) {
@@ -78,336 +74,244 @@ Table finalPowerDown(unsigned revision) {
 }
 
 Table sleep(unsigned revision) {
-    Table table = {clear(0x8020, bit(30)), clear(0x8020, bit(28)), clear(0x803C, bit(26))};
-    if (revision == 2) {
-        table.push_back(set(0x0078, bit(17)));
-    }
-    return table;
+    return Table{clear(0x8020, bit(30)), clear(0x8020, bit(28))} + outputOff(revision);
 }
 
-// What powering up finds without a monitor. The older revisions make sure that the output is off.
+// The end of a power-up without a monitor. The output of the older revisions is switched off for certain.
 Table noMonitor(unsigned revision) {
     return revision == 2 ? kStatus : kStatus + detached(revision);
 }
 
-// A session with a recorder on the wire and one block of EDID.
-class Wire : public testing::TestWithParam<unsigned> {
-  protected:
-    void withAdapter(unsigned revision, const SessionOptions& options, bool monitor,
-                     const std::function<void(Session&)>& body) {
-        runSession(options, [&](Session& session) {
-            if (monitor) {
-                std::vector<std::uint8_t> edid = rig::builtinEdid();
-                edid.resize(128);
-                edid[126] = 0;
-                session.attachMonitor(edid);
-            }
-            PlugOptions plug = adapter(revision);
-            plug.inFront = recorder_.wrap(session.machine().clock());
-            session.plug(plug);
-            body(session);
-        });
-    }
-
-    // What was said since the last call, against a table.
-    void expectSaid(const Table& table, unsigned revision, bool serial = true) {
-        const std::vector<ControlTransfer> said = recorder_.registerAccesses(serial);
-        EXPECT_EQ("", differs(said, table, revision));
-        recorder_.clear();
-    }
-
-    Recorder recorder_;
-};
-
-TEST_P(Wire, PowersUpWithoutMonitor) {
-    withAdapter(GetParam(), inOrder(), false,
-                [&](Session&) { expectSaid(powerUp(GetParam()) + noMonitor(GetParam()), GetParam()); });
+std::vector<std::uint8_t> oneBlockEdid() {
+    std::vector<std::uint8_t> edid = rig::builtinEdid();
+    edid.resize(128);
+    edid[126] = 0;
+    return edid;
 }
 
-TEST_P(Wire, PowersUpWithMonitor) {
-    withAdapter(GetParam(), inOrder(), true, [&](Session&) {
-        // The monitor's report may be waiting, and then somebody looks at the status in between.
-        std::vector<ControlTransfer> said = recorder_.registerAccesses();
-        EXPECT_LT(0, std::erase_if(said, [](const ControlTransfer& transfer) {
-                      return transfer.setup.index == 0x8000;
-                  }));
-        EXPECT_EQ("", differs(said, powerUp(GetParam()) + attached(GetParam()) + edidBlock(0), GetParam()));
+using MonitorBytes = std::optional<std::vector<std::uint8_t>>;
+const MonitorBytes kWithoutEdid = std::vector<std::uint8_t>();
+
+// A session whose adapter has a recorder in front of it, with a monitor attached unless `monitor` is empty.
+void record(const SessionOptions& options, PlugOptions plug, const MonitorBytes& monitor,
+            const std::function<void(Session&, Recorder&)>& body) {
+    Recorder recorder;
+    runSession(options, [&](Session& session) {
+        if (monitor) {
+            session.attachMonitor(*monitor);
+        }
+        plug.inFront = recorder.wrap(session.machine().clock());
+        session.plug(plug);
+        body(session, recorder);
     });
 }
 
-TEST_P(Wire, GoesToSleepAndWakes) {
-    withAdapter(GetParam(), inOrder(), false, [&](Session& session) {
-        recorder_.clear();
+// Compares the register accesses since the last call with a table.
+void expectAccesses(Recorder& recorder, const Table& table, unsigned revision = 2, bool serial = true) {
+    EXPECT_EQ("", differs(recorder.registerAccesses(serial), table, revision));
+    recorder.clear();
+}
+
+class PowerSequences : public testing::TestWithParam<unsigned> {};
+
+TEST_P(PowerSequences, FollowTheAdapterWithoutAMonitor) {
+    const unsigned revision = GetParam();
+    record(inOrder(), adapter(revision), std::nullopt, [&](Session& session, Recorder& recorder) {
+        expectAccesses(recorder, powerUp(revision) + noMonitor(revision), revision);
         session.suspend();
-        expectSaid(sleep(GetParam()), GetParam());
+        expectAccesses(recorder, sleep(revision), revision);
         session.resume();
-        expectSaid(powerUp(GetParam()) + noMonitor(GetParam()), GetParam());
-    });
-}
-
-TEST_P(Wire, PowersDownForGood) {
-    withAdapter(GetParam(), inOrder(), false, [&](Session& session) {
-        recorder_.clear();
+        expectAccesses(recorder, powerUp(revision) + noMonitor(revision), revision);
         session.remove();
-        expectSaid(finalPowerDown(GetParam()), GetParam());
+        expectAccesses(recorder, finalPowerDown(revision), revision);
     });
 }
 
-TEST_P(Wire, PowersDownForGoodWithMonitor) {
-    withAdapter(GetParam(), inOrder(), true, [&](Session& session) {
-        recorder_.clear();
+TEST_P(PowerSequences, FollowTheAdapterWithAMonitor) {
+    const unsigned revision = GetParam();
+    record(inOrder(), adapter(revision), oneBlockEdid(), [&](Session& session, Recorder& recorder) {
+        // A report of the monitor may cause reads of the status in between.
+        std::vector<Transfer> accesses = recorder.registerAccesses();
+        EXPECT_LT(0, std::erase_if(accesses, [](const Transfer& one) { return one.setup.index == 0x8000; }));
+        EXPECT_EQ("", differs(accesses, powerUp(revision) + attached(revision) + edidBlock(0), revision));
+        recorder.clear();
         session.remove();
-        expectSaid(detached(GetParam()) + finalPowerDown(GetParam()), GetParam());
+        expectAccesses(recorder, detached(revision) + finalPowerDown(revision), revision);
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(Every, Wire, testing::Values(0u, 1u, 2u),
+INSTANTIATE_TEST_SUITE_P(Every, PowerSequences, testing::Values(0u, 1u, 2u),
                          [](const auto& info) { return fmt::format("Revision{}", info.param); });
 
-class WireOfRevision2 : public Wire {};
-
-TEST_F(WireOfRevision2, FollowsAMonitorThatComesAndGoes) {
-    withAdapter(2, inOrder(), false, [&](Session& session) {
-        recorder_.clear();
+TEST(MonitorPower, FollowAMonitorThatIsAttachedAndDetached) {
+    record(inOrder(), adapter(), std::nullopt, [&](Session& session, Recorder& recorder) {
+        recorder.clear();
         session.attachMonitor(rig::builtinEdid());
         ASSERT_TRUE(session.client().waitForArrival(10 * kSecond));
-        expectSaid(kStatus + attached(2) + edidBlock(0) + edidBlock(1), 2);
+        expectAccesses(recorder, kStatus + attached(2) + edidBlock(0) + edidBlock(1));
         session.detachMonitor();
         session.machine().sleep(kSecond); // the client is told first
-        expectSaid(kStatus + detached(2), 2);
+        expectAccesses(recorder, kStatus + detached(2));
     });
 }
 
-// The stages take 750 ms each to come up and stand 750 ms apart on the way down.
-TEST_F(WireOfRevision2, GivesThePowerStagesTheirTime) {
-    withAdapter(2, inOrder(), false, [&](Session& session) {
-        const usb::Time up = session.machine().clock().now();
-        EXPECT_GE(up, 1500 * kMillisecond);
-        recorder_.clear();
+// Each stage takes 750 ms to power up, and the stages are switched off 750 ms apart.
+TEST(MonitorPower, GiveThePowerStagesTheirTime) {
+    record(inOrder(), adapter(), std::nullopt, [&](Session& session, Recorder& recorder) {
         const usb::Time start = session.machine().clock().now();
+        EXPECT_GE(start, 1500 * kMillisecond);
+        recorder.clear();
         session.suspend();
         EXPECT_GE(session.machine().clock().now() - start, 750 * kMillisecond);
-        const std::vector<ControlTransfer> said = recorder_.registerAccesses();
-        ASSERT_GE(said.size(), 4u);
-        EXPECT_GE(said[2].time - said[1].time, 750 * kMillisecond);
+        const std::vector<Transfer> accesses = recorder.registerAccesses();
+        ASSERT_GE(accesses.size(), 4u);
+        EXPECT_GE(accesses[2].time - accesses[1].time, 750 * kMillisecond);
     });
 }
 
 // The display modes.
 
-struct ModeCase {
-    const char* name;
-    std::vector<rig::Setting> settings;
-    usb::Speed link;
-    bool transmitter;
+struct Timing {
     unsigned width;
     unsigned height;
-    bool detection; // of bandwidth: ended by clearing a bit, whether or not it was set
-
     std::uint32_t pll;
     std::array<std::uint32_t, 4> images; // 0x8008, 0x800C, 0x8010, 0x8014
-    std::uint32_t control;               // bits set in 0x803C
     std::uint32_t formatCleared;         // bits cleared in 0x8004
-    std::uint32_t format;                // bits set in 0x8004
 };
 
-constexpr std::array<std::uint32_t, 4> kVga = {0x02800320, 0x00600089, 0x01E0020D, 0x01C2001C};
-constexpr std::array<std::uint32_t, 4> kVgaCea = {0x02800320, 0x00600091, 0x01E0020D, 0x02420024};
-constexpr std::array<std::uint32_t, 4> k1080 = {0x07800898, 0x002C00C1, 0x04380465, 0x02A5002A};
+constexpr Timing kVga = {640, 480, 0x3F6119, {0x02800320, 0x00600089, 0x01E0020D, 0x01C2001C}, 0x9F0020CC};
+constexpr Timing kVgaCea = {640, 480, 0x3F6119, {0x02800320, 0x00600091, 0x01E0020D, 0x02420024}, 0x9F0020CC};
+constexpr Timing kFullHd = {
+    1920, 1080, 0x596106, {0x07800898, 0x002C00C1, 0x04380465, 0x02A5002A}, 0x9F0020C0};
+
+struct ModeCase {
+    const char* name;
+    Timing timing;
+    std::uint32_t control; // bits set in 0x803C
+    std::uint32_t format;  // bits set in 0x8004
+    usb::Speed link = usb::Speed::Super;
+    std::vector<rig::Setting> settings = {};
+    bool transmitter = false;
+    bool detection = true; // of bandwidth: ended by clearing a bit, even if it was not set
+};
 
 const ModeCase kModeCases[] = {
-    {"640x480, 3 bytes",
-     {},
-     usb::Speed::Super,
-     false,
-     640,
-     480,
-     true,
-     0x3F6119,
-     kVga,
-     0x11000000,
-     0x9F0020CC,
-     0x00000081},
-    {"640x480, 3 bytes, transmitter",
-     {},
-     usb::Speed::Super,
-     true,
-     640,
-     480,
-     true,
-     0x3F6119,
-     kVgaCea,
-     0x11000000,
-     0x9F0020CC,
-     0x00000081},
-    {"1920x1080, 3 bytes",
-     {},
-     usb::Speed::Super,
-     false,
-     1920,
-     1080,
-     true,
-     0x596106,
-     k1080,
-     0x21000000,
-     0x9F0020C0,
-     0x0000008D},
+    {"640x480, 3 bytes", kVga, 0x11000000, 0x00000081},
+    {.name = "640x480, 3 bytes, transmitter",
+     .timing = kVgaCea,
+     .control = 0x11000000,
+     .format = 0x00000081,
+     .transmitter = true},
+    {"1920x1080, 3 bytes", kFullHd, 0x21000000, 0x0000008D},
     {"1920x1080, RGB565",
-     {setting("UseUsb3OutputRGB565Enable", 1), setting("UseDynamicPixelBytesAdjustmentEnable", 0)},
-     usb::Speed::Super,
-     false,
-     1920,
-     1080,
-     true,
-     0x596106,
-     k1080,
+     kFullHd,
      0x10000000,
-     0x9F0020C0,
-     0x000000CD},
-    {"1920x1080, RGB555 compressed",
-     {},
-     usb::Speed::High,
-     false,
-     1920,
-     1080,
-     true,
-     0x596106,
-     k1080,
-     0x10000000,
-     0x9F0020C0,
-     0x8100008D},
-    {"1920x1080, 3 bytes, no bandwidth detection, with bucket",
-     {setting("UseBandwidthDetectionEnable", 0), setting("UseFrameErrorBucket", 1)},
+     0x000000CD,
      usb::Speed::Super,
-     false,
-     1920,
-     1080,
-     false,
-     0x596106,
-     k1080,
-     0x20200000,
-     0x9F0020C0,
-     0x0000008D},
+     {setting("UseUsb3OutputRGB565Enable", 1), setting("UseDynamicPixelBytesAdjustmentEnable", 0)}},
+    {"1920x1080, RGB555 compressed", kFullHd, 0x10000000, 0x8100008D, usb::Speed::High},
+    {.name = "1920x1080, 3 bytes, no bandwidth detection, with bucket",
+     .timing = kFullHd,
+     .control = 0x20200000,
+     .format = 0x0000008D,
+     .settings = {setting("UseBandwidthDetectionEnable", 0), setting("UseFrameErrorBucket", 1)},
+     .detection = false},
 };
 
 Table modeTable(const ModeCase& mode, bool first) {
     Table table;
     if (first) {
-        table = {set(0x803C, bit(26)), write(0x802C, mode.pll)};
+        table = {set(0x803C, bit(26)), write(0x802C, mode.timing.pll)};
     }
     table = table + Table{set(0x8048, bit(15)),
                           read(0x802C),
                           clear(0x803C, 0x39682000),
                           set(0x803C, mode.control),
-                          clear(0x8004, mode.formatCleared),
+                          clear(0x8004, mode.timing.formatCleared),
                           set(0x8004, mode.format)};
     constexpr std::uint16_t kImageRegisters[] = {0x8008, 0x800C, 0x8010, 0x8014};
-    for (std::size_t i = 0; i < mode.images.size(); i++) {
-        table.push_back(write(kImageRegisters[i], mode.images[i]));
+    for (std::size_t i = 0; i < mode.timing.images.size(); i++) {
+        table.push_back(write(kImageRegisters[i], mode.timing.images[i]));
         table.push_back(read(kImageRegisters[i]));
     }
     return table + Table{clear(0x801C, 0x3FFF0000), clear(0x0070, bit(13))};
 }
 
-// The standard request that selects alternate setting 0 of the streaming interface; the register accesses
-// after which it came.
-std::optional<std::size_t> alternateSettingAfter(const std::vector<ControlTransfer>& said) {
-    std::size_t registers = 0;
-    for (const ControlTransfer& transfer : said) {
+// The number of register accesses before the standard request that selects alternate setting 0 of the
+// streaming interface.
+std::optional<std::size_t> accessesBeforeAlternateSetting(const std::vector<Transfer>& transfers) {
+    std::size_t accesses = 0;
+    for (const Transfer& transfer : transfers) {
         if (transfer.isVendor()) {
-            registers++;
+            accesses++;
         } else if (transfer.setup.requestType == 0x01 && transfer.setup.request == 11 &&
                    transfer.setup.value == 0 && transfer.setup.index == 1) {
-            return registers;
+            return accesses;
         }
     }
     return std::nullopt;
 }
 
-TEST(WireOfModes, ProgramsTimingClockAndFormat) {
+TEST(ModeSequences, ProgramTimingClockAndFormat) {
     for (const ModeCase& mode : kModeCases) {
         SCOPED_TRACE(mode.name);
-        Recorder recorder;
-        runSession(inOrder(mode.settings), [&](Session& session) {
-            session.attachMonitor({});
-            PlugOptions plug = adapter(2, mode.link);
-            plug.adapter.transmitter = mode.transmitter;
-            plug.inFront = recorder.wrap(session.machine().clock());
-            session.plug(plug);
+        PlugOptions plug = adapter(2, mode.link);
+        plug.adapter.transmitter = mode.transmitter;
+        record(inOrder(mode.settings), plug, kWithoutEdid, [&](Session& session, Recorder& recorder) {
             session.openClient();
-            session.createFrameBuffer(kDesktop, mode.width, mode.height);
+            session.createFrameBuffer(kDesktop, mode.timing.width, mode.timing.height);
 
             recorder.clear();
             session.setDisplayPower(true);
-            const Table hold = {set(0x803C, bit(25)), clear(0x803C, bit(25))};
-            const Table first = modeTable(mode, true);
-            EXPECT_EQ("",
-                      differs(recorder.registerAccesses(false), mode.transmitter ? first + hold : first, 2));
             if (!mode.transmitter) {
-                EXPECT_EQ(recorder.registerAccesses().size(), alternateSettingAfter(recorder.transfers()))
-                    << "the streaming interface is selected when the timing stands";
+                EXPECT_EQ(recorder.registerAccesses().size(),
+                          accessesBeforeAlternateSetting(recorder.transfers()))
+                    << "the streaming interface is selected after the timing is programmed";
             }
+            const Table hold = {set(0x803C, bit(25)), clear(0x803C, bit(25))};
+            expectAccesses(recorder, modeTable(mode, true) + (mode.transmitter ? hold : Table{}), 2, false);
 
             // Off: the bandwidth detection ends with the stream, then the output is flushed.
-            recorder.clear();
             session.setDisplayPower(false);
             const Table noDetection = mode.detection ? Table{clear(0x803C, bit(24))} : Table{};
-            EXPECT_EQ(
-                "", differs(recorder.registerAccesses(false), noDetection + Table{set(0x8048, bit(15))}, 2));
+            expectAccesses(recorder, noDetection + Table{set(0x8048, bit(15))}, 2, false);
 
-            // On again: the clock runs already.
-            recorder.clear();
+            // On again: the clock is still running.
             session.setDisplayPower(true);
-            EXPECT_EQ("", differs(recorder.registerAccesses(false), noDetection + modeTable(mode, false), 2));
-            session.present(kDesktop, pattern("bars", mode.width, mode.height));
+            expectAccesses(recorder, noDetection + modeTable(mode, false), 2, false);
+            session.present(kDesktop, pattern("bars", mode.timing.width, mode.timing.height));
             expectPicture(session, 5 * kSecond);
         });
     }
 }
 
-// Nothing is left of a mode after a detach: the next display-on programs the clock, too.
-TEST(WireOfModes, ProgramsTheClockAgainAfterADetach) {
-    Recorder recorder;
-    runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        PlugOptions plug = adapter();
-        plug.inFront = recorder.wrap(session.machine().clock());
-        session.plug(plug);
+// After a detach no mode is set any more, so the next display-on programs the clock, too.
+TEST(ModeSequences, ProgramTheClockAgainAfterADetach) {
+    record(inOrder(), adapter(), kWithoutEdid, [](Session& session, Recorder& recorder) {
         switchOn(session);
 
         recorder.clear();
         session.detachMonitor();
         session.machine().sleep(kSecond);
-        EXPECT_EQ("", differs(recorder.registerAccesses(),
-                              kStatus + Table{clear(0x803C, bit(24))} + detached(2), 2));
+        expectAccesses(recorder, kStatus + Table{clear(0x803C, bit(24))} + detached(2));
 
         session.attachMonitor({});
         session.openClient();
         session.createFrameBuffer(kDesktop, kWidth, kHeight);
         recorder.clear();
         session.setDisplayPower(true);
-        const std::vector<ControlTransfer> said = recorder.registerAccesses();
-        const Table table = modeTable(kModeCases[0], true);
-        // The output may still be active from before; whether it is disabled first is not at stake here.
-        const auto clock = std::find_if(said.begin(), said.end(), [](const ControlTransfer& transfer) {
-            return transfer.setup.index == 0x802C && transfer.setup.request == 0x41;
-        });
-        ASSERT_NE(said.end(), clock);
-        EXPECT_EQ(0x3F6119u, clock->word());
-        EXPECT_GE(said.size(), table.size());
+        // Whether the output is disabled first depends on what is left of the previous mode.
+        EXPECT_TRUE(std::ranges::any_of(recorder.registerAccesses(), [](const Transfer& one) {
+            return one.isAccess(kWriteRegister, 0x802C) && one.word() == kVga.pll;
+        }));
         session.present(kDesktop, pattern("bars", kWidth, kHeight));
         expectPicture(session);
     });
 }
 
-// A mode that no table has: nothing is written, and the client is not told.
-TEST(WireOfModes, LeavesTheAdapterAloneForAModeItDoesNotHave) {
-    Recorder recorder;
-    runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        PlugOptions plug = adapter();
-        plug.inFront = recorder.wrap(session.machine().clock());
-        session.plug(plug);
+// A size that no table has: no register is accessed, and the command succeeds all the same.
+TEST(ModeSequences, SkipAModeThatTheAdapterDoesNotHave) {
+    record(inOrder(), adapter(), kWithoutEdid, [](Session& session, Recorder& recorder) {
         session.openClient();
         require(session.client().createFrameBuffer(kDesktop, 1000, 1000), "creating a frame buffer");
         recorder.clear();
@@ -420,7 +324,7 @@ TEST(WireOfModes, LeavesTheAdapterAloneForAModeItDoesNotHave) {
     });
 }
 
-TEST(WireOfModes, ChoosesTheRefreshOfFullHd) {
+TEST(ModeSequences, ChooseTheRefreshOfFullHd) {
     constexpr std::uint32_t k60 = 1920u << 16 | 2200;
     constexpr std::uint32_t k50 = 1920u << 16 | 2640;
     constexpr std::uint32_t k24 = 1920u << 16 | 2752;
@@ -451,32 +355,22 @@ TEST(WireOfModes, ChoosesTheRefreshOfFullHd) {
     }
 }
 
-// An adapter that lost its clock in a sleep gets its timing back before anybody asks for a mode.
-TEST(WireOfModes, RestoresTheTimingAfterASleep) {
-    Recorder recorder;
-    runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        PlugOptions plug = adapter();
-        plug.inFront = recorder.wrap(session.machine().clock());
-        session.plug(plug);
+// An adapter that lost its clock in a sleep gets its timing back without a command of the client.
+TEST(ModeSequences, RestoreTheTimingAfterASleep) {
+    record(inOrder(), adapter(), kWithoutEdid, [](Session& session, Recorder& recorder) {
         switchOn(session);
         session.present(kDesktop, pattern("bars", kWidth, kHeight));
         expectPicture(session);
-
         recorder.clear();
         session.suspend();
-        EXPECT_EQ("", differs(recorder.registerAccesses(), sleep(2), 2));
-        recorder.clear();
+        expectAccesses(recorder, sleep(2));
         session.resume();
-        EXPECT_EQ("",
-                  differs(recorder.registerAccesses(),
-                          powerUp(2) + Table{read(0x802C)} + modeTable(kModeCases[0], true) + kStatus, 2));
+        expectAccesses(recorder, powerUp(2) + Table{read(0x802C)} + modeTable(kModeCases[0], true) + kStatus);
         expectPicture(session);
     });
 }
 
-// Setup packets, byte by byte.
-
+// A setup packet, byte by byte.
 std::array<std::uint8_t, 8> bytesOf(const usb::SetupPacket& setup) {
     const auto low = [](std::uint16_t word) { return static_cast<std::uint8_t>(word); };
     const auto high = [](std::uint16_t word) { return static_cast<std::uint8_t>(word >> 8); };
@@ -484,56 +378,35 @@ std::array<std::uint8_t, 8> bytesOf(const usb::SetupPacket& setup) {
             low(setup.index),  high(setup.index), low(setup.length), high(setup.length)};
 }
 
-TEST(WireOfRegisters, IsVendorRequestsOfFourBytes) {
-    Recorder recorder;
-    runSession(inOrder(), [&](Session& session) {
-        PlugOptions plug = adapter();
-        plug.inFront = recorder.wrap(session.machine().clock());
-        session.plug(plug);
-        session.attachMonitor({});
-        ASSERT_TRUE(session.client().waitForArrival(kSecond));
-
+TEST(RegisterAccesses, AreVendorRequestsOfFourBytes) {
+    using Setup = std::array<std::uint8_t, 8>;
+    record(inOrder(), adapter(), rig::builtinEdid(), [](Session&, Recorder& recorder) {
         bool readSeen = false;
         bool writeSeen = false;
-        for (const ControlTransfer& transfer : recorder.registerAccesses()) {
-            const std::array<std::uint8_t, 8> bytes = bytesOf(transfer.setup);
+        bool serialSeen = false;
+        for (const Transfer& transfer : recorder.registerAccesses()) {
             EXPECT_EQ(4u, transfer.data.size());
-            if (transfer.setup.request == 0x40 && transfer.setup.index == 0x8020) {
+            if (transfer.isAccess(kReadRegister, kSerialControl)) {
                 readSeen = true;
-                EXPECT_EQ((std::array<std::uint8_t, 8>{0xC0, 0x40, 0, 0, 0x20, 0x80, 4, 0}), bytes);
+                EXPECT_EQ((Setup{0xC0, 0x40, 0, 0, 0x20, 0x80, 4, 0}), bytesOf(transfer.setup));
             }
-            if (transfer.setup.request == 0x41 && transfer.setup.index == 0x0070) {
+            if (transfer.isAccess(kWriteRegister, 0x0070)) {
                 writeSeen = true;
-                EXPECT_EQ((std::array<std::uint8_t, 8>{0x40, 0x41, 0, 0, 0x70, 0, 4, 0}), bytes);
+                EXPECT_EQ((Setup{0x40, 0x41, 0, 0, 0x70, 0, 4, 0}), bytesOf(transfer.setup));
+            }
+            // A serial command keeps the power bits that the control register holds.
+            if (transfer.isAccess(kWriteRegister, kSerialControl) && (transfer.word() & 0xFFFF) == 0x10D0) {
+                serialSeen = true;
+                EXPECT_EQ(0x500010D0u, transfer.word());
             }
         }
         EXPECT_TRUE(readSeen);
         EXPECT_TRUE(writeSeen);
+        EXPECT_TRUE(serialSeen);
     });
 }
 
-// The EDID of an adapter whose control register holds its power bits: commands leave those alone.
-TEST(WireOfRegisters, KeepsThePowerBitsInSerialCommands) {
-    Recorder recorder;
-    runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor(rig::builtinEdid());
-        PlugOptions plug = adapter();
-        plug.inFront = recorder.wrap(session.machine().clock());
-        session.plug(plug);
-        bool seen = false;
-        for (const ControlTransfer& transfer : recorder.registerAccesses()) {
-            if (transfer.setup.request == 0x41 && transfer.setup.index == 0x8020 &&
-                (transfer.word() & 0xFFFF) == 0x10D0) {
-                seen = true;
-                EXPECT_EQ(0x500010D0u, transfer.word());
-            }
-        }
-        EXPECT_TRUE(seen);
-    });
-}
-
-// Which revision an identity stands for shows in how the adapter is powered up.
-TEST(WireOfIdentities, DecidesThePowerUp) {
+TEST(Identities, DetermineThePowerUpSequence) {
     constexpr std::uint16_t kAlt = ADAPTER_PRODUCT_ID - 2;
     const struct {
         const char* name;
@@ -553,21 +426,17 @@ TEST(WireOfIdentities, DecidesThePowerUp) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        Recorder recorder;
-        runSession(inOrder(), [&](Session& session) {
-            PlugOptions plug = adapter(c.revision);
-            plug.adapter.idVendor = c.vendor;
-            plug.adapter.idProduct = c.product;
-            plug.adapter.bcdDevice = c.device;
-            plug.inFront = recorder.wrap(session.machine().clock());
-            session.plug(plug);
-            EXPECT_EQ("", differs(recorder.registerAccesses(), powerUp(c.revision) + noMonitor(c.revision),
-                                  c.revision));
+        PlugOptions plug = adapter(c.revision);
+        plug.adapter.idVendor = c.vendor;
+        plug.adapter.idProduct = c.product;
+        plug.adapter.bcdDevice = c.device;
+        record(inOrder(), plug, std::nullopt, [&](Session&, Recorder& recorder) {
+            expectAccesses(recorder, powerUp(c.revision) + noMonitor(c.revision), c.revision);
         });
     }
 }
 
-TEST(WireOfIdentities, RefusesRevision3AfterReadingItsDescriptors) {
+TEST(Identities, RefuseRevision3AfterReadingItsDescriptors) {
     Recorder recorder;
     runSession(inOrder(), [&](Session& session) {
         PlugOptions plug = adapter(3);
@@ -575,15 +444,14 @@ TEST(WireOfIdentities, RefusesRevision3AfterReadingItsDescriptors) {
         EXPECT_THROW(session.plug(plug), std::exception);
         EXPECT_EQ(STATUS_UNSUCCESSFUL, session.machine().startStatus(session.node()));
         EXPECT_TRUE(recorder.registerAccesses().empty());
-        const std::vector<ControlTransfer> said = recorder.transfers();
-        EXPECT_TRUE(std::any_of(said.begin(), said.end(), [](const ControlTransfer& transfer) {
+        EXPECT_TRUE(std::ranges::any_of(recorder.transfers(), [](const Transfer& transfer) {
             return transfer.setup.request == 6 && transfer.setup.value == 0x0200;
         })) << "the configuration descriptor was not read";
     });
 }
 
-// An adapter without a bulk OUT pipe shows nothing and breaks nothing; one without a status pipe is refused.
-TEST(WireOfIdentities, CopesWithMissingEndpoints) {
+// An adapter without a bulk OUT pipe works, but shows no picture; one without a status pipe is refused.
+TEST(Endpoints, MayBeMissing) {
     std::vector<std::uint8_t> noBulkOut = model::configurationDescriptor(usb::Speed::High);
     std::vector<std::uint8_t> noInterrupt = noBulkOut;
     std::vector<std::uint8_t> oneInterface = noBulkOut;
@@ -622,7 +490,7 @@ TEST(WireOfIdentities, CopesWithMissingEndpoints) {
             EXPECT_THROW(session.plug(plug), std::exception);
             session.remove();
             session.attachMonitor({});
-            session.plug(adapter(2, usb::Speed::High)); // the next adapter is all right
+            session.plug(adapter(2, usb::Speed::High)); // the next adapter works
         });
     }
 }
