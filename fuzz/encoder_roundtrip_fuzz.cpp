@@ -1,5 +1,6 @@
-// Encodes any frame with each encoder and decodes it: the vector form writes the stream of its reference, the
-// stream stays inside its buffer, and the adapter's run expander shows every pixel as the level allows.
+// Encodes any frame with each encoder and decodes it: the vector form writes the same stream as its
+// reference, the stream does not exceed its buffer, and the adapter's run expander shows every pixel with the
+// accuracy of the level.
 //
 // Input: byte 0 picks the encoder, byte 1 the level and (bit 7) the lead-in, byte 2 how much of the largest
 // stream the buffer holds (0: all of it), byte 3 (bit 0) whether the rest is the frame's bytes or a list of

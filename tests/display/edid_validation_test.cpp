@@ -1,11 +1,11 @@
-// Which EDIDs are believed, and what is taken from their CEA extensions. The bytes are the monitor's: no
-// extension count, offset or length may lead outside the block at hand.
+// Which EDIDs are accepted, and which modes their CEA extensions add. The bytes are the monitor's: no
+// extension count, offset or length may lead outside the block. The fuzz target edid_fuzz checks the same
+// with any bytes.
 #include "tests/display/edid_builder.h"
 
 #include "display/monitor_modes.h"
 
 #include <gtest/gtest.h>
-#include <rapidcheck/gtest.h>
 
 #include <cstring>
 #include <functional>
@@ -19,8 +19,7 @@ struct Case {
     std::function<void(Monitor&)> change;
 };
 
-// Each starts as a base block, an HDMI extension with video, audio, vendor and speaker data, and nothing
-// else.
+// Each case starts as a base block and one HDMI extension with video, audio, vendor and speaker data.
 Monitor hdmiMonitor() {
     Monitor monitor;
     monitor.extensions(1).cea(1, video({0x90, 0x04}) + dataBlock(1, {0x09, 0x07, 0x07}) + hdmiVendor() +
@@ -29,7 +28,7 @@ Monitor hdmiMonitor() {
 }
 
 const Case kValidation[] = {
-    {"as it is", true, [](Monitor&) {}},
+    {"unchanged", true, [](Monitor&) {}},
     {"no extension", true, [](Monitor& m) { m.extensions(0); }},
     {"first header byte", false, [](Monitor& m) { m.base()[0] = 1; }},
     {"last header byte", false, [](Monitor& m) { m.base()[7] = 1; }},
@@ -109,7 +108,7 @@ const Case kValidation[] = {
      }},
 };
 
-TEST(EdidValidation, BelievesWhatTheDriverUnderstands) {
+TEST(EdidValidation, ChecksHeaderAndCeaStructure) {
     for (const Case& change : kValidation) {
         SCOPED_TRACE(change.what);
         Monitor monitor = hdmiMonitor();
@@ -187,8 +186,7 @@ TEST(EdidCeaModes, NeedDataBlocksAndFlags) {
     EXPECT_TRUE(monitor.modes().empty());
 }
 
-// Every length of a video block at every offset: what counts is inside its block and in the bytes behind its
-// header, never in the block that follows in memory.
+// Every length of a video block at every offset: no byte of the block that follows in memory is read.
 TEST(EdidCeaModes, StayInsideTheirBlock) {
     for (unsigned header = 4; header < 127; header++) {
         for (unsigned length = 0; length < 32; length++) {
@@ -205,57 +203,6 @@ TEST(EdidCeaModes, StayInsideTheirBlock) {
             ASSERT_TRUE(monitor.modes().empty()) << header << " " << length;
         }
     }
-}
-
-// The blocks as one run of random bytes, with headers and tags likely enough that the walks get somewhere.
-rc::Gen<Bytes> hostileBlocks() {
-    return rc::gen::map(
-        rc::gen::container<Bytes>(EDID_BLOCK_COUNT * EDID_BLOCK_SIZE, rc::gen::arbitrary<std::uint8_t>()),
-        [](Bytes bytes) {
-            for (unsigned block = 1; block < EDID_BLOCK_COUNT; block++) {
-                bytes[block * EDID_BLOCK_SIZE] &= 3;
-                bytes[block * EDID_BLOCK_SIZE + 1] &= 3;
-            }
-            return bytes;
-        });
-}
-
-void fill(Monitor& monitor, const Bytes& bytes, bool withHeader) {
-    Monitor header;
-    std::memcpy(monitor.base(), bytes.data(), bytes.size());
-    if (withHeader) {
-        std::memcpy(monitor.base(), header.base(), 8);
-    }
-}
-
-RC_GTEST_PROP(EdidValidation, LooksOnlyAtTheBlocksThatAreCounted, ()) {
-    Bytes bytes = *hostileBlocks();
-    const unsigned count = *rc::gen::inRange(0u, 8u);
-    bytes[126] = static_cast<std::uint8_t>(count);
-    Monitor monitor;
-    fill(monitor, bytes, true);
-    const bool valid = EDID_Validate(monitor.get()) != 0;
-    const ULONG cea = EDID_FindCeaBlock(monitor.get());
-    for (unsigned block = count + 1; block < EDID_BLOCK_COUNT; block++) {
-        for (unsigned i = 0; i < EDID_BLOCK_SIZE; i++) {
-            monitor.block(block)[i] ^= 0xFF;
-        }
-    }
-    RC_ASSERT((EDID_Validate(monitor.get()) != 0) == valid);
-    RC_ASSERT(EDID_FindCeaBlock(monitor.get()) == cea);
-}
-
-RC_GTEST_PROP(EdidCeaModes, OfABlockAreItsOwn, ()) {
-    const Bytes bytes = *hostileBlocks();
-    const unsigned block = *rc::gen::inRange(1u, 8u);
-    Monitor monitor;
-    fill(monitor, bytes, false);
-    EDID_AddCeaModes(monitor.get(), block);
-    Monitor alone;
-    std::memcpy(alone.block(block), bytes.data() + block * EDID_BLOCK_SIZE, EDID_BLOCK_SIZE);
-    EDID_AddCeaModes(alone.get(), block);
-    RC_ASSERT(monitor.modes() == alone.modes());
-    RC_ASSERT(std::memcmp(monitor.base(), bytes.data(), bytes.size()) == 0);
 }
 
 TEST(MonitorModes, AreListedOnceAndWithinBounds) {

@@ -1,5 +1,5 @@
-// The pipeline's bookkeeping without a device: what a context does after its transfer, and what a stop waits
-// for. The contexts' requests are never formatted, because a dispatch is made out to be running.
+// What a render context does after its transfer, and which tasks a stop waits for, without a device. The
+// contexts' requests are never formatted, because the pipeline believes that a dispatch is already running.
 #include "base/util.h"
 #include "device/device_context.h"
 #include "platform/kernel/scheduler.h"
@@ -15,8 +15,6 @@
 
 #include <functional>
 #include <memory>
-#include <string>
-#include <vector>
 
 namespace {
 
@@ -43,62 +41,53 @@ class Pipeline {
         render.FrameUpdateThreadCreated = TRUE;
     }
 
-    // Leaves whatever is queued where it is.
+    void returnAll() {
+        for (RENDER_CONTEXT& idle : contexts) {
+            RENDER_ReturnToAvailable(context.get(), &idle);
+        }
+    }
+
+    // Keeps the pending list as it is.
     void holdDispatches() TSA_NO_ANALYSIS { render.Dispatching = TRUE; }
 
     void setLatest(ULONG index) TSA_NO_ANALYSIS { render.LatestRenderBufferIndex = index; }
-
-    bool isOn(LIST_ENTRY& list, const RENDER_CONTEXT& wanted) {
-        for (LIST_ENTRY* link = list.Flink; link != &list; link = link->Flink) {
-            if (link == &wanted.Link) {
-                return true;
-            }
-        }
-        return false;
-    }
-    bool isAvailable(const RENDER_CONTEXT& wanted) TSA_NO_ANALYSIS {
-        return isOn(render.AvailableList, wanted);
-    }
-    bool isPending(const RENDER_CONTEXT& wanted) TSA_NO_ANALYSIS { return isOn(render.PendingList, wanted); }
 };
 
 // Runs `body` at PASSIVE_LEVEL of a machine without devices.
-void onMachine(const std::function<void()>& body, std::uint64_t seed = 1) {
-    kernel::SchedulerOptions options;
-    options.seed = seed;
-    kernel::Scheduler scheduler(options);
+void onMachine(const std::function<void()>& body) {
+    kernel::Scheduler scheduler{kernel::SchedulerOptions{}};
     scheduler.run(body);
 }
 
 struct Completion {
     const char* what;
     bool running = true;
-    LONG inFlight = 2; // this one included
-    ULONG buffer = 0;  // that it carried
-    ULONG latest = 0;  // the newest one
+    LONG inFlight = 2; // including this one
+    ULONG buffer = 0;  // of this transfer
+    ULONG latest = 0;  // of the newest frame
     bool newerWaits = false;
     bool refused = false;
     NTSTATUS status = STATUS_SUCCESS;
     USBD_STATUS usbdStatus = USBD_STATUS_SUCCESS;
 
-    bool goesOn = false;
+    bool continues = false;
     bool deviceGone = false;
 };
 
 const Completion kCompletions[] = {
-    {.what = "the newest frame is sent again", .goesOn = true},
-    {.what = "the newest frame is sent again when it is alone", .inFlight = 1, .goesOn = true},
+    {.what = "the newest frame is sent again", .continues = true},
+    {.what = "the newest frame is sent again when it is alone", .inFlight = 1, .continues = true},
     {.what = "an older frame gives way to two of the newest", .inFlight = 3, .latest = 3},
-    {.what = "the last but one takes the newest frame over", .inFlight = 2, .latest = 3, .goesOn = true},
+    {.what = "the last but one takes the newest frame over", .inFlight = 2, .latest = 3, .continues = true},
     {.what = "a newer frame waits", .newerWaits = true},
     {.what = "the stream is stopped", .running = false},
     {.what = "the frame comes from before a stop", .latest = RENDER_BUFFER_NONE},
     {.what = "the frame was not sent", .refused = true},
-    {.what = "a time-out is no reason to stop", .status = STATUS_IO_TIMEOUT, .goesOn = true},
-    {.what = "nor is a cancellation",
+    {.what = "a time-out does not stop the stream", .status = STATUS_IO_TIMEOUT, .continues = true},
+    {.what = "neither does a cancellation",
      .status = STATUS_CANCELLED,
      .usbdStatus = USBD_STATUS_CANCELED,
-     .goesOn = true},
+     .continues = true},
     {.what = "the device is not connected", .status = STATUS_DEVICE_NOT_CONNECTED, .deviceGone = true},
     {.what = "there is no such device", .status = STATUS_NO_SUCH_DEVICE, .deviceGone = true},
     {.what = "the host says that the device is gone",
@@ -115,7 +104,7 @@ const Completion kCompletions[] = {
      .deviceGone = true},
 };
 
-TEST(Completions, DecideWhatAContextDoesNext) {
+TEST(RenderCompletion, DecidesWhatTheContextDoesNext) {
     for (const Completion& expected : kCompletions) {
         SCOPED_TRACE(expected.what);
         onMachine([&] {
@@ -142,12 +131,12 @@ TEST(Completions, DecideWhatAContextDoesNext) {
             params.Parameters.Usb.Completion = &usbParams;
             RENDER_CompleteRenderContext(pipeline.context.get(), &done, &params);
 
-            EXPECT_EQ(pipeline.isPending(done), expected.goesOn);
-            EXPECT_EQ(pipeline.isAvailable(done), !expected.goesOn);
-            if (expected.goesOn) {
+            EXPECT_EQ(done.State, expected.continues ? FRAME_UPDATED : FRAME_CLEARED);
+            if (expected.continues) {
                 EXPECT_EQ(done.RenderBufferIndex, expected.latest);
             }
-            EXPECT_EQ(pipeline.isPending(newer), expected.newerWaits);
+            EXPECT_EQ(pipeline.render.PendingCount, expected.continues + expected.newerWaits);
+            EXPECT_EQ(pipeline.render.AvailableCount, !expected.continues);
             EXPECT_EQ(pipeline.render.RenderContextsInFlight, expected.inFlight - 1);
             EXPECT_EQ(pipeline.context->DeviceRemoved != 0, expected.deviceGone);
             EXPECT_EQ(KeReadStateEvent(&pipeline.render.ThreadStartStopEvent) != 0, expected.deviceGone);
@@ -155,7 +144,7 @@ TEST(Completions, DecideWhatAContextDoesNext) {
     }
 }
 
-TEST(Completions, WithoutUsbStatusAreJudgedByTheirOwn) {
+TEST(RenderCompletion, WithoutUsbStatusUsesTheRequestStatus) {
     onMachine([] {
         Pipeline pipeline;
         pipeline.render.RenderContextsInFlight = 1;
@@ -163,7 +152,7 @@ TEST(Completions, WithoutUsbStatusAreJudgedByTheirOwn) {
         WDF_REQUEST_COMPLETION_PARAMS_INIT(&params);
         params.IoStatus.Status = STATUS_CANCELLED;
         RENDER_CompleteRenderContext(pipeline.context.get(), &pipeline.contexts[0], &params);
-        EXPECT_TRUE(pipeline.isAvailable(pipeline.contexts[0]));
+        EXPECT_EQ(pipeline.contexts[0].State, FRAME_CLEARED);
         EXPECT_FALSE(pipeline.context->DeviceRemoved);
     });
 }
@@ -187,9 +176,9 @@ TEST(RenderBuffers, AreInUseWhileATransferMayReadThem) {
     });
 }
 
-// A stop must not return while another task still works with what it stopped. Each case holds the stop up in
-// one way, for longer than any of its own delays.
-TEST(Stop, WaitsForTasksAtWork) {
+// A stop must not return while another task still fills or sends a frame. Each case holds the stop up in one
+// way, for longer than any of its own delays.
+TEST(Stop, WaitsForRunningTasks) {
     constexpr usb::Time kHold = 700 * kMillisecond;
     struct {
         const char* what;
@@ -207,9 +196,7 @@ TEST(Stop, WaitsForTasksAtWork) {
             SCOPED_TRACE(work.what);
             onMachine([&] {
                 Pipeline pipeline;
-                for (RENDER_CONTEXT& idle : pipeline.contexts) {
-                    RENDER_ReturnToAvailable(pipeline.context.get(), &idle);
-                }
+                pipeline.returnAll();
                 (void)RENDER_Start(pipeline.context.get());
                 work.begin(pipeline);
                 bool stopped = false;
@@ -228,7 +215,7 @@ TEST(Stop, WaitsForTasksAtWork) {
     }
 }
 
-TEST(Stop, LeavesNothingQueuedAndTakesNothingMore) {
+TEST(Stop, EmptiesTheQueueAndRejectsFrames) {
     onMachine([] {
         Pipeline pipeline;
         DEVICE_CONTEXT* context = pipeline.context.get();
@@ -246,13 +233,11 @@ TEST(Stop, LeavesNothingQueuedAndTakesNothingMore) {
     });
 }
 
-TEST(Start, BeginsWithoutTheFramesOfTheLastRun) {
+TEST(Start, AfterASuspendRequestsANewFrame) {
     onMachine([] {
         Pipeline pipeline;
         DEVICE_CONTEXT* context = pipeline.context.get();
-        for (RENDER_CONTEXT& idle : pipeline.contexts) {
-            RENDER_ReturnToAvailable(context, &idle);
-        }
+        pipeline.returnAll();
         (void)RENDER_Start(context);
         pipeline.setLatest(2);
         FRAMEBUFFER_ClearUpdateRequest(context);
@@ -263,7 +248,7 @@ TEST(Start, BeginsWithoutTheFramesOfTheLastRun) {
     });
 }
 
-TEST(Start, IsRefusedAfterAShutdownAndWithoutASuspend) {
+TEST(Start, IsRefusedAfterAShutdownAndAResumeWithoutASuspend) {
     onMachine([] {
         Pipeline pipeline;
         DEVICE_CONTEXT* context = pipeline.context.get();
@@ -286,7 +271,7 @@ TEST(Start, IsRefusedAfterAShutdownAndWithoutASuspend) {
     });
 }
 
-TEST(RequestPools, WithoutCollectionsRefuseAndDoNothing) {
+TEST(RequestPools, WithoutCollectionsRefuseRequests) {
     onMachine([] {
         Pipeline pipeline;
         DEVICE_CONTEXT* context = pipeline.context.get();

@@ -1,4 +1,5 @@
-// The software pointer: turning, clipping, blending, and drawing into a frame that a client has described.
+// The software pointer: rotation, clipping, blending, and drawing into a frame with the dimensions of a
+// client.
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/scheduler.h"
 #include "surface/cursor_drawing.h"
@@ -56,7 +57,7 @@ struct Shape {
     }
 };
 
-// A pixel of an image: a colour, or AND bit and XOR bit.
+// A pixel of an image: a color, or AND bit and XOR bit.
 std::uint32_t imagePixel(const CURSOR_IMAGE& image, ULONG column, ULONG row) {
     if (!isMonochrome(image.Type)) {
         std::uint32_t pixel;
@@ -69,7 +70,7 @@ std::uint32_t imagePixel(const CURSOR_IMAGE& image, ULONG column, ULONG row) {
     return bit(image.Bits) << 1 | bit(image.Bits + image.Height * image.Pitch);
 }
 
-// An image between two rows of watched bytes.
+// An image between two arrays of guard bytes.
 struct GuardedImage {
     static constexpr std::uint8_t kGuard = 0xA5;
     std::uint8_t before[64];
@@ -96,8 +97,8 @@ const ShapeSize kShapeSizes[] = {
     {POINTER_MONOCHROME, 64, 512, 0},
 };
 
-// Where a point of the client's desktop lies in the frame: the display is mounted turned, and the frame is
-// what its panel shows in its own orientation.
+// The position in the frame of a point on the client's desktop: the frame is in the orientation of the panel,
+// which is mounted rotated.
 struct Point {
     LONG x;
     LONG y;
@@ -117,8 +118,8 @@ Point desktopToFrame(ULONG rotation, LONG desktopWidth, LONG desktopHeight, Poin
 
 } // namespace
 
-// Shape and position are turned by two separate computations; they must agree for every single pixel.
-TEST(CursorRotation, EveryPixelOfThePointerLandsOnItsPointOfTheDesktop) {
+// Shape and position are rotated by separate computations, which must agree for every pixel.
+TEST(CursorRotation, PutsEveryPixelAtItsPointOfTheDesktop) {
     constexpr LONG kDesktopWidth = 1920;
     constexpr LONG kDesktopHeight = 1080;
     for (const ShapeSize& size : kShapeSizes) {
@@ -176,13 +177,13 @@ TEST(CursorRotation, PositionsWrapAroundLikeTheClientsArithmetic) {
     }
 }
 
-TEST(CursorShape, WhatDoesNotFitIsRefusedAndTheOldShapeStays) {
+TEST(CursorShape, ThatDoesNotFitIsRefusedAndTheOldOneStays) {
     const struct {
         const char* what;
         ULONG type, width, height, pitch;
         bool accepted;
     } cases[] = {
-        {"the largest colour shape", 2, 256, 256, 1024, true},
+        {"the largest color shape", 2, 256, 256, 1024, true},
         {"one row more than the largest", 2, 256, 257, 1024, false},
         {"the largest monochrome shape", 1, 1024, 1024, 128, true},
         {"one row more in each mask", 1, 1024, 1025, 128, false},
@@ -195,7 +196,7 @@ TEST(CursorShape, WhatDoesNotFitIsRefusedAndTheOldShapeStays) {
         {"everything at its largest", kUlongMax, kUlongMax, kUlongMax, kUlongMax, false},
         {"no rows", 2, 32, 0, 128, true},
         {"no columns, very many rows", 2, 0, kUlongMax, 0, false},
-        {"one row that is too long when turned upright", 1, 1000000, 1, 125000, false},
+        {"one row that is too long when rotated by a quarter", 1, 1000000, 1, 125000, false},
     };
     const Shape oldShape({POINTER_COLOR_ALPHA, 4, 4, 0});
     const Bytes bits(2 * CURSOR_BITS_SIZE, 0x77);
@@ -216,7 +217,7 @@ TEST(CursorShape, WhatDoesNotFitIsRefusedAndTheOldShapeStays) {
             EXPECT_EQ(std::memcmp(&stored->image, before.get(), sizeof(CURSOR_IMAGE)), 0);
             continue;
         }
-        // Whatever is stored can be shown at each rotation.
+        // Every stored shape can be shown in each rotation.
         const auto rotated = makeImage();
         for (const ULONG rotation : {1u, 2u, 3u, 4u}) {
             EXPECT_TRUE(CURSOR_RotateShape(&stored->image, rotation, &rotated->image)) << rotation;
@@ -278,7 +279,7 @@ TEST(CursorClipping, KeepsThePointerOffTheLastColumnAndRow) {
 TEST(CursorBlending, AlphaIsTheExactQuotientTruncatedTowardZero) {
     for (ULONG alpha = 0; alpha < 256; alpha++) {
         for (int frame = 0; frame < 256; frame++) {
-            // Three image values at once, in the three colour bytes.
+            // Three image values at once, in the three color bytes.
             for (int image = 0; image < 256; image += 3) {
                 const ULONG framePixel = 0x5A000000u | static_cast<ULONG>(frame) * 0x010101u;
                 const auto imageByte = [&](int i) { return static_cast<ULONG>(std::min(image + i, 255)); };
@@ -288,7 +289,7 @@ TEST(CursorBlending, AlphaIsTheExactQuotientTruncatedTowardZero) {
                 for (int i = 0; i < 3; i++) {
                     const int moved = static_cast<int>(pixel >> (8 * i) & 0xFF) - frame;
                     const int wanted = (static_cast<int>(imageByte(i)) - frame) * static_cast<int>(alpha);
-                    // Never beyond the true value, and less than one step short of it.
+                    // Never more than the exact value, and less than one step below it.
                     ASSERT_LE(std::abs(moved) * 255, std::abs(wanted));
                     ASSERT_LT(std::abs(wanted) - std::abs(moved) * 255, 255);
                     ASSERT_GE(static_cast<long>(moved) * wanted, 0);
@@ -310,7 +311,7 @@ TEST(CursorBlending, MasksInvertAndReplace) {
 
 namespace {
 
-// A frame buffer whose pixels stand in a block of exactly the bytes it claims.
+// A frame buffer whose pixels are in a block of exactly its size.
 struct Frame {
     std::unique_ptr<FRAME_BUFFER_CONTEXT> record = std::make_unique<FRAME_BUFFER_CONTEXT>();
     Bytes pixels;
@@ -373,7 +374,7 @@ void onMachine(const std::function<void()>& body) {
 
 } // namespace
 
-TEST(CursorDrawing, DrawsWhereItStandsAndLeavesNoTrace) {
+TEST(CursorDrawing, DrawsAtItsPositionAndRestoresThePixels) {
     onMachine([] {
         std::mt19937 random(11);
         const auto image = makeImage();
@@ -392,7 +393,7 @@ TEST(CursorDrawing, DrawsWhereItStandsAndLeavesNoTrace) {
                 const LONG x = static_cast<LONG>(random() % 110) - 55;
                 const LONG y = static_cast<LONG>(random() % 110) - 55;
                 CURSOR_Restore(frame.record.get());
-                ASSERT_EQ(frame.pixels, original.pixels) << "a trace of the pointer stayed";
+                ASSERT_EQ(frame.pixels, original.pixels) << "pixels of the pointer remain";
                 CURSOR_Compose(frame.record.get(), &image->image, x, y);
                 ASSERT_EQ(pixelsThatDiffer(original, frame, image->image, x, y), 0u)
                     << "type " << size.type << ", " << size.width << " x " << size.height << " at (" << x
@@ -411,7 +412,7 @@ TEST(CursorDrawing, HostileFramesAndImagesAreLeftAlone) {
         LONG x, y;
         bool drawn;
     } cases[] = {
-        {"dimensions that promise more than the buffer holds", 64, 64, 4096, {2, 8, 8, 0}, 8, 10, false},
+        {"dimensions larger than the buffer", 64, 64, 4096, {2, 8, 8, 0}, 8, 10, false},
         {"the part of such a frame that exists", 64, 64, 4096, {2, 8, 8, 0}, 8, 8, true},
         {"the last pixel of it", 64, 64, 4096, {2, 8, 8, 0}, 56, 8, true},
         {"one pixel less", 64, 64, 4092 - 4, {2, 8, 8, 0}, 55, 8, false},
@@ -436,7 +437,7 @@ TEST(CursorDrawing, HostileFramesAndImagesAreLeftAlone) {
             CURSOR_Restore(frame.record.get());
             EXPECT_EQ(frame.pixels, before);
         }
-        // An image that no stored shape can be: its rows reach beyond its bits.
+        // An image that is never stored: its rows reach beyond its bits.
         Frame frame(512, 512, 1 << 20);
         const Bytes before = frame.pixels;
         image->image.Type = POINTER_COLOR_ALPHA;
@@ -447,7 +448,7 @@ TEST(CursorDrawing, HostileFramesAndImagesAreLeftAlone) {
     });
 }
 
-TEST(CursorDrawing, WithoutMemoryTheFrameGoesOutWithoutThePointer) {
+TEST(CursorDrawing, WithoutMemoryLeavesTheFrameUnchanged) {
     onMachine([] {
         const Shape shape({POINTER_COLOR_ALPHA, 8, 8, 0});
         const auto image = makeImage();

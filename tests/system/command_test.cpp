@@ -21,16 +21,14 @@ std::span<std::uint8_t> bytesOf(Record& record) {
     return {reinterpret_cast<std::uint8_t*>(&record), sizeof record};
 }
 
-// A running desktop with some picture on the monitor.
+// A running desktop with a picture on the monitor.
 void withDesktop(const std::function<void(Session&)>& body) {
     runSession(inOrder(), [&](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapter());
         body(session);
         if (session.client().isOpen()) {
             session.movePointer(0, 0, false);
-            session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-            expectPicture(session);
+            show(session, gradient());
         }
     });
 }
@@ -48,7 +46,7 @@ TEST(Commands, AnswerByCodeAndLength) {
         {CMD_CREATE_FRAME_BUFFER, 39, 0, STATUS_BUFFER_TOO_SMALL},
         {CMD_CREATE_FRAME_BUFFER, 0, 0, STATUS_BUFFER_TOO_SMALL},
         {CMD_DESTROY_FRAME_BUFFER, 39, 0, STATUS_BUFFER_TOO_SMALL},
-        {CMD_DESTROY_FRAME_BUFFER, 40, 0, STATUS_SUCCESS}, // nothing has that identifier
+        {CMD_DESTROY_FRAME_BUFFER, 40, 0, STATUS_SUCCESS}, // no frame buffer has that identifier
         {CMD_DESTROY_FRAME_BUFFER, 100, 0, STATUS_SUCCESS},
         {CMD_PRESENT_FRAME, 47, 0, STATUS_BUFFER_TOO_SMALL},
         {CMD_SET_POINTER, 15, 0, STATUS_BUFFER_TOO_SMALL},
@@ -109,7 +107,7 @@ TEST(Commands, WriteTheEdidOnceOrTwice) {
     });
 }
 
-// A frame too large for any mode is dropped without an error; one at the limit goes its way.
+// A frame too large for any mode is dropped without an error; one at the limit is accepted.
 TEST(Commands, DropFramesThatAreTooLarge) {
     const struct {
         ULONGLONG bytes;
@@ -170,11 +168,10 @@ TEST(Commands, ReportMissingMemory) {
     });
 }
 
-// The display is switched only when the byte changes.
+// Only a change of the display power accesses the adapter.
 TEST(Commands, SwitchTheDisplayOnlyOnce) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         session.openClient();
         session.createFrameBuffer(kDesktop, kWidth, kHeight);
         const auto writesOf = [&](bool on) {
@@ -185,8 +182,7 @@ TEST(Commands, SwitchTheDisplayOnlyOnce) {
         EXPECT_EQ(0u, writesOf(false));
         EXPECT_GT(writesOf(true), 0u);
         EXPECT_EQ(0u, writesOf(true));
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
         EXPECT_GT(writesOf(false), 0u);
         EXPECT_EQ(0u, writesOf(false));
         session.machine().sleep(100 * kMillisecond);
@@ -205,40 +201,37 @@ TEST(Commands, KeepTheRotationWhenTheRecordIsWrong) {
         EXPECT_EQ(STATUS_INVALID_PARAMETER, session.client().command(CMD_SET_ROTATION, longer, {}));
         session.setPointer(desktop::builtinPointer("arrow"));
         session.movePointer(20, 20, true);
-        expectPicture(session); // as a half turn shows it
+        expectPicture(session); // rotated by a half turn
         session.setRotation(ROTATION_NONE);
         session.setPointer(desktop::builtinPointer("arrow"));
     });
 }
 
-// Display-on while the device sleeps: at most 501 waits of 10 ms for D0.
-
-TEST(DisplayOnInLowPower, TimesOut) {
-    runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+// An adapter that sleeps, with a client that has created a frame buffer.
+void withSleepingAdapter(const std::function<void(Session&)>& body) {
+    runSession(inOrder(), [&](Session& session) {
+        plugWithMonitor(session);
         session.openClient();
         session.createFrameBuffer(kDesktop, kWidth, kHeight);
         session.suspend();
-        const usb::Time begin = session.machine().clock().now();
-        EXPECT_EQ(STATUS_DRIVER_CANCEL_TIMEOUT, session.client().setDisplayPower(true));
-        const usb::Time took = session.machine().clock().now() - begin;
-        EXPECT_EQ(5010 * kMillisecond, took);
-        session.resume();
-        session.setDisplayPower(false);
-        session.setDisplayPower(true);
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        body(session);
     });
 }
 
-TEST(DisplayOnInLowPower, GoesOnWhenTheDeviceWakes) {
-    runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
-        session.openClient();
-        session.createFrameBuffer(kDesktop, kWidth, kHeight);
-        session.suspend();
+// At most 501 waits of 10 ms for D0.
+TEST(DisplayOnInLowPower, TimesOut) {
+    withSleepingAdapter([](Session& session) {
+        const usb::Time begin = now(session);
+        EXPECT_EQ(STATUS_DRIVER_CANCEL_TIMEOUT, session.client().setDisplayPower(true));
+        EXPECT_EQ(5010 * kMillisecond, now(session) - begin);
+        session.resume();
+        switchOffAndOn(session);
+        show(session, bars());
+    });
+}
+
+TEST(DisplayOnInLowPower, ContinuesWhenTheDeviceWakes) {
+    withSleepingAdapter([](Session& session) {
         NTSTATUS status = STATUS_PENDING;
         {
             ClientThread client("client", [&] { status = session.client().setDisplayPower(true); });
@@ -247,14 +240,12 @@ TEST(DisplayOnInLowPower, GoesOnWhenTheDeviceWakes) {
             session.resume();
         }
         EXPECT_EQ(STATUS_SUCCESS, status);
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
     });
 }
 
-// Records with one field after the other at the ends of its range, on top of one that makes sense. Pool
-// guards, and the sanitizers in builds that have them, see every byte out of place; the picture must be right
-// afterwards.
+// Variants of a valid record, with one field after another at the limits of its range. Pool guards, and the
+// sanitizers in builds that have them, find accesses out of bounds; the next picture must be right.
 
 constexpr std::uint64_t kExtremes[] = {0,          1,          2,          3,          7,         255,
                                        256,        257,        1023,       65535,      65536,     0x7FFFFFFF,
@@ -289,7 +280,7 @@ void forEachVariant(const Record& record, std::span<const Field> fields,
             use(variant);
         }
     }
-    // And several fields at once: a fixed sample.
+    // A fixed sample with several changed fields.
     std::mt19937 random(1);
     for (int i = 0; i < 300; i++) {
         Record variant = record;
@@ -307,8 +298,8 @@ void forEachVariant(const Record& record, std::span<const Field> fields,
 constexpr Field kFrameBufferFields[] = {{0, 8}, {8, 8}, {16, 8}, {24, 4}, {28, 4}, {32, 4}, {36, 4}};
 constexpr Field kPresentFields[] = {{0, 8}, {16, 8}, {24, 4}, {28, 4}, {32, 4}, {36, 4}, {40, 4}, {44, 4}};
 
-// Sizes that the machine has no memory for are refused by its pool; those between are left out, because the
-// bench would really allocate gigabytes.
+// The machine's pool refuses the largest sizes. Those that it would accept although they are gigabytes are
+// left out.
 bool wouldFillTheMachine(ULONGLONG bytes) {
     return bytes > 64 << 20 && bytes < ULONGLONG{1} << 40;
 }
@@ -323,7 +314,7 @@ TEST(HostileRecords, FrameBuffersOfAnyShape) {
             }
             const NTSTATUS created = session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(request), {});
             ASSERT_TRUE(created == STATUS_SUCCESS || created == STATUS_INSUFFICIENT_RESOURCES);
-            // The pointer is drawn into whatever becomes current.
+            // The pointer is drawn into any frame buffer that becomes current.
             PRESENT_REQUEST present{};
             present.Identifier = request.Identifier;
             present.FrameKey = 77;
@@ -363,16 +354,14 @@ TEST(HostileRecords, ModesOfAnySize) {
                     70, 0, 4096, static_cast<ULONG>(width), static_cast<ULONG>(height), 0, 0};
                 ASSERT_EQ(STATUS_SUCCESS,
                           session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(request), {}));
-                session.setDisplayPower(false);
-                session.setDisplayPower(true);
+                switchOffAndOn(session);
                 ASSERT_EQ(STATUS_SUCCESS, session.client().destroyFrameBuffer(70));
             }
         }
         // A frame buffer of the mode's dimensions that holds less than their pixels is never sent.
         FRAME_BUFFER_REQUEST small = {71, 0, 4096, kWidth, kHeight, kWidth * 4, 0};
         ASSERT_EQ(STATUS_SUCCESS, session.client().command(CMD_CREATE_FRAME_BUFFER, bytesOf(small), {}));
-        session.setDisplayPower(false);
-        session.setDisplayPower(true);
+        switchOffAndOn(session);
         PRESENT_REQUEST present{};
         present.Identifier = 71;
         present.FrameKey = 5;
@@ -386,7 +375,7 @@ TEST(HostileRecords, ModesOfAnySize) {
 
 TEST(HostileRecords, PointersOfAnyShape) {
     constexpr Field kFields[] = {{0, 4}, {4, 4}, {8, 4}, {12, 4}, {16, 8}, {32, 4}, {36, 4}};
-    // Exactly what a shape can have: the sanitizer sees any byte that is read beyond.
+    // Exactly the largest size of a shape, so that the sanitizer finds any read beyond it.
     const Bytes bits(262144, 0x3C);
     withDesktop([&](Session& session) {
         for (const ULONG type : {1u, 2u, 4u}) {
@@ -435,7 +424,7 @@ TEST(HostileRecords, PointersAnywhere) {
     });
 }
 
-// The largest shapes that fit, and the smallest that do not.
+// The largest shapes that can be stored.
 TEST(HostileRecords, PointersAtTheLimit) {
     const struct {
         POINTER_TYPE type;
@@ -448,7 +437,7 @@ TEST(HostileRecords, PointersAtTheLimit) {
         {POINTER_MONOCHROME, 1024, 1024, 128},
     };
     runSession(inOrder(), [&](Session& session) {
-        showDesktop(session, adapter(), pattern("gradient", 1280, 1024));
+        startDesktop(session, adapter(), pattern("gradient", 1280, 1024));
         for (const auto& c : cases) {
             for (const DISPLAY_ROTATION rotation : {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF}) {
                 SCOPED_TRACE(fmt::format("type {} of {}x{}, rotation {}", static_cast<int>(c.type), c.width,
@@ -462,8 +451,7 @@ TEST(HostileRecords, PointersAtTheLimit) {
                 session.setRotation(rotation);
                 session.setPointer(image);
                 session.movePointer(100, 90, true);
-                // A shape as large as this may be larger than what can be saved under it: then it is not
-                // drawn, but never half drawn, and it leaves no trace.
+                // The pixels under the largest shape cannot be saved: it is not drawn, not even in part.
                 session.machine().sleep(20 * kMillisecond);
                 session.movePointer(120, 100, true);
                 if (c.width * c.height <= 256 * 256) {
@@ -476,54 +464,38 @@ TEST(HostileRecords, PointersAtTheLimit) {
     });
 }
 
-// Presents from the callback that fills a frame, a client that fills nothing, and one that goes away without
-// a word are other clients than ours: spoken to through the raw entry.
-struct RudeClient {
-    INTERFACE_RECORD driver{};
-    std::function<NTSTATUS(const FRAME_FILL_REQUEST&)> fill;
+// Clients with another fill callback than desktop::Client: one that sends commands, one that fails, one that
+// is slow.
 
-    static NTSTATUS entry(VOID* context, ULONG code, VOID* input, ULONGLONG, VOID*, ULONGLONG, ULONG*) {
-        EXPECT_EQ(CLIENT_CMD_FILL_FRAME_BUFFER, code);
-        return static_cast<RudeClient*>(context)->fill(*static_cast<const FRAME_FILL_REQUEST*>(input));
-    }
-    static VOID release(VOID*) {}
+const PRESENT_REQUEST kPresent = {kDesktop, 0x1234,  kWidth* kHeight * 4, 3,
+                                  kWidth,   kHeight, kWidth * 4,          {0, 0}};
 
-    NTSTATUS command(ULONG code, VOID* input, ULONGLONG length) {
-        ULONG returned = 0;
-        return kernel::callDriver("CommandEntry", driver.CommandEntry, driver.Context, code, input, length,
-                                  static_cast<VOID*>(nullptr), ULONGLONG{0}, &returned);
-    }
-};
-
-void withRudeClient(const std::function<void(Session&, RudeClient&)>& body) {
+void withRawClient(const std::function<void(Session&, RawClient&)>& body) {
     runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         ASSERT_TRUE(session.client().waitForArrival(kSecond));
-        RudeClient client;
-        INTERFACE_RECORD mine{0xFFFFFFFF, 1, 0, &client, RudeClient::entry, RudeClient::release};
-        std::shared_ptr<platform::InterfaceHandle> handle;
-        const auto links = session.machine().interfaces(GUID_DEVINTERFACE_USB_DISPLAY);
-        require(session.machine().open(links.front(), handle), "opening");
-        ULONG_PTR information = 0;
-        require(session.machine().internalControl(*handle, IOCTL_EXCHANGE_INTERFACE, bytesOf(mine),
-                                                  bytesOf(client.driver), information),
-                "exchanging");
-        FRAME_BUFFER_REQUEST create = {kDesktop, 0, kWidth * kHeight * 4, kWidth, kHeight, kWidth * 4, 0};
-        require(client.command(CMD_CREATE_FRAME_BUFFER, &create, sizeof(create)), "creating");
-        DISPLAY_POWER_REQUEST on{0, 1, {}};
-        require(client.command(CMD_SET_DISPLAY_POWER, &on, sizeof(on)), "switching on");
+        RawClient client(session);
+        require(client.exchange(), "exchanging");
+        require(
+            client.command(CMD_CREATE_FRAME_BUFFER, FRAME_BUFFER_REQUEST{kDesktop, 0, kWidth * kHeight * 4,
+                                                                         kWidth, kHeight, kWidth * 4, 0}),
+            "creating");
+        require(client.command(CMD_SET_DISPLAY_POWER, DISPLAY_POWER_REQUEST{0, 1, {}}), "switching on");
         body(session, client);
-        kernel::callDriver("ReleaseEntry", client.driver.ReleaseEntry, client.driver.Context);
-        session.machine().close(handle);
+        client.release();
     });
 }
 
-TEST(RudeClients, MayPresentFromInsideAFill) {
-    withRudeClient([](Session& session, RudeClient& client) {
+void expectShade(Session& session, std::uint8_t shade) {
+    session.machine().sleep(100 * kMillisecond);
+    const std::optional<model::Picture> picture = session.adapter().picture();
+    ASSERT_TRUE(picture);
+    EXPECT_EQ(shade, picture->pixels[0]);
+}
+
+TEST(FillCallbacks, MaySendCommands) {
+    withRawClient([](Session& session, RawClient& client) {
         unsigned depth = 0;
-        PRESENT_REQUEST present = {kDesktop, 0x1234,  kWidth * kHeight * 4, 3,
-                                   kWidth,   kHeight, kWidth * 4,           {0, 0}};
         client.fill = [&](const FRAME_FILL_REQUEST& request) {
             EXPECT_EQ(kDesktop, request.Identifier);
             EXPECT_EQ(0x1234u, request.ClientValue);
@@ -531,64 +503,53 @@ TEST(RudeClients, MayPresentFromInsideAFill) {
             EXPECT_EQ(0u, request.Zero);
             std::memset(request.PixelBuffer, 0x40, request.ByteSize);
             if (depth++ == 0) {
-                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
                 POINTER_POSITION position{0, 9, 9, 1};
                 POINTER_REQUEST pointer{&position, nullptr};
-                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_POINTER, &pointer, sizeof(pointer)));
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_POINTER, pointer));
             }
             return STATUS_SUCCESS;
         };
-        EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
-        session.machine().sleep(100 * kMillisecond);
-        const std::optional<model::Picture> picture = session.adapter().picture();
-        ASSERT_TRUE(picture);
-        EXPECT_EQ(0x40, picture->pixels[0]);
+        EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
+        expectShade(session, 0x40);
     });
 }
 
-TEST(RudeClients, MayDestroyTheFrameTheyFill) {
-    withRudeClient([](Session& session, RudeClient& client) {
+TEST(FillCallbacks, MayDestroyTheirFrameBuffer) {
+    withRawClient([](Session& session, RawClient& client) {
         client.fill = [&](const FRAME_FILL_REQUEST& request) {
             FRAME_BUFFER_REQUEST destroy{};
             destroy.Identifier = request.Identifier;
-            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, &destroy, sizeof(destroy)));
-            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, &destroy, sizeof(destroy)));
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, destroy));
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_DESTROY_FRAME_BUFFER, destroy));
             std::memset(request.PixelBuffer, 0x60, request.ByteSize);
-            return STATUS_UNSUCCESSFUL; // nobody looks at it
+            return STATUS_UNSUCCESSFUL; // the driver ignores the status
         };
-        PRESENT_REQUEST present = {kDesktop, 0, kWidth * kHeight * 4, 3, kWidth, kHeight, kWidth * 4, {0, 0}};
         for (int i = 0; i < 20; i++) {
-            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
         }
         session.machine().sleep(100 * kMillisecond);
     });
 }
 
-TEST(RudeClients, MayTakeTheirTimeFilling) {
-    withRudeClient([](Session& session, RudeClient& client) {
+TEST(FillCallbacks, MayBeSlow) {
+    withRawClient([](Session& session, RawClient& client) {
         client.fill = [&](const FRAME_FILL_REQUEST& request) {
             session.machine().sleep(3 * kSecond);
             std::memset(request.PixelBuffer, 0x20, request.ByteSize);
             return STATUS_SUCCESS;
         };
-        PRESENT_REQUEST present = {kDesktop, 0, kWidth * kHeight * 4, 3, kWidth, kHeight, kWidth * 4, {0, 0}};
         {
             // The display is switched off while the frame is being filled.
-            ClientThread presenter("presenter", [&] {
-                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, &present, sizeof(present)));
-            });
+            ClientThread presenter(
+                "presenter", [&] { EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent)); });
             session.machine().sleep(kSecond);
-            DISPLAY_POWER_REQUEST off{0, 0, {}};
-            const usb::Time begin = session.machine().clock().now();
-            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, &off, sizeof(off)));
-            EXPECT_LT(session.machine().clock().now() - begin, kSecond);
-            DISPLAY_POWER_REQUEST on{0, 1, {}};
-            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, &on, sizeof(on)));
+            const usb::Time begin = now(session);
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, DISPLAY_POWER_REQUEST{0, 0, {}}));
+            EXPECT_LT(now(session) - begin, kSecond);
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, DISPLAY_POWER_REQUEST{0, 1, {}}));
         }
-        session.machine().sleep(100 * kMillisecond);
-        const std::optional<model::Picture> picture = session.adapter().picture();
-        ASSERT_TRUE(picture);
-        EXPECT_EQ(0x20, picture->pixels[0]);
+        expectShade(session, 0x20);
     });
 }
 

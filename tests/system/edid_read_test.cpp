@@ -1,5 +1,6 @@
-// How the monitor's EDID gets into the driver, through the adapter's own master and through the transmitter:
-// whole, whatever its length, and without harm when the monitor garbles it or falls silent.
+// How the driver reads the monitor's EDID, through the adapter's own serial master and through the
+// transmitter: complete for each number of blocks, and without a fault when it is corrupt or the monitor
+// stops answering.
 #include "tests/system/rig.h"
 
 #include "device/device_context.h"
@@ -22,7 +23,7 @@ void fixChecksum(Bytes& edid, std::size_t block) {
     edid[block * kBlock + kBlock - 1] = static_cast<std::uint8_t>(0x100 - sum % 0x100);
 }
 
-// The built-in monitor with so many blocks, of which no two are alike.
+// The built-in monitor with `blocks` different blocks.
 Bytes edidOf(std::size_t blocks) {
     const Bytes builtin = rig::builtinEdid();
     Bytes edid(builtin.begin(), builtin.begin() + kBlock);
@@ -36,13 +37,7 @@ Bytes edidOf(std::size_t blocks) {
     return edid;
 }
 
-PlugOptions adapterOn(bool transmitter) {
-    PlugOptions options = adapter();
-    options.adapter.transmitter = transmitter;
-    return options;
-}
-
-// What the driver holds of a block. The base block is rewritten for the client.
+// A block as stored by the driver, which rewrites the base block for the client.
 Bytes blockInDriver(Session& session, std::size_t block) {
     auto* context = static_cast<DEVICE_CONTEXT*>(session.client().driverRecord().Context);
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
@@ -64,13 +59,13 @@ unsigned sumOf(const Bytes& block) {
 
 class EdidRead : public testing::TestWithParam<bool> {};
 
-TEST_P(EdidRead, BringsEveryBlock) {
+TEST_P(EdidRead, ReadsEveryBlock) {
     for (const std::size_t blocks : {1, 2, 3, 8}) {
         SCOPED_TRACE(fmt::format("{} blocks", blocks));
         runSession(inOrder(), [&](Session& session) {
             const Bytes edid = edidOf(blocks);
             session.attachMonitor(edid);
-            session.plug(adapterOn(GetParam()));
+            session.plug(adapterWithTransmitter(GetParam()));
             session.openClient();
             EXPECT_EQ(0x00, offered(session)[0]);
             EXPECT_EQ(0xFF, offered(session)[1]);
@@ -84,15 +79,15 @@ TEST_P(EdidRead, BringsEveryBlock) {
     }
 }
 
-// Header and CEA structure are looked at where there is a transmitter to set up by them; checksums never are.
-// What the client is offered has a right one in any case.
-TEST_P(EdidRead, TakesOfACorruptOneWhatItCan) {
+// Header and CEA structure are checked only if there is a transmitter, checksums never. The block that the
+// client gets always has a correct checksum.
+TEST_P(EdidRead, ChecksTheStructureForTheTransmitter) {
     const struct {
         const char* what;
         std::size_t byte;
         bool structural;
     } cases[] = {
-        {"header", 5, true}, // the first three are never asked for through the transmitter
+        {"header", 5, true}, // the transmitter never reads the first three bytes
         {"contents", 20, false},
         {"checksum", 127, false},
         {"revision of the extension", kBlock + 1, true},
@@ -104,7 +99,7 @@ TEST_P(EdidRead, TakesOfACorruptOneWhatItCan) {
             Bytes edid = edidOf(2);
             edid[c.byte] ^= 0x10;
             session.attachMonitor(edid);
-            session.plug(adapterOn(GetParam()));
+            session.plug(adapterWithTransmitter(GetParam()));
             session.openClient();
             EXPECT_EQ(GetParam() && c.structural, offered(session) == kNothing);
             EXPECT_EQ(0u, sumOf(offered(session)));
@@ -112,23 +107,23 @@ TEST_P(EdidRead, TakesOfACorruptOneWhatItCan) {
     }
 }
 
-// The monitor answers so many bytes and then holds the bus. The client arrives all the same, soon enough, and
-// the next monitor is read.
-TEST_P(EdidRead, OutlivesAMonitorThatFallsSilent) {
+// The monitor answers a number of bytes and then holds the bus. The client gets its interface in time, and
+// the EDID of the next monitor is read.
+TEST_P(EdidRead, EndsWhenTheMonitorStopsAnswering) {
     for (const unsigned bytes : {0u, 1u, 7u, 50u, 127u, 128u, 200u, 255u}) {
         SCOPED_TRACE(fmt::format("silent after {} bytes", bytes));
         runSession(inOrder(), [&](Session& session) {
             session.attachMonitor(edidOf(2));
-            session.plug(adapterOn(GetParam()));
+            session.plug(adapterWithTransmitter(GetParam()));
             session.openClient();
             const Bytes whole = offered(session);
 
             session.detachMonitor();
             session.adapter().limitDdcAnswers(bytes);
-            const usb::Time begin = session.machine().clock().now();
+            const usb::Time begin = now(session);
             session.attachMonitor(edidOf(2));
             session.openClient();
-            EXPECT_LT(session.machine().clock().now() - begin, 60 * kSecond);
+            EXPECT_LT(now(session) - begin, 60 * kSecond);
             EXPECT_EQ(0u, sumOf(offered(session)));
 
             session.detachMonitor();

@@ -1,53 +1,14 @@
-// The exchange of entry points: sizes, codes, one client at a time, and the end of a tenure.
+// The exchange of entry points: sizes, codes, one client at a time, and the end of a session.
 #include "tests/system/rig.h"
 
-#include "platform/kernel/driver_call.h"
-
-#include <cstring>
 #include <fmt/format.h>
-#include <memory>
 
 namespace system_test {
 namespace {
 
-// A client with its hands on the raw request.
-class RawClient {
-  public:
-    explicit RawClient(Session& session) : machine_(session.machine()) {
-        const auto links = machine_.interfaces(GUID_DEVINTERFACE_USB_DISPLAY);
-        if (links.empty()) {
-            throw std::runtime_error("no interface");
-        }
-        require(machine_.open(links.front(), handle_), "opening the interface");
-    }
-    ~RawClient() { machine_.close(handle_); }
-
-    NTSTATUS control(ULONG code, std::size_t inputBytes, std::size_t outputBytes) {
-        std::vector<std::uint8_t> input(inputBytes, 0x5A);
-        std::vector<std::uint8_t> output(outputBytes, 0xA5);
-        const NTSTATUS status = machine_.internalControl(*handle_, code, input, output, information);
-        if (NT_SUCCESS(status)) {
-            std::memcpy(&answer, output.data(), sizeof(answer));
-            untouched = std::vector<std::uint8_t>(output.begin() + sizeof(answer), output.end());
-        }
-        return status;
-    }
-    NTSTATUS exchange() { return control(IOCTL_EXCHANGE_INTERFACE, 40, 40); }
-    void release() { kernel::callDriver("ReleaseEntry", answer.ReleaseEntry, answer.Context); }
-
-    ULONG_PTR information = 0;
-    INTERFACE_RECORD answer{};
-    std::vector<std::uint8_t> untouched; // of the output, behind the record
-
-  private:
-    platform::Machine& machine_;
-    std::shared_ptr<platform::InterfaceHandle> handle_;
-};
-
 void withMonitor(const std::function<void(Session&)>& body) {
     runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         ASSERT_TRUE(session.client().waitForArrival(kSecond));
         body(session);
     });
@@ -58,17 +19,17 @@ TEST(Exchange, HandsOutTheDriversRecord) {
         RawClient client(session);
         ASSERT_EQ(STATUS_SUCCESS, client.exchange());
         EXPECT_EQ(40u, client.information);
-        EXPECT_EQ(1u, client.answer.Version);
-        EXPECT_EQ(0u, client.answer.Reserved);
-        EXPECT_EQ(40u, client.answer.Size);
-        EXPECT_NE(nullptr, client.answer.Context);
-        EXPECT_NE(nullptr, client.answer.CommandEntry);
-        EXPECT_NE(nullptr, client.answer.ReleaseEntry);
+        EXPECT_EQ(1u, client.driver.Version);
+        EXPECT_EQ(0u, client.driver.Reserved);
+        EXPECT_EQ(40u, client.driver.Size);
+        EXPECT_NE(nullptr, client.driver.Context);
+        EXPECT_NE(nullptr, client.driver.CommandEntry);
+        EXPECT_NE(nullptr, client.driver.ReleaseEntry);
         client.release();
     });
 }
 
-TEST(Exchange, RefusesWhatIsNotOne) {
+TEST(Exchange, RefusesOtherSizesAndCodes) {
     const struct {
         ULONG code;
         std::size_t input;
@@ -90,12 +51,12 @@ TEST(Exchange, RefusesWhatIsNotOne) {
             EXPECT_EQ(c.status, client.control(c.code, c.input, c.output));
             EXPECT_EQ(0u, client.information);
         }
-        EXPECT_EQ(STATUS_SUCCESS, client.exchange()) << "a refused exchange took the interface";
+        EXPECT_EQ(STATUS_SUCCESS, client.exchange()) << "a refused exchange reserved the interface";
         client.release();
     });
 }
 
-TEST(Exchange, TouchesNoMoreThanTheRecord) {
+TEST(Exchange, WritesNoMoreThanTheRecord) {
     withMonitor([](Session& session) {
         RawClient client(session);
         ASSERT_EQ(STATUS_SUCCESS, client.control(IOCTL_EXCHANGE_INTERFACE, 100, 100));
@@ -121,17 +82,16 @@ TEST(Exchange, ServesOneClientAtATime) {
         second.release();
         ASSERT_EQ(STATUS_SUCCESS, first.exchange());
         first.release();
-        first.release(); // once too often: the next client still gets in, and only one
+        first.release(); // once too often: still exactly one client is accepted
         ASSERT_EQ(STATUS_SUCCESS, second.exchange());
         EXPECT_EQ(STATUS_UNSUCCESSFUL, first.exchange());
         second.release();
     });
 }
 
-TEST(Exchange, LetsExactlyOneOfTwoIn) {
+TEST(Exchange, AcceptsAtMostOneOfTwo) {
     explore(100, [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         ASSERT_TRUE(session.client().waitForArrival(kSecond));
         RawClient first(session);
         RawClient second(session);
@@ -141,7 +101,7 @@ TEST(Exchange, LetsExactlyOneOfTwoIn) {
             ClientThread other("other", [&] { secondStatus = second.exchange(); });
             firstStatus = first.exchange();
         }
-        // Both may lose when each found the other's hand on the count; both must not win.
+        // Both may fail when each finds the count incremented by the other; both must not succeed.
         EXPECT_FALSE(NT_SUCCESS(firstStatus) && NT_SUCCESS(secondStatus));
         RawClient& winner = NT_SUCCESS(firstStatus) ? first : second;
         if (NT_SUCCESS(firstStatus) || NT_SUCCESS(secondStatus)) {
@@ -152,28 +112,17 @@ TEST(Exchange, LetsExactlyOneOfTwoIn) {
     });
 }
 
-// The next client finds nothing of the last one: no frame, no pixels, the display off.
-TEST(Exchange, StartsAfreshForTheNextClient) {
+// The next client starts without the frame buffers of the previous one, and with the display off.
+TEST(Exchange, ResetsTheStateForTheNextClient) {
     withMonitor([](Session& session) {
-        const Surface picture = pattern("bars", kWidth, kHeight);
+        const Surface picture = bars();
         switchOn(session);
-        session.present(kDesktop, picture);
-        expectPicture(session);
+        show(session, picture);
         session.client().close();
         EXPECT_FALSE(session.client().isOpen());
 
         switchOn(session);
-        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-        expectPicture(session);
-    });
-}
-
-TEST(Exchange, LetsEveryoneOpenTheDevice) {
-    withMonitor([](Session& session) {
-        RawClient first(session);
-        ASSERT_EQ(STATUS_SUCCESS, first.exchange());
-        RawClient second(session); // opens although the interface is taken
-        first.release();
+        show(session, gradient());
     });
 }
 

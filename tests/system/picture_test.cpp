@@ -1,5 +1,5 @@
-// The frame that the client hands over is the one that the monitor shows: every revision, link, wire format
-// and encoder, several sizes, and the pointer wherever it can stand.
+// The monitor shows the frame that the client presented: for every revision, link, wire format and encoder,
+// in several sizes, with the pointer at every kind of position. transmitter_test.cpp shows every size.
 #include "tests/system/rig.h"
 
 #include <algorithm>
@@ -39,8 +39,8 @@ std::vector<Format> formatsOf(usb::Speed link) {
         {"BGR24 without SSSE3", {}, 0, Bgr24, false},
         {"RGB565", {rgb565, fixed}, kAll, Rgb565, false},
         {"RGB565 without SSSE3", {rgb565, fixed}, 0, Rgb565, false},
-        // The stop inside the mode set clears the wish for 16 bits while they are adjusted at run time.
-        {"RGB565 wished, 24 bits adjusted", {rgb565}, kAll, Bgr24, false},
+        // The stop inside the mode set clears the request for 16 bits while they are adjusted at run time.
+        {"RGB565 requested, 24 bits adjusted", {rgb565}, kAll, Bgr24, false},
         {"RGB555 in groups", {compressed}, kAll, Rgb555, true},
         {"RGB555 tolerant", {compressed}, 0, Rgb555, true},
         {"three adapters, 24 bits", {several}, kAll, Bgr24Red7, true},
@@ -65,15 +65,13 @@ TEST_P(Pictures, AreShownInEveryFormat) {
         SessionOptions options = inOrder(format.settings);
         options.cpuFeatures = format.cpuFeatures;
         runSession(options, [&](Session& session) {
-            session.attachMonitor({});
-            session.plug(adapter(revision(), link()));
+            plugWithMonitor(session, adapter(revision(), link()));
             session.openClient();
             std::uint64_t identifier = 0;
             for (const Size& size : kSizes) {
                 SCOPED_TRACE(fmt::format("{} at {}x{}", format.name, size.width, size.height));
                 session.createFrameBuffer(++identifier, size.width, size.height);
-                session.setDisplayPower(false);
-                session.setDisplayPower(true);
+                switchOffAndOn(session);
                 for (const char* name : {"gradient", "scroll", "noise", "solid"}) {
                     SCOPED_TRACE(name);
                     session.present(identifier, pattern(name, size.width, size.height));
@@ -101,43 +99,9 @@ INSTANTIATE_TEST_SUITE_P(Every, Pictures,
                                                                                             : "Usb3");
                          });
 
-// Every size at 60 Hz that a monitor may be offered, whatever its pixel count.
-TEST(PicturesOfEverySize, AreShown) {
-    constexpr Size kSizes[] = {{640, 480},  {800, 600},  {848, 480},   {854, 480},   {1024, 768},
-                               {1280, 600}, {1280, 768}, {1280, 1024}, {1366, 768},  {1360, 768},
-                               {1440, 900}, {1600, 900}, {1680, 1050}, {1600, 1200}, {2048, 1152}};
-    runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
-        session.openClient();
-        std::uint64_t identifier = 0;
-        for (const Size& size : kSizes) {
-            SCOPED_TRACE(fmt::format("{}x{}", size.width, size.height));
-            session.createFrameBuffer(++identifier, size.width, size.height);
-            session.setDisplayPower(false);
-            session.setDisplayPower(true);
-            session.present(identifier, pattern("outline", size.width, size.height));
-            expectPicture(session);
-            require(session.client().destroyFrameBuffer(identifier), "destroying a frame buffer");
-        }
-    });
-}
-
-TEST(PicturesOneAfterAnother, ReplaceEachOther) {
-    runSession(inOrder(), [](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
-        for (unsigned frame = 0; frame < 20; frame++) {
-            session.present(kDesktop, pattern("noise", kWidth, kHeight, frame));
-            expectPicture(session);
-        }
-    });
-}
-
 TEST(PicturesOfAnotherSizeThanTheMode, AreNotShown) {
     runSession(inOrder(), [](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapter());
         const std::uint64_t shown = session.adapter().rawChecksum();
 
         require(session.client().createFrameBuffer(2, 800, 600), "creating a frame buffer");
@@ -145,25 +109,21 @@ TEST(PicturesOfAnotherSizeThanTheMode, AreNotShown) {
         session.machine().sleep(100 * kMillisecond);
         EXPECT_EQ(shown, session.adapter().rawChecksum());
 
-        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-        expectPicture(session);
+        show(session, gradient());
     });
 }
 
-// The pointer.
-
 class Pointers : public testing::TestWithParam<const char*> {};
 
-// At every edge and corner of the frame and beyond, turned every way. The turned position depends on the
-// rotation, so the positions are those of the desktop as the client sees it, and each edge of the frame is
-// met by some of them in each rotation.
-TEST_P(Pointers, StandWhereTheyShouldInEveryRotation) {
+// At every edge and corner of the frame and beyond, in every rotation. The positions are those of the desktop
+// as the client sees it, so that in each rotation some of them lie at each edge of the frame.
+TEST_P(Pointers, AreDrawnAtTheirPositionInEveryRotation) {
     const desktop::PointerImage shape = desktop::builtinPointer(GetParam());
     const int width = static_cast<int>(shape.width);
     const int height = static_cast<int>(shape.height);
-    const Surface picture = pattern("gradient", kWidth, kHeight);
+    const Surface picture = gradient();
     runSession(inOrder(), [&](Session& session) {
-        showDesktop(session, adapter(), picture);
+        startDesktop(session, adapter(), picture);
         for (const DISPLAY_ROTATION rotation :
              {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF, ROTATION_THREE_QUARTERS}) {
             session.setRotation(rotation);
@@ -190,12 +150,12 @@ TEST_P(Pointers, StandWhereTheyShouldInEveryRotation) {
 INSTANTIATE_TEST_SUITE_P(OfEachKind, Pointers, testing::Values("arrow", "beam", "halo", "cross"),
                          [](const auto& info) { return std::string(info.param); });
 
-// Moves without a present draw into the same frame again and again: no trace of an earlier place may stay,
-// and none of the pointer at all once it is hidden.
-TEST(PointerMoves, LeaveNoTrace) {
+// Moves without a present draw into the same frame again: no pixel of an earlier position may remain, and
+// none of the pointer at all once it is hidden.
+TEST(PointerMoves, RestoreThePixelsUnderThePointer) {
     const Surface picture = pattern("noise", kWidth, kHeight);
     runSession(inOrder(), [&](Session& session) {
-        showDesktop(session, adapter(), picture);
+        startDesktop(session, adapter(), picture);
         session.setPointer(desktop::builtinPointer("halo"));
         for (int step = 0; step < 40; step++) {
             session.movePointer(step * 17 - 20, step * 13 - 20, true);
@@ -208,14 +168,13 @@ TEST(PointerMoves, LeaveNoTrace) {
     });
 }
 
-// A pointer that came before the first present is in the first picture; one that moves while another frame
+// A pointer that was set before the first present is in the first picture; one that moves while another frame
 // buffer is current is not drawn into the old one.
 TEST(PointerMoves, FollowTheCurrentFrameBuffer) {
-    const Surface first = pattern("bars", kWidth, kHeight);
-    const Surface second = pattern("gradient", kWidth, kHeight);
+    const Surface first = bars();
+    const Surface second = gradient();
     runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         session.openClient();
         session.setPointer(desktop::builtinPointer("cross"));
         session.movePointer(100, 100, true);
@@ -236,23 +195,21 @@ TEST(PointerMoves, FollowTheCurrentFrameBuffer) {
 }
 
 // Memory that the client never filled must not reach the wire: a pointer update before the first present
-// finds the frame buffer that nobody filled.
-TEST(PointerMoves, ShowNoMemoryThatWasNeverFilled) {
+// finds a frame buffer without a picture.
+TEST(PointerMoves, ShowNoUnfilledMemory) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         switchOn(session);
         session.setPointer(desktop::builtinPointer("arrow"));
         session.movePointer(10, 10, true);
         session.machine().sleep(200 * kMillisecond);
         if (const std::optional<model::Picture> picture = session.adapter().picture()) {
-            // The adapter's screen may be black with the pointer on it, but of nothing else.
+            // The frame may be black with the pointer in it, and nothing else.
             const std::size_t dark =
                 static_cast<std::size_t>(std::count(picture->pixels.begin(), picture->pixels.end(), 0));
             EXPECT_GT(dark, std::size_t{kWidth} * (kHeight - 32) * 3 - 32 * 32 * 4);
         }
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
     });
 }
 

@@ -31,7 +31,7 @@ struct Programming {
     unsigned revision = 2;
     Fault fault = Fault::None;
     std::size_t programmed = 0; // bytes of the image
-    std::size_t erased = 0;     // bytes from the start that are erased, as far as they are not programmed
+    std::size_t erased = 0;     // bytes from the start, including the programmed ones
 };
 
 const Programming kProgrammings[] = {
@@ -45,24 +45,11 @@ const Programming kProgrammings[] = {
     {.name = "no write acknowledged", .size = 64, .fault = Fault::WritesRefused},
     {.name = "revision 1", .size = 64, .revision = 1},
     {.name = "revision 0", .size = 64, .revision = 0},
-    {.name = "flash: a word and a byte",
-     .memory = Memory::Flash,
-     .size = 5,
-     .programmed = 5,
-     .erased = kSector},
-    {.name = "flash: all of an image",
-     .memory = Memory::Flash,
-     .size = 512,
-     .programmed = 512,
-     .erased = kSector},
-    {.name = "flash: more than an image may have", .memory = Memory::Flash, .size = 600},
-    {.name = "flash: a mismatch at word 3",
-     .memory = Memory::Flash,
-     .size = 64,
-     .fault = Fault::WordThree,
-     .programmed = 12,
-     .erased = kSector},
-    {.name = "flash: revision 1", .memory = Memory::Flash, .size = 64, .revision = 1},
+    {"flash: a word and a byte", Memory::Flash, 5, 2, Fault::None, 5, kSector},
+    {"flash: all of an image", Memory::Flash, 512, 2, Fault::None, 512, kSector},
+    {"flash: more than an image may have", Memory::Flash, 600},
+    {"flash: a mismatch at word 3", Memory::Flash, 64, 2, Fault::WordThree, 12, kSector},
+    {"flash: revision 1", Memory::Flash, 64, 1},
 };
 
 constexpr std::size_t kWordThree = 12;
@@ -94,7 +81,7 @@ TEST(Programmer, WritesWhatTheRegistryHolds) {
                        std::ranges::copy(image(c.programmed), expected.begin());
                        Bytes found = session.adapter().memory(c.memory);
                        if (c.fault == Fault::WordThree) {
-                           std::fill_n(found.begin() + kWordThree, 4, 0xFF); // whatever the failed write left
+                           std::fill_n(found.begin() + kWordThree, 4, 0xFF); // any result of the failed write
                        }
                        EXPECT_EQ(expected, found);
                    });

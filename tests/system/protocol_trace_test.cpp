@@ -134,8 +134,7 @@ Lines recordedTrace() {
         session.createFrameBuffer(kDesktop, kWidth, kHeight);
         session.setDisplayPower(true);
         endPhase("display on", kAll);
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
         endPhase("frame", kFrame);
     });
     return trace;

@@ -1,5 +1,6 @@
-// A USB stack that refuses to take transfers: the stream must neither spin nor end, lose no render context,
-// and bring the newest picture once transfers are taken again, without the client doing anything.
+// A USB stack that refuses transfers: the stream must neither end nor repeat its attempts without a pause,
+// must lose no render context, and must send the newest picture once transfers are accepted again, without a
+// new command.
 #include "tests/system/rig.h"
 
 #include "platform/kernel/fault_points.h"
@@ -12,21 +13,20 @@
 namespace system_test {
 namespace {
 
-// Steps of one transfer that may be refused, and the first of the next: formatting, queueing, tracking and
-// sending two requests each.
+// The steps of one transfer that may be refused, and the first ones of the next: formatting, queueing,
+// tracking and sending two requests each.
 constexpr unsigned kSteps = 8;
-constexpr unsigned kStepsToTheSend = 6; // of the frame itself: nothing of it goes out
+constexpr unsigned kStepsToTheSend = 6; // before the frame itself is sent
 
 class RefusedSend : public testing::Test {
   protected:
-    // A run that the verifier stops leaves its refusals in force.
+    // A run that the verifier stops leaves the fault armed.
     void TearDown() override { kernel::disarmFault(); }
 };
 
-TEST_F(RefusedSend, TheNewestPictureComesBackByItself) {
+TEST_F(RefusedSend, IsFollowedByTheNewestPicture) {
     explore(40, [](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapter());
         for (std::uint64_t k = 1; k <= kSteps; k++) {
             const Surface next = pattern("gradient", kWidth, kHeight, k);
             kernel::armFault(k, kernel::FaultMode::Sticky);
@@ -39,21 +39,19 @@ TEST_F(RefusedSend, TheNewestPictureComesBackByItself) {
     });
 }
 
-// A re-send is refused, and while the other transfer of the old picture is still out, the new picture is,
-// too. When that other one comes back, nothing is under way any more that would bring the new one.
-TEST_F(RefusedSend, TheNewestPictureIsNotForgottenBehindAnOlderTransfer) {
+// The system refuses a repetition of the old picture and then the new picture, while the other transfer of
+// the old one is in flight. After that transfer completes, no transfer is left whose completion would send
+// the new picture.
+TEST_F(RefusedSend, OfTheNewestPictureIsRepeatedAfterAnOlderTransfer) {
     for (std::uint64_t k = 1; k <= kStepsToTheSend; k++) {
         SCOPED_TRACE(k);
         runSession(inOrder(), [&](Session& session) {
-            PlugOptions slow = adapter();
-            slow.bandwidth = 61'000'000; // 15 ms a frame
-            showDesktop(session, slow, pattern("bars", kWidth, kHeight));
-            expectPicture(session);
+            showDesktop(session, slowAdapter());
             kernel::armFault(k, kernel::FaultMode::Sticky);
             while (!kernel::faultFired()) {
                 session.machine().sleep(kMillisecond / 10);
             }
-            const Surface next = pattern("gradient", kWidth, kHeight);
+            const Surface next = gradient();
             session.present(kDesktop, next);
             session.machine().sleep(kMillisecond);
             kernel::disarmFault();
@@ -62,14 +60,13 @@ TEST_F(RefusedSend, TheNewestPictureIsNotForgottenBehindAnOlderTransfer) {
     }
 }
 
-// Whatever the k-th step of the running stream is, a send among them: it is refused for two seconds, and
-// tried a few times in every tenth of a second, no more.
-TEST_F(RefusedSend, TheDriverTriesAgainNowAndThen) {
+// The k-th step of the running stream is refused for two seconds. The driver tries it only a few times in
+// every tenth of a second. One of the steps is a send.
+TEST_F(RefusedSend, IsRepeatedAtALowRate) {
     std::set<std::string> kinds;
     for (std::uint64_t k = 1; k <= kSteps; k++) {
         runSession(inOrder(), [&](Session& session) {
-            showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-            expectPicture(session);
+            showDesktop(session, adapter());
             kernel::armFault(k, kernel::FaultMode::Sticky);
             session.machine().sleep(2 * kSecond);
             const std::uint64_t tried = kernel::faultPointsReached();
@@ -87,17 +84,16 @@ TEST_F(RefusedSend, TheDriverTriesAgainNowAndThen) {
     EXPECT_NE(all.find("WdfRequestSend"), std::string::npos) << all;
 }
 
-TEST_F(RefusedSend, StopsAndRemovalsMeanwhileLoseNothing) {
+TEST_F(RefusedSend, MayBeInterruptedByStopAndRemoval) {
     explore(60, [](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        const Surface next = pattern("gradient", kWidth, kHeight);
+        startDesktop(session, adapter());
+        const Surface next = gradient();
         for (unsigned round = 0; round < 3; round++) {
             kernel::armFault(1 + kernel::choose(kSteps), kernel::FaultMode::Sticky);
             session.machine().sleep(kernel::choose(20) * kMillisecond);
             kernel::disarmFault();
-            // A repetition may be due at any moment now.
-            session.setDisplayPower(false);
-            session.setDisplayPower(true);
+            // The driver may repeat the step at any time from here on.
+            switchOffAndOn(session);
             session.present(kDesktop, next);
             expectPicture(session, next);
         }

@@ -1,4 +1,4 @@
-// Removal: orderly and by pulling the cable, with a client that lets go, lets go late, or never does.
+// Orderly and surprise removal, with a client that releases the driver at once, late, or never.
 #include "tests/system/rig.h"
 
 #include <fmt/format.h>
@@ -17,31 +17,29 @@ std::unique_ptr<desktop::Client> holdingClient(Session& session) {
     return client;
 }
 
-// What holds up a removal besides the client: above all the stop of the stream, which gives the frame update
-// thread 100 ms.
+// The duration of a removal without the wait for the client: mainly the stop of the stream, which gives the
+// frame update thread 100 ms.
 constexpr usb::Time kRemovalTime = 150 * kMillisecond;
 
-TEST(Removal, WaitsTenSecondsForAClientThatHoldsOn) {
-    std::unique_ptr<desktop::Client> client; // outlives the machine's run: it never lets go
+TEST(Removal, WaitsTenSecondsForTheClient) {
+    std::unique_ptr<desktop::Client> client; // never releases the driver, and outlives the machine's run
     runSession(inOrder(), [&](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         client = holdingClient(session);
-        const usb::Time begin = session.machine().clock().now();
+        const usb::Time begin = now(session);
         session.remove();
-        const usb::Time took = session.machine().clock().now() - begin;
+        const usb::Time took = now(session) - begin;
         constexpr usb::Time kWait = 1001 * 10 * kMillisecond;
         EXPECT_GE(took, kWait);
         EXPECT_LT(took, kWait + kRemovalTime);
     });
 }
 
-TEST(Removal, EndsItsWaitWhenTheClientLetsGo) {
+TEST(Removal, EndsItsWaitWhenTheClientReleasesTheDriver) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         const std::unique_ptr<desktop::Client> client = holdingClient(session);
-        const usb::Time begin = session.machine().clock().now();
+        const usb::Time begin = now(session);
         {
             ClientThread late("late client", [&] {
                 session.machine().sleep(3 * kSecond);
@@ -49,7 +47,7 @@ TEST(Removal, EndsItsWaitWhenTheClientLetsGo) {
             });
             session.remove();
         }
-        const usb::Time took = session.machine().clock().now() - begin;
+        const usb::Time took = now(session) - begin;
         EXPECT_GE(took, 3 * kSecond);
         EXPECT_LT(took, 3 * kSecond + 20 * kMillisecond + kRemovalTime);
     });
@@ -58,37 +56,33 @@ TEST(Removal, EndsItsWaitWhenTheClientLetsGo) {
 TEST(Removal, DoesNotWaitWithoutAClient) {
     for (const bool opened : {false, true}) {
         runSession(inOrder(), [&](Session& session) {
-            session.attachMonitor({});
-            session.plug(adapter());
+            plugWithMonitor(session);
             if (opened) {
                 session.openClient();
                 session.client().close();
             }
-            const usb::Time begin = session.machine().clock().now();
+            const usb::Time begin = now(session);
             session.remove();
-            EXPECT_LT(session.machine().clock().now() - begin, kRemovalTime);
+            EXPECT_LT(now(session) - begin, kRemovalTime);
         });
     }
 }
 
 TEST(Removal, MayBeCancelled) {
     runSession(inOrder(), [](Session& session) {
-        showDesktop(session, adapter(), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapter());
         EXPECT_EQ(STATUS_SUCCESS, session.machine().queryRemove(session.node()));
         session.machine().cancelRemove(session.node());
-        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-        expectPicture(session);
+        show(session, gradient());
     });
 }
 
-// From the moment the cable is out every command fails, whatever it is, and nothing touches the bus.
+// Once the cable is pulled, every command fails without a transfer on the bus.
 TEST(SurpriseRemoval, RefusesEveryCommand) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapter());
+        plugWithMonitor(session);
         const std::unique_ptr<desktop::Client> client = holdingClient(session);
-        const Surface picture = pattern("bars", kWidth, kHeight);
+        const Surface picture = bars();
         require(client->createFrameBuffer(kDesktop, kWidth, kHeight), "creating");
         require(client->setDisplayPower(true), "switching on");
         require(client->present(kDesktop, picture), "presenting");
@@ -109,8 +103,8 @@ TEST(SurpriseRemoval, RefusesEveryCommand) {
     });
 }
 
-// Nothing may be waited for that only the adapter could end.
-TEST(SurpriseRemoval, IsOverSoon) {
+// The driver must not wait for an event that only the adapter could cause.
+TEST(SurpriseRemoval, EndsSoon) {
     const struct {
         const char* name;
         std::function<void(Session&)> before;
@@ -122,8 +116,7 @@ TEST(SurpriseRemoval, IsOverSoon) {
          [](Session& session) {
              session.attachMonitor({});
              switchOn(session);
-             session.present(kDesktop, pattern("bars", kWidth, kHeight));
-             expectPicture(session);
+             show(session, bars());
          },
          400 * kMillisecond},
         {"switched off",
@@ -147,26 +140,24 @@ TEST(SurpriseRemoval, IsOverSoon) {
         runSession(inOrder(), [&](Session& session) {
             session.plug(adapter());
             c.before(session);
-            const usb::Time begin = session.machine().clock().now();
+            const usb::Time begin = now(session);
             session.surpriseRemove();
-            EXPECT_LT(session.machine().clock().now() - begin, c.limit);
-            // And the port takes the next adapter.
-            showDesktop(session, adapter(), pattern("gradient", kWidth, kHeight));
-            expectPicture(session);
+            EXPECT_LT(now(session) - begin, c.limit);
+            // The next adapter works in the same port.
+            showDesktop(session, adapter(), gradient());
         });
     }
 }
 
-// In the middle of a frame, of an EDID read, of a power-up, of a mode set, of a display-off: at any moment.
-TEST(SurpriseRemoval, MayComeAtAnyMoment) {
+// In the middle of a power-up, an EDID read, a mode set or a frame.
+TEST(SurpriseRemoval, MayHappenAtAnyTime) {
     for (usb::Time moment = 0; moment < 2800 * kMillisecond; moment += 37 * kMillisecond) {
         SCOPED_TRACE(fmt::format("after {} ms", moment / kMillisecond));
         runSession(inOrder(), [&](Session& session) {
             session.attachMonitor(rig::builtinEdid());
-            const usb::Time start = session.machine().clock().now();
+            const usb::Time start = now(session);
             bool pulled = false;
-            // The start itself cannot be interrupted from the tool: the first adapter's cable is pulled by
-            // the device going silent and gone.
+            // A session cannot remove an adapter while it starts, so the test disconnects the device itself.
             model::Adapter* device = nullptr;
             PlugOptions plug = adapter();
             plug.inFront = [&](usb::Device& inner) -> usb::Device& {
@@ -185,20 +176,19 @@ TEST(SurpriseRemoval, MayComeAtAnyMoment) {
                     session.plug(plug);
                     switchOn(session);
                     for (unsigned frame = 0; frame < 100 && !pulled; frame++) {
-                        session.present(kDesktop, pattern("noise", kWidth, kHeight, frame));
+                        session.present(kDesktop, noise(frame));
                         session.machine().sleep(10 * kMillisecond);
                     }
                 } catch (const std::exception&) {
-                    // Refused is as good as worked: the adapter is gone.
+                    // A failure is as good as a success, because the adapter is gone.
                 }
             }
             EXPECT_TRUE(pulled);
-            EXPECT_LT(session.machine().clock().now() - start, 40 * kSecond);
+            EXPECT_LT(now(session) - start, 40 * kSecond);
             if (session.plugged()) {
                 session.surpriseRemove();
             }
-            showDesktop(session, adapter(), pattern("gradient", kWidth, kHeight));
-            expectPicture(session);
+            showDesktop(session, adapter(), gradient());
         });
         if (testing::Test::HasFailure()) {
             return;

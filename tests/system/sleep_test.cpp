@@ -1,5 +1,5 @@
-// What a sleep leaves and what a wake brings back, with and without a transmitter, whatever the client does
-// meanwhile.
+// Sleep and wake-up with and without a transmitter, with commands of the client and a pulled cable in
+// between.
 #include "tests/system/rig.h"
 
 #include <gtest/gtest.h>
@@ -9,49 +9,32 @@ namespace {
 
 constexpr usb::Time kSettled = 4 * kSecond;
 
-PlugOptions adapterWith(bool transmitter) {
-    PlugOptions options = adapter();
-    options.adapter.transmitter = transmitter;
-    return options;
-}
-
 bool isDark(Session& session) {
     return !session.adapter().rawFrame().has_value();
 }
 
-// Sleeps and wakes with `meanwhile` done by the client in between.
-void sleepAndWake(Session& session, const std::function<void()>& meanwhile = {}) {
-    session.suspend();
-    if (meanwhile) {
-        meanwhile();
-    }
-    session.resume();
-}
-
 class Sleep : public testing::TestWithParam<bool> {};
 
-// The transmitter forgets its programme over a sleep, and the mode is set again for it.
-TEST_P(Sleep, BringsThePictureBack) {
+// The transmitter loses its registers during a sleep, and the mode is set again for it.
+TEST_P(Sleep, IsFollowedByTheSamePicture) {
     explore(10, [](Session& session) {
-        showDesktop(session, adapterWith(GetParam()), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
-        sleepAndWake(session);
+        showDesktop(session, adapterWithTransmitter(GetParam()));
+        session.suspend();
+        session.resume();
         expectPicture(session, kSettled);
-        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-        expectPicture(session);
+        show(session, gradient());
     });
 }
 
-// No register is touched out of D0, where each access would wait for its time-out.
-TEST_P(Sleep, StaysDarkWhenSwitchedOffMeanwhile) {
+// No register is accessed outside D0, where each access would wait for its time-out.
+TEST_P(Sleep, KeepsADisplayDarkThatWasSwitchedOffMeanwhile) {
     explore(10, [](Session& session) {
-        showDesktop(session, adapterWith(GetParam()), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
-        sleepAndWake(session, [&] {
-            const usb::Time before = session.machine().clock().now();
-            session.setDisplayPower(false);
-            EXPECT_LT(session.machine().clock().now() - before, 100 * kMillisecond);
-        });
+        showDesktop(session, adapterWithTransmitter(GetParam()));
+        session.suspend();
+        const usb::Time before = now(session);
+        session.setDisplayPower(false);
+        EXPECT_LT(now(session) - before, 100 * kMillisecond);
+        session.resume();
         session.machine().sleep(kSettled);
         EXPECT_TRUE(isDark(session));
         session.setDisplayPower(true);
@@ -59,11 +42,11 @@ TEST_P(Sleep, StaysDarkWhenSwitchedOffMeanwhile) {
     });
 }
 
-// A switch in the middle of the power-down or of the wake: the client's last word holds.
-TEST_P(Sleep, MeetsASwitch) {
+// The display is switched in the middle of the power-down or of the wake-up: the client's latest command
+// applies.
+TEST_P(Sleep, AppliesTheLatestDisplayPower) {
     explore(30, [](Session& session) {
-        showDesktop(session, adapterWith(GetParam()), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapterWithTransmitter(GetParam()));
         const bool finallyOn = kernel::choose(2) == 0;
         {
             ClientThread client("client", [&] {
@@ -74,7 +57,8 @@ TEST_P(Sleep, MeetsASwitch) {
                     session.setDisplayPower(true);
                 }
             });
-            sleepAndWake(session);
+            session.suspend();
+            session.resume();
         }
         session.machine().sleep(kSettled);
         if (finallyOn) {
@@ -85,11 +69,10 @@ TEST_P(Sleep, MeetsASwitch) {
     });
 }
 
-// The surprise does not wait for the power callback under way: Windows orders the two by nothing.
-TEST_P(Sleep, MeetsTheEndOfTheCable) {
+// A surprise removal does not wait for the power callback that is running: Windows does not order the two.
+TEST_P(Sleep, MayBeInterruptedByASurpriseRemoval) {
     explore(60, [](Session& session) {
-        showDesktop(session, adapterWith(GetParam()), pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        showDesktop(session, adapterWithTransmitter(GetParam()));
         {
             platform::DeviceNode& node = session.node();
             const bool waking = kernel::choose(2) == 0;
@@ -106,26 +89,23 @@ TEST_P(Sleep, MeetsTheEndOfTheCable) {
             session.machine().sleep(static_cast<usb::Time>(kernel::choose(20'000)) * kMillisecond / 10);
             session.surpriseRemove();
         }
-        showDesktop(session, adapterWith(GetParam()), pattern("gradient", kWidth, kHeight));
-        expectPicture(session, kSettled);
+        showDesktop(session, adapterWithTransmitter(GetParam()), gradient(), kSettled);
     });
 }
 
 INSTANTIATE_TEST_SUITE_P(With, Sleep, testing::Bool(),
                          [](const auto& info) { return info.param ? "Transmitter" : "NoTransmitter"; });
 
-// A programme that failed is not taken for one that was made: the next mode set of the same size repeats it.
-TEST(Transmitter, IsProgrammedAgainOnceItHasHealed) {
+// After a failed sequence the transmitter is not considered set up: the next mode set of the same size
+// repeats it.
+TEST(Transmitter, IsProgrammedAgainAfterAFailure) {
     runSession(inOrder(), [](Session& session) {
-        session.attachMonitor({});
-        session.plug(adapterWith(true));
+        plugWithMonitor(session, adapterWithTransmitter(true));
         session.adapter().setDeaf(model::Part::Transmitter, true);
         switchOn(session);
         session.adapter().setDeaf(model::Part::Transmitter, false);
-        session.setDisplayPower(false);
-        session.setDisplayPower(true);
-        session.present(kDesktop, pattern("gradient", kWidth, kHeight));
-        expectPicture(session, kSettled);
+        switchOffAndOn(session);
+        show(session, gradient(), kSettled);
     });
 }
 

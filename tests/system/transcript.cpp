@@ -105,21 +105,10 @@ class Walk {
 };
 
 std::string describe(const Step& step) {
-    switch (step.kind) {
-    case Step::Kind::Read:
-        return fmt::format("read 0x{:04X}", step.offset);
-    case Step::Kind::Write:
-        return fmt::format("write 0x{:04X} = 0x{:08X}", step.offset, step.value);
-    case Step::Kind::Set:
-        return fmt::format("set 0x{:08X} in 0x{:04X}", step.value, step.offset);
-    case Step::Kind::Clear:
-        return fmt::format("clear 0x{:08X} in 0x{:04X}", step.value, step.offset);
-    case Step::Kind::SerialRead:
-        return fmt::format("I2C read of 0x{:02X} at 0x{:02X}", step.device, step.deviceOffset);
-    case Step::Kind::SerialTimeout:
-        return fmt::format("I2C read of 0x{:02X} at 0x{:02X} that times out", step.device, step.deviceOffset);
-    }
-    return {};
+    constexpr const char* kKinds[] = {"read", "write", "set", "clear", "serial read", "serial time-out"};
+    return fmt::format("{} 0x{:04X} 0x{:08X} device 0x{:02X} at 0x{:02X}",
+                       kKinds[static_cast<int>(step.kind)], step.offset, step.value, step.device,
+                       step.deviceOffset);
 }
 
 } // namespace
@@ -193,8 +182,8 @@ std::string differs(std::span<const Transfer> transfers, std::span<const Step> t
     for (std::size_t i = 0; i < table.size(); i++) {
         const std::size_t before = walk.position();
         if (!walk.step(table[i])) {
-            return fmt::format("line {} of the table, \"{}\", at transfer {} (stopped at {}): found {}",
-                               i + 1, describe(table[i]), before, walk.position(), walk.found());
+            return fmt::format("line {} of the table ({}) at transfer {} (stopped at {}): found {}", i + 1,
+                               describe(table[i]), before, walk.position(), walk.found());
         }
     }
     return walk.atEnd()

@@ -158,11 +158,11 @@ TEST(MonitorPower, FollowAMonitorThatIsAttachedAndDetached) {
 // Each stage takes 750 ms to power up, and the stages are switched off 750 ms apart.
 TEST(MonitorPower, GiveThePowerStagesTheirTime) {
     record(inOrder(), adapter(), std::nullopt, [&](Session& session, Recorder& recorder) {
-        const usb::Time start = session.machine().clock().now();
+        const usb::Time start = now(session);
         EXPECT_GE(start, 1500 * kMillisecond);
         recorder.clear();
         session.suspend();
-        EXPECT_GE(session.machine().clock().now() - start, 750 * kMillisecond);
+        EXPECT_GE(now(session) - start, 750 * kMillisecond);
         const std::vector<Transfer> accesses = recorder.registerAccesses();
         ASSERT_GE(accesses.size(), 4u);
         EXPECT_GE(accesses[2].time - accesses[1].time, 750 * kMillisecond);
@@ -279,8 +279,7 @@ TEST(ModeSequences, ProgramTimingClockAndFormat) {
             // On again: the clock is still running.
             session.setDisplayPower(true);
             expectAccesses(recorder, noDetection + modeTable(mode, false), 2, false);
-            session.present(kDesktop, pattern("bars", mode.timing.width, mode.timing.height));
-            expectPicture(session, 5 * kSecond);
+            show(session, pattern("bars", mode.timing.width, mode.timing.height), 5 * kSecond);
         });
     }
 }
@@ -304,8 +303,7 @@ TEST(ModeSequences, ProgramTheClockAgainAfterADetach) {
         EXPECT_TRUE(std::ranges::any_of(recorder.registerAccesses(), [](const Transfer& one) {
             return one.isAccess(kWriteRegister, 0x802C) && one.word() == kVga.pll;
         }));
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
     });
 }
 
@@ -344,13 +342,11 @@ TEST(ModeSequences, ChooseTheRefreshOfFullHd) {
     for (const auto& c : cases) {
         SCOPED_TRACE(c.settings.empty() ? "none" : c.settings[0].name);
         runSession(inOrder(c.settings), [&](Session& session) {
-            session.attachMonitor({});
-            session.plug(adapter());
+            plugWithMonitor(session);
             switchOn(session, 1920, 1080);
             EXPECT_EQ(c.horizontal, session.adapter().peekRegister(0x8008));
             EXPECT_EQ(c.pll, session.adapter().peekRegister(0x802C));
-            session.present(kDesktop, pattern("bars", 1920, 1080));
-            expectPicture(session);
+            show(session, pattern("bars", 1920, 1080));
         });
     }
 }
@@ -359,8 +355,7 @@ TEST(ModeSequences, ChooseTheRefreshOfFullHd) {
 TEST(ModeSequences, RestoreTheTimingAfterASleep) {
     record(inOrder(), adapter(), kWithoutEdid, [](Session& session, Recorder& recorder) {
         switchOn(session);
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
-        expectPicture(session);
+        show(session, bars());
         recorder.clear();
         session.suspend();
         expectAccesses(recorder, sleep(2));
@@ -476,10 +471,9 @@ TEST(Endpoints, MayBeMissing) {
     runSession(inOrder(), [&](Session& session) {
         PlugOptions plug = adapter(2, usb::Speed::High);
         plug.adapter.configurationDescriptor = noBulkOut;
-        session.attachMonitor({});
-        session.plug(plug);
+        plugWithMonitor(session, plug);
         switchOn(session);
-        session.present(kDesktop, pattern("bars", kWidth, kHeight));
+        session.present(kDesktop, bars());
         session.machine().sleep(kSecond);
         EXPECT_EQ(0u, session.adapter().statistics().bulkTransfers);
     });
@@ -489,8 +483,7 @@ TEST(Endpoints, MayBeMissing) {
             plug.adapter.configurationDescriptor = descriptor;
             EXPECT_THROW(session.plug(plug), std::exception);
             session.remove();
-            session.attachMonitor({});
-            session.plug(adapter(2, usb::Speed::High)); // the next adapter works
+            plugWithMonitor(session, adapter(2, usb::Speed::High)); // the next adapter works
         });
     }
 }
