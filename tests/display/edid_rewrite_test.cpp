@@ -2,9 +2,6 @@
 // bytes.
 #include "tests/display/edid_builder.h"
 
-#include "device/mode_limits.h"
-#include "display/mode_tables.h"
-
 #include <gtest/gtest.h>
 
 #include <cstring>
