@@ -86,25 +86,32 @@ const Case kValidation[] = {
              m.cea(block, hdmiVendor());
          }
      }},
-    {"timing offset behind the block", false, [](Monitor& m) { m.block(1)[2] = 128; }},
-    {"largest timing offset", false, [](Monitor& m) { m.block(1)[2] = 255; }},
+    {"timing offset behind the block", false,
+     [](Monitor& m) {
+         m.block(1)[2] = 128;
+         m.block(2)[0] = 1;
+     }},
+    {"largest timing offset", false,
+     [](Monitor& m) {
+         m.block(1)[2] = 255;
+         m.block(2)[127] = 1;
+     }},
     {"timing cut off by the end of the block", true,
      [](Monitor& m) {
          m.block(1)[2] = 127;
          m.block(1)[127] = 1;
      }},
-    {"vendor block cut off by the end of the block", false,
+    {"vendor identifier cut off by the end of the block", false,
      [](Monitor& m) {
          std::memset(m.block(1) + 4, 0, 124);
-         for (unsigned at = 4; at < 124; at += 30) {
+         m.block(1)[4] = 1 << 5 | 30;
+         for (unsigned at = 35; at < 125; at += 30) {
              m.block(1)[at] = 1 << 5 | 29;
          }
          m.block(1)[2] = 127;
-         m.block(1)[124] = 3 << 5 | 5;
-         m.block(1)[125] = 0x03;
-         m.block(1)[126] = 0x0C;
-         m.block(1)[127] = 0x00;
-         m.block(1)[127] = 0x01; // the checksum, not the identifier's last byte
+         m.block(1)[125] = 3 << 5 | 5;
+         m.block(1)[126] = 0x03;
+         m.block(1)[127] = 0x0C; // the next block begins with the last byte, 0x00
      }},
 };
 
