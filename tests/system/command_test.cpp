@@ -1,4 +1,4 @@
-// The commands of the client: what each answers, and that no record, however hostile, does harm.
+// The commands of the client: the status of each, and that the driver survives every record.
 #include "tests/system/rig.h"
 
 #include "platform/kernel/driver_call.h"
@@ -493,23 +493,33 @@ void expectShade(Session& session, std::uint8_t shade) {
     EXPECT_EQ(shade, picture->pixels[0]);
 }
 
+// None of the commands waits for the end of the fill, not even those for the frame buffer that is being
+// filled.
 TEST(FillCallbacks, MaySendCommands) {
     withRawClient([](Session& session, RawClient& client) {
-        unsigned depth = 0;
+        PRESENT_REQUEST other = kPresent;
+        other.Identifier = 2;
+        other.FrameKey = 4;
+        ULONG column = 0;
+        const auto movePointer = [&] {
+            POINTER_POSITION position{0, ++column, 9, 1};
+            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_POINTER, POINTER_REQUEST{&position, nullptr}));
+        };
         client.fill = [&](const FRAME_FILL_REQUEST& request) {
-            EXPECT_EQ(kDesktop, request.Identifier);
             EXPECT_EQ(0x1234u, request.ClientValue);
             EXPECT_EQ(std::uint64_t{kWidth} * kHeight * 4, request.ByteSize);
             EXPECT_EQ(0u, request.Zero);
             std::memset(request.PixelBuffer, 0x40, request.ByteSize);
-            if (depth++ == 0) {
+            if (request.Identifier == kDesktop) {
+                movePointer();
                 EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
-                POINTER_POSITION position{0, 9, 9, 1};
-                POINTER_REQUEST pointer{&position, nullptr};
-                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_POINTER, pointer));
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, other));
+                movePointer();
             }
             return STATUS_SUCCESS;
         };
+        // From the second time on the frame buffer is the current one.
+        EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
         EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
         expectShade(session, 0x40);
     });
