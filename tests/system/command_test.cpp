@@ -424,46 +424,6 @@ TEST(HostileRecords, PointersAnywhere) {
     });
 }
 
-// The largest shapes that can be stored.
-TEST(HostileRecords, PointersAtTheLimit) {
-    const struct {
-        POINTER_TYPE type;
-        unsigned width;
-        unsigned height;
-        unsigned pitch;
-    } cases[] = {
-        {POINTER_COLOR_ALPHA, 256, 256, 1024}, {POINTER_COLOR_MASKED, 256, 256, 1024},
-        {POINTER_COLOR_ALPHA, 1, 256, 1024},   {POINTER_MONOCHROME, 256, 256, 32},
-        {POINTER_MONOCHROME, 1024, 1024, 128},
-    };
-    runSession(inOrder(), [&](Session& session) {
-        startDesktop(session, adapter(), pattern("gradient", 1280, 1024));
-        for (const auto& c : cases) {
-            for (const DISPLAY_ROTATION rotation : {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF}) {
-                SCOPED_TRACE(fmt::format("type {} of {}x{}, rotation {}", static_cast<int>(c.type), c.width,
-                                         c.height, static_cast<int>(rotation)));
-                desktop::PointerImage image{c.type, c.width, c.height, c.pitch, {}};
-                image.bits.resize(std::size_t{c.pitch} * c.height * (c.type == POINTER_MONOCHROME ? 2 : 1));
-                std::uint8_t value = 0;
-                for (std::uint8_t& byte : image.bits) {
-                    byte = value = static_cast<std::uint8_t>(value * 5 + 17);
-                }
-                session.setRotation(rotation);
-                session.setPointer(image);
-                session.movePointer(100, 90, true);
-                // The pixels under the largest shape cannot be saved: it is not drawn, not even in part.
-                session.machine().sleep(20 * kMillisecond);
-                session.movePointer(120, 100, true);
-                if (c.width * c.height <= 256 * 256) {
-                    expectPicture(session);
-                }
-                session.movePointer(0, 0, false);
-                expectPicture(session);
-            }
-        }
-    });
-}
-
 // Clients with another fill callback than desktop::Client: one that sends commands, one that fails, one that
 // is slow.
 
