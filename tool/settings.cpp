@@ -26,10 +26,10 @@ Json settingJson(const SettingInfo& info) {
 
 std::string settingText(const SettingInfo& info, std::size_t width) {
     const std::string type = info.isBinary() ? "binary" : fmt::format("default {}", *info.defaultValue);
-    return fmt::format("{}\n{}{}", info.name,
-                       formatParagraph(fmt::format("{}; range: {}; read: {}", type, info.range, info.read),
-                                       width, kIndent),
-                       formatParagraph(info.effect, width, kIndent));
+    return fmt::format(
+        "{}\n{}{}", info.name,
+        formatParagraph(fmt::format("{}; range: {}; read: {}", type, info.range, info.read), width, kIndent),
+        formatParagraph(info.effect, width, kIndent));
 }
 
 } // namespace
