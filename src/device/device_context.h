@@ -38,6 +38,8 @@ struct DEVICE_CONTEXT {
     // transfers and client commands.
     BOOLEAN DeviceRemoved;
 
+    BOOLEAN CountedAsPrepared; // in CurrentNumberOfDevices; written by device/device_count.cpp
+
     SETTINGS Settings;
     CPU_FEATURES Cpu; // set once at device add
     USB_CONTEXT Usb;

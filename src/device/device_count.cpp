@@ -14,13 +14,19 @@ void DEVICECOUNT_Clear() {
 }
 
 void DEVICECOUNT_Add(DEVICE_CONTEXT* context) {
+    context->CountedAsPrepared = TRUE;
     context->Settings.CurrentNumberOfDevices++;
     (void)REGISTRY_AssignULong(VALUE_NAME, context->Settings.CurrentNumberOfDevices);
 }
 
-// A release after a preparation that failed early takes back what was never added; it must not wrap around to
-// a number of adapters that turns compression on everywhere.
+// A release also follows a preparation that failed before it counted the device: it must not take another
+// adapter out of the count.
 void DEVICECOUNT_Remove(DEVICE_CONTEXT* context) {
+    if (!context->CountedAsPrepared) {
+        return;
+    }
+    context->CountedAsPrepared = FALSE;
+    // A mode set may have read a smaller number since.
     if (context->Settings.CurrentNumberOfDevices > 0) {
         context->Settings.CurrentNumberOfDevices--;
     }

@@ -85,10 +85,10 @@ NTSTATUS USB_RetrieveConfigDescriptor(DEVICE_CONTEXT* context) {
         return status;
     }
     status = WdfUsbTargetDeviceRetrieveConfigDescriptor(usbDevice, buffer, &length);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    return USB_SelectConfiguration(context);
+    // The framework keeps a copy of its own. This one would stay with the USB device, which outlives a stop
+    // and start: one more at each start.
+    WdfObjectDelete(memory);
+    return NT_SUCCESS(status) ? USB_SelectConfiguration(context) : status;
 }
 
 NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context) {

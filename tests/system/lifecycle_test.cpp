@@ -4,6 +4,7 @@
 #include "tests/system/rig.h"
 
 #include "platform/kernel/fault_points.h"
+#include "platform/kernel/pool.h"
 
 #include <fmt/format.h>
 
@@ -223,6 +224,37 @@ TEST(Lifecycle, RestartsAfterAStopOfTheDevice) {
             switchOn(session);
             show(session, noise(round));
         }
+    });
+}
+
+TEST(Lifecycle, UsesNoMoreMemoryWithEveryStart) {
+    runSession(inOrder(), [](Session& session) {
+        plugWithMonitor(session);
+        std::size_t blocksBefore = 0;
+        for (unsigned start = 0; start < 5; start++) {
+            session.machine().stop(session.node());
+            require(session.machine().restart(session.node()), "restarting");
+            std::size_t blocks = 0;
+            for (const kernel::PoolUse& use : kernel::poolInUse()) {
+                blocks += use.blocks;
+            }
+            EXPECT_TRUE(start == 0 || blocks == blocksBefore) << blocks << " blocks after " << blocksBefore;
+            blocksBefore = blocks;
+        }
+    });
+}
+
+// The count decides about compression: a release after a failed preparation must not lower it.
+TEST(Lifecycle, CountsPreparedAdaptersOnly) {
+    runSession(inOrder(), [](Session& session) {
+        session.plug(adapter());
+        model::Adapter unsupported(session.machine().clock(), adapter(3).adapter);
+        platform::DeviceNode& node = session.machine().plug(unsupported);
+        EXPECT_FALSE(NT_SUCCESS(session.machine().startStatus(node)));
+        session.machine().remove(node);
+        EXPECT_EQ(session.machine().parameter(u"CurrentNumberOfDevices"), platform::RegistryValue(ULONG{1}));
+        session.remove();
+        EXPECT_EQ(session.machine().parameter(u"CurrentNumberOfDevices"), platform::RegistryValue(ULONG{0}));
     });
 }
 
