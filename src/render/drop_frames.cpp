@@ -112,7 +112,8 @@ void RENDER_DecayFrameErrorBucket(DEVICE_CONTEXT* context) {
     LONG* bucket = &context->Render.FrameErrorBucket;
     LONG level = ReadAcquire(bucket);
     while (level != 0) {
-        const LONG found = InterlockedCompareExchange(bucket, level - 1, level);
+        const LONG found =
+            InterlockedCompareExchange(bucket, static_cast<LONG>(static_cast<ULONG>(level) - 1), level);
         if (found == level) {
             return;
         }

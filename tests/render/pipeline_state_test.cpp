@@ -5,6 +5,7 @@
 #include "platform/kernel/scheduler.h"
 #include "platform/usb/clock.h"
 #include "render/context_lists.h"
+#include "render/drop_frames.h"
 #include "render/pipeline.h"
 #include "render/request_pool.h"
 #include "render/send.h"
@@ -268,6 +269,20 @@ TEST(Start, IsRefusedAfterAShutdownAndAResumeWithoutASuspend) {
         RENDER_Shutdown(context);
         EXPECT_EQ(RENDER_Start(context), STATUS_SUCCESS);
         EXPECT_EQ(pipeline.render.RenderRunning, 0u);
+    });
+}
+
+TEST(FrameErrorBucket, HoldsEveryLevelOf32Bits) {
+    onMachine([] {
+        Pipeline pipeline;
+        pipeline.context->Settings.UseFrameErrorBucket = 1;
+        for (const ULONG level : {0x80000000u, 0xFFFFFFFFu, 1u}) {
+            pipeline.render.FrameErrorBucket = static_cast<LONG>(level);
+            RENDER_DecayFrameErrorBucket(pipeline.context.get());
+            EXPECT_EQ(static_cast<ULONG>(pipeline.render.FrameErrorBucket), level - 1);
+        }
+        RENDER_DecayFrameErrorBucket(pipeline.context.get());
+        EXPECT_EQ(pipeline.render.FrameErrorBucket, 0);
     });
 }
 
