@@ -34,12 +34,7 @@ void withDesktop(const std::function<void(Session&)>& body) {
 }
 
 TEST(Commands, AnswerByCodeAndLength) {
-    const struct {
-        ULONG code;
-        std::size_t input;
-        std::size_t output;
-        NTSTATUS status;
-    } cases[] = {
+    const CallCase cases[] = {
         {CMD_QUERY_EDID, 0, 0, STATUS_BUFFER_TOO_SMALL},
         {CMD_QUERY_EDID, 0, 127, STATUS_BUFFER_TOO_SMALL},
         {CMD_QUERY_EDID, 0, 256, STATUS_SUCCESS},

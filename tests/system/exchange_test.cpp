@@ -14,28 +14,8 @@ void withMonitor(const std::function<void(Session&)>& body) {
     });
 }
 
-TEST(Exchange, HandsOutTheDriversRecord) {
-    withMonitor([](Session& session) {
-        RawClient client(session);
-        ASSERT_EQ(STATUS_SUCCESS, client.exchange());
-        EXPECT_EQ(40u, client.information);
-        EXPECT_EQ(1u, client.driver.Version);
-        EXPECT_EQ(0u, client.driver.Reserved);
-        EXPECT_EQ(40u, client.driver.Size);
-        EXPECT_NE(nullptr, client.driver.Context);
-        EXPECT_NE(nullptr, client.driver.CommandEntry);
-        EXPECT_NE(nullptr, client.driver.ReleaseEntry);
-        client.release();
-    });
-}
-
 TEST(Exchange, RefusesOtherSizesAndCodes) {
-    const struct {
-        ULONG code;
-        std::size_t input;
-        std::size_t output;
-        NTSTATUS status;
-    } cases[] = {
+    const CallCase cases[] = {
         {IOCTL_EXCHANGE_INTERFACE, 39, 40, STATUS_BUFFER_TOO_SMALL},
         {IOCTL_EXCHANGE_INTERFACE, 40, 39, STATUS_BUFFER_TOO_SMALL},
         {IOCTL_EXCHANGE_INTERFACE, 0, 0, STATUS_BUFFER_TOO_SMALL},

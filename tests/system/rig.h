@@ -89,6 +89,14 @@ void expectRecovery(Session& session);
 
 usb::Time now(Session& session);
 
+// A call of the driver by its code, with buffers of so many bytes, and the answer.
+struct CallCase {
+    ULONG code;
+    std::size_t input;
+    std::size_t output;
+    NTSTATUS status;
+};
+
 // Ends the body with a test failure unless `status` is a success.
 void require(NTSTATUS status, const char* what);
 
