@@ -14,7 +14,7 @@ class CallbackSource : public Object {
     using Object::Object;
 
     // Counted from the moment a callback is bound to run until it has returned.
-    void expectLocked() { ++expected_; }
+    void expectLocked() { expected_++; }
     void noLongerExpected();
 
     // Around a callback that was expected: notes who runs it.

@@ -1,4 +1,4 @@
-// The framework: configuration records with their initialisers, and its functions.
+// The framework: configuration records with their initializers, and its functions.
 #pragma once
 
 #include <wdf_functions.h>

@@ -24,7 +24,7 @@ struct SURFACE_CONTEXT {
     ULONGLONG PendingFrameSize TSA_GUARDED_BY(FrameBufferListLock);
     ULONG CurrentFrameKey TSA_GUARDED_BY(FrameBufferListLock); // key of the last present
 
-    // Notification; signalled while a frame update is wanted. The frame update thread waits for it and clears
+    // Notification; signaled while a frame update is wanted. The frame update thread waits for it and clears
     // it.
     KEVENT FrameUpdateRequestEvent;
 

@@ -24,7 +24,7 @@ struct FRAME_BUFFER_CONTEXT {
     BOOLEAN Presented; // the client has filled it at least once
 
     // Ownership of the pixels: surface/frame_pixels.h.
-    KEVENT PixelsFree;   // synchronization event, signalled while no task owns them; a wait takes them
+    KEVENT PixelsFree;   // synchronization event, signaled while no task owns them; a wait takes them
     PKTHREAD FillThread; // whose client is filling them, else null (shared field)
 
     // The pixels under the drawn cursor; for the owner of the pixels.

@@ -190,7 +190,7 @@ void threadBody(PVOID context) {
     }
 }
 
-void threadObjectsAreSignalledAtTheEnd() {
+void threadObjectsAreSignaledAtTheEnd() {
     for (bool early : {false, true}) {
         ThreadProbe probe;
         probe.endedEarly = early;
@@ -251,7 +251,7 @@ TEST_P(FreeDispatcher, HoldsOnRealThreads) {
 const auto kProperties = ::testing::Values(
     notificationEventsReleaseAllAndSynchronizationEventsOne, aPulseIsNotLost,
     aWaitForSeveralTakesTheFirstInObjectOrder, absoluteTimeoutsCountFrom1601, mutexesExcludeAndNest,
-    spinLocksExcludeDpcsAndTasks, threadObjectsAreSignalledAtTheEnd, delaysLastAsLongAsTheySay);
+    spinLocksExcludeDpcsAndTasks, threadObjectsAreSignaledAtTheEnd, delaysLastAsLongAsTheySay);
 std::string propertyName(const ::testing::TestParamInfo<void (*)()>& info) {
     static const char* const names[] = {"Events",  "Pulse",     "WaitAny", "AbsoluteTime",
                                         "Mutexes", "SpinLocks", "Threads", "Delays"};

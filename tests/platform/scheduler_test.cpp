@@ -248,7 +248,7 @@ void bodiesFailuresReachTheCaller(const SchedulerOptions& options) {
     Scheduler scheduler(options);
     EXPECT_THROW(scheduler.run([] { throw std::runtime_error("the test's own"); }), std::runtime_error);
     int ran = 0;
-    scheduler.run([&ran] { ++ran; });
+    scheduler.run([&ran] { ran++; });
     EXPECT_EQ(ran, 1);
 }
 
