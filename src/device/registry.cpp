@@ -12,9 +12,9 @@ NTSTATUS OpenParametersKey(WDFKEY* key) {
     return WdfDriverOpenParametersRegistryKey(driver, STANDARD_RIGHTS_ALL, WDF_NO_OBJECT_ATTRIBUTES, key);
 }
 
-} // namespace
-
-NTSTATUS REGISTRY_QueryULong(PCWSTR name, ULONG* value) {
+// Runs `access(key, &valueName)` on the open Parameters key and returns its status.
+template <typename Access>
+NTSTATUS AccessValue(PCWSTR name, Access access) {
     UNICODE_STRING valueName;
     RtlInitUnicodeString(&valueName, name);
 
@@ -23,39 +23,32 @@ NTSTATUS REGISTRY_QueryULong(PCWSTR name, ULONG* value) {
     if (!NT_SUCCESS(status)) {
         return status;
     }
+    status = access(key, &valueName);
+    WdfRegistryClose(key);
+    return status;
+}
+
+} // namespace
+
+NTSTATUS REGISTRY_QueryULong(PCWSTR name, ULONG* value) {
     ULONG result = 0;
-    status = WdfRegistryQueryULong(key, &valueName, &result);
+    const NTSTATUS status = AccessValue(name, [&result](WDFKEY key, UNICODE_STRING* valueName) {
+        return WdfRegistryQueryULong(key, valueName, &result);
+    });
     if (NT_SUCCESS(status)) {
         *value = result;
     }
-    WdfRegistryClose(key);
     return status;
 }
 
 NTSTATUS REGISTRY_AssignULong(PCWSTR name, ULONG value) {
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, name);
-
-    WDFKEY key = nullptr;
-    NTSTATUS status = OpenParametersKey(&key);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    status = WdfRegistryAssignULong(key, &valueName, value);
-    WdfRegistryClose(key);
-    return status;
+    return AccessValue(name, [value](WDFKEY key, UNICODE_STRING* valueName) {
+        return WdfRegistryAssignULong(key, valueName, value);
+    });
 }
 
 NTSTATUS REGISTRY_QueryBinary(PCWSTR name, ULONG bufferLength, VOID* buffer, ULONG* length) {
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, name);
-
-    WDFKEY key = nullptr;
-    NTSTATUS status = OpenParametersKey(&key);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    status = WdfRegistryQueryValue(key, &valueName, bufferLength, buffer, length, nullptr);
-    WdfRegistryClose(key);
-    return status;
+    return AccessValue(name, [=](WDFKEY key, UNICODE_STRING* valueName) {
+        return WdfRegistryQueryValue(key, valueName, bufferLength, buffer, length, nullptr);
+    });
 }

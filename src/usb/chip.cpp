@@ -7,47 +7,21 @@ namespace {
 
 constexpr ULONG REVISION_COUNT = 4;
 
+// By revision; a trait that is not named is FALSE.
 constexpr CHIP_TRAITS TRAITS[REVISION_COUNT] = {
-    // Revision 0
+    {.IsSupported = TRUE, .HasStatusPipe = TRUE},
     {.IsSupported = TRUE,
-     .HasStatusPipe = TRUE,
-     .ReportsEvents = FALSE,
-     .HasPowerSwitches = FALSE,
-     .SerialMasterOnStage2 = FALSE,
-     .KeepsOutputDrivers = FALSE,
-     .ExactRunUnits = FALSE,
-     .NeedsLeadIn = FALSE,
-     .BringUp = CHIP_BRING_UP_NONE},
-    // Revision 1
-    {.IsSupported = TRUE,
-     .HasStatusPipe = FALSE,
-     .ReportsEvents = FALSE,
-     .HasPowerSwitches = FALSE,
-     .SerialMasterOnStage2 = FALSE,
      .KeepsOutputDrivers = TRUE,
-     .ExactRunUnits = FALSE,
      .NeedsLeadIn = TRUE,
      .BringUp = CHIP_BRING_UP_REVISION1},
-    // Revision 2
     {.IsSupported = TRUE,
      .HasStatusPipe = TRUE,
      .ReportsEvents = TRUE,
      .HasPowerSwitches = TRUE,
      .SerialMasterOnStage2 = TRUE,
-     .KeepsOutputDrivers = FALSE,
      .ExactRunUnits = TRUE,
-     .NeedsLeadIn = FALSE,
      .BringUp = CHIP_BRING_UP_REVISION2},
-    // Revision 3
-    {.IsSupported = FALSE,
-     .HasStatusPipe = TRUE,
-     .ReportsEvents = FALSE,
-     .HasPowerSwitches = FALSE,
-     .SerialMasterOnStage2 = FALSE,
-     .KeepsOutputDrivers = FALSE,
-     .ExactRunUnits = FALSE,
-     .NeedsLeadIn = FALSE,
-     .BringUp = CHIP_BRING_UP_NONE},
+    {.IsSupported = FALSE},
 };
 
 } // namespace

@@ -17,16 +17,17 @@ enum CHIP_BRING_UP : ULONG {
 };
 
 struct CHIP_TRAITS {
-    BOOLEAN IsSupported;      // its configuration is known
-    BOOLEAN HasStatusPipe;    // without one, the status is read at D0 entry only
-    BOOLEAN ReportsEvents;    // its status register reports what changed; otherwise it has the present state
-                              // only, and the driver acknowledges a report by writing the status back
-    BOOLEAN HasPowerSwitches; // REGISTER_STANDBY and REGISTER_POWER
-    BOOLEAN SerialMasterOnStage2; // its serial master needs power stage 2
-    BOOLEAN KeepsOutputDrivers;   // the output's drivers stay on after the final power-down
-    BOOLEAN ExactRunUnits;        // its run expander knows 3-byte units only, besides 2-byte ones
-    BOOLEAN NeedsLeadIn;          // short run streams begin with literals
-    CHIP_BRING_UP BringUp;
+    BOOLEAN IsSupported = FALSE;   // its configuration is known
+    BOOLEAN HasStatusPipe = FALSE; // without one, the status is read at D0 entry only
+    // The status register reports what changed. Otherwise it has the present state only, and the driver
+    // acknowledges a report by writing the status back.
+    BOOLEAN ReportsEvents = FALSE;
+    BOOLEAN HasPowerSwitches = FALSE;     // REGISTER_STANDBY and REGISTER_POWER
+    BOOLEAN SerialMasterOnStage2 = FALSE; // its serial master needs power stage 2
+    BOOLEAN KeepsOutputDrivers = FALSE;   // the output's drivers stay on after the final power-down
+    BOOLEAN ExactRunUnits = FALSE;        // its run expander knows 3-byte units only, besides 2-byte ones
+    BOOLEAN NeedsLeadIn = FALSE;          // short run streams begin with literals
+    CHIP_BRING_UP BringUp = CHIP_BRING_UP_NONE;
 };
 
 // 0 to 3, from the identity that the adapter reports.
