@@ -112,17 +112,18 @@ void SwitchDisplayOff(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.Disp
     RENDER_ResumeFrameErrors(context);
 }
 
+// A mode that cannot be set leaves the display dark and the switch owed; the client is not told.
 void SwitchDisplayOn(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.DisplayPowerMutex) {
-    // A mode that cannot be set leaves the display dark until the next switch; the client is not told.
-    (void)MODE_SetDesktopMode(context, SHARED_Read(context->Client.DesktopWidth),
-                              SHARED_Read(context->Client.DesktopHeight));
+    const NTSTATUS status = MODE_SetDesktopMode(context, SHARED_Read(context->Client.DesktopWidth),
+                                                SHARED_Read(context->Client.DesktopHeight));
+    context->Client.SwitchOwed = !NT_SUCCESS(status);
 }
 
 // TRUE when the display was switched on or need not be any more, FALSE while the device is out of D0.
 BOOLEAN TrySwitchDisplayOn(DEVICE_CONTEXT* context) {
     MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-    if (context->Client.DisplayOn == 0) {
-        return TRUE; // Another command has switched off while this one waited.
+    if (context->Client.DisplayOn == 0 || !context->Client.SwitchOwed) {
+        return TRUE; // Another command has switched off, or on, while this one waited.
     }
     if (SHARED_Read(context->Power.CurrentPowerState) != WdfPowerDeviceD0) {
         return FALSE;
@@ -154,11 +155,11 @@ NTSTATUS SetDisplayPower(DEVICE_CONTEXT* context, const VOID* input, ULONGLONG i
     }
     {
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        if (context->Client.DisplayOn == request.On && !context->Client.NewSession) {
+        if (context->Client.DisplayOn == request.On && !context->Client.SwitchOwed) {
             return STATUS_SUCCESS;
         }
-        context->Client.NewSession = FALSE;
         SetDisplayOn(context, request.On);
+        context->Client.SwitchOwed = request.On != 0;
         if (request.On == 0) {
             SwitchDisplayOff(context);
             return STATUS_SUCCESS;
@@ -222,10 +223,8 @@ void CLIENT_ReleaseInterface(VOID* clientContext) {
     DEVICE_CONTEXT* context = static_cast<DEVICE_CONTEXT*>(clientContext);
     FRAMEBUFFER_DestroyAll(context);
     {
-        // The next client does not know the state of the display: its first switch is carried out in any
-        // case.
         MUTEX_GUARD displayPower(context->Client.DisplayPowerMutex);
-        context->Client.NewSession = TRUE;
+        context->Client.SwitchOwed = TRUE;
     }
     if (InterlockedDecrement(&context->Client.ClientCount) < 0) {
         // Released twice, or after a restart that ended the session: this client did not hold the interface.

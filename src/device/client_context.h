@@ -14,7 +14,10 @@ struct CLIENT_CONTEXT {
     // Held while the display is switched on or off, so that two commands at once leave the state of the later
     // one. D0 exit takes it so that a switch under way finishes before the power is removed.
     DEVICE_MUTEX DisplayPowerMutex;
-    BOOLEAN NewSession TSA_GUARDED_BY(DisplayPowerMutex); // no display switch since the last client left
+    // A switch that DisplayOn names was not carried out, because the device was not in D0 in time or because
+    // the mode could not be set; or the client is new and does not know the display's state. The next command
+    // acts even if it asks for the same state.
+    BOOLEAN SwitchOwed TSA_GUARDED_BY(DisplayPowerMutex);
 
     // State from the client's latest commands, read across threads (shared fields). DisplayOn is written
     // under DisplayPowerMutex only.

@@ -186,6 +186,19 @@ TEST(Commands, SwitchTheDisplayOnlyOnce) {
     });
 }
 
+// A display-on whose mode cannot be set answers with success, as every one does. Repeated, it tries again.
+TEST(Commands, RepeatADisplayOnThatSetNoMode) {
+    runSession(inOrder(), [](Session& session) {
+        plugWithMonitor(session);
+        session.openClient();
+        session.createFrameBuffer(99, 100, 100); // no mode has this size
+        session.setDisplayPower(true);
+        session.createFrameBuffer(kDesktop, kWidth, kHeight);
+        session.setDisplayPower(true);
+        show(session, bars());
+    });
+}
+
 TEST(Commands, KeepTheRotationWhenTheRecordIsWrong) {
     withDesktop([](Session& session) {
         session.setRotation(ROTATION_HALF);
@@ -220,7 +233,8 @@ TEST(DisplayOnInLowPower, TimesOut) {
         EXPECT_EQ(STATUS_DRIVER_CANCEL_TIMEOUT, session.client().setDisplayPower(true));
         EXPECT_EQ(5010 * kMillisecond, now(session) - begin);
         session.resume();
-        switchOffAndOn(session);
+        session.machine().sleep(kSecond);
+        session.setDisplayPower(true); // owed since the time-out
         show(session, bars());
     });
 }
