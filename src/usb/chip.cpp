@@ -33,12 +33,11 @@ ULONG USB_RevisionOf(const USB_DEVICE_DESCRIPTOR* descriptor) {
     if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0100) {
         return 1;
     }
-    // Before the other products of our own: the partner may use our vendor identifier.
-    if (vendor == PARTNER_VENDOR_ID && product == PARTNER_PRODUCT_ID && release == 0x0200) {
-        return 2;
-    }
     if (vendor == ADAPTER_VENDOR_ID && release == 0x0200) {
         return product == ADAPTER_PRODUCT_ID || product == ADAPTER_ALT_PRODUCT_ID ? 2 : 0;
+    }
+    if (vendor == PARTNER_VENDOR_ID && product == PARTNER_PRODUCT_ID && release == 0x0200) {
+        return 2;
     }
     if (vendor == ADAPTER_VENDOR_ID && product == ADAPTER_PRODUCT_ID && release == 0x0300) {
         return 3;

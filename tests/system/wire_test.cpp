@@ -417,6 +417,7 @@ TEST(Identities, DetermineThePowerUpSequence) {
         {"one above alt", ADAPTER_VENDOR_ID, kAlt + 1, 0x0200, 0},
         {"one below alt", ADAPTER_VENDOR_ID, kAlt - 1, 0x0200, 0},
         {"partner 2.00", PARTNER_VENDOR_ID, PARTNER_PRODUCT_ID, 0x0200, 2},
+        {"the partner's product number, our vendor", ADAPTER_VENDOR_ID, PARTNER_PRODUCT_ID, 0x0200, 0},
         {"partner 2.01", PARTNER_VENDOR_ID, PARTNER_PRODUCT_ID, 0x0201, 0},
     };
     for (const auto& c : cases) {
