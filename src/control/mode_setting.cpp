@@ -58,7 +58,7 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request)
     if (request->Width != current.Width || request->Height != current.Height) {
         // Remembered, because a mode set that fails partway has already stored its size: the next mode set of
         // that size must still program the transmitter.
-        context->Control.HdmiModeStale = TRUE;
+        HDMI_ForgetMode(context);
     }
 
     // The stop comes before the transfer policy. With the pixel-bytes adjustment enabled it clears
@@ -80,7 +80,7 @@ NTSTATUS ChangeMode(DEVICE_CONTEXT* context, MODE_REQUEST* request)
         }
     }
     if (request->CompressionEnabled == 0) {
-        MODE_UpdateHdmi(context, context->Control.HdmiModeStale);
+        MODE_UpdateHdmi(context, SHARED_Read(context->Hdmi.HdmiModeStale));
         status = RENDER_Start(context);
     }
     return status;
@@ -115,12 +115,17 @@ void MODE_Resume(DEVICE_CONTEXT* context) {
     if (!context->Render.SuspendedWhileRunning) {
         return;
     }
-    if (context->Display.Mode.Width != 0) {
+    const DISPLAY_CONTEXT& display = context->Display;
+    const BOOLEAN forgotten = display.Mode.Width == 0;
+    const BOOLEAN transmitterIsNew =
+        SHARED_Read(context->Hdmi.HdmiTransmitterPresent) && SHARED_Read(context->Hdmi.HdmiModeStale);
+    if (!forgotten && !transmitterIsNew) {
         RENDER_Resume(context);
         return;
     }
     // A failure leaves the monitor dark until the next mode set, as after every other failed one.
-    (void)MODE_SetDesktopMode(context, context->Display.WidthBeforeSleep, context->Display.HeightBeforeSleep);
+    (void)MODE_SetDesktopMode(context, forgotten ? display.WidthBeforeSleep : display.Mode.Width,
+                              forgotten ? display.HeightBeforeSleep : display.Mode.Height);
 }
 
 void MODE_ApplyTransferPolicy(DEVICE_CONTEXT* context, MODE_PARAMETERS* parameters, BOOLEAN* severalDevices) {
@@ -157,11 +162,12 @@ void MODE_UpdateHdmi(DEVICE_CONTEXT* context, BOOLEAN modeChanged) {
     }
     // A transmitter that fails here stays marked as not powered or not programmed, and the next mode set
     // tries again. This mode set continues.
-    const BOOLEAN powered = SHARED_Read(context->Hdmi.HdmiTransmitterPowered) || HDMI_PowerUp(context);
+    if (!SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
+        (void)HDMI_PowerUp(context);
+    }
     if (modeChanged) {
         REG_SetBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
-        const BOOLEAN programmed = HDMI_SetMode(context);
+        (void)HDMI_SetMode(context);
         REG_ClearBit(context, REGISTER_STREAM_CONTROL, STREAM_CONTROL_HDMI_BIT);
-        context->Control.HdmiModeStale = !(powered && programmed);
     }
 }

@@ -28,8 +28,8 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS MODE_SetDesktopMode(DEVICE_CONTEXT* context, ULONG width, ULONG height);
 
-// After a sleep: a stream that RENDER_Suspend paused continues in its mode. A mode that was forgotten for the
-// sleep is set again. The adapter is in D0.
+// After a sleep: a stream that RENDER_Suspend paused continues in its mode. The mode is set again when it was
+// forgotten for the sleep, or for a transmitter that did not answer before it. The adapter is in D0.
 _IRQL_requires_(PASSIVE_LEVEL)
 void MODE_Resume(DEVICE_CONTEXT* context);
 

@@ -28,8 +28,4 @@ struct CONTROL_CONTEXT {
     // without it (shared fields).
     BOOLEAN MonitorConnected;
     BOOLEAN MonitorIsDvi;
-
-    // The HDMI transmitter was not programmed since the mode's size changed. Guarded by RenderStartStopMutex
-    // of RENDER_PIPELINE.
-    BOOLEAN HdmiModeStale;
 };

@@ -7,4 +7,8 @@
 struct HDMI_CONTEXT {
     BOOLEAN HdmiTransmitterPresent;
     BOOLEAN HdmiTransmitterPowered;
+
+    // The transmitter is not programmed for the mode: the mode's size changed, or a reset cleared the
+    // registers.
+    BOOLEAN HdmiModeStale;
 };

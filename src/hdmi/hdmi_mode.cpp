@@ -138,9 +138,15 @@ BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.Serial
 
 BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context) {
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
-    return HDMI_SetAvMute(context, TRUE) && HDMI_SetAviInfoFrame(context) && HDMI_SetupVideo(context) &&
-           HDMI_SetAudioInfoFrame(context) && HDMI_SetupAudio(context, AUDIO_SAMPLE_RATE, AUDIO_CHANNELS) &&
-           HDMI_SetAvMute(context, FALSE);
+    if (!HDMI_SetAvMute(context, TRUE) || !HDMI_SetAviInfoFrame(context) || !HDMI_SetupVideo(context) ||
+        !HDMI_SetAudioInfoFrame(context) || !HDMI_SetupAudio(context, AUDIO_SAMPLE_RATE, AUDIO_CHANNELS) ||
+        !HDMI_SetAvMute(context, FALSE)) {
+        return FALSE;
+    }
+    if (SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
+        SHARED_Write(context->Hdmi.HdmiModeStale, FALSE);
+    }
+    return TRUE;
 }
 
 BOOLEAN HDMI_SetAvMute(DEVICE_CONTEXT* context, BOOLEAN mute) {

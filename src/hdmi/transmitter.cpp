@@ -53,6 +53,7 @@ BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context) {
 }
 
 BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Hdmi.HdmiModeStale, TRUE);
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
     if (!HDMI_WriteMasked(context, HDMI_RESET, 1 << HDMI_RESET_ALL_BIT, 1 << HDMI_RESET_ALL_BIT)) {
         return FALSE;
@@ -71,12 +72,9 @@ BOOLEAN HDMI_PowerUp(DEVICE_CONTEXT* context) {
 }
 
 BOOLEAN HDMI_PowerDown(DEVICE_CONTEXT* context) {
-    MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
-    if (!HDMI_WriteAll(context, POWER_DOWN)) {
-        return FALSE;
-    }
     SHARED_Write(context->Hdmi.HdmiTransmitterPowered, FALSE);
-    return TRUE;
+    MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
+    return HDMI_WriteAll(context, POWER_DOWN);
 }
 
 BOOLEAN HDMI_SetBit(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR bit) {
@@ -89,6 +87,7 @@ void HDMI_Detect(DEVICE_CONTEXT* context) {
     HDMI_CONTEXT* hdmi = &context->Hdmi;
     if (!HDMI_IsPresent(context)) {
         SHARED_Write(hdmi->HdmiTransmitterPresent, FALSE);
+        SHARED_Write(hdmi->HdmiTransmitterPowered, FALSE);
         return;
     }
     if (!SHARED_Read(hdmi->HdmiTransmitterPowered)) {
@@ -99,12 +98,18 @@ void HDMI_Detect(DEVICE_CONTEXT* context) {
 }
 
 void HDMI_SetUp(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
     (void)HDMI_Reset(context);
     // The alternative product has the transmitter's video inputs wired in reverse.
     const BOOLEAN isReversed = context->Usb.DeviceDescriptor.idProduct == ADAPTER_ALT_PRODUCT_ID;
     if (isReversed || context->Settings.HdmiSwapLsbMsb != 0) {
         (void)HDMI_SetBit(context, HDMI_VIDEO_INPUT_SWAP, VIDEO_INPUT_SWAP_BIT);
     }
+}
+
+void HDMI_ForgetMode(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+    SHARED_Write(context->Hdmi.HdmiModeStale, TRUE);
 }
 
 void HDMI_PowerDownIfPowered(DEVICE_CONTEXT* context) {

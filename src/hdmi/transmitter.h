@@ -14,24 +14,30 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context);
 
-// Resets the transmitter and waits 300 ms, after which it answers again.
+// Resets the transmitter and waits 300 ms, after which it answers again. It has to be programmed for the mode
+// then.
 _IRQL_requires_(PASSIVE_LEVEL)
-BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context);
+BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 
 // Looks for a transmitter and updates HdmiTransmitterPresent; one that is found and not powered is reset and
-// powered up.
+// powered up. One that does not answer counts as not powered, so that this happens when it answers again.
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_Detect(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 
-// After power-up of the adapter: reset, and the order of the video input's bits.
+// After power-up of the adapter: reset, and the order of the video input's bits. Takes DisplayStateMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
 void HDMI_SetUp(DEVICE_CONTEXT* context);
 
-// Write the power tables and, on success, update HdmiTransmitterPowered.
+// Write the power tables. HdmiTransmitterPowered is set after the last write of a power-up. It is cleared
+// before the first write of a power-down: a transmitter that took only a part of it needs the whole power-up.
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_PowerUp(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_PowerDown(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
+
+// The mode's size changes, so the transmitter has to be programmed for it. Takes DisplayStateMutex.
+_IRQL_requires_(PASSIVE_LEVEL)
+void HDMI_ForgetMode(DEVICE_CONTEXT* context);
 
 // Powers down a transmitter that is present and powered. Takes DisplayStateMutex.
 _IRQL_requires_(PASSIVE_LEVEL)

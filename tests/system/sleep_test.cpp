@@ -96,17 +96,62 @@ TEST_P(Sleep, MayBeInterruptedByASurpriseRemoval) {
 INSTANTIATE_TEST_SUITE_P(With, Sleep, testing::Bool(),
                          [](const auto& info) { return info.param ? "Transmitter" : "NoTransmitter"; });
 
-// After a failed sequence the transmitter is not considered set up: the next mode set of the same size
-// repeats it.
-TEST(Transmitter, IsProgrammedAgainAfterAFailure) {
-    runSession(inOrder(), [](Session& session) {
-        plugWithMonitor(session, adapterWithTransmitter(true));
-        session.adapter().setDeaf(model::Part::Transmitter, true);
-        switchOn(session);
-        session.adapter().setDeaf(model::Part::Transmitter, false);
-        switchOffAndOn(session);
-        show(session, gradient(), kSettled);
-    });
+// A transmitter that does not answer for a while and then is back. Whatever the driver could not do
+// meanwhile, the transmitter ends powered and programmed for the mode.
+TEST(Transmitter, IsProgrammedForTheModeWhenItAnswersAgain) {
+    const struct {
+        const char* what;
+        std::function<void(Session&)> whileDeaf;
+        std::function<void(Session&)> afterwards;
+    } cases[] = {
+        {"a mode set", [](Session& session) { switchOffAndOn(session); }, switchOffAndOn},
+        {"a power-down at display-off", [](Session& session) { session.setDisplayPower(false); },
+         [](Session& session) { session.setDisplayPower(true); }},
+        {"a power-down at sleep", [](Session& session) { session.suspend(); },
+         [](Session& session) { session.resume(); }},
+        {"a sleep and the wake-up",
+         [](Session& session) {
+             session.suspend();
+             session.resume();
+         },
+         [](Session& session) {
+             session.suspend();
+             session.resume();
+         }},
+        {"a wake-up with the display off",
+         [](Session& session) {
+             session.suspend();
+             session.setDisplayPower(false);
+             session.resume();
+         },
+         [](Session& session) {
+             session.suspend();
+             session.resume();
+             session.setDisplayPower(true);
+         }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        runSession(inOrder(), [&](Session& session) {
+            session.attachMonitor(rig::builtinEdid());
+            session.plug(adapterWithTransmitter());
+            switchOn(session);
+            show(session, bars(), kSettled);
+            session.adapter().setDeaf(model::Part::Transmitter, true);
+            c.whileDeaf(session);
+            session.adapter().setDeaf(model::Part::Transmitter, false);
+            c.afterwards(session);
+            show(session, gradient(), kSettled);
+            const auto videoCode = [&] { return session.adapter().peekTransmitter(1, 0x5B); };
+            EXPECT_EQ(1, videoCode()) << "640 x 480";
+            session.setDisplayPower(false);
+            session.createFrameBuffer(kDesktop + 1, 1280, 720);
+            session.setDisplayPower(true);
+            session.present(kDesktop + 1, pattern("bars", 1280, 720));
+            expectPicture(session, kSettled);
+            EXPECT_EQ(4, videoCode()) << "1280 x 720";
+        });
+    }
 }
 
 } // namespace
