@@ -6,6 +6,11 @@
     X(PVOID, ExAllocatePoolWithTag, (POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag),                   \
       (PoolType, NumberOfBytes, Tag))                                                                        \
     X(VOID, ExFreePoolWithTag, (PVOID P, ULONG Tag), (P, Tag))                                               \
+    X(VOID, ExInitializeRundownProtection, (PEX_RUNDOWN_REF RunRef), (RunRef))                               \
+    X(VOID, ExReInitializeRundownProtection, (PEX_RUNDOWN_REF RunRef), (RunRef))                             \
+    X(BOOLEAN, ExAcquireRundownProtection, (PEX_RUNDOWN_REF RunRef), (RunRef))                               \
+    X(VOID, ExReleaseRundownProtection, (PEX_RUNDOWN_REF RunRef), (RunRef))                                  \
+    X(VOID, ExWaitForRundownProtectionRelease, (PEX_RUNDOWN_REF RunRef), (RunRef))                           \
     X(VOID, KeInitializeSpinLock, (PKSPIN_LOCK SpinLock), (SpinLock))                                        \
     X(KIRQL, KeAcquireSpinLockRaiseToDpc, (PKSPIN_LOCK SpinLock), (SpinLock))                                \
     X(VOID, KeReleaseSpinLock, (PKSPIN_LOCK SpinLock, KIRQL NewIrql), (SpinLock, NewIrql))                   \

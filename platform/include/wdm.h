@@ -128,6 +128,13 @@ typedef struct _FAST_MUTEX {
 
 typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
 
+typedef struct _EX_RUNDOWN_REF {
+    union {
+        ULONG_PTR Count;
+        PVOID Ptr;
+    };
+} EX_RUNDOWN_REF, *PEX_RUNDOWN_REF;
+
 // Memory descriptor lists.
 
 typedef struct _MDL {

@@ -6,8 +6,7 @@
 #include <ntddk.h>
 
 // While reports are ignored, the status work item drops what it read: from hardware preparation or D0 exit
-// until D0 entry has checked the monitor. A work item that has begun to act may still be at work; it has
-// finished when the caller then gets MonitorMutex.
+// until D0 entry has checked the monitor.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void MONITOR_IgnoreReports(DEVICE_CONTEXT* context);
 _IRQL_requires_max_(DISPATCH_LEVEL)

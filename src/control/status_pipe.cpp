@@ -31,6 +31,13 @@ void HandleStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->C
     }
 }
 
+// The device's disposal waits until the callback of its work item has returned, so the context is still
+// there.
+void EndWork(DEVICE_CONTEXT* context, WDFWORKITEM workItem) {
+    WdfObjectDelete(workItem);
+    ExReleaseRundownProtection(&context->Control.StatusWork);
+}
+
 } // namespace
 
 NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context) {
@@ -54,16 +61,17 @@ NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context) {
 }
 
 void INT_StopStatusPipe(DEVICE_CONTEXT* context) {
-    CONTROL_CONTEXT* control = &context->Control;
-    if (control->InterruptPipe != nullptr) {
-        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(control->InterruptPipe), WdfIoTargetCancelSentIo);
-        control->InterruptPipe = nullptr; // The next configuration creates new pipes.
-    }
+    INT_SuspendStatusPipe(context);
+    context->Control.InterruptPipe = nullptr; // The next configuration creates new pipes.
 }
 
 void INT_SuspendStatusPipe(DEVICE_CONTEXT* context) {
-    if (context->Control.InterruptPipe != nullptr) {
-        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(context->Control.InterruptPipe), WdfIoTargetCancelSentIo);
+    CONTROL_CONTEXT* control = &context->Control;
+    if (control->InterruptPipe != nullptr) {
+        // Returns when no read is out and no read callback runs, so no work item is added from here on.
+        WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(control->InterruptPipe), WdfIoTargetCancelSentIo);
+        ExWaitForRundownProtectionRelease(&control->StatusWork);
+        ExReInitializeRundownProtection(&control->StatusWork);
     }
 }
 
@@ -94,6 +102,8 @@ void INT_EvtReadComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t, WDFCONTEXT reader
     if (!NT_SUCCESS(WdfWorkItemCreate(&config, &attributes, &workItem))) {
         return; // The report is lost. The next one is handled as usual.
     }
+    // Succeeds always: the wait for the work items begins after the last read callback has returned.
+    (void)ExAcquireRundownProtection(&context->Control.StatusWork);
     INT_GetWorkItemContext(workItem)->DeviceContext = context;
     WdfWorkItemEnqueue(workItem);
 }
@@ -103,8 +113,7 @@ void INT_EvtStatusWorkItem(WDFWORKITEM workItem) {
     {
         // MonitorMutex comes first for either kind of status, because a detach takes locks that come after
         // it. The status is read under it, too: of two work items at once the later one acts on the newer
-        // status. D0 exit sets IgnoreInterruptStatus and then waits for this mutex, so a later work item does
-        // nothing.
+        // status.
         MUTEX_GUARD monitor(context->Control.MonitorMutex);
         ULONG status;
         if (REG_Read(context, REGISTER_STATUS, &status) &&
@@ -112,7 +121,7 @@ void INT_EvtStatusWorkItem(WDFWORKITEM workItem) {
             HandleStatus(context, status);
         }
     }
-    WdfObjectDelete(workItem);
+    EndWork(context, workItem);
 }
 
 void INT_EvtAckWorkItem(WDFWORKITEM workItem) {
@@ -121,5 +130,5 @@ void INT_EvtAckWorkItem(WDFWORKITEM workItem) {
     if (REG_Read(context, REGISTER_STATUS, &status)) {
         REG_Write(context, REGISTER_STATUS, &status);
     }
-    WdfObjectDelete(workItem);
+    EndWork(context, workItem);
 }

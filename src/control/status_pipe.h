@@ -17,12 +17,14 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS INT_StartStatusPipe(DEVICE_CONTEXT* context);
 
-// Cancels the pending read. Nothing happens without a pipe.
+// Cancels the pending read and waits until the work items of earlier reports have ended: no report leads to a
+// register access after that. Nothing happens without a pipe. The caller holds no lock, because the work
+// items take MonitorMutex and what comes after it.
 _IRQL_requires_(PASSIVE_LEVEL)
 void INT_StopStatusPipe(DEVICE_CONTEXT* context);
 
-// Over a sleep: no read is pending while the device is out of D0. Without the pipe the adapter still shows
-// frames, so a failed resume is ignored.
+// Over a sleep: neither read nor work item is left when the device leaves D0, waited for as above. Without
+// the pipe the adapter still shows frames, so a failed resume is ignored.
 _IRQL_requires_(PASSIVE_LEVEL)
 void INT_SuspendStatusPipe(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)

@@ -12,6 +12,9 @@
 struct CONTROL_CONTEXT {
     WDFUSBPIPE InterruptPipe; // set at hardware preparation, null without a status pipe
 
+    // Acquired for each work item of a report until it ends; the stop of the pipe waits for it.
+    EX_RUNDOWN_REF StatusWork;
+
     // Set from hardware preparation or D0 exit until D0 entry has checked the monitor: the status work item
     // then drops what it read (shared field).
     BOOLEAN IgnoreInterruptStatus;

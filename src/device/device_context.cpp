@@ -19,6 +19,7 @@ void DEVICE_InitLocks(DEVICE_CONTEXT* context) {
     MUTEX_Initialize(&context->Render.RenderBufferIndexMutex);
     MUTEX_Initialize(&context->Render.RenderStartStopMutex);
     MUTEX_Initialize(&context->Control.MonitorMutex);
+    ExInitializeRundownProtection(&context->Control.StatusWork);
     MUTEX_Initialize(&context->Client.DisplayPowerMutex);
 }
 

@@ -38,6 +38,11 @@ struct DEVICE_CONTEXT {
     // transfers and client commands.
     BOOLEAN DeviceRemoved;
 
+    // The removal of the device has begun; never cleared (shared field, written by driver/power.cpp). Refuses
+    // transactions of the serial master, so that no EDID read or transmitter sequence delays the removal by
+    // seconds.
+    BOOLEAN RemovalBegun;
+
     BOOLEAN CountedAsPrepared; // in CurrentNumberOfDevices; written by device/device_count.cpp
 
     SETTINGS Settings;

@@ -75,7 +75,7 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
     MONITOR_IgnoreReports(context);
     RENDER_SuspendFrameErrors(context);
 
-    // A monitor event in progress finishes first, too; later ones see IgnoreInterruptStatus under this mutex.
+    // The status pipe is at rest. What still takes this mutex is a client that reads the EDID.
     MUTEX_GUARD monitor(context->Control.MonitorMutex);
 
     // No transfer may be in flight outside D0.
@@ -106,6 +106,7 @@ void DEVICE_EvtSurpriseRemoval(WDFDEVICE device) {
 NTSTATUS DEVICE_PreprocessPnpIrp(WDFDEVICE device, PIRP irp) {
     const IO_STACK_LOCATION* stack = IoGetCurrentIrpStackLocation(irp);
     if (stack->MajorFunction == IRP_MJ_PNP && stack->MinorFunction == IRP_MN_REMOVE_DEVICE) {
+        SHARED_Write(DEVICE_GetContext(device)->RemovalBegun, TRUE);
         DEVICE_WaitForClientRelease(DEVICE_GetContext(device));
     }
     IoSkipCurrentIrpStackLocation(irp);

@@ -1,5 +1,6 @@
 #include "usb/serial_master.h"
 
+#include "base/shared_field.h"
 #include "base/util.h"
 #include "device/device_context.h"
 #include "usb/chip.h"
@@ -44,7 +45,7 @@ POLL_RESULT ProbeCompletion(DEVICE_CONTEXT* context) {
 // stays in the register; the next one overwrites it.
 BOOLEAN RunCommand(DEVICE_CONTEXT* context, ULONG command, ULONG waitMs) {
     ULONG control;
-    if (!REG_Read(context, REGISTER_SERIAL_CONTROL, &control)) {
+    if (SHARED_Read(context->RemovalBegun) || !REG_Read(context, REGISTER_SERIAL_CONTROL, &control)) {
         return FALSE;
     }
     if (CHIP_Traits(context).SerialMasterOnStage2) {

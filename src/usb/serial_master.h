@@ -1,7 +1,8 @@
 // The adapter's serial master: 32-bit words to and from I2C devices and the SPI flash.
 //
 // A transaction blocks for 3 to 105 ms. The caller holds SerialMasterMutex over all transactions that belong
-// together, and not for each alone. Every failure is STATUS_UNSUCCESSFUL; a failed read leaves 0.
+// together, and not for each alone. Every failure is STATUS_UNSUCCESSFUL; a failed read leaves 0. While the
+// device is being removed, every transaction fails at once.
 #pragma once
 
 #include "device/device_context.h"

@@ -68,6 +68,18 @@ TEST(Removal, DoesNotWaitWithoutAClient) {
     }
 }
 
+// The monitor's EDID takes the transmitter more than a second; its reading is given up.
+TEST(Removal, DoesNotWaitForAnEdid) {
+    runSession(inOrder(), [](Session& session) {
+        session.plug(adapterWithTransmitter());
+        session.attachMonitor(rig::builtinEdid());
+        session.machine().sleep(300 * kMillisecond);
+        const usb::Time begin = now(session);
+        session.remove();
+        EXPECT_LT(now(session) - begin, 2 * kRemovalTime);
+    });
+}
+
 TEST(Removal, MayBeCancelled) {
     runSession(inOrder(), [](Session& session) {
         showDesktop(session, adapter());
