@@ -11,4 +11,8 @@ struct HDMI_CONTEXT {
     // The transmitter is not programmed for the mode: the mode's size changed, or a reset cleared the
     // registers.
     BOOLEAN HdmiModeStale;
+
+    // A transfer to the transmitter failed since HDMI_SetMode began. Guarded by SerialMasterMutex of
+    // USB_CONTEXT.
+    BOOLEAN HdmiTransferFailed;
 };

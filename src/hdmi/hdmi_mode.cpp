@@ -138,13 +138,16 @@ BOOLEAN SetAudioFormat(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb.Serial
 
 BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context) {
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
+    HDMI_CONTEXT* hdmi = &context->Hdmi;
+    hdmi->HdmiTransferFailed = FALSE;
     if (!HDMI_SetAvMute(context, TRUE) || !HDMI_SetAviInfoFrame(context) || !HDMI_SetupVideo(context) ||
         !HDMI_SetAudioInfoFrame(context) || !HDMI_SetupAudio(context, AUDIO_SAMPLE_RATE, AUDIO_CHANNELS) ||
         !HDMI_SetAvMute(context, FALSE)) {
         return FALSE;
     }
-    if (SHARED_Read(context->Hdmi.HdmiTransmitterPowered)) {
-        SHARED_Write(context->Hdmi.HdmiModeStale, FALSE);
+    // After a failed change of the bank the writes that follow reach other registers, although each succeeds.
+    if (SHARED_Read(hdmi->HdmiTransmitterPowered) && !hdmi->HdmiTransferFailed) {
+        SHARED_Write(hdmi->HdmiModeStale, FALSE);
     }
     return TRUE;
 }

@@ -9,7 +9,7 @@
 #include <ntddk.h>
 
 // Programs the transmitter for the current mode. FALSE when a step failed: it stops there and leaves audio
-// and video muted. Success on a transmitter with power clears HdmiModeStale; one without power keeps nothing.
+// and video muted. HdmiModeStale is cleared when every transfer succeeded and the transmitter has power.
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_SetMode(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 

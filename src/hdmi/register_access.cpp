@@ -15,11 +15,25 @@ constexpr ULONG ShiftOf(UCHAR transmitterRegister) {
     return 8 * (transmitterRegister & 3);
 }
 
+NTSTATUS ReadGroup(DEVICE_CONTEXT* context, UCHAR offset, ULONG* group)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
+    const NTSTATUS status = I2C_ReadDword(context, HDMI_I2C_ADDRESS, offset, group);
+    context->Hdmi.HdmiTransferFailed |= !NT_SUCCESS(status);
+    return status;
+}
+
+NTSTATUS WriteGroup(DEVICE_CONTEXT* context, UCHAR offset, const ULONG* group)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
+    const NTSTATUS status = I2C_WriteDword(context, HDMI_I2C_ADDRESS, offset, group);
+    context->Hdmi.HdmiTransferFailed |= !NT_SUCCESS(status);
+    return status;
+}
+
 } // namespace
 
 NTSTATUS HDMI_ReadRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR* result) {
     ULONG group;
-    const NTSTATUS status = I2C_ReadDword(context, HDMI_I2C_ADDRESS, GroupOf(transmitterRegister), &group);
+    const NTSTATUS status = ReadGroup(context, GroupOf(transmitterRegister), &group);
     if (NT_SUCCESS(status)) {
         *result = static_cast<UCHAR>(group >> ShiftOf(transmitterRegister));
     }
@@ -36,12 +50,12 @@ NTSTATUS HDMI_WriteRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, 
     const UCHAR groupOffset = GroupOf(transmitterRegister);
     const ULONG shift = ShiftOf(transmitterRegister);
     ULONG group;
-    const NTSTATUS status = I2C_ReadDword(context, HDMI_I2C_ADDRESS, groupOffset, &group);
+    const NTSTATUS status = ReadGroup(context, groupOffset, &group);
     if (!NT_SUCCESS(status)) {
         return status;
     }
     group = (group & ~(0xFFu << shift)) | (ULONG(*value) << shift);
-    return I2C_WriteDword(context, HDMI_I2C_ADDRESS, groupOffset, &group);
+    return WriteGroup(context, groupOffset, &group);
 }
 
 void HDMI_ModifyRegister(DEVICE_CONTEXT* context, UCHAR transmitterRegister, UCHAR mask, UCHAR value,
@@ -71,7 +85,7 @@ BOOLEAN HDMI_WriteGroup(DEVICE_CONTEXT* context, UCHAR offset, UCHAR byte0, UCHA
                         UCHAR byte3) {
     const ULONG group = byte0 | static_cast<ULONG>(byte1) << 8 | static_cast<ULONG>(byte2) << 16 |
                         static_cast<ULONG>(byte3) << 24;
-    return NT_SUCCESS(I2C_WriteDword(context, HDMI_I2C_ADDRESS, offset, &group));
+    return NT_SUCCESS(WriteGroup(context, offset, &group));
 }
 
 BOOLEAN HDMI_WriteAll(DEVICE_CONTEXT* context, const HDMI_WRITE* writes, ULONG count) {

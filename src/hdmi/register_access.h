@@ -1,6 +1,7 @@
 // Access to the transmitter's registers: single bytes, masked writes, groups of four and tables of writes.
 // Each access blocks for one or two transactions of the serial master. The BOOLEAN functions return FALSE
-// when a transfer failed.
+// when a transfer failed. Every failure also sets HdmiTransferFailed, which shows those that a sequence
+// ignores.
 #pragma once
 
 #include "device/device_context.h"
@@ -67,8 +68,7 @@ _Must_inspect_result_
 }
 
 // Bank 1 is selected while the object exists. In a transmitter left in bank 1 all later accesses would reach
-// other registers, so bank 0 is selected again after every outcome. A failure to select a bank shows in the
-// accesses that follow.
+// other registers, so bank 0 is selected again after every outcome.
 class HDMI_BANK1_SCOPE {
   public:
     _IRQL_requires_(PASSIVE_LEVEL)
