@@ -284,6 +284,9 @@ AT(VendorUrb, Index, 132);
 using PipeUrb = _URB_PIPE_REQUEST;
 SIZE(PipeUrb, 40);
 AT(PipeUrb, PipeHandle, 24);
+using SelectInterfaceUrb = _URB_SELECT_INTERFACE;
+SIZE(SelectInterfaceUrb, 80);
+AT(SelectInterfaceUrb, Interface, 32);
 
 SIZE(USBD_PIPE_INFORMATION, 24);
 AT(USBD_PIPE_INFORMATION, PipeType, 4);

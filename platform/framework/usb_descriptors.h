@@ -1,10 +1,10 @@
 // Interfaces, settings and endpoints of a configuration descriptor.
 #pragma once
 
+#include <ntddk.h>
 #include <usbspec.h>
 
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -19,8 +19,9 @@ struct InterfaceLayout {
     std::vector<SettingLayout> settings; // at least one; index n is alternate setting n
 };
 
-// The descriptor comes from the device and is not trusted. Nothing when it contradicts itself: lengths that
-// do not add up, settings out of order, an endpoint count or interface count that is not met.
-std::optional<std::vector<InterfaceLayout>> parseConfiguration(std::span<const std::uint8_t> bytes);
+// The descriptor comes from the device and is not trusted: STATUS_INVALID_PARAMETER for lengths that do not
+// add up, too few endpoints or too many interfaces, STATUS_INVALID_DEVICE_REQUEST for settings with gaps.
+// Interfaces that are missing and endpoints beyond the announced number are passed over.
+NTSTATUS parseConfiguration(std::span<const std::uint8_t> bytes, std::vector<InterfaceLayout>& interfaces);
 
 } // namespace framework

@@ -15,13 +15,17 @@ using kernel::KernelGuard;
 namespace {
 
 // Standard requests, USB 2.0, table 9-4.
+constexpr UCHAR kGetStatus = 0x00;
 constexpr UCHAR kGetDescriptor = 0x06;
 constexpr UCHAR kSetConfiguration = 0x09;
 constexpr UCHAR kSetInterface = 0x0B;
 constexpr UCHAR kDeviceToHost = 0x80;
+constexpr UCHAR kToDevice = 0x00;
 constexpr UCHAR kToInterface = 0x01;
+constexpr USHORT kSelfPowered = 0x01; // in the answer to GET_STATUS
 
-constexpr kernel::Time kStandardRequestTimeout = 5 * base::kSecond;
+constexpr kernel::Time kReadTimeout = 5 * base::kSecond;
+constexpr kernel::Time kChangeTimeout = 2 * base::kSecond;
 
 // The setup packet is sent as it is in memory.
 usb::SetupPacket setupPacket(const WDF_USB_CONTROL_SETUP_PACKET& packet) {
@@ -64,44 +68,58 @@ usb::Device& UsbDevice::host() {
     return device().host();
 }
 
-TransferResult UsbDevice::standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index,
-                                          void* data, USHORT length) {
-    return controlTransfer(host(), {requestType, request, value, index, length}, data, length,
-                           kernel::now() + kStandardRequestTimeout);
+NTSTATUS UsbDevice::readFromDevice(UCHAR request, USHORT value, void* data, USHORT length) {
+    return controlTransfer(host(), {kDeviceToHost, request, value, 0, length}, data, length,
+                           kernel::now() + kReadTimeout)
+        .status;
 }
 
-NTSTATUS UsbDevice::readDescriptor(UCHAR type, void* data, USHORT length) {
-    const TransferResult result =
-        standardRequest(kDeviceToHost, kGetDescriptor, static_cast<USHORT>(type << 8), 0, data, length);
-    if (!NT_SUCCESS(result.status)) {
-        return result.status;
+NTSTATUS UsbDevice::changeDevice(UCHAR recipient, UCHAR request, USHORT value, USHORT index) {
+    return controlTransfer(host(), {recipient, request, value, index, 0}, nullptr, 0,
+                           kernel::now() + kChangeTimeout)
+        .status;
+}
+
+// As the framework does it, the length of an answer is not looked at: what the device left out is zero.
+NTSTATUS UsbDevice::readConfiguration() {
+    constexpr USHORT kValue = USB_CONFIGURATION_DESCRIPTOR_TYPE << 8;
+    USB_CONFIGURATION_DESCRIPTOR header = {};
+    NTSTATUS status = readFromDevice(kGetDescriptor, kValue, &header, sizeof(header));
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
-    return result.actual == length ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+    configuration_.assign(header.wTotalLength, 0);
+    if (configuration_.size() < sizeof(header)) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    status = readFromDevice(kGetDescriptor, kValue, configuration_.data(), header.wTotalLength);
+    if (!NT_SUCCESS(status)) {
+        return status;
+    }
+    const USHORT length = header.wTotalLength;
+    std::memcpy(&header, configuration_.data(), sizeof(header));
+    return header.wTotalLength == length ? STATUS_SUCCESS : STATUS_DEVICE_DATA_ERROR;
 }
 
 NTSTATUS UsbDevice::enumerate(const Call& call) {
-    NTSTATUS status = readDescriptor(USB_DEVICE_DESCRIPTOR_TYPE, &descriptor_, sizeof(descriptor_));
+    NTSTATUS status =
+        readFromDevice(kGetDescriptor, USB_DEVICE_DESCRIPTOR_TYPE << 8, &descriptor_, sizeof(descriptor_));
+    if (NT_SUCCESS(status)) {
+        status = readConfiguration();
+    }
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    USB_CONFIGURATION_DESCRIPTOR header = {};
-    status = readDescriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, &header, sizeof(header));
+    // A device that does not say is not self-powered.
+    USHORT deviceStatus = 0;
+    selfPowered_ = NT_SUCCESS(readFromDevice(kGetStatus, 0, &deviceStatus, sizeof(deviceStatus))) &&
+                   (deviceStatus & kSelfPowered) != 0;
+    std::vector<InterfaceLayout> layouts;
+    status = parseConfiguration(configuration_, layouts);
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (header.wTotalLength < sizeof(header)) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    configuration_.resize(header.wTotalLength);
-    status = readDescriptor(USB_CONFIGURATION_DESCRIPTOR_TYPE, configuration_.data(), header.wTotalLength);
-    if (!NT_SUCCESS(status)) {
-        return status;
-    }
-    auto layouts = parseConfiguration(configuration_);
-    if (!layouts) {
-        return STATUS_UNSUCCESSFUL;
-    }
-    for (InterfaceLayout& layout : *layouts) {
+    for (InterfaceLayout& layout : layouts) {
         Ref<UsbInterface> interface;
         status = createObject(call, nullptr, {}, this, interface,
                               [&](Object*) { return new UsbInterface(*this, std::move(layout)); });
@@ -113,8 +131,75 @@ NTSTATUS UsbDevice::enumerate(const Call& call) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS UsbDevice::setInterface(UsbInterface& interface, UCHAR setting) {
-    return standardRequest(kToInterface, kSetInterface, setting, interface.number(), nullptr, 0).status;
+WDF_USB_DEVICE_INFORMATION UsbDevice::information() const {
+    constexpr ULONG kUsbdVersion = 0x600;
+    constexpr UCHAR kRemoteWake = 0x20; // in the configuration's attributes
+    const auto& header = *reinterpret_cast<const USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data());
+    WDF_USB_DEVICE_INFORMATION information;
+    WDF_USB_DEVICE_INFORMATION_INIT(&information);
+    information.UsbdVersionInformation = {kUsbdVersion, descriptor_.bcdUSB};
+    // The trait is named "at high speed", but the stack sets it for every faster link as well.
+    information.Traits = WDF_USB_DEVICE_TRAIT_AT_HIGH_SPEED;
+    if (selfPowered_) {
+        information.Traits |= WDF_USB_DEVICE_TRAIT_SELF_POWERED;
+    }
+    if ((header.bmAttributes & kRemoteWake) != 0) {
+        information.Traits |= WDF_USB_DEVICE_TRAIT_REMOTE_WAKE_CAPABLE;
+    }
+    return information;
+}
+
+NTSTATUS UsbDevice::sendSelectInterface(const UsbInterface& interface, std::size_t setting) {
+    return changeDevice(kToInterface, kSetInterface, static_cast<USHORT>(setting), interface.number());
+}
+
+// The setting of each interface that the parameters ask for.
+NTSTATUS UsbDevice::settingsOf(const Call& call, const WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params,
+                               std::vector<std::size_t>& settings) const {
+    settings.assign(interfaces_.size(), 0);
+    switch (params.Type) {
+    case WdfUsbTargetDeviceSelectConfigTypeSingleInterface:
+        return interfaces_.size() == 1 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
+    case WdfUsbTargetDeviceSelectConfigTypeMultiInterface:
+        return STATUS_SUCCESS;
+    case WdfUsbTargetDeviceSelectConfigTypeInterfacesPairs:
+        break;
+    default:
+        return STATUS_NOT_SUPPORTED;
+    }
+    std::vector<bool> named(interfaces_.size(), false);
+    for (UCHAR i = 0; i < params.Types.MultiInterface.NumberInterfaces; i++) {
+        const WDF_USB_INTERFACE_SETTING_PAIR& pair = params.Types.MultiInterface.Pairs[i];
+        const auto interface = call.object<UsbInterface>(pair.UsbInterface);
+        const auto found = std::find(interfaces_.begin(), interfaces_.end(), interface.get());
+        if (found == interfaces_.end() || pair.SettingIndex >= interface->settingCount()) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        const auto index = static_cast<std::size_t>(found - interfaces_.begin());
+        settings[index] = pair.SettingIndex;
+        named[index] = true;
+    }
+    return std::find(named.begin(), named.end(), false) == named.end() ? STATUS_SUCCESS
+                                                                       : STATUS_INVALID_PARAMETER;
+}
+
+// After the configuration the framework selects the setting of every interface but the first that has
+// endpoints, also setting 0, with which a configuration starts anyway. Interfaces before a failure keep their
+// pipes, and the pipes of the others are left in `pipes`.
+NTSTATUS UsbDevice::sendSelectConfiguration(const std::vector<std::size_t>& settings,
+                                            std::vector<UsbInterface::Pipes>& pipes) {
+    const auto& header = *reinterpret_cast<const USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data());
+    NTSTATUS status = changeDevice(kToDevice, kSetConfiguration, header.bConfigurationValue, 0);
+    for (std::size_t i = 0; NT_SUCCESS(status) && i < interfaces_.size(); i++) {
+        // The bus driver does the same for the first one when its setting is not the one of the start.
+        if ((i != 0 && interfaces_[i]->hasEndpoints(settings[i])) || settings[i] != 0) {
+            status = sendSelectInterface(*interfaces_[i], settings[i]);
+        }
+        if (NT_SUCCESS(status)) {
+            interfaces_[i]->takePipes(settings[i], std::exchange(pipes[i], {}));
+        }
+    }
+    return status;
 }
 
 NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* pipeAttributes,
@@ -122,48 +207,25 @@ NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* 
     if (params.Size != sizeof(params)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
-    std::vector<UCHAR> settings(interfaces_.size(), 0);
-    switch (params.Type) {
-    case WdfUsbTargetDeviceSelectConfigTypeSingleInterface:
-        if (interfaces_.size() != 1) {
-            return STATUS_INVALID_DEVICE_REQUEST;
-        }
-        break;
-    case WdfUsbTargetDeviceSelectConfigTypeMultiInterface:
-        break;
-    case WdfUsbTargetDeviceSelectConfigTypeInterfacesPairs:
-        for (UCHAR i = 0; i < params.Types.MultiInterface.NumberInterfaces; i++) {
-            const WDF_USB_INTERFACE_SETTING_PAIR& pair = params.Types.MultiInterface.Pairs[i];
-            const auto interface = call.object<UsbInterface>(pair.UsbInterface);
-            const auto found = std::find(interfaces_.begin(), interfaces_.end(), interface.get());
-            if (found == interfaces_.end() || pair.SettingIndex >= interface->settingCount()) {
-                return STATUS_INVALID_PARAMETER;
-            }
-            settings[static_cast<std::size_t>(found - interfaces_.begin())] = pair.SettingIndex;
-        }
-        break;
-    default:
-        return STATUS_NOT_SUPPORTED;
+    if (interfaces_.empty()) {
+        return STATUS_SUCCESS;
     }
-    for (UsbInterface* interface : interfaces_) {
-        interface->requireNothingOut(call);
-    }
-    const auto& header = *reinterpret_cast<const USB_CONFIGURATION_DESCRIPTOR*>(configuration_.data());
-    NTSTATUS status = standardRequest(0, kSetConfiguration, header.bConfigurationValue, 0, nullptr, 0).status;
+    std::vector<std::size_t> settings;
+    NTSTATUS status = settingsOf(call, params, settings);
+    std::vector<UsbInterface::Pipes> pipes(interfaces_.size());
     for (std::size_t i = 0; NT_SUCCESS(status) && i < interfaces_.size(); i++) {
-        // The configuration starts with setting 0 everywhere (USB 2.0, 9.4.7).
-        if (settings[i] != 0) {
-            status = setInterface(*interfaces_[i], settings[i]);
-        }
-        if (NT_SUCCESS(status)) {
-            status = interfaces_[i]->buildPipes(call, settings[i], pipeAttributes);
-        }
+        status = interfaces_[i]->makePipes(call, settings[i], pipeAttributes, pipes[i]);
     }
-    configured_ = NT_SUCCESS(status);
-    if (!configured_) {
+    if (NT_SUCCESS(status)) {
         for (UsbInterface* interface : interfaces_) {
-            interface->dropPipes();
+            interface->dropPipes(call);
         }
+        status = sendSelectConfiguration(settings, pipes);
+    }
+    for (const UsbInterface::Pipes& unused : pipes) {
+        UsbInterface::discard(unused);
+    }
+    if (!NT_SUCCESS(status)) {
         return status;
     }
     if (params.Type == WdfUsbTargetDeviceSelectConfigTypeSingleInterface) {
@@ -173,19 +235,6 @@ NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* 
         params.Types.MultiInterface.NumberOfConfiguredInterfaces = static_cast<UCHAR>(interfaces_.size());
     }
     return STATUS_SUCCESS;
-}
-
-NTSTATUS UsbDevice::selectSetting(const Call& call, UsbInterface& interface, UCHAR setting,
-                                  const WDF_OBJECT_ATTRIBUTES* pipeAttributes) {
-    if (!configured_) {
-        return STATUS_INVALID_DEVICE_STATE;
-    }
-    if (setting >= interface.settingCount()) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    interface.requireNothingOut(call);
-    const NTSTATUS status = setInterface(interface, setting);
-    return NT_SUCCESS(status) ? interface.buildPipes(call, setting, pipeAttributes) : status;
 }
 
 void UsbDevice::requireReadersStopped() const {

@@ -9,6 +9,7 @@
 #include <wdfusb.h>
 
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace framework {
@@ -77,6 +78,7 @@ class UsbPipe final : public IoTarget {
     unsigned urbsOut_ = 0;
 };
 
+// An interface is configured once a setting was selected; a setting without endpoints has no pipes.
 class UsbInterface final : public Object {
   public:
     UsbInterface(UsbDevice& device, InterfaceLayout layout);
@@ -85,11 +87,19 @@ class UsbInterface final : public Object {
     UsbDevice& device() { return device_; }
     std::size_t settingCount() const { return layout_.settings.size(); }
     UCHAR number() const { return layout_.settings.front().descriptor.bInterfaceNumber; }
+    bool hasEndpoints(std::size_t setting) const { return !layout_.settings[setting].endpoints.empty(); }
 
-    // Replaces the pipes by those of a setting; old pipe handles are void from here on.
-    NTSTATUS buildPipes(const Call& call, std::size_t setting, const WDF_OBJECT_ATTRIBUTES* attributes);
-    void dropPipes();
-    void requireNothingOut(const Call& call) const;
+    // Nothing happens when the interface has that setting already: pipes, handles and halts stay. Otherwise
+    // the old pipes end before the device is asked; when it refuses, the interface has none.
+    NTSTATUS selectSetting(const Call& call, std::size_t setting, const WDF_OBJECT_ATTRIBUTES* attributes);
+
+    // The parts of a selection. Made pipes are taken or discarded.
+    using Pipes = std::vector<UsbPipe*>;
+    NTSTATUS makePipes(const Call& call, std::size_t setting, const WDF_OBJECT_ATTRIBUTES* attributes,
+                       Pipes& pipes);
+    void takePipes(std::size_t setting, Pipes pipes);
+    static void discard(const Pipes& pipes);
+    void dropPipes(const Call& call);
 
     std::size_t pipeCount() const;
     Ref<UsbPipe> pipe(std::size_t index) const;
@@ -100,9 +110,14 @@ class UsbInterface final : public Object {
     bool driverMayDelete() const override { return false; }
 
   private:
+    bool hasSetting(std::size_t setting) const;
+
     UsbDevice& device_;
     const InterfaceLayout layout_;
-    std::vector<UsbPipe*> pipes_; // children; guarded by the kernel lock
+
+    // Guarded by the kernel lock.
+    std::optional<std::size_t> setting_; // while configured
+    Pipes pipes_;                        // children
 };
 
 // Fails when [address, address + size) cannot be a transfer's memory: it reaches beyond the end of its pool
@@ -123,14 +138,15 @@ class UsbDevice final : public IoTarget {
     NTSTATUS enumerate(const Call& call);
 
     const USB_DEVICE_DESCRIPTOR& descriptor() const { return descriptor_; }
+    WDF_USB_DEVICE_INFORMATION information() const;
     const std::vector<std::uint8_t>& configuration() const { return configuration_; }
     std::size_t interfaceCount() const { return interfaces_.size(); }
     UsbInterface& interface(std::size_t index) { return *interfaces_[index]; }
 
     NTSTATUS selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* pipeAttributes,
                           WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params);
-    NTSTATUS selectSetting(const Call& call, UsbInterface& interface, UCHAR setting,
-                           const WDF_OBJECT_ATTRIBUTES* pipeAttributes);
+    // Asks the device for a setting of one interface.
+    NTSTATUS sendSelectInterface(const UsbInterface& interface, std::size_t setting);
 
     // Fails with PnpOrder when a continuous reader runs: the device is out of D0.
     void requireReadersStopped() const;
@@ -143,19 +159,22 @@ class UsbDevice final : public IoTarget {
     std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,
                                                   std::size_t size, Done done) override;
 
-    // A standard request of the framework's own. PASSIVE_LEVEL.
-    TransferResult standardRequest(UCHAR requestType, UCHAR request, USHORT value, USHORT index, void* data,
-                                   USHORT length);
+    // Standard requests of the framework's own, with its time-outs. PASSIVE_LEVEL.
+    NTSTATUS readFromDevice(UCHAR request, USHORT value, void* data, USHORT length);
+    NTSTATUS changeDevice(UCHAR recipient, UCHAR request, USHORT value, USHORT index);
 
   private:
-    NTSTATUS readDescriptor(UCHAR type, void* data, USHORT length);
-    NTSTATUS setInterface(UsbInterface& interface, UCHAR setting);
+    NTSTATUS readConfiguration();
+    NTSTATUS settingsOf(const Call& call, const WDF_USB_DEVICE_SELECT_CONFIG_PARAMS& params,
+                        std::vector<std::size_t>& settings) const;
+    NTSTATUS sendSelectConfiguration(const std::vector<std::size_t>& settings,
+                                     std::vector<UsbInterface::Pipes>& pipes);
 
     // Written by PnP callbacks of the driver, which exclude each other.
     USB_DEVICE_DESCRIPTOR descriptor_ = {};
     std::vector<std::uint8_t> configuration_;
+    bool selfPowered_ = false;
     std::vector<UsbInterface*> interfaces_; // children, alive as long as the device
-    bool configured_ = false;
 };
 
 } // namespace framework

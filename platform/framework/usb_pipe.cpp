@@ -3,8 +3,6 @@
 #include "platform/framework/usb_device.h"
 #include "platform/framework/usb_reader.h"
 
-#include <algorithm>
-
 namespace framework {
 
 using kernel::KernelGuard;
@@ -85,9 +83,7 @@ void UsbPipe::noteResult(const TransferResult& result) {
 
 NTSTATUS UsbPipe::reset() {
     const NTSTATUS status =
-        usbDevice()
-            .standardRequest(kRequestToEndpoint, kClearFeature, kEndpointHalt, address(), nullptr, 0)
-            .status;
+        usbDevice().changeDevice(kRequestToEndpoint, kClearFeature, kEndpointHalt, address());
     if (NT_SUCCESS(status)) {
         KernelGuard guard;
         halted_ = false;
@@ -176,107 +172,12 @@ bool UsbPipe::readerIdle() const {
     return readerIdleLocked();
 }
 
-// Interfaces.
-
-UsbInterface::UsbInterface(UsbDevice& device, InterfaceLayout layout)
-    : Object(Kind::UsbInterface), device_(device), layout_(std::move(layout)) {}
-
-NTSTATUS UsbInterface::buildPipes(const Call& call, std::size_t setting,
-                                  const WDF_OBJECT_ATTRIBUTES* attributes) {
-    std::vector<UsbPipe*> pipes;
-    for (const USB_ENDPOINT_DESCRIPTOR& endpoint : layout_.settings[setting].endpoints) {
-        Ref<UsbPipe> pipe;
-        const NTSTATUS status =
-            createObject(call, attributes, {.parentAllowed = false}, this, pipe,
-                         [&](Object*) { return new UsbPipe(*this, endpoint, static_cast<UCHAR>(setting)); });
-        if (!NT_SUCCESS(status)) {
-            for (UsbPipe* built : pipes) {
-                built->remove();
-            }
-            return status;
-        }
-        pipes.push_back(pipe.get());
-    }
-    dropPipes();
-    KernelGuard guard;
-    pipes_ = std::move(pipes);
-    return STATUS_SUCCESS;
-}
-
-void UsbInterface::dropPipes() {
-    std::vector<UsbPipe*> old;
-    {
-        KernelGuard guard;
-        old.swap(pipes_);
-    }
-    for (UsbPipe* pipe : old) {
-        pipe->remove();
-    }
-}
-
-std::vector<Ref<UsbPipe>> UsbInterface::pipes() const {
-    std::vector<Ref<UsbPipe>> pipes;
-    KernelGuard guard;
-    for (UsbPipe* pipe : pipes_) {
-        pipes.push_back(refLocked(pipe));
-    }
-    return pipes;
-}
-
-void UsbInterface::requireNothingOut(const Call& call) const {
-    for (const Ref<UsbPipe>& pipe : pipes()) {
-        if (pipe->urbsOut() != 0) {
-            call.fail(Rule::UsbPipeHandle, pipe.get(),
-                      "The pipe is selected anew while transfers are out on it.");
-        }
-    }
-}
-
-std::size_t UsbInterface::pipeCount() const {
-    KernelGuard guard;
-    return pipes_.size();
-}
-
-Ref<UsbPipe> UsbInterface::pipe(std::size_t index) const {
-    KernelGuard guard;
-    return index < pipes_.size() ? refLocked(pipes_[index]) : Ref<UsbPipe>();
-}
-
-Ref<UsbPipe> UsbInterface::pipeOf(USBD_PIPE_HANDLE handle) const {
-    KernelGuard guard;
-    const auto found = std::find_if(pipes_.begin(), pipes_.end(),
-                                    [handle](UsbPipe* pipe) { return pipe->pipeHandle() == handle; });
-    return found != pipes_.end() ? refLocked(*found) : Ref<UsbPipe>();
-}
-
 } // namespace framework
 
 using framework::Call;
 using framework::Rule;
 using kernel::kDispatchLevel;
 using kernel::kPassiveLevel;
-
-BYTE WdfUsbInterfaceGetNumConfiguredPipes(WDFUSBINTERFACE UsbInterface) {
-    Call call("WdfUsbInterfaceGetNumConfiguredPipes", kDispatchLevel);
-    return static_cast<BYTE>(call.object<framework::UsbInterface>(UsbInterface)->pipeCount());
-}
-
-WDFUSBPIPE WdfUsbInterfaceGetConfiguredPipe(WDFUSBINTERFACE UsbInterface, UCHAR PipeIndex,
-                                            PWDF_USB_PIPE_INFORMATION PipeInfo) {
-    Call call("WdfUsbInterfaceGetConfiguredPipe", kDispatchLevel);
-    auto interface = call.object<framework::UsbInterface>(UsbInterface);
-    if (PipeInfo != nullptr && PipeInfo->Size != sizeof(WDF_USB_PIPE_INFORMATION)) {
-        call.fail(Rule::Argument, interface.get(), "WDF_USB_PIPE_INFORMATION has a wrong size.");
-    }
-    const auto pipe = interface->pipe(PipeIndex);
-    if (!pipe) {
-        return nullptr;
-    }
-    if (PipeInfo != nullptr) {
-        *PipeInfo = pipe->information();
-    }
-    return pipe->wdf();
-}
 
 VOID WdfUsbTargetPipeGetInformation(WDFUSBPIPE Pipe, PWDF_USB_PIPE_INFORMATION PipeInformation) {
     Call call("WdfUsbTargetPipeGetInformation", kDispatchLevel);

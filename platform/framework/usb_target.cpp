@@ -1,4 +1,4 @@
-// The driver's calls on a USB device target and its interfaces.
+// The driver's calls on a USB device target.
 #include "platform/framework/device.h"
 #include "platform/framework/request.h"
 #include "platform/framework/usb_device.h"
@@ -48,11 +48,7 @@ NTSTATUS WdfUsbTargetDeviceRetrieveInformation(WDFUSBDEVICE UsbDevice,
     if (Information->Size != sizeof(WDF_USB_DEVICE_INFORMATION)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
-    constexpr ULONG kUsbdVersion = 0x600;
-    WDF_USB_DEVICE_INFORMATION_INIT(Information);
-    Information->UsbdVersionInformation = {kUsbdVersion, device->descriptor().bcdUSB};
-    // The trait is named "at high speed", but the stack sets it for every faster link as well.
-    Information->Traits = WDF_USB_DEVICE_TRAIT_AT_HIGH_SPEED;
+    *Information = device->information();
     return STATUS_SUCCESS;
 }
 
@@ -91,20 +87,6 @@ NTSTATUS WdfUsbTargetDeviceSelectConfig(WDFUSBDEVICE UsbDevice, PWDF_OBJECT_ATTR
                                         PWDF_USB_DEVICE_SELECT_CONFIG_PARAMS Params) {
     Call call("WdfUsbTargetDeviceSelectConfig", kPassiveLevel);
     return call.object<framework::UsbDevice>(UsbDevice)->selectConfig(call, PipeAttributes, *Params);
-}
-
-NTSTATUS WdfUsbInterfaceSelectSetting(WDFUSBINTERFACE UsbInterface, PWDF_OBJECT_ATTRIBUTES PipesAttributes,
-                                      PWDF_USB_INTERFACE_SELECT_SETTING_PARAMS Params) {
-    Call call("WdfUsbInterfaceSelectSetting", kPassiveLevel);
-    auto interface = call.object<framework::UsbInterface>(UsbInterface);
-    if (Params->Size != sizeof(WDF_USB_INTERFACE_SELECT_SETTING_PARAMS)) {
-        return STATUS_INFO_LENGTH_MISMATCH;
-    }
-    if (Params->Type != WdfUsbInterfaceSelectSettingTypeSetting) {
-        return STATUS_NOT_SUPPORTED;
-    }
-    return interface->device().selectSetting(call, *interface, Params->Types.Interface.SettingIndex,
-                                             PipesAttributes);
 }
 
 namespace {

@@ -144,6 +144,12 @@ struct _URB_PIPE_REQUEST {
     ULONG Reserved;
 };
 
+struct _URB_SELECT_INTERFACE {
+    struct _URB_HEADER Hdr;
+    USBD_CONFIGURATION_HANDLE ConfigurationHandle;
+    USBD_INTERFACE_INFORMATION Interface;
+};
+
 typedef struct _URB {
     union {
         struct _URB_HEADER UrbHeader;
@@ -151,5 +157,6 @@ typedef struct _URB {
         struct _URB_CONTROL_TRANSFER UrbControlTransfer;
         struct _URB_CONTROL_VENDOR_OR_CLASS_REQUEST UrbControlVendorClassRequest;
         struct _URB_PIPE_REQUEST UrbPipeRequest;
+        struct _URB_SELECT_INTERFACE UrbSelectInterface;
     };
 } URB, *PURB;

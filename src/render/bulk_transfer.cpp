@@ -52,6 +52,9 @@ NTSTATUS RENDER_FormatRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderCo
     if (render.Mdl == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES; // The preparation of the render buffers failed.
     }
+    if (context->Usb.BulkOutPipeHandle == nullptr) {
+        return STATUS_UNSUCCESSFUL; // The last selection of the streaming interface failed.
+    }
     const NTSTATUS status = FormatTransfer(context, renderContext, render);
     if (!NT_SUCCESS(status) || context->Display.Mode.ZeroLengthFlag != 1) {
         return status;

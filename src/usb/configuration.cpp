@@ -28,6 +28,11 @@ NTSTATUS CreateControlRequest(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Usb
     return status;
 }
 
+void ForgetBulkPipe(USB_CONTEXT* usb) {
+    usb->BulkOutPipe = nullptr;
+    usb->BulkOutPipeHandle = nullptr;
+}
+
 } // namespace
 
 NTSTATUS USB_CreateTarget(DEVICE_CONTEXT* context) {
@@ -106,6 +111,8 @@ NTSTATUS USB_SelectConfiguration(DEVICE_CONTEXT* context) {
         usb->UsbInterfaces[i] = WdfUsbTargetDeviceGetInterface(usb->UsbDevice, i);
     }
 
+    // After a stop and start there are pipes of the last configuration. The selection ends them.
+    ForgetBulkPipe(usb);
     WDF_USB_DEVICE_SELECT_CONFIG_PARAMS params;
     WDF_USB_DEVICE_SELECT_CONFIG_PARAMS_INIT_MULTIPLE_INTERFACES(&params, 0, nullptr);
     return WdfUsbTargetDeviceSelectConfig(usb->UsbDevice, WDF_NO_OBJECT_ATTRIBUTES, &params);
@@ -126,16 +133,20 @@ WDFUSBPIPE USB_FindPipe(WDFUSBINTERFACE usbInterface, WDF_USB_PIPE_TYPE type, UL
     return nullptr;
 }
 
-NTSTATUS USB_SelectAlternateSetting(DEVICE_CONTEXT*, WDFUSBINTERFACE usbInterface) {
+NTSTATUS USB_SelectAlternateSetting(DEVICE_CONTEXT* context, WDFUSBINTERFACE usbInterface) {
     WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
     WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, 0);
     const NTSTATUS status = WdfUsbInterfaceSelectSetting(usbInterface, WDF_NO_OBJECT_ATTRIBUTES, &params);
-    return NT_SUCCESS(status) ? STATUS_SUCCESS : status;
+    if (!NT_SUCCESS(status)) {
+        ForgetBulkPipe(&context->Usb); // The interface has no pipes now, and their handles are void.
+        return status;
+    }
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS USB_ConfigurePipes(DEVICE_CONTEXT* context) {
     USB_CONTEXT* usb = &context->Usb;
-    usb->BulkOutPipeHandle = nullptr;
+    ForgetBulkPipe(usb);
     usb->BulkOutPipe =
         USB_FindPipe(usb->UsbInterfaces[USB_STREAMING_INTERFACE], WdfUsbPipeTypeBulk, USB_DIRECTION_OUT);
     if (usb->BulkOutPipe == nullptr) {

@@ -30,7 +30,9 @@ constexpr ULONG USB_DIRECTION_OUT = 1;
 _IRQL_requires_max_(DISPATCH_LEVEL)
 WDFUSBPIPE USB_FindPipe(WDFUSBINTERFACE usbInterface, WDF_USB_PIPE_TYPE type, ULONG direction);
 
-// Selects alternate setting 0 of an interface. Part of timing programming, while the pipeline is stopped.
+// Has an interface in alternate setting 0. Part of timing programming, while the pipeline is stopped. The
+// framework sends nothing when the interface has that setting, as it always has after a successful selection:
+// pipes and handles stay, and so does a halt. After a failure there is no bulk pipe until the next success.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS USB_SelectAlternateSetting(DEVICE_CONTEXT* context, WDFUSBINTERFACE usbInterface)

@@ -8,6 +8,7 @@
 #include <wdf.h>
 #include <wdfusb.h>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -28,8 +29,8 @@ namespace platform_test {
 constexpr UCHAR kOutEndpoint = 0x02;
 constexpr UCHAR kReportEndpoint = 0x83;
 
-// Three interfaces as the adapter has them: nothing, bulk OUT, interrupt IN. Vendor requests
-// read and write four bytes at wIndex.
+// Three interfaces as the adapter has them: nothing, bulk OUT (with a second setting), interrupt IN. Vendor
+// requests read and write four bytes at wIndex.
 class SmallDevice final : public usb::Device {
   public:
     enum class Bulk { Accept, Hold, Stall };
@@ -92,10 +93,11 @@ class SmallDevice final : public usb::Device {
     }
 
     static std::vector<std::uint8_t> configuration() {
-        return {9, 2, 50, 0, 3, 1,    0, 0x80, 50,                                    // configuration
+        return {9, 2, 66, 0, 3, 1,    0, 0x80, 50,                                    // configuration
                 9, 4, 0,  0, 0, 0xFF, 0, 0,    0,                                     // interface 0
                 9, 4, 1,  0, 1, 0xFF, 0, 0,    0,  7, 5, kOutEndpoint,    2, 0, 4, 0, // interface 1
-                9, 4, 2,  0, 1, 0xFF, 0, 0,    0,  7, 5, kReportEndpoint, 3, 8, 0, 4};
+                9, 4, 2,  0, 1, 0xFF, 0, 0,    0,  7, 5, kReportEndpoint, 3, 8, 0, 4, // interface 2
+                9, 4, 1,  1, 1, 0xFF, 0, 0,    0,  7, 5, kOutEndpoint,    2, 0, 4, 0};
     }
 
     Bulk bulk = Bulk::Accept;
@@ -104,7 +106,8 @@ class SmallDevice final : public usb::Device {
     std::vector<std::uint8_t> configurationDescriptor = configuration();
     std::map<std::uint16_t, std::array<std::uint8_t, 4>> registers;
     std::vector<std::vector<std::uint8_t>> sent;
-    std::vector<std::string> standardRequests; // those that change something
+    std::vector<std::string> standardRequests; // name, wValue, wIndex
+    std::string refused;                       // the one of these that stalls
     std::vector<usb::Transfer*> held;
     std::vector<usb::Transfer*> reads;
     std::vector<std::uint8_t> reports;
@@ -156,20 +159,23 @@ class SmallDevice final : public usb::Device {
     void control(usb::Transfer& transfer, Ended& ended) {
         const usb::SetupPacket& setup = transfer.setup;
         if ((setup.requestType & 0x60) == 0x40) {
-            vendor(transfer, ended);
+            return vendor(transfer, ended);
+        }
+        const std::map<int, const char*> names = {{0, "get status"},
+                                                  {1, "clear halt"},
+                                                  {6, "get descriptor"},
+                                                  {9, "set configuration"},
+                                                  {11, "set interface"}};
+        standardRequests.push_back(
+            fmt::format("{} {:x} {:x}", names.at(setup.request), setup.value, setup.index));
+        if (standardRequests.back() == refused) {
+            ended.push_back({&transfer, usb::Status::Stalled, 0});
         } else if (setup.request == 6 && setup.value >> 8 == 1) {
             answer(transfer, {18, 1, 0, 3, 0xFF, 0, 0, 9, 0x09, 0x12, 3, 0, 0, 2, 0, 0, 0, 1}, ended);
-        } else if (setup.request == 6 && setup.value >> 8 == 2) {
+        } else if (setup.request == 6) {
             answer(transfer, configurationDescriptor, ended);
         } else {
-            constexpr std::pair<int, const char*> names[] = {
-                {1, "clear halt"}, {9, "set configuration"}, {11, "set interface"}};
-            for (const auto& [request, name] : names) {
-                if (request == setup.request) {
-                    standardRequests.emplace_back(name);
-                }
-            }
-            succeed(transfer, 0, ended);
+            answer(transfer, {1, 0}, ended); // self-powered
         }
     }
 

@@ -67,11 +67,13 @@ class World {
         settle();
     }
 
-    NTSTATUS selectPipesAnew() {
+    // A setting of the bulk pipe's interface; the one of the start is 0.
+    NTSTATUS selectSetting(UCHAR setting) {
         WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
-        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, 0);
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, setting);
         return WdfUsbInterfaceSelectSetting(WdfUsbTargetDeviceGetInterface(target.usb, 1), nullptr, &params);
     }
+    NTSTATUS selectPipesAnew() { return selectSetting(1); }
 
     NTSTATUS configureReader(WDF_OBJECT_ATTRIBUTES* attributes = nullptr) {
         WDF_USB_CONTINUOUS_READER_CONFIG config;
