@@ -136,6 +136,7 @@ struct RENDER_PIPELINE {
     // Changed under RenderStartStopMutex and PendingListLock: it cannot change while either is held. A poll
     // without them (shared field) only saves work that would be thrown away.
     ULONG RenderRunning;
+    KEVENT StoppedEvent; // notification; signaled while RenderRunning is clear, and changed with it
 
     // Notification; signaled while the thread is not filling a render buffer. The thread clears it under
     // PendingListLock, and only while RenderRunning is set; a stop waits for it after it cleared

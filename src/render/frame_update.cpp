@@ -49,12 +49,12 @@ ULONG ConvertFrame(DEVICE_CONTEXT* context, UCHAR* destination, const FRAME_SOUR
 // FALSE when there is nothing to send.
 BOOLEAN FillRenderBuffer(DEVICE_CONTEXT* context, ULONG index, FRAME_BUFFER_CONTEXT* frameBuffer,
                          ULONG pixelCount) {
-    if (!FRAMEBUFFER_BeginRead(context, frameBuffer)) {
+    if (!FRAMEBUFFER_AcquireToRead(context, frameBuffer)) {
         return FALSE;
     }
     const ULONG length = ConvertFrame(context, context->Render.RenderBuffer.Aligned[index],
                                       {frameBuffer->PixelBuffer, frameBuffer->ByteSize, pixelCount});
-    FRAMEBUFFER_EndRead(frameBuffer);
+    FRAMEBUFFER_ReleasePixels(frameBuffer);
 
     context->Render.RenderBufferLength[index] = length;
     return length != 0;

@@ -143,6 +143,7 @@ NTSTATUS Build(DEVICE_CONTEXT* context) {
 void RENDER_InitializeEvents(DEVICE_CONTEXT* context) {
     RENDER_PIPELINE* render = &context->Render;
     KeInitializeEvent(&render->ThreadStartStopEvent, NotificationEvent, FALSE);
+    KeInitializeEvent(&render->StoppedEvent, NotificationEvent, TRUE);
     KeInitializeEvent(&render->FrameFillIdleEvent, NotificationEvent, TRUE);
     KeInitializeEvent(&render->DispatchIdleEvent, NotificationEvent, TRUE);
     KeInitializeEvent(&render->DispatchRequestEvent, SynchronizationEvent, FALSE);

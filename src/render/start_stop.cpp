@@ -19,6 +19,11 @@ constexpr ULONG CANCEL_POLL_MS = 10;
 void SetRenderRunning(DEVICE_CONTEXT* context, ULONG running)
     TSA_REQUIRES(context->Render.RenderStartStopMutex, context->Render.PendingListLock) {
     SHARED_Write(context->Render.RenderRunning, running);
+    if (running != 0) {
+        KeClearEvent(&context->Render.StoppedEvent);
+    } else {
+        KeSetEvent(&context->Render.StoppedEvent, IO_NO_INCREMENT, FALSE);
+    }
 }
 
 // Under PendingListLock: the frame update thread and each completion either are past their critical section

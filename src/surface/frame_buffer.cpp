@@ -71,6 +71,7 @@ NTSTATUS FRAMEBUFFER_Create(DEVICE_CONTEXT* context, const FRAME_BUFFER_REQUEST*
     frameBuffer->Height = request->Height;
     frameBuffer->ReferenceCount = initialCount;
     KeInitializeEvent(&frameBuffer->PixelsFree, SynchronizationEvent, TRUE);
+    KeInitializeEvent(&frameBuffer->BeingFilled, NotificationEvent, FALSE);
 
     SPIN_LOCK_GUARD list(context->Surface.FrameBufferListLock);
     InsertTailList(&context->Surface.FrameBufferList, &frameBuffer->Link);

@@ -25,7 +25,8 @@ struct FRAME_BUFFER_CONTEXT {
 
     // Ownership of the pixels: surface/frame_pixels.h.
     KEVENT PixelsFree;   // synchronization event, signaled while no task owns them; a wait takes them
-    PKTHREAD FillThread; // whose client is filling them, else null (shared field)
+    KEVENT BeingFilled;  // notification event, signaled while a client fills them
+    PKTHREAD FillThread; // of that client, else null (shared field)
 
     // The pixels under the drawn cursor; for the owner of the pixels.
     BOOLEAN SavedValid;

@@ -1,54 +1,44 @@
 #include "surface/frame_pixels.h"
 
 #include "base/shared_field.h"
-#include "base/util.h"
 
 namespace {
 
-constexpr ULONG PIXEL_WAIT_SLICE_MS = 10;
-
-BOOLEAN TryAcquirePixels(FRAME_BUFFER_CONTEXT* frameBuffer) {
-    LARGE_INTEGER slice;
-    slice.QuadPart = RelativeMs(PIXEL_WAIT_SLICE_MS);
-    return KeWaitForSingleObject(&frameBuffer->PixelsFree, Executive, KernelMode, FALSE, &slice) ==
-           STATUS_SUCCESS;
-}
-
-BOOLEAN IsBeingFilled(const FRAME_BUFFER_CONTEXT* frameBuffer) {
-    return SHARED_Read(frameBuffer->FillThread) != nullptr;
+// FALSE: `end` is signaled, or was before the caller's turn.
+BOOLEAN AcquireUnless(KEVENT* end, FRAME_BUFFER_CONTEXT* frameBuffer) {
+    PVOID objects[] = {end, &frameBuffer->PixelsFree}; // the first one wins when both are signaled
+    return KeWaitForMultipleObjects(2, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr) ==
+           STATUS_WAIT_1;
 }
 
 } // namespace
 
-// An owner hands the pixels to the longest waiting task: the event is a synchronization event. A client
-// thread that presents without a pause therefore cannot keep the frame update thread out.
-void FRAMEBUFFER_AcquirePixels(FRAME_BUFFER_CONTEXT* frameBuffer) {
-    KeWaitForSingleObject(&frameBuffer->PixelsFree, Executive, KernelMode, FALSE, nullptr);
+// An owner hands the pixels to the task that waits longest: the event is a synchronization event, and no wait
+// has a time-out after which it would begin anew behind the others. Client threads that present without a
+// pause therefore cannot keep the frame update thread out.
+void FRAMEBUFFER_AcquireToFill(FRAME_BUFFER_CONTEXT* frameBuffer) {
+    (void)KeWaitForSingleObject(&frameBuffer->PixelsFree, Executive, KernelMode, FALSE, nullptr);
+    SHARED_Write(frameBuffer->FillThread, KeGetCurrentThread());
+    KeSetEvent(&frameBuffer->BeingFilled, IO_NO_INCREMENT, FALSE);
+}
+
+void FRAMEBUFFER_EndFill(FRAME_BUFFER_CONTEXT* frameBuffer) {
+    KeClearEvent(&frameBuffer->BeingFilled);
+    SHARED_Write(frameBuffer->FillThread, nullptr);
+}
+
+BOOLEAN FRAMEBUFFER_IsFilledByCaller(const FRAME_BUFFER_CONTEXT* frameBuffer) {
+    return SHARED_Read(frameBuffer->FillThread) == KeGetCurrentThread();
 }
 
 BOOLEAN FRAMEBUFFER_AcquireUnlessFilled(FRAME_BUFFER_CONTEXT* frameBuffer) {
-    while (!IsBeingFilled(frameBuffer)) {
-        if (TryAcquirePixels(frameBuffer)) {
-            return TRUE;
-        }
-    }
-    return FALSE;
+    return AcquireUnless(&frameBuffer->BeingFilled, frameBuffer);
+}
+
+BOOLEAN FRAMEBUFFER_AcquireToRead(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
+    return AcquireUnless(&context->Render.StoppedEvent, frameBuffer);
 }
 
 void FRAMEBUFFER_ReleasePixels(FRAME_BUFFER_CONTEXT* frameBuffer) {
     KeSetEvent(&frameBuffer->PixelsFree, IO_NO_INCREMENT, FALSE);
-}
-
-BOOLEAN FRAMEBUFFER_BeginRead(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
-    // The wait is for a client that fills the frame, and has no limit of its own; a stop ends it.
-    while (!TryAcquirePixels(frameBuffer)) {
-        if (SHARED_Read(context->Render.RenderRunning) == 0) {
-            return FALSE;
-        }
-    }
-    return TRUE;
-}
-
-void FRAMEBUFFER_EndRead(FRAME_BUFFER_CONTEXT* frameBuffer) {
-    FRAMEBUFFER_ReleasePixels(frameBuffer);
 }

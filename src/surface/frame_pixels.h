@@ -8,22 +8,27 @@
 
 #include "surface/frame_buffer.h"
 
-// Waits without a limit until the owner has finished.
+// For a present: waits without a limit until the earlier owners have finished. From here to
+// FRAMEBUFFER_EndFill the client fills the pixels; they stay the caller's after it.
 _IRQL_requires_(PASSIVE_LEVEL)
-void FRAMEBUFFER_AcquirePixels(FRAME_BUFFER_CONTEXT* frameBuffer);
+void FRAMEBUFFER_AcquireToFill(FRAME_BUFFER_CONTEXT* frameBuffer);
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void FRAMEBUFFER_EndFill(FRAME_BUFFER_CONTEXT* frameBuffer);
 
-// The same, unless the client is filling the frame buffer. FALSE: it is.
+// Whether the caller is inside such a fill of its own.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+BOOLEAN FRAMEBUFFER_IsFilledByCaller(const FRAME_BUFFER_CONTEXT* frameBuffer);
+
+// For a pointer update. FALSE, also after a wait for another owner: the client is filling the frame buffer.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] BOOLEAN FRAMEBUFFER_AcquireUnlessFilled(FRAME_BUFFER_CONTEXT* frameBuffer);
 
-_IRQL_requires_max_(DISPATCH_LEVEL)
-void FRAMEBUFFER_ReleasePixels(FRAME_BUFFER_CONTEXT* frameBuffer);
-
-// The frame update thread owns the pixels from a BeginRead that returned TRUE to EndRead: for the conversion,
-// not for a wait. FALSE: the pipeline was stopped meanwhile.
+// For the frame update thread, which owns the pixels for the conversion, not for a wait. It waits for clients
+// that fill the frame. FALSE: the stream was stopped.
 _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
-[[nodiscard]] BOOLEAN FRAMEBUFFER_BeginRead(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer);
+[[nodiscard]] BOOLEAN FRAMEBUFFER_AcquireToRead(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer);
+
 _IRQL_requires_max_(DISPATCH_LEVEL)
-void FRAMEBUFFER_EndRead(FRAME_BUFFER_CONTEXT* frameBuffer);
+void FRAMEBUFFER_ReleasePixels(FRAME_BUFFER_CONTEXT* frameBuffer);

@@ -71,15 +71,14 @@ NTSTATUS FRAMEBUFFER_Present(DEVICE_CONTEXT* context, const PRESENT_REQUEST* req
     if (!NT_SUCCESS(status)) {
         return status;
     }
-    if (SHARED_Read(frameBuffer->FillThread) == KeGetCurrentThread()) {
+    if (FRAMEBUFFER_IsFilledByCaller(frameBuffer)) {
         // A present from inside the fill of the same frame buffer would wait for itself. The outer one shows
         // what both have filled.
         FRAMEBUFFER_Dereference(context, frameBuffer);
         return STATUS_SUCCESS;
     }
 
-    FRAMEBUFFER_AcquirePixels(frameBuffer);
-    SHARED_Write(frameBuffer->FillThread, KeGetCurrentThread());
+    FRAMEBUFFER_AcquireToFill(frameBuffer);
     // The pixels are about to be replaced: the cursor in them needs no restoring.
     frameBuffer->SavedValid = FALSE;
     {
@@ -87,7 +86,7 @@ NTSTATUS FRAMEBUFFER_Present(DEVICE_CONTEXT* context, const PRESENT_REQUEST* req
         frameBuffer->FrameKey = request->FrameKey;
     }
     HaveClientFill(context, frameBuffer, request->ClientValue);
-    SHARED_Write(frameBuffer->FillThread, nullptr);
+    FRAMEBUFFER_EndFill(frameBuffer);
     {
         MUTEX_GUARD submit(context->Surface.SubmitMutex);
         {

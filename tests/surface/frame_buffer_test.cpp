@@ -38,7 +38,7 @@ class ClientSide {
     ClientSide() {
         FRAMEBUFFER_InitializeList(context.get());
         MUTEX_Initialize(&context->Surface.SubmitMutex);
-        KeInitializeEvent(&context->Surface.FrameUpdateRequestEvent, NotificationEvent, FALSE);
+        KeInitializeEvent(&context->Render.StoppedEvent, NotificationEvent, FALSE);
         context->Render.RenderRunning = 1;
         context->Client.DisplayOn = 1;
         context->Client.ClientInterface.Context = this;
@@ -88,10 +88,10 @@ class ClientSide {
         if (frameBuffer == nullptr) {
             return false;
         }
-        const bool owned = FRAMEBUFFER_BeginRead(context.get(), frameBuffer);
+        const bool owned = FRAMEBUFFER_AcquireToRead(context.get(), frameBuffer);
         if (owned) {
             look(*frameBuffer);
-            FRAMEBUFFER_EndRead(frameBuffer);
+            FRAMEBUFFER_ReleasePixels(frameBuffer);
         }
         FRAMEBUFFER_Dereference(context.get(), frameBuffer);
         return owned;
@@ -322,7 +322,7 @@ TEST(FrameBuffers, AStopEndsTheWaitForAClientThatHangsWhileFilling) {
         });
         // A pointer move does not wait for the client either.
         side.movePointer(1, 1);
-        SHARED_Write(side.context->Render.RenderRunning, 0);
+        KeSetEvent(&side.context->Render.StoppedEvent, IO_NO_INCREMENT, FALSE);
         kernel::join(reader);
         hang = false;
         kernel::join(presenter);

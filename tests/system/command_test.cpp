@@ -6,8 +6,10 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <fmt/format.h>
+#include <list>
 #include <numeric>
 #include <random>
 
@@ -530,6 +532,42 @@ TEST(FillCallbacks, MayBeSlow) {
         }
         expectShade(session, 0x20);
     });
+}
+
+// Client threads that fill one frame buffer in turn, without a pause, leave the frame update thread its
+// turn.
+TEST(FillCallbacks, OfSeveralThreadsLetFramesBeShown) {
+    const struct {
+        unsigned presenters;
+        unsigned fillMs;
+        unsigned shown; // at least, in two seconds
+    } cases[] = {{2, 1, 500}, {2, 11, 80}, {2, 30, 30}, {4, 1, 400}, {4, 11, 40}, {4, 30, 15}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(fmt::format("{} presenters of {} ms", c.presenters, c.fillMs));
+        withRawClient([&](Session& session, RawClient& client) {
+            std::uint8_t shade = 0;
+            client.fill = [&](const FRAME_FILL_REQUEST& request) {
+                session.machine().sleep(c.fillMs * kMillisecond);
+                std::memset(request.PixelBuffer, ++shade, request.ByteSize);
+                return STATUS_SUCCESS;
+            };
+            std::atomic<unsigned> shown = 0;
+            session.adapter().setScreenListener([&] { shown++; });
+            const usb::Time end = now(session) + 2 * kSecond;
+            {
+                std::list<ClientThread> presenters;
+                for (unsigned i = 0; i < c.presenters; i++) {
+                    presenters.emplace_back("presenter", [&] {
+                        while (now(session) < end) {
+                            EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
+                        }
+                    });
+                }
+            }
+            session.adapter().setScreenListener(nullptr);
+            EXPECT_GE(shown, c.shown);
+        });
+    }
 }
 
 } // namespace
