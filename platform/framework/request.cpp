@@ -123,7 +123,7 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
     }
     const bool synchronous = (flags & WDF_REQUEST_SEND_OPTION_SYNCHRONOUS) != 0;
     if (call.fault(kernel::FaultKind::Transfer)) {
-        return refuse(STATUS_INSUFFICIENT_RESOURCES);
+        return refuse(kernel::faultRefusal());
     }
     auto submission = makeSubmission(call, target);
     {

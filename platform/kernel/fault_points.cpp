@@ -15,6 +15,7 @@ namespace {
 struct Faults {
     std::uint64_t armed = 0; // 0: none
     FaultMode mode = FaultMode::Once;
+    NTSTATUS refusal = STATUS_INSUFFICIENT_RESOURCES;
     std::uint64_t reached = 0;
     bool fired = false;
     FaultKind kind = FaultKind::Allocation; // of the point that fired
@@ -24,11 +25,12 @@ base::MachinePart<Faults> faults;
 
 } // namespace
 
-void armFault(std::uint64_t k, FaultMode mode) {
+void armFault(std::uint64_t k, FaultMode mode, NTSTATUS refusal) {
     KernelLockIfFree guard;
     *faults = Faults();
     faults->armed = k;
     faults->mode = mode;
+    faults->refusal = refusal;
 }
 
 void disarmFault() {
@@ -49,6 +51,11 @@ bool faultFired() {
 std::string faultDescription() {
     KernelLockIfFree guard;
     return faults->description;
+}
+
+NTSTATUS faultRefusal() {
+    KernelLockIfFree guard;
+    return faults->refusal;
 }
 
 bool faultPoint(FaultKind kind, std::string_view what) {

@@ -2,6 +2,8 @@
 // and transfer calls `faultPoint` first; a test arms the k-th of them and runs its scenario.
 #pragma once
 
+#include <ntddk.h>
+
 #include <array>
 #include <cstdint>
 #include <string>
@@ -18,14 +20,16 @@ enum class FaultMode : std::uint8_t {
     Sticky, // the k-th point and all of its kind after it fail
 };
 
-// Counts points from zero again and makes the k-th (from 1) fail; 0 arms nothing but still counts.
-void armFault(std::uint64_t k, FaultMode mode);
+// Counts points from zero again and makes the k-th (from 1) fail; 0 arms nothing but still counts. A send of
+// a request is refused with that status.
+void armFault(std::uint64_t k, FaultMode mode, NTSTATUS refusal = STATUS_INSUFFICIENT_RESOURCES);
 void disarmFault();
 
 // How many points were reached since arming, whether the armed one was, and what it was.
 std::uint64_t faultPointsReached();
 bool faultFired();
 std::string faultDescription();
+NTSTATUS faultRefusal();
 
 // True when the caller is to fail now. `what` names the call ("ExAllocatePoolWithTag").
 bool faultPoint(FaultKind kind, std::string_view what);

@@ -23,6 +23,7 @@ enum RENDER_CONTEXT_STATE : ULONG {
     FRAME_TAKEN,     // on no list: the frame update thread fills a render buffer for it
     FRAME_UPDATED,   // on PendingList
     FRAME_IN_FLIGHT, // on no list: its requests are queued or sent
+    FRAME_OPEN,      // in flight, but its zero-length request was not sent yet
     FRAME_REFUSED,   // in flight, but one of its requests was not sent
 };
 
@@ -98,6 +99,7 @@ struct RENDER_PIPELINE {
     LONG PendingCount;
     ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued since the
                                                                    // start, or RENDER_BUFFER_NONE
+    RENDER_CONTEXT* OpenFrame TSA_GUARDED_BY(PendingListLock); // the one in state FRAME_OPEN, or null
     BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // a dispatch is running; new work is left to it
     KEVENT DispatchIdleEvent;                            // notification; signaled while Dispatching is clear
     KEVENT DispatchRequestEvent; // synchronization; a dispatch that sent its limit leaves the rest to the

@@ -59,11 +59,16 @@ NTSTATUS RENDER_FormatRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderCo
     if (!NT_SUCCESS(status) || context->Display.Mode.ZeroLengthFlag != 1) {
         return status;
     }
+    return RENDER_FormatZeroLength(context, renderContext, zeroLengthCompleted);
+}
+
+NTSTATUS RENDER_FormatZeroLength(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext,
+                                 PFN_WDF_REQUEST_COMPLETION_ROUTINE completed) {
     const BULK_TRANSFER zeroLength = {.Request = renderContext->ZeroLengthRequest,
                                       .Urb = &renderContext->ZeroLengthUrb,
                                       .UrbMemory = renderContext->ZeroLengthUrbMemory,
                                       .Mdl = nullptr,
                                       .Length = 0,
-                                      .Completed = zeroLengthCompleted};
+                                      .Completed = completed};
     return FormatTransfer(context, renderContext, zeroLength);
 }

@@ -11,3 +11,9 @@ _Must_inspect_result_
 [[nodiscard]] NTSTATUS RENDER_FormatRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext,
                                              PFN_WDF_REQUEST_COMPLETION_ROUTINE renderCompleted,
                                              PFN_WDF_REQUEST_COMPLETION_ROUTINE zeroLengthCompleted);
+
+// The zero-length request alone.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+_Must_inspect_result_
+[[nodiscard]] NTSTATUS RENDER_FormatZeroLength(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext,
+                                               PFN_WDF_REQUEST_COMPLETION_ROUTINE completed);

@@ -34,6 +34,7 @@ void RENDER_InitializeLists(DEVICE_CONTEXT* context) {
     InitializeListHead(PendingList(context));
     context->Render.PendingCount = 0;
     context->Render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
+    context->Render.OpenFrame = nullptr;
     context->Render.Dispatching = FALSE;
 }
 
@@ -95,7 +96,6 @@ BOOLEAN RENDER_QueueFrame(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext
 }
 
 void RENDER_ClearPending(DEVICE_CONTEXT* context) {
-    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
     while (!IsListEmpty(PendingList(context))) {
         LONG remaining;
         RENDER_ReturnToAvailable(context, RENDER_RemoveFirstPending(context, &remaining));

@@ -34,9 +34,9 @@ _Must_inspect_result_
 [[nodiscard]] BOOLEAN RENDER_QueueFrame(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
     TSA_EXCLUDES(context->Render.PendingListLock);
 
-// Returns everything on PendingList to AvailableList. After RenderRunning was cleared.
-_IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_ClearPending(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
+// Returns everything on PendingList to AvailableList.
+_IRQL_requires_(DISPATCH_LEVEL)
+void RENDER_ClearPending(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock);
 
 // Whether a transfer may still read that render buffer, now or by being sent again.
 _IRQL_requires_max_(DISPATCH_LEVEL)

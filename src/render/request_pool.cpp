@@ -67,11 +67,6 @@ WDFREQUEST REQUEST_TakeNextToSend(DEVICE_CONTEXT* context) {
 }
 
 BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* status) {
-    // Tracked first: the completion may run before the send returns.
-    *status = REQUEST_TrackSent(context, request);
-    if (!NT_SUCCESS(*status)) {
-        return FALSE;
-    }
     WDF_REQUEST_SEND_OPTIONS options;
     WDF_REQUEST_SEND_OPTIONS_INIT(&options, 0);
     WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, RelativeMs(SEND_TIMEOUT_MS));
@@ -79,7 +74,6 @@ BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, NTSTATUS* stat
         return TRUE;
     }
     *status = WdfRequestGetStatus(request);
-    REQUEST_UntrackSent(context, request);
     return FALSE;
 }
 

@@ -20,8 +20,8 @@ void REQUEST_RemoveFromSendQueue(DEVICE_CONTEXT* context, WDFREQUEST request);
 _IRQL_requires_max_(DISPATCH_LEVEL)
 WDFREQUEST REQUEST_TakeNextToSend(DEVICE_CONTEXT* context);
 
-// Tracks and sends a request, with a time-out of two seconds. FALSE: the request was refused, is not tracked
-// and will not complete. `*status` then says why.
+// Sends a tracked request, with a time-out of two seconds. FALSE: the request was refused and will not
+// complete; `*status` says why. The caller then untracks it.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] BOOLEAN REQUEST_Send(DEVICE_CONTEXT* context, WDFREQUEST request, _Out_ NTSTATUS* status);

@@ -42,6 +42,18 @@ NTSTATUS QueueRequests(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext)
     return STATUS_SUCCESS;
 }
 
+// Takes the open frame over and queues its zero-length request; on failure the frame stays open.
+RENDER_CONTEXT* QueueFrameEnd(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
+    RENDER_CONTEXT* renderContext = context->Render.OpenFrame;
+    if (!NT_SUCCESS(RENDER_FormatZeroLength(context, renderContext, RENDER_ZeroLengthRequestCompleted)) ||
+        !NT_SUCCESS(REQUEST_QueueForSend(context, renderContext->ZeroLengthRequest))) {
+        return nullptr;
+    }
+    context->Render.OpenFrame = nullptr;
+    SHARED_Write(renderContext->State, FRAME_IN_FLIGHT);
+    return renderContext;
+}
+
 // FALSE while another dispatch is running.
 BOOLEAN BeginDispatch(DEVICE_CONTEXT* context) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
@@ -94,6 +106,11 @@ RENDER_CONTEXT* QueueNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     if (context->Render.RenderRunning == 0) {
         return nullptr;
     }
+    if (context->Render.OpenFrame != nullptr) {
+        RENDER_CONTEXT* open = dispatch->Refused ? nullptr : QueueFrameEnd(context);
+        dispatch->Refused = open == nullptr;
+        return open;
+    }
     if (dispatch->IsAlone && !dispatch->Refused && IsListEmpty(pendingList)) {
         AppendNewestFrame(context);
     }
@@ -123,7 +140,12 @@ RENDER_CONTEXT* PrepareNextTransfer(DEVICE_CONTEXT* context, DISPATCH* dispatch)
     if (renderContext != nullptr) {
         return renderContext;
     }
-    if (dispatch->Refused && ReadAcquire(&context->Render.RenderContextsInFlight) == 0) {
+    if (context->Render.OpenFrame != nullptr) {
+        // Nothing may be sent before the end of that frame, and contexts that wait for it would be missing
+        // when the frame is repeated.
+        RENDER_ClearPending(context);
+        RepeatLater(context);
+    } else if (dispatch->Refused && ReadAcquire(&context->Render.RenderContextsInFlight) == 0) {
         RepeatLater(context);
     }
     EndDispatch(context);
@@ -213,20 +235,58 @@ void RefuseRequest(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, NTSTA
     }
 }
 
+// The frame was sent without its end. The adapter would take the next frame for its continuation.
+void KeepOpen(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
+    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+    SHARED_Write(renderContext->State, FRAME_OPEN);
+    context->Render.OpenFrame = renderContext;
+}
+
+// The requests of one context, in the order in which they are sent.
+struct QUEUED_REQUESTS {
+    WDFREQUEST Request[2];
+    ULONG Count;
+};
+
+// Takes the queued requests and tracks them. Each before the first is sent: its completion may run inside the
+// send, and no frame is begun whose end cannot be tracked.
+NTSTATUS TrackQueued(DEVICE_CONTEXT* context, QUEUED_REQUESTS* queued) {
+    NTSTATUS status = STATUS_SUCCESS;
+    queued->Count = 0;
+    for (WDFREQUEST& request : queued->Request) {
+        request = REQUEST_TakeNextToSend(context);
+        if (request == nullptr) {
+            break;
+        }
+        queued->Count++;
+        if (NT_SUCCESS(status)) {
+            status = REQUEST_TrackSent(context, request);
+        }
+    }
+    return status;
+}
+
 // Sends the requests that a dispatch queued, oldest first: those of one context. FALSE when one was refused.
 BOOLEAN SendQueued(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext) {
-    BOOLEAN refused = FALSE;
-    for (;;) {
-        const WDFREQUEST request = REQUEST_TakeNextToSend(context);
-        if (request == nullptr) {
-            return !refused;
+    QUEUED_REQUESTS queued;
+    NTSTATUS status = TrackQueued(context, &queued);
+    BOOLEAN refused = !NT_SUCCESS(status);
+    BOOLEAN frameIsSent = queued.Request[0] == renderContext->ZeroLengthRequest;
+    for (ULONG i = 0; i < queued.Count; i++) {
+        const WDFREQUEST request = queued.Request[i];
+        if (!refused && REQUEST_Send(context, request, &status)) {
+            frameIsSent = TRUE;
+            continue;
         }
-        NTSTATUS status = STATUS_CANCELLED;
-        if (refused || !REQUEST_Send(context, request, &status)) {
-            refused = TRUE;
+        refused = TRUE;
+        REQUEST_UntrackSent(context, request);
+        if (frameIsSent && !IsDeviceGone(status, USBD_STATUS_SUCCESS)) {
+            KeepOpen(context, renderContext);
+        } else {
             RefuseRequest(context, renderContext, status);
         }
     }
+    return !refused;
 }
 
 void CompleteRequest(WDFREQUEST request, PWDF_REQUEST_COMPLETION_PARAMS params,
@@ -257,6 +317,19 @@ void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context) {
         if (!SendQueued(context, renderContext)) {
             dispatch.Refused = TRUE;
         }
+    }
+}
+
+void RENDER_EmptyQueue(DEVICE_CONTEXT* context) {
+    RENDER_CONTEXT* open;
+    {
+        SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+        RENDER_ClearPending(context);
+        open = context->Render.OpenFrame;
+        context->Render.OpenFrame = nullptr;
+    }
+    if (open != nullptr) {
+        RefuseRequest(context, open, STATUS_CANCELLED);
     }
 }
 

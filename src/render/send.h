@@ -13,7 +13,9 @@
 //   FRAME_UPDATED    a dispatch queues its requests     FRAME_IN_FLIGHT  they are sent in order
 //                    a dispatch fails to queue them     FRAME_CLEARED    the dispatch ends; (2)
 //                    a stop                             FRAME_CLEARED
-//   FRAME_IN_FLIGHT  one of its requests is refused     FRAME_REFUSED    the requests after it are not sent
+//   FRAME_IN_FLIGHT  the request of its frame is        FRAME_REFUSED    nothing of it is sent
+//                    refused
+//                    its zero-length request is refused FRAME_OPEN       (4)
 //                    the last of its requests is done:
 //                    - it says: the device is gone      FRAME_CLEARED    the device is given up
 //                    - the stream is stopped            FRAME_CLEARED
@@ -22,6 +24,9 @@
 //                    - it carried the newest frame      FRAME_UPDATED    the frame is sent again
 //                    - one other context is in flight   FRAME_UPDATED    it sends the newest frame, too
 //                    - otherwise                        FRAME_CLEARED    (2)
+//   FRAME_OPEN       a dispatch                         FRAME_IN_FLIGHT  the request is sent before others
+//                    the dispatch is refused again      FRAME_OPEN       (4)
+//                    a stop                             FRAME_REFUSED    (5)
 //   FRAME_REFUSED    the last of its requests is done   FRAME_CLEARED    (3)
 //
 // (1) A dispatch finds nothing pending, the context that it sent last is the only one in flight, and no
@@ -29,6 +34,9 @@
 // (2) When nothing is in flight any more, the newest frame is converted and sent again after 100 ms.
 // (3) The same cases as for FRAME_IN_FLIGHT, but in place of becoming FRAME_UPDATED it is returned, and (2)
 //     applies.
+// (4) What is pending returns to FRAME_CLEARED. With the next completion, or with the newest frame after
+//     100 ms, the zero-length request is tried again. A device that is gone leads to FRAME_REFUSED.
+// (5) The frame needs no end: after every stop the adapter's frame input is flushed before the next frame.
 #pragma once
 
 #include "device/device_context.h"
@@ -37,6 +45,10 @@
 // at once when another dispatch is running: that one finds the new work.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_DispatchPendingContexts(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
+
+// At a stop, when no dispatch is running: returns what is pending and gives up the end of an open frame.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_EmptyQueue(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Render.PendingListLock);
 
 // Their completion context is the RENDER_CONTEXT.
 _IRQL_requires_max_(DISPATCH_LEVEL)

@@ -6,6 +6,7 @@
 #include "render/context_lists.h"
 #include "render/drop_frames.h"
 #include "render/request_pool.h"
+#include "render/send.h"
 #include "surface/present.h"
 #include "usb/registers.h"
 
@@ -83,7 +84,7 @@ POLL_RESULT ProbeContextsReturned(DEVICE_CONTEXT* context) {
 void DrainTransfers(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
     // A running dispatch sends what it queued before it ends; a new one finds the stream stopped.
     WaitFor(&context->Render.DispatchIdleEvent);
-    RENDER_ClearPending(context);
+    RENDER_EmptyQueue(context);
 
     REQUEST_WaitSentCompleted(context);
     if (REQUEST_AllSentCompleted(context)) {
