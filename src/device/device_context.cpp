@@ -30,3 +30,7 @@ void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context) {
 void DEVICE_MarkRemoved(DEVICE_CONTEXT* context) {
     SHARED_Write(context->DeviceRemoved, TRUE);
 }
+
+void DEVICE_MarkPresent(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->DeviceRemoved, FALSE);
+}

@@ -34,8 +34,8 @@ struct DEVICE_CONTEXT {
     WDFDEVICE Device; // always first: a pointer to the context also reaches the device
     WDFQUEUE DefaultQueue;
 
-    // The adapter is gone; never cleared (shared field, written by DEVICE_MarkRemoved). Refuses register
-    // transfers and client commands.
+    // The adapter is gone or was given up (shared field). Refuses register transfers and client commands
+    // until the next hardware preparation.
     BOOLEAN DeviceRemoved;
 
     // The removal of the device has begun; never cleared (shared field, written by driver/power.cpp). Refuses
@@ -69,5 +69,8 @@ void DEVICE_InitLocks(DEVICE_CONTEXT* context);
 // Sets Cpu: the processor's features that the encoders use. At device add.
 void DEVICE_DetectCpuFeatures(DEVICE_CONTEXT* context);
 
-// After a surprise removal, or a transfer that found the device gone. Called at any IRQL.
+// After a surprise removal, or a transfer that found the device gone (render/send.h). Called at any IRQL.
 void DEVICE_MarkRemoved(DEVICE_CONTEXT* context);
+
+// At hardware preparation.
+void DEVICE_MarkPresent(DEVICE_CONTEXT* context);

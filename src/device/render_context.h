@@ -99,7 +99,7 @@ struct RENDER_PIPELINE {
     LONG PendingCount;
     ULONG LatestRenderBufferIndex TSA_GUARDED_BY(PendingListLock); // of the newest frame queued since the
                                                                    // start, or RENDER_BUFFER_NONE
-    RENDER_CONTEXT* OpenFrame TSA_GUARDED_BY(PendingListLock); // the one in state FRAME_OPEN, or null
+    RENDER_CONTEXT* OpenFrame TSA_GUARDED_BY(PendingListLock);     // the one in state FRAME_OPEN, or null
     BOOLEAN Dispatching TSA_GUARDED_BY(PendingListLock); // a dispatch is running; new work is left to it
     KEVENT DispatchIdleEvent;                            // notification; signaled while Dispatching is clear
     KEVENT DispatchRequestEvent; // synchronization; a dispatch that sent its limit leaves the rest to the

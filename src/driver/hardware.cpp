@@ -14,6 +14,8 @@
 
 NTSTATUS DEVICE_EvtPrepareHardware(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST) {
     DEVICE_CONTEXT* context = DEVICE_GetContext(device);
+    // A device that was given up because of a halted pipe gets new pipes below, with the configuration.
+    DEVICE_MarkPresent(context);
     CLIENT_EndSession(context);
     MONITOR_IgnoreReports(context);
     MONITOR_Reset(context);

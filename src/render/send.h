@@ -37,6 +37,18 @@
 // (4) What is pending returns to FRAME_CLEARED. With the next completion, or with the newest frame after
 //     100 ms, the zero-length request is tried again. A device that is gone leads to FRAME_REFUSED.
 // (5) The frame needs no end: after every stop the adapter's frame input is flushed before the next frame.
+//
+// What the last request of a context says:
+//
+//   STATUS_DEVICE_NOT_CONNECTED    the device is given up: the stream and its thread end, and commands and
+//   STATUS_NO_SUCH_DEVICE          register transfers are refused, until the next hardware preparation
+//   USBD_STATUS_DEVICE_GONE
+//   USBD_STATUS_ENDPOINT_HALTED
+//   anything else                  the stream goes on as after a success: a time-out, a cancellation, and
+//                                  also a stall or an error on the bus
+//
+// A stall or an error on the bus halts the pipe: the next transfer reports ENDPOINT_HALTED. Only a new pipe
+// ends the halt; hardware preparation selects the configuration and thereby makes one.
 #pragma once
 
 #include "device/device_context.h"

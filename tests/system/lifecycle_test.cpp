@@ -227,6 +227,21 @@ TEST(Lifecycle, RestartsAfterAStopOfTheDevice) {
     });
 }
 
+// The pipe is halted for good, and the driver gives the device up until it is stopped and started.
+TEST(Lifecycle, RestartsAfterAStall) {
+    explore(20, [](Session& session) {
+        showDesktop(session, exploredAdapter());
+        session.adapter().stall(model::kBulkOutEndpoint);
+        session.machine().sleep(100 * kMillisecond);
+        EXPECT_EQ(STATUS_DEVICE_REMOVED, session.client().present(kDesktop, gradient()));
+        session.machine().stop(session.node());
+        EXPECT_TRUE(session.client().waitForDeparture(kSecond));
+        require(session.machine().restart(session.node()), "restarting");
+        switchOn(session);
+        show(session, gradient());
+    });
+}
+
 TEST(Lifecycle, UsesNoMoreMemoryWithEveryStart) {
     runSession(inOrder(), [](Session& session) {
         plugWithMonitor(session);
