@@ -63,6 +63,16 @@ void RENDER_StopDropFrameEventCheckTimer(DEVICE_CONTEXT* context) {
     }
 }
 
+// The stop waits for a running callback: it would report the end of a period that began earlier.
+void RENDER_RestartDropFrameCheck(DEVICE_CONTEXT* context) {
+    const WDFTIMER timer = context->Render.DropFrameEventCheckTimer;
+    WdfTimerStop(timer, TRUE);
+    SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_RESET);
+    if (SHARED_Read(context->Control.MonitorConnected)) {
+        WdfTimerStart(timer, RelativeMs(DROP_FRAME_CHECK_PERIOD_MS));
+    }
+}
+
 void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context) {
     SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_RESET);
     SHARED_Write(context->Render.PixelBytesUpgradeCount, 0u);

@@ -24,6 +24,11 @@ void RENDER_StartDropFrameEventCheckTimer(DEVICE_CONTEXT* context, ULONG millise
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_StopDropFrameEventCheckTimer(DEVICE_CONTEXT* context);
 
+// After a switch to 16 bits: the check period begins anew. On the frame update thread; the caller does not
+// hold DropFrameCheckMutex.
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_RestartDropFrameCheck(DEVICE_CONTEXT* context) TSA_EXCLUDES(context->Display.DropFrameCheckMutex);
+
 // At mode set and monitor attach: no check period has passed, and no switch back to 24 bits was tried.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context);

@@ -30,6 +30,9 @@ void SwitchOutput(DEVICE_CONTEXT* context, ULONG outputColorMode)
     }
     if (NT_SUCCESS(RENDER_ProgramMode(context, &wanted))) {
         SETTINGS_UseRgb565Output(&context->Settings, TRUE);
+        if (outputColorMode == OUTPUT_COLOR_16_BIT) {
+            RENDER_RestartDropFrameCheck(context); // the way back is tried a whole period later
+        }
         (void)RENDER_Start(context);
     } else if (NT_SUCCESS(RENDER_ProgramMode(context, &previous))) {
         // A transfer failed during the switch. The old format still gives a picture.
