@@ -45,6 +45,9 @@ const std::map<std::string, usb::Speed> kLinks = {{"usb2", usb::Speed::High}, {"
 const std::map<std::string, std::uint32_t> kProcessors = {
     {"sse41", 0xFFFFFFFF}, {"ssse3", ~(1u << 19 | 1u << 20)}, {"none", ~(1u << 9 | 1u << 19 | 1u << 20)}};
 
+const std::map<std::string, usb::Time> kTicks = {
+    {"0", 0}, {"1", usb::kMillisecond}, {"15.625", 15'625 * usb::kMicrosecond}};
+
 // For values that need more than CLI11's own checks.
 template <typename Value, typename Parse>
 void addParsed(CLI::App* command, const std::string& name, Value& value, const std::string& help,
@@ -102,6 +105,16 @@ void addSeed(CLI::App* command, std::uint64_t& seed) {
                   return support::parseNumber(text, name, 0, UINT64_MAX);
               });
     command->get_option("--seed")->envname("SIM_SEED");
+}
+
+void addTick(CLI::App* command, usb::Time& tick) {
+    command
+        ->add_option(
+            "--tick", tick,
+            "The machine's clock: the driver's delays and time-outs end every so many milliseconds;\n"
+            "0, the default, for exact time. Windows has 15.625 or 1")
+        ->transform(CLI::CheckedTransformer(kTicks).description(""))
+        ->type_name("0|1|15.625");
 }
 
 void addCapture(CLI::App* command, std::string& capture) {
@@ -174,6 +187,7 @@ void addShow(CLI::App& app, CommandBody& action) {
     command->add_option("--out", options->out, "Write what the monitor shows as PNG")->type_name("F.png");
     addCapture(command, options->capture);
     addSeed(command, options->seed);
+    addTick(command, options->tick);
     addFree(command, options->free);
     command
         ->add_option("--cpu", options->cpuFeatures,
@@ -192,6 +206,7 @@ void addRun(CLI::App& app, CommandBody& action) {
     command->add_option("SCRIPT", options->script, "The script; - reads standard input")->required();
     addCapture(command, options->capture);
     addSeed(command, options->seed);
+    addTick(command, options->tick);
     addFree(command, options->free);
     command->add_flag("--json", options->json, "Print one JSON object");
     command->callback([options, &action] { action = [options] { return tool::runScript(*options); }; });

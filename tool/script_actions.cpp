@@ -112,6 +112,7 @@ SessionOptions sessionOptions(const RunOptions& options) {
     SessionOptions session;
     session.scheduler.mode = options.free ? kernel::Mode::Free : kernel::Mode::Sim;
     session.scheduler.seed = options.seed;
+    session.scheduler.tick = options.tick;
     return session;
 }
 

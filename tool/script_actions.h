@@ -3,6 +3,8 @@
 
 #include "tool/exit_status.h"
 
+#include "platform/usb/clock.h"
+
 #include <cstdint>
 #include <string>
 
@@ -12,6 +14,7 @@ struct RunOptions {
     std::string script;  // "-" for standard input
     std::string capture; // pcapng; from the second plug on, with -2, -3, ... before the extension
     std::uint64_t seed = 1;
+    usb::Time tick = 0; // of the clock by which the driver's waits end
     bool free = false;
     bool json = false;
 };

@@ -86,6 +86,7 @@ SessionOptions sessionOptions(const ShowOptions& options) {
     SessionOptions session;
     session.scheduler.mode = options.free ? kernel::Mode::Free : kernel::Mode::Sim;
     session.scheduler.seed = options.seed;
+    session.scheduler.tick = options.tick;
     session.cpuFeatures = options.cpuFeatures;
     session.settings = options.settings;
     return session;

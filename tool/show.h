@@ -30,7 +30,8 @@ struct ShowOptions {
     std::string out;     // PNG of the monitor
     std::string capture; // pcapng
     std::uint64_t seed = 1;
-    bool free = false; // real threads and the real clock
+    usb::Time tick = 0; // of the clock by which the driver's waits end
+    bool free = false;  // real threads and the real clock
     std::uint32_t cpuFeatures = 0xFFFFFFFF;
     bool json = false;
 };

@@ -86,7 +86,7 @@ class Timer final : public CallbackSource {
             {
                 KernelGuard guard;
                 stopped = timer_ == 0;
-                next = due_ + static_cast<kernel::Time>(config_.Period) * base::kMillisecond;
+                next = kernel::atTick(due_ + static_cast<kernel::Time>(config_.Period) * base::kMillisecond);
             }
             if (!stopped) {
                 arm(next);

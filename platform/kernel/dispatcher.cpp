@@ -201,11 +201,11 @@ LONGLONG deadlineOf(const LARGE_INTEGER* timeout) {
         return kForever;
     }
     if (timeout->QuadPart >= 0) {
-        return timeout->QuadPart - kSystemTimeAtStart;
+        return atTick(timeout->QuadPart - kSystemTimeAtStart);
     }
     const Time start = now();
     const LONGLONG duration = timeout->QuadPart == INT64_MIN ? INT64_MAX : -timeout->QuadPart;
-    return duration >= kForever - start ? kForever - 1 : start + duration;
+    return duration >= kForever - start ? kForever - 1 : atTick(start + duration);
 }
 
 void satisfyWaiters(DISPATCHER_HEADER& header) {

@@ -17,7 +17,7 @@ void releaseSpinLock(KSPIN_LOCK& lock, KIRQL oldIrql, std::string_view call);
 constexpr LONGLONG kSystemTimeAtStart = 133'500'000'000'000'000; // January 2024
 
 // The moment on the machine's clock that a kernel time-out means: null is never, zero or a positive value an
-// absolute system time, a negative one a duration.
+// absolute system time, a negative one a duration. Both end at a tick.
 LONGLONG deadlineOf(const LARGE_INTEGER* timeout);
 
 } // namespace kernel

@@ -36,6 +36,14 @@ Time now() {
 Mode mode() {
     return currentCore() != nullptr ? currentCore()->options().mode : Mode::Sim;
 }
+Time atTick(Time moment) {
+    const Time tick = currentCore() != nullptr ? currentCore()->options().tick : 0;
+    if (tick == 0 || moment > kForever - tick) {
+        return moment;
+    }
+    const Time late = moment % tick;
+    return late > 0 ? moment + tick - late : moment;
+}
 unsigned choose(unsigned count) {
     return count > 1 && currentCore() != nullptr ? currentCore()->choose(count) : 0;
 }

@@ -38,6 +38,11 @@ void schedulingPoint(Point point);
 Time now();
 Mode mode();
 
+// Windows looks at time-outs, delays and timers only when its clock ticks (every 15.625 ms, or 1 ms when a
+// program asked for it). This is when it notices what is due at `moment`: at the first tick that is not
+// earlier.
+Time atTick(Time moment);
+
 // A choice that belongs to the explored schedule: 0 to `count` - 1, reproduced by the seed.
 unsigned choose(unsigned count);
 

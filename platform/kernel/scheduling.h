@@ -27,6 +27,7 @@ struct SchedulerOptions {
     Strategy strategy = Strategy::Random;
     unsigned pctDepth = 3;
     unsigned processors = 2;                   // 1 to 4
+    Time tick = 0;                             // the clock's; 0 for exact time. See `atTick`.
     std::uint64_t stepLimit = 200'000'000;     // scheduling points before a run is reported as endless
     Time timeLimit = 4 * 3600 * base::kSecond; // virtual time before a run is reported as endless; `sim` only
 };

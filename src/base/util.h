@@ -8,7 +8,8 @@ constexpr LONGLONG RelativeMs(ULONG milliseconds) {
     return -static_cast<LONGLONG>(milliseconds) * 10000;
 }
 
-// Blocks the calling thread.
+// Blocks the calling thread until the clock's first tick after that time. Ticks are 15.6 ms apart, or 1 ms
+// while a program asks for that, so a loop of short delays takes a tick or more for each.
 _IRQL_requires_(PASSIVE_LEVEL)
 void UTIL_DelayMs(ULONG milliseconds);
 

@@ -1,7 +1,8 @@
 // Reading the monitor's EDID, through the adapter's serial master or through an HDMI transmitter.
 //
-// Reading a block blocks for some 200 ms. SerialMasterMutex is taken inside. `edid` belongs to the caller for
-// the whole call: that of CONTROL_CONTEXT is guarded by MonitorMutex.
+// Reading a block blocks for 0.2 to 0.5 s, as the clock's tick is 1 or 15.6 ms, and through a transmitter
+// for up to 4.4 s. SerialMasterMutex is taken inside. `edid` belongs to the caller for the whole call: that
+// of CONTROL_CONTEXT is guarded by MonitorMutex.
 #pragma once
 
 #include "base/annotations.h"

@@ -18,7 +18,7 @@ void CHIP_InitRevision2(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)
 void CHIP_InitRevision1Registers(DEVICE_CONTEXT* context);
 
-// Each switches one power stage on and waits 750 ms for it to settle.
+// Each switches one power stage on and waits at least 750 ms for it to settle.
 _IRQL_requires_(PASSIVE_LEVEL)
 void CHIP_PowerUpStage1(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)

@@ -24,6 +24,6 @@ EVT_WDF_DEVICE_SURPRISE_REMOVAL DEVICE_EvtSurpriseRemoval;
 _IRQL_requires_(PASSIVE_LEVEL)
 EVT_WDFDEVICE_WDM_IRP_PREPROCESS DEVICE_PreprocessPnpIrp;
 
-// Returns when no client holds the interface, or after about ten seconds.
+// Returns when no client holds the interface, or after 10 to 16 seconds, as the clock's tick is.
 _IRQL_requires_(PASSIVE_LEVEL)
 void DEVICE_WaitForClientRelease(DEVICE_CONTEXT* context);

@@ -1,7 +1,7 @@
 // Programs the HDMI transmitter at a mode set: InfoFrames, video path and audio.
 //
 // HDMI_SetMode takes SerialMasterMutex for the whole sequence. The others are its steps; each returns FALSE
-// at the first transfer that failed. They block for milliseconds per register.
+// at the first transfer that failed. They block for 10 to 32 ms per register.
 #pragma once
 
 #include "device/device_context.h"

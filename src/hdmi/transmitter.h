@@ -2,7 +2,7 @@
 //
 // Every operation takes SerialMasterMutex for its whole sequence, because the transmitter has one bank
 // selection and a byte write is a read and a write of its group of four registers. They block for
-// milliseconds per register. TRUE on success, FALSE at the first failed transfer.
+// 10 to 32 ms per register. TRUE on success, FALSE at the first failed transfer.
 #pragma once
 
 #include "device/device_context.h"
@@ -14,8 +14,8 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context);
 
-// Resets the transmitter and waits 300 ms, after which it answers again. It has to be programmed for the mode
-// then.
+// Resets the transmitter and waits at least 300 ms, after which it answers again. It has to be programmed for
+// the mode then.
 _IRQL_requires_(PASSIVE_LEVEL)
 BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 

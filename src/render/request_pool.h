@@ -40,6 +40,6 @@ void REQUEST_DiscardSent(DEVICE_CONTEXT* context);
 _IRQL_requires_max_(DISPATCH_LEVEL)
 BOOLEAN REQUEST_AllSentCompleted(DEVICE_CONTEXT* context);
 
-// Waits until everything sent has completed, at most 3.1 seconds.
+// Waits until everything sent has completed, at most 3.4 seconds.
 _IRQL_requires_(PASSIVE_LEVEL)
 void REQUEST_WaitSentCompleted(DEVICE_CONTEXT* context);

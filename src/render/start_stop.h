@@ -11,7 +11,7 @@ NTSTATUS RENDER_Start(DEVICE_CONTEXT* context);
 
 // When it returns, no render buffer is being filled, nothing is queued, the frame update thread uses neither
 // mode nor staging buffer, and every context whose transfers have completed is available. Blocks for up to
-// 100 ms, for the frame that is being filled and for what is in flight (at most 3.1 seconds). The caller does
+// 100 ms, for the frame that is being filled and for what is in flight (at most 3.4 seconds). The caller does
 // not hold DisplayStateMutex, which a fill takes, unless it is the frame update thread. Also callable on a
 // pipeline that was never built or was torn down.
 _IRQL_requires_(PASSIVE_LEVEL)

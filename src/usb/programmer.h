@@ -2,7 +2,7 @@
 //
 // Each programmer reads its image, writes it word by word and verifies every word; a failure ends it
 // without a report, and bring-up continues. They take SerialMasterMutex for the whole programming and block
-// for milliseconds per word.
+// for 8 to 32 ms per word.
 #pragma once
 
 #include "base/annotations.h"

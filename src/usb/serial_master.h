@@ -1,8 +1,9 @@
 // The adapter's serial master: 32-bit words to and from I2C devices and the SPI flash.
 //
-// A transaction blocks for 3 to 105 ms. The caller holds SerialMasterMutex over all transactions that belong
-// together, and not for each alone. Every failure is STATUS_UNSUCCESSFUL; a failed read leaves 0. While the
-// device is being removed, every transaction fails at once.
+// A transaction blocks for 3 to 6 ms when the clock ticks every millisecond and for 16 ms at its usual tick
+// of 15.6 ms; one that never completes, for 116 or 172 ms. The caller holds SerialMasterMutex over all
+// transactions that belong together, and not for each alone. Every failure is STATUS_UNSUCCESSFUL; a failed
+// read leaves 0. While the device is being removed, every transaction fails at once.
 #pragma once
 
 #include "device/device_context.h"

@@ -43,6 +43,7 @@ SessionOptions explored(std::uint64_t seed, std::vector<rig::Setting> settings) 
     options.scheduler.strategy = seed % 2 == 0 ? kernel::Strategy::Random : kernel::Strategy::Pct;
     options.scheduler.pctDepth = 1 + static_cast<unsigned>(seed / 2 % 5);
     options.scheduler.processors = 1 + static_cast<unsigned>(seed / 3 % 4);
+    options.scheduler.tick = kTicks[seed / 5 % std::size(kTicks)];
     options.settings = std::move(settings);
     return options;
 }

@@ -28,7 +28,11 @@ using usb::kSecond;
 // One schedule, always the same, for tests that do not depend on the order of tasks.
 SessionOptions inOrder(std::vector<rig::Setting> settings = {});
 
-// The schedule of a seed: random, or by priorities with one to five changes; on one to four processors.
+// The ticks of the machine's clock: exact time, and the two of Windows.
+constexpr usb::Time kTicks[] = {0, kMillisecond, 15'625 * usb::kMicrosecond};
+
+// The schedule of a seed: random, or by priorities with one to five changes; on one to four processors; with
+// each tick.
 SessionOptions explored(std::uint64_t seed, std::vector<rig::Setting> settings = {});
 
 SessionOptions freeRunning(std::vector<rig::Setting> settings = {});
