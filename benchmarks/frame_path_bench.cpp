@@ -153,6 +153,7 @@ int main() {
         printStillRow(scene, usb::Speed::Super);
         printStillRow(scene, usb::Speed::High);
     }
-    fmt::print("\nOn usb2 a picture whose stream exceeds 480 KiB is encoded again every 10 ms, at a coarser "
-               "level.\n");
+    fmt::print(
+        "\nOn usb2 a picture whose stream exceeds 480 KiB is handed over again every 10 ms, and encoded "
+        "again\nwhile its level still rises.\n");
 }

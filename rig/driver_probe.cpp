@@ -24,6 +24,7 @@ TSA_NO_ANALYSIS std::optional<DriverState> probeDriver(const desktop::Client& cl
     return DriverState{
         .compressionLevel = peek(context.Render.CompressionLevel),
         .quantizationLevel = peek(context.Pixel.QuantLevel),
+        .newestBuffer = peek(context.Render.LatestRenderBufferIndex),
         .groupEncoder = peek(context.Cpu.CpuHasSsse3) != 0 && peek(context.Cpu.CpuHasSse41) != 0,
     };
 }

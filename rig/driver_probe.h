@@ -11,6 +11,7 @@ namespace rig {
 struct DriverState {
     unsigned compressionLevel = 0;
     unsigned quantizationLevel = 0;
+    unsigned newestBuffer = 0; // another one with every conversion of a frame
     bool groupEncoder = false; // the processor lets the driver use it for 16-bit output
 };
 

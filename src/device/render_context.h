@@ -69,6 +69,14 @@ enum DROP_FRAME_CHECK_STATE : ULONG {
     DROP_FRAME_CHECK_ELAPSED = 2,
 };
 
+// What the newest frame was made of: as long as nothing of it changes, the frame is the same.
+struct FRAME_ORIGIN {
+    ULONGLONG PixelVersion; // 0 for none
+    ULONG CompressionLevel;
+    USHORT QuantLevel;
+    ULONG RenderBufferIndex; // where the frame is
+};
+
 struct THREAD_START_CONTEXT {
     DEVICE_CONTEXT* DeviceContext;
 };
@@ -153,6 +161,7 @@ struct RENDER_PIPELINE {
     // Feedback from the sizes of frames. Used by the frame update thread only.
     BOOLEAN AutoUpdateArmed; // the last frame was too large; the timer was started to repeat it
     BOOLEAN SmallFrameSeen;  // the last compressed frame was small; a second one lowers the level
+    FRAME_ORIGIN NewestFrame;
 
     // Feedback from dropped frames. Shared fields, written by the frame update thread and by those named
     // here.

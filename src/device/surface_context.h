@@ -31,7 +31,8 @@ struct SURFACE_CONTEXT {
     // Serializes hand-offs of frames to the frame update thread, so that the newest frame is the one handed
     // over last, and guards the pointer that is drawn into them.
     DEVICE_MUTEX SubmitMutex;
-    ULONG LastPointerX TSA_GUARDED_BY(SubmitMutex); // as the client gave them
+    ULONGLONG LatestPixelVersion TSA_GUARDED_BY(SubmitMutex); // each hand-off gets the next one
+    ULONG LastPointerX TSA_GUARDED_BY(SubmitMutex);           // as the client gave them
     ULONG LastPointerY TSA_GUARDED_BY(SubmitMutex);
     BOOLEAN LastPointerVisible TSA_GUARDED_BY(SubmitMutex);
     LONG CursorX TSA_GUARDED_BY(SubmitMutex); // after rotation

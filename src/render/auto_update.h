@@ -1,5 +1,5 @@
-// Adapts the compression level to the size of the frames. A frame that came out too large is converted and
-// sent again at the next level, a little later.
+// Adapts the compression level to the size of the frames. A frame that came out too large is sent again a
+// little later, converted anew when the level could be raised.
 #pragma once
 
 #include "device/device_context.h"

@@ -102,6 +102,11 @@ void RENDER_ClearPending(DEVICE_CONTEXT* context) {
     }
 }
 
+BOOLEAN RENDER_IsNewestBuffer(DEVICE_CONTEXT* context, ULONG index) {
+    SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
+    return context->Render.LatestRenderBufferIndex == index;
+}
+
 // Contexts enter and leave the states that count here under PendingListLock, except when the device is gone.
 BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);

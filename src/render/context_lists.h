@@ -38,6 +38,11 @@ _Must_inspect_result_
 _IRQL_requires_(DISPATCH_LEVEL)
 void RENDER_ClearPending(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock);
 
+// Whether the newest frame of the running stream is in that render buffer.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+BOOLEAN RENDER_IsNewestBuffer(DEVICE_CONTEXT* context, ULONG index)
+    TSA_EXCLUDES(context->Render.PendingListLock);
+
 // Whether a transfer may still read that render buffer, now or by being sent again.
 _IRQL_requires_max_(DISPATCH_LEVEL)
 BOOLEAN RENDER_IsBufferInUse(DEVICE_CONTEXT* context, ULONG index)

@@ -46,18 +46,46 @@ ULONG ConvertFrame(DEVICE_CONTEXT* context, UCHAR* destination, const FRAME_SOUR
         COMPRESSION_CompressFrame16(compression, context->Cpu, &context->Pixel, frame, staging, stream));
 }
 
-// FALSE when there is nothing to send.
-BOOLEAN FillRenderBuffer(DEVICE_CONTEXT* context, ULONG index, FRAME_BUFFER_CONTEXT* frameBuffer,
+// Whether the newest render buffer of the running stream has that origin.
+BOOLEAN IsInNewestBuffer(DEVICE_CONTEXT* context, const FRAME_ORIGIN& origin) {
+    const FRAME_ORIGIN& newest = context->Render.NewestFrame;
+    return newest.PixelVersion == origin.PixelVersion && newest.CompressionLevel == origin.CompressionLevel &&
+           newest.QuantLevel == origin.QuantLevel && RENDER_IsNewestBuffer(context, newest.RenderBufferIndex);
+}
+
+// Fills the render buffer that `origin` names, and completes `origin`. When the newest render buffer already
+// holds the same frame, fills nothing and names that one. FALSE when there is nothing to send.
+BOOLEAN FillRenderBuffer(DEVICE_CONTEXT* context, FRAME_ORIGIN* origin, FRAME_BUFFER_CONTEXT* frameBuffer,
                          ULONG pixelCount) {
     if (!FRAMEBUFFER_AcquireToRead(context, frameBuffer)) {
         return FALSE;
     }
-    const ULONG length = ConvertFrame(context, context->Render.RenderBuffer.Aligned[index],
-                                      {frameBuffer->PixelBuffer, frameBuffer->ByteSize, pixelCount});
+    // The levels before the conversion, which can change that of the group encoder.
+    origin->PixelVersion = frameBuffer->PixelVersion;
+    origin->CompressionLevel = COMPRESSION_CurrentLevel(context);
+    origin->QuantLevel = context->Pixel.QuantLevel;
+    if (IsInNewestBuffer(context, *origin)) {
+        origin->RenderBufferIndex = context->Render.NewestFrame.RenderBufferIndex;
+    } else {
+        const ULONG index = origin->RenderBufferIndex;
+        context->Render.RenderBufferLength[index] =
+            ConvertFrame(context, context->Render.RenderBuffer.Aligned[index],
+                         {frameBuffer->PixelBuffer, frameBuffer->ByteSize, pixelCount});
+    }
     FRAMEBUFFER_ReleasePixels(frameBuffer);
+    return context->Render.RenderBufferLength[origin->RenderBufferIndex] != 0;
+}
 
-    context->Render.RenderBufferLength[index] = length;
-    return length != 0;
+// The transfers in flight repeat the newest frame by themselves. Another one would be repeated with them, and
+// in the end no context would be left for a new frame.
+void QueueOrReturn(DEVICE_CONTEXT* context, RENDER_CONTEXT* renderContext, const FRAME_ORIGIN& origin,
+                   BOOLEAN isRepeated) {
+    const BOOLEAN isInFlight = isRepeated && ReadAcquire(&context->Render.RenderContextsInFlight) != 0;
+    if (!isInFlight && RENDER_QueueFrame(context, renderContext)) {
+        context->Render.NewestFrame = origin;
+    } else {
+        RENDER_ReturnToAvailable(context, renderContext);
+    }
 }
 
 } // namespace
@@ -105,17 +133,16 @@ void RENDER_Private_UpdateRenderingFrameBuffer(DEVICE_CONTEXT* context, FRAME_BU
         return;
     }
     const ULONG index = RENDER_WaitForBuffer(context);
-    if (index == RENDER_BUFFER_NONE || !FillRenderBuffer(context, index, frameBuffer, pixelCount)) {
+    FRAME_ORIGIN origin = {};
+    origin.RenderBufferIndex = index;
+    if (index == RENDER_BUFFER_NONE || !FillRenderBuffer(context, &origin, frameBuffer, pixelCount)) {
         RENDER_ReturnToAvailable(context, renderContext);
         return;
     }
-    renderContext->RenderBufferIndex = index;
+    renderContext->RenderBufferIndex = origin.RenderBufferIndex;
     if (mode.CompressionEnabled != 0) {
-        RENDER_CompressionAutoUpdate(context, context->Render.RenderBufferLength[index]);
+        RENDER_CompressionAutoUpdate(context, context->Render.RenderBufferLength[origin.RenderBufferIndex]);
     }
-    if (!RENDER_QueueFrame(context, renderContext)) {
-        RENDER_ReturnToAvailable(context, renderContext);
-        return;
-    }
+    QueueOrReturn(context, renderContext, origin, origin.RenderBufferIndex != index);
     RENDER_DispatchPendingContexts(context);
 }

@@ -28,7 +28,8 @@ struct FRAME_BUFFER_CONTEXT {
     KEVENT BeingFilled;  // notification event, signaled while a client fills them
     PKTHREAD FillThread; // of that client, else null (shared field)
 
-    // The pixels under the drawn cursor; for the owner of the pixels.
+    // For the owner of the pixels, with the pixels under the drawn cursor.
+    ULONGLONG PixelVersion; // of the last hand-off; no two frame buffers ever have the same, except 0
     BOOLEAN SavedValid;
     UCHAR* SavedAreaStart;            // in PixelBuffer
     ULONG SavedWidth;                 // pixels

@@ -102,6 +102,7 @@ NTSTATUS FRAMEBUFFER_Present(DEVICE_CONTEXT* context, const PRESENT_REQUEST* req
 }
 
 void FRAMEBUFFER_SubmitToRender(DEVICE_CONTEXT* context, FRAME_BUFFER_CONTEXT* frameBuffer) {
+    frameBuffer->PixelVersion = ++context->Surface.LatestPixelVersion;
     if (SHARED_Read(context->Render.RenderRunning) == 0 || SHARED_Read(context->Client.DisplayOn) == 0) {
         return;
     }

@@ -40,6 +40,10 @@ unsigned level(Session& session) {
     return rig::probeDriver(session.client()).value().compressionLevel;
 }
 
+unsigned newestBuffer(Session& session) {
+    return rig::probeDriver(session.client()).value().newestBuffer;
+}
+
 // A link on which no frame waits for another.
 PlugOptions fastAdapter(usb::Speed speed) {
     PlugOptions options = adapter(2, speed);
@@ -75,6 +79,15 @@ TEST(CompressionLevel, RisesEveryTenMillisecondsWhileFramesAreLarge) {
                 EXPECT_GE(gap, 99 * kMillisecond / 10);
                 EXPECT_LE(gap, 12 * kMillisecond);
             }
+            // From then on the same buffer is sent again, until the pixels change.
+            const unsigned newest = newestBuffer(session);
+            for (unsigned look = 0; look < 100; look++) {
+                session.machine().sleep(kMillisecond);
+                EXPECT_EQ(newest, newestBuffer(session));
+            }
+            expectPicture(session);
+            session.movePointer(20, 20, true);
+            session.setPointer(desktop::builtinPointer("arrow"));
             expectPicture(session);
         });
     }
