@@ -19,6 +19,7 @@ struct Faults {
     std::uint64_t reached = 0;
     bool fired = false;
     FaultKind kind = FaultKind::Allocation; // of the point that fired
+    std::string call; // of the point that fired
     std::string description;
 };
 base::MachinePart<Faults> faults;
@@ -48,6 +49,11 @@ bool faultFired() {
     return faults->fired;
 }
 
+std::string faultedCall() {
+    KernelLockIfFree guard;
+    return faults->call;
+}
+
 std::string faultDescription() {
     KernelLockIfFree guard;
     return faults->description;
@@ -72,6 +78,7 @@ bool faultPoint(FaultKind kind, std::string_view what) {
     }
     faults->fired = true;
     faults->kind = kind;
+    faults->call = what;
     const char* callback = currentCallback();
     faults->description = fmt::format("{} {}: {}{}{}", kFaultKindNames[static_cast<std::size_t>(kind)],
                                       faults->reached, what, *callback != 0 ? " in " : "", callback);

@@ -25,9 +25,11 @@ enum class FaultMode : std::uint8_t {
 void armFault(std::uint64_t k, FaultMode mode, NTSTATUS refusal = STATUS_INSUFFICIENT_RESOURCES);
 void disarmFault();
 
-// How many points were reached since arming, whether the armed one was, and what it was.
+// How many points were reached since arming, whether the armed one was, and what it was: the call that
+// failed, and a text with kind, number and callback.
 std::uint64_t faultPointsReached();
 bool faultFired();
+std::string faultedCall();
 std::string faultDescription();
 NTSTATUS faultRefusal();
 

@@ -134,6 +134,18 @@ TEST_F(TransmitterTest, MistakesAreViolations) {
          ViolationKind::UnknownRegister},
         {"a protected bit while locked", [](Host& host) { host.txMask(0xC5, 0x02, 0x02); },
          ViolationKind::LockedRegister},
+        {"a protected bit after the first key alone",
+         [](Host& host) {
+             host.txWrite(0xF8, 0xC3);
+             host.txMask(0xC5, 0x02, 0x02);
+         },
+         ViolationKind::LockedRegister},
+        {"a protected bit after the second key alone",
+         [](Host& host) {
+             host.txWrite(0xF8, 0xA5);
+             host.txMask(0xC5, 0x02, 0x02);
+         },
+         ViolationKind::LockedRegister},
         {"video while powered down",
          [](Host& host) {
              host.txPowerDown();

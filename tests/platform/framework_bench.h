@@ -208,6 +208,7 @@ struct DriverScript {
     std::function<void(WDFDEVICE)> selfManagedIoSuspend;
     std::function<NTSTATUS(WDFDEVICE)> selfManagedIoRestart;
     std::function<void(WDFREQUEST, ULONG)> control;
+    WDF_TRI_STATE powerManagedQueue = WdfUseDefault;
     std::function<NTSTATUS(WDFDEVICE, PIRP)> preprocess;
     WDFDEVICE device = nullptr;
 
@@ -327,6 +328,7 @@ inline NTSTATUS deviceAdd(WDFDRIVER, PWDFDEVICE_INIT init) {
     WDF_IO_QUEUE_CONFIG queue;
     WDF_IO_QUEUE_CONFIG_INIT_DEFAULT_QUEUE(&queue, WdfIoQueueDispatchParallel);
     queue.EvtIoInternalDeviceControl = control;
+    queue.PowerManaged = script->powerManagedQueue;
     status = WdfIoQueueCreate(script->device, &queue, WDF_NO_OBJECT_ATTRIBUTES, WDF_NO_HANDLE);
     if (!NT_SUCCESS(status)) {
         return status;

@@ -312,6 +312,35 @@ TEST(FrameworkUsb, ACompletionMayComeInsideTheSendOrThroughADpc) {
     EXPECT_GT(later, 0);
 }
 
+// Another task may cancel while the send is on its way to the bus.
+TEST(FrameworkUsb, ACancelMayComeBeforeTheSubmission) {
+    int early = 0;
+    for (std::uint64_t seed = 1; seed <= 50; seed++) {
+        SCOPED_TRACE(seed);
+        FrameworkBench bench(seed);
+        Target target;
+        BulkTransfer bulk;
+        bench.device.bulk = SmallDevice::Bulk::Hold;
+        bench.driver.prepare = [&](WDFDEVICE device) { return target.create(device); };
+        bench.run([&] {
+            bench.plug();
+            bulk.create(target);
+            kernel::Task& other = kernel::spawn("other", kernel::TaskKind::Host, [&] {
+                while (!WdfRequestCancelSentRequest(bulk.request)) {
+                    kernel::schedulingPoint(kernel::Point::Yield);
+                }
+                early += bench.device.held.empty();
+            });
+            EXPECT_TRUE(bulk.send(target, 100));
+            kernel::join(other);
+            bench.machine().sleep(usb::kMillisecond);
+            EXPECT_EQ(bulk.completions, 1);
+            bulk.destroy();
+        });
+    }
+    EXPECT_GT(early, 0);
+}
+
 TEST_F(FrameworkIo, AStoppedTargetKeepsRequestsUntilItStartsOrTheirTimeEnds) {
     run([&](platform::DeviceNode&) {
         const WDFIOTARGET io = WdfUsbTargetDeviceGetIoTarget(target.usb);

@@ -278,6 +278,7 @@ TEST_F(FrameworkCallbacks, AWorkItemRunsOncePerEnqueueAtPassiveLevelAndIsWaitedF
             script->note("worked at " + std::to_string(KeGetCurrentIrql()));
         });
         WdfWorkItemEnqueue(item);
+        WdfWorkItemEnqueue(item); // it is queued already
         WdfWorkItemFlush(item);
         EXPECT_EQ(takeTrace(), (Trace{"worked at 0"}));
         WdfWorkItemEnqueue(item);

@@ -239,4 +239,35 @@ TEST_F(FrameworkClient, TheRemovePacketWaitsForTheLastHandle) {
                                          "file cleanup", "file close", "irp 2", "flush", "cleanup"}));
 }
 
+// The hardware is released when the driver has completed them, whether or not the queue follows the power.
+TEST(FrameworkQueue, ARemovalWaitsForTheRequestsThatTheDriverHas) {
+    for (const WDF_TRI_STATE powerManaged : {WdfFalse, WdfTrue}) {
+        FrameworkBench bench;
+        bench.driver.prepare = enableInterface;
+        bench.driver.powerManagedQueue = powerManaged;
+        bench.driver.control = [&](WDFREQUEST request, ULONG) {
+            bench.machine().sleep(usb::kSecond);
+            bench.driver.note("completes");
+            WdfRequestComplete(request, STATUS_SUCCESS);
+        };
+        bench.run([&] {
+            auto& machine = bench.machine();
+            auto& node = bench.plug();
+            std::shared_ptr<platform::InterfaceHandle> file;
+            ASSERT_EQ(machine.open(machine.interfaces(kClass).at(0), file), STATUS_SUCCESS);
+            ULONG_PTR information = 0;
+            kernel::Task& client = kernel::spawn("client", kernel::TaskKind::Host, [&] {
+                EXPECT_EQ(machine.internalControl(*file, kNeither, {}, {}, information), STATUS_SUCCESS);
+                machine.close(file);
+            });
+            machine.sleep(usb::kMillisecond);
+            machine.surpriseRemove(node);
+            kernel::join(client);
+        });
+        const Trace& trace = bench.driver.trace;
+        EXPECT_LT(std::find(trace.begin(), trace.end(), "completes"),
+                  std::find(trace.begin(), trace.end(), "release"));
+    }
+}
+
 } // namespace

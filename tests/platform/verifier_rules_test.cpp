@@ -426,6 +426,28 @@ const KernelCase kCases[] = {
          waitForSystemThreads(kForever);
          requireThreadsEnded("unload");
      }},
+    {Rule::ThreadLeak, "a thread object never dereferenced",
+     [](World& world) {
+         KeSetEvent(&world.event, 0, FALSE);
+         HANDLE handle = startThread(&world.event);
+         PVOID thread = nullptr;
+         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
+         ZwClose(handle);
+         waitFor(thread);
+         waitForSystemThreads(kForever);
+         requireThreadsEnded("unload");
+     },
+     [](World& world) {
+         KeSetEvent(&world.event, 0, FALSE);
+         HANDLE handle = startThread(&world.event);
+         PVOID thread = nullptr;
+         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
+         ZwClose(handle);
+         waitFor(thread);
+         ObDereferenceObject(thread);
+         waitForSystemThreads(kForever);
+         requireThreadsEnded("unload");
+     }},
     {Rule::ListCorruption, "an entry removed twice",
      [](World&) {
          LIST_ENTRY head;
