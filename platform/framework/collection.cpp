@@ -96,7 +96,7 @@ NTSTATUS WdfCollectionAdd(WDFCOLLECTION Collection, WDFOBJECT Object) {
     auto collection = call.object<framework::Collection>(Collection);
     auto object = call.any(Object);
     if (call.fault(kernel::FaultKind::Allocation)) {
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return STATUS_UNSUCCESSFUL;
     }
     collection->add(std::move(object));
     return STATUS_SUCCESS;

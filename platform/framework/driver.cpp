@@ -128,8 +128,12 @@ NTSTATUS WdfDriverCreate(PDRIVER_OBJECT DriverObject, PCUNICODE_STRING RegistryP
     if (DriverConfig->Size != sizeof(WDF_DRIVER_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
+    constexpr ULONG kFlags = WdfDriverInitNonPnpDriver | WdfDriverInitNoDispatchOverride | WdfVerifyOn;
+    if ((DriverConfig->DriverInitFlags & ~kFlags) != 0) {
+        return STATUS_INVALID_PARAMETER;
+    }
     if (framework::slot->loaded->driver != nullptr) {
-        return STATUS_INVALID_DEVICE_REQUEST;
+        return STATUS_DRIVER_INTERNAL_ERROR;
     }
     framework::Ref<framework::Driver> driver;
     const NTSTATUS status =

@@ -101,7 +101,10 @@ NTSTATUS WdfMemoryCreate(PWDF_OBJECT_ATTRIBUTES Attributes, POOL_TYPE PoolType, 
 NTSTATUS WdfMemoryCreatePreallocated(PWDF_OBJECT_ATTRIBUTES Attributes, PVOID Buffer, size_t BufferSize,
                                      WDFMEMORY* Memory) {
     Call call("WdfMemoryCreatePreallocated", kDispatchLevel);
-    if (Memory == nullptr || Buffer == nullptr || BufferSize == 0) {
+    if (Buffer == nullptr) {
+        call.fail(framework::Rule::Argument, nullptr, "There is no buffer.");
+    }
+    if (Memory == nullptr || BufferSize == 0) {
         return STATUS_INVALID_PARAMETER;
     }
     *Memory = nullptr;
@@ -127,7 +130,7 @@ PVOID WdfMemoryGetBuffer(WDFMEMORY Memory, size_t* BufferSize) {
 NTSTATUS WdfLookasideListCreate(PWDF_OBJECT_ATTRIBUTES LookasideAttributes, size_t BufferSize,
                                 POOL_TYPE PoolType, PWDF_OBJECT_ATTRIBUTES MemoryAttributes, ULONG PoolTag,
                                 WDFLOOKASIDE* Lookaside) {
-    Call call("WdfLookasideListCreate", PoolType == PagedPool ? kernel::kApcLevel : kDispatchLevel);
+    Call call("WdfLookasideListCreate", PoolType == PagedPool ? kernel::kPassiveLevel : kDispatchLevel);
     if (Lookaside == nullptr || BufferSize == 0) {
         return STATUS_INVALID_PARAMETER;
     }

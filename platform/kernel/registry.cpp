@@ -24,6 +24,7 @@ struct NameLess {
 };
 
 constexpr std::u16string_view kServices = u"System\\CurrentControlSet\\Services";
+constexpr std::u16string_view kParameters = u"Parameters";
 constexpr std::u16string_view kMachine = u"\\Registry\\Machine\\";
 
 struct Root {
@@ -81,6 +82,12 @@ std::shared_ptr<RegistryKey> RegistryKey::create(const std::shared_ptr<RegistryK
     return key;
 }
 
+std::shared_ptr<RegistryKey> RegistryKey::child(std::u16string_view name) const {
+    KernelLockIfFree guard;
+    auto found = content_->keys.find(name);
+    return found != content_->keys.end() ? found->second : nullptr;
+}
+
 std::optional<RegistryValue> RegistryKey::value(std::u16string_view name) const {
     KernelLockIfFree guard;
     auto found = content_->values.find(name);
@@ -101,7 +108,11 @@ std::shared_ptr<RegistryKey> serviceKey(std::u16string_view service) {
 }
 
 std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service) {
-    return RegistryKey::create(serviceKey(service), u"Parameters");
+    return RegistryKey::create(serviceKey(service), kParameters);
+}
+
+std::shared_ptr<RegistryKey> existingParametersKey(std::u16string_view service) {
+    return serviceKey(service)->child(kParameters);
 }
 
 } // namespace kernel

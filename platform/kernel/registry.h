@@ -32,6 +32,7 @@ class RegistryKey {
     static std::shared_ptr<RegistryKey> create(const std::shared_ptr<RegistryKey>& parent,
                                                std::u16string_view path);
 
+    std::shared_ptr<RegistryKey> child(std::u16string_view name) const; // or null
     std::optional<RegistryValue> value(std::u16string_view name) const;
     void assign(std::u16string_view name, RegistryValue value);
 
@@ -51,5 +52,8 @@ std::u16string servicePath(std::u16string_view service);
 // The service's key and its Parameters subkey, created when they do not exist.
 std::shared_ptr<RegistryKey> serviceKey(std::u16string_view service);
 std::shared_ptr<RegistryKey> parametersKey(std::u16string_view service);
+
+// The Parameters subkey, or null when it does not exist.
+std::shared_ptr<RegistryKey> existingParametersKey(std::u16string_view service);
 
 } // namespace kernel

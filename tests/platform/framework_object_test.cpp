@@ -333,6 +333,9 @@ TEST_F(FrameworkObjects, RegistryValuesAreTypedAndMeasured) {
         EXPECT_EQ(buffer[0], 0);
         EXPECT_EQ(WdfRegistryQueryValue(key, &bytes, 4, buffer, &length, nullptr), STATUS_SUCCESS);
         EXPECT_EQ(buffer[2], 3);
+        EXPECT_EQ(WdfRegistryQueryValue(key, &bytes, 0, nullptr, &length, nullptr), STATUS_BUFFER_OVERFLOW);
+        const UNICODE_STRING odd = {3, 4, bytes.Buffer};
+        EXPECT_EQ(WdfRegistryQueryULong(key, &odd, &value), STATUS_INVALID_PARAMETER);
         WdfRegistryClose(key);
         return STATUS_SUCCESS;
     };
