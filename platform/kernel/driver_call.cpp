@@ -15,6 +15,7 @@ DriverCall::DriverCall(const char* callback) {
     }
     irql_ = task->irql;
     locks_ = locksHeld();
+    criticalRegions_ = criticalRegionsHeld();
     outerDomain_ = task->account.domain;
     outerCallback_ = task->account.callback;
     task->account.callback = callback;
@@ -35,6 +36,13 @@ DriverCall::~DriverCall() {
         verifier::fail(
             verifier::Rule::IrqlChanged, callback, callback,
             fmt::format("the callback was entered at level {} and returned at {}", irql_, task->irql));
+    }
+    if (criticalRegionsHeld() != criticalRegions_) {
+        verifier::fail(
+            verifier::Rule::CriticalRegion, callback, callback,
+            fmt::format("the callback was entered in {} critical regions and returned in {}: a mutex or wait "
+                        "lock was taken or released inside",
+                        criticalRegions_, criticalRegionsHeld()));
     }
     if (locksHeld() != locks_) {
         verifier::fail(verifier::Rule::LockLeftHeld, callback,

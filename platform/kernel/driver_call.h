@@ -23,6 +23,7 @@ class DriverCall {
     const char* outerCallback_ = "";
     unsigned irql_ = 0;
     unsigned locks_ = 0;
+    unsigned criticalRegions_ = 0;
 };
 
 template <typename Function, typename... Arguments>

@@ -145,6 +145,14 @@ unsigned locksHeld() {
     return count;
 }
 
+unsigned criticalRegionsHeld() {
+    const Task* self = currentTaskOrNull();
+    return self == nullptr ? 0
+                           : static_cast<unsigned>(std::count_if(
+                                 self->locks.begin(), self->locks.end(),
+                                 [](const HeldLock& held) { return held.kind == LockKind::Mutex; }));
+}
+
 void nameLock(const void* lock, std::string name) {
     KernelLockIfFree guard;
     lockOrder().name(lock, std::move(name));

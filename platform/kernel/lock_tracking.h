@@ -26,6 +26,9 @@ void locksDestroyed(const void* begin, const void* end, std::string_view call);
 // Those that the current task holds, each counted as often as it was taken.
 unsigned locksHeld();
 
+// Those of them that keep kernel APCs from the thread: mutexes and wait locks, each counted once.
+unsigned criticalRegionsHeld();
+
 // Gives a lock a name for reports; without one its address is shown.
 void nameLock(const void* lock, std::string name);
 

@@ -10,6 +10,7 @@ namespace {
 constexpr std::array kRuleNames = {"IrqlTooHigh",
                                    "IrqlChanged",
                                    "LockLeftHeld",
+                                   "CriticalRegion",
                                    "WaitAtDispatch",
                                    "LockOrder",
                                    "LockRecursion",

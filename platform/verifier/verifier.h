@@ -15,7 +15,8 @@ namespace verifier {
 enum class Rule : std::uint8_t {
     IrqlTooHigh,    // a call above its IRQL limit
     IrqlChanged,    // a callback returned at another level than it was entered at
-    LockLeftHeld,   // a callback returned with a lock it took
+    LockLeftHeld,   // a callback returned with a spin lock it took
+    CriticalRegion, // a callback returned with another number of mutexes than it had: APCs stay disabled
     WaitAtDispatch, // a wait with a time-out other than zero at DISPATCH_LEVEL
     LockOrder,      // two locks taken in both orders
     LockRecursion,  // a spin lock taken twice by one holder

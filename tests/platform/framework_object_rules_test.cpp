@@ -302,7 +302,7 @@ std::vector<FrameworkCase> levelAndLockCases() {
              WdfSpinLockAcquire(lock);
              WdfSpinLockRelease(lock);
          }},
-        {Rule::LockLeftHeld, "a client's request answered with a wait lock kept",
+        {Rule::CriticalRegion, "a client's request answered with a wait lock kept",
          [](World& world) {
              const WDFWAITLOCK lock = world.makeWaitLock();
              world.receive([&](WDFREQUEST request) {

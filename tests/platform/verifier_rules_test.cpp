@@ -147,7 +147,23 @@ const KernelCase kCases[] = {
          KeReleaseSpinLock(&world.spinB, inner);
          KeReleaseSpinLock(&world.spinA, outer);
      }},
-    {Rule::LockLeftHeld, "a callback returns with a mutex",
+    {Rule::LockLeftHeld, "a callback returns with a spin lock",
+     [](World&) {
+         atDispatch([] {
+             callDriver(
+                 "EvtBad", +[] { KeAcquireSpinLockAtDpcLevel(&callbackWorld->spinA); });
+         });
+     },
+     [](World&) {
+         atDispatch([] {
+             callDriver(
+                 "EvtGood", +[] {
+                     KeAcquireSpinLockAtDpcLevel(&callbackWorld->spinA);
+                     KeReleaseSpinLockFromDpcLevel(&callbackWorld->spinA);
+                 });
+         });
+     }},
+    {Rule::CriticalRegion, "a callback returns with a mutex",
      [](World&) {
          callDriver(
              "EvtBad", +[] { waitFor(&callbackWorld->mutexA); });
