@@ -35,18 +35,14 @@ bool CallbackSource::runsHere() const {
     return std::find(running_.begin(), running_.end(), self) != running_.end();
 }
 
-void CallbackSource::waitForCallbacks(const char* call, bool fromDeletion,
-                                      const std::function<void()>& withdraw) {
+void CallbackSource::waitForCallbacks(const char* call, OwnEnd ownEnd) {
     if (runsHere()) {
-        if (!fromDeletion) {
+        if (ownEnd == OwnEnd::Deadlock) {
             verifier::fail(Rule::Deadlock, call, name(), "The callback waits for its own end.");
         }
         return;
     }
     kernel::waitUntil(this, {call, this, nullptr}, kernel::kForever, [&] {
-        if (withdraw) {
-            withdraw();
-        }
         KernelGuard guard;
         return expected_ == 0;
     });

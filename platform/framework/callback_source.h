@@ -4,7 +4,6 @@
 
 #include "platform/framework/object.h"
 
-#include <functional>
 #include <vector>
 
 namespace framework {
@@ -21,10 +20,10 @@ class CallbackSource : public Object {
     void enter();
     void leave();
 
-    // Waits until no callback is expected or runs, and calls `withdraw`, which takes callbacks back that are
-    // expected and have not begun, whenever one of them has ended. From inside a callback there is nothing to
-    // wait for when the object is being deleted, and waiting for oneself is a deadlock otherwise.
-    void waitForCallbacks(const char* call, bool fromDeletion, const std::function<void()>& withdraw = {});
+    // Waits until no callback is expected or runs. A callback that waits for its own end is a deadlock,
+    // unless its source is one that may delete itself and does so: then there is nothing to wait for.
+    enum class OwnEnd : std::uint8_t { Deadlock, DeletesItself };
+    void waitForCallbacks(const char* call, OwnEnd ownEnd);
 
   private:
     bool runsHere() const;

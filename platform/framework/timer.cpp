@@ -17,50 +17,76 @@ class Timer final : public CallbackSource {
 
     WDFTIMER wdf() const { return static_cast<WDFTIMER>(handle()); }
 
-    // True when the timer was running already; it runs anew in either case.
-    bool start(LONGLONG dueTime) {
+    // True when the timer was running already; it runs anew in either case. A stop that waits keeps the timer
+    // from being started.
+    bool start(const Call& call, LONGLONG dueTime) {
         LARGE_INTEGER due;
         due.QuadPart = dueTime;
         const bool was = cancelTimer();
-        arm(kernel::deadlineOf(&due));
-        return was;
+        switch (arm(kernel::deadlineOf(&due), Origin::Driver)) {
+        case Arming::Done:
+            return was;
+        case Arming::Stopping:
+            return false;
+        case Arming::Deleting:
+            break;
+        }
+        call.fail(Rule::CallbackObject, this, "The timer is started while it is being deleted.");
     }
 
+    // True when the timer was running, or when the stop kept it from being started.
     bool stop(const Call& call, bool wait) {
-        const bool was = cancelTimer();
-        if (wait) {
-            // A callback under way may start its timer again: like the framework, stop it until it remains
-            // stopped.
-            waitForCallbacks(call.name(), false, [this] { cancelTimer(); });
+        if (!wait) {
+            return cancelTimer();
         }
-        return was;
+        bool another = false;
+        {
+            KernelGuard guard;
+            another = std::exchange(stopping_, true);
+            startRefused_ = false;
+        }
+        if (another) {
+            call.fail(Rule::CallbackObject, this, "Another stop waits for this timer already.");
+        }
+        const bool was = cancelTimer();
+        waitForCallbacks(call.name(), OwnEnd::Deadlock);
+        KernelGuard guard;
+        stopping_ = false;
+        return was || startRefused_;
     }
 
   protected:
     void dispose() override {
         cancelTimer();
-        // Nothing starts a timer that is being deleted.
-        waitForCallbacks("WdfObjectDelete", true);
+        waitForCallbacks("WdfObjectDelete", OwnEnd::Deadlock);
     }
     bool disposeWaits() const override { return true; }
 
   private:
-    void arm(kernel::Time due) {
+    enum class Origin : std::uint8_t { Driver, Period };
+    enum class Arming : std::uint8_t { Done, Stopping, Deleting };
+
+    Arming arm(kernel::Time due, Origin origin) {
         // The reference belongs to the armed timer: `fired` or a successful cancellation gives it back.
         reference();
-        bool armed = false;
+        Arming result = Arming::Done;
         {
             KernelGuard guard;
-            if (!deletingLocked()) {
+            if (deletingLocked()) {
+                result = Arming::Deleting;
+            } else if (stopping_) {
+                result = Arming::Stopping;
+                startRefused_ |= origin == Origin::Driver;
+            } else {
                 due_ = due;
                 timer_ = kernel::startTimer(due, [this] { fired(); });
                 expectLocked();
-                armed = true;
             }
         }
-        if (!armed) {
+        if (result != Arming::Done) {
             release();
         }
+        return result;
     }
 
     // False when the timer was not armed or its DPC is queued already; that one still runs, as on Windows.
@@ -89,16 +115,30 @@ class Timer final : public CallbackSource {
                 next = kernel::atTick(due_ + static_cast<kernel::Time>(config_.Period) * base::kMillisecond);
             }
             if (!stopped) {
-                arm(next);
+                (void)arm(next, Origin::Period);
             }
         }
         if (!passive_) {
             run();
             return;
         }
+        // Expiries that come while the callback waits for its worker are one.
+        bool coalesced = false;
+        {
+            KernelGuard guard;
+            coalesced = std::exchange(queued_, true);
+        }
+        if (coalesced) {
+            noLongerExpected();
+            return;
+        }
         reference();
         kernel::queueWork("timer", [this] {
             const auto self = Ref<Timer>::adopt(this);
+            {
+                KernelGuard guard;
+                queued_ = false;
+            }
             run();
         });
     }
@@ -115,6 +155,9 @@ class Timer final : public CallbackSource {
     // Guarded by the kernel lock.
     kernel::TimerId timer_ = 0; // the one armed last; 0 once stopped
     kernel::Time due_ = 0;
+    bool queued_ = false;       // for a worker, and its callback has not begun
+    bool stopping_ = false;     // a stop waits
+    bool startRefused_ = false; // since that stop began
 };
 
 } // namespace framework
@@ -133,7 +176,7 @@ NTSTATUS WdfTimerCreate(PWDF_TIMER_CONFIG Config, PWDF_OBJECT_ATTRIBUTES Attribu
     if (Config->Size != sizeof(WDF_TIMER_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
-    if (Config->EvtTimerFunc == nullptr) {
+    if (Config->EvtTimerFunc == nullptr || Config->Period > MAXLONG) {
         return STATUS_INVALID_PARAMETER;
     }
     const framework::CreationRules rules{.parentRequired = true, .levelAllowed = true};
@@ -143,10 +186,8 @@ NTSTATUS WdfTimerCreate(PWDF_TIMER_CONFIG Config, PWDF_OBJECT_ATTRIBUTES Attribu
         return status;
     }
     requireDeviceAbove(call, *parent);
-    const WDF_EXECUTION_LEVEL level = Attributes->ExecutionLevel;
-    const bool passive =
-        level == WdfExecutionLevelPassive ||
-        (level == WdfExecutionLevelInheritFromParent && parent->executionLevel() == WdfExecutionLevelPassive);
+    // The level of the parent does not count.
+    const bool passive = Attributes->ExecutionLevel == WdfExecutionLevelPassive;
     // The framework refuses a periodic timer whose callback runs on a worker.
     if (passive && Config->Period != 0) {
         return STATUS_NOT_SUPPORTED;
@@ -162,7 +203,7 @@ NTSTATUS WdfTimerCreate(PWDF_TIMER_CONFIG Config, PWDF_OBJECT_ATTRIBUTES Attribu
 
 BOOLEAN WdfTimerStart(WDFTIMER Timer, LONGLONG DueTime) {
     Call call("WdfTimerStart", kDispatchLevel);
-    return call.object<framework::Timer>(Timer)->start(DueTime);
+    return call.object<framework::Timer>(Timer)->start(call, DueTime);
 }
 
 BOOLEAN WdfTimerStop(WDFTIMER Timer, BOOLEAN Wait) {

@@ -14,14 +14,21 @@ class WorkItem final : public CallbackSource {
     WDFWORKITEM wdf() const { return static_cast<WDFWORKITEM>(handle()); }
 
     // No effect while the item is queued and its callback has not begun.
-    void enqueue() {
+    void enqueue(const Call& call) {
+        bool deleted = false;
         {
             KernelGuard guard;
-            if (queued_ || deletingLocked()) {
-                return;
+            deleted = deletingLocked();
+            if (!deleted) {
+                if (queued_) {
+                    return;
+                }
+                queued_ = true;
+                expectLocked();
             }
-            queued_ = true;
-            expectLocked();
+        }
+        if (deleted) {
+            call.fail(Rule::CallbackObject, this, "The work item is enqueued while it is being deleted.");
         }
         reference();
         kernel::queueWork("work item", [this] {
@@ -30,10 +37,10 @@ class WorkItem final : public CallbackSource {
         });
     }
 
-    void flush(const Call& call) { waitForCallbacks(call.name(), false); }
+    void flush(const Call& call) { waitForCallbacks(call.name(), OwnEnd::Deadlock); }
 
   protected:
-    void dispose() override { waitForCallbacks("WdfObjectDelete", true); }
+    void dispose() override { waitForCallbacks("WdfObjectDelete", OwnEnd::DeletesItself); }
     bool disposeWaits() const override { return true; }
 
   private:
@@ -89,7 +96,7 @@ NTSTATUS WdfWorkItemCreate(PWDF_WORKITEM_CONFIG Config, PWDF_OBJECT_ATTRIBUTES A
 
 VOID WdfWorkItemEnqueue(WDFWORKITEM WorkItem) {
     Call call("WdfWorkItemEnqueue", kDispatchLevel);
-    call.object<framework::WorkItem>(WorkItem)->enqueue();
+    call.object<framework::WorkItem>(WorkItem)->enqueue(call);
 }
 
 WDFOBJECT WdfWorkItemGetParentObject(WDFWORKITEM WorkItem) {

@@ -37,6 +37,7 @@ enum class Rule : std::uint8_t {
     UsbTarget,      // the USB target created outside prepare-hardware, a reader configured elsewhere
     UsbPipeHandle,  // a pipe handle from before the last configuration
     PnpOrder,       // a call that the device's PnP or power state does not allow
+    CallbackObject, // a timer or work item set going while it is deleted, two stops that wait for one timer
     ThreadLeak,     // a driver thread still running at unload
     ListCorruption, // list links that do not point back
     Argument,       // a value outside the documented range

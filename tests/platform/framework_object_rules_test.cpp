@@ -14,6 +14,13 @@ FrameworkCase passiveOnly(const char* mistake, const Body& body) {
     return {Rule::IrqlTooHigh, mistake, [body](World& world) { atDispatch([&] { body(world); }); }, body};
 }
 
+// A passive timer's callback that takes its time.
+void delay(WDFTIMER) {
+    LARGE_INTEGER interval;
+    interval.QuadPart = WDF_REL_TIMEOUT_IN_MS(10);
+    KeDelayExecutionThread(KernelMode, FALSE, &interval);
+}
+
 std::vector<FrameworkCase> objectCases() {
     return {
         {Rule::HandleStale, "a lock used after its deletion",
@@ -317,6 +324,55 @@ std::vector<FrameworkCase> levelAndLockCases() {
                  WdfWaitLockRelease(lock);
                  WdfRequestComplete(request, STATUS_SUCCESS);
              });
+         }},
+        {Rule::CallbackObject, "a timer started while it is deleted",
+         [](World& world) {
+             WdfObjectDelete(world.makeTimer(
+                 [](WDFTIMER) {}, WdfExecutionLevelPassive,
+                 [](WDFOBJECT timer) { (void)WdfTimerStart(static_cast<WDFTIMER>(timer), 0); }));
+         },
+         [](World& world) {
+             WdfObjectDelete(world.makeTimer(
+                 [](WDFTIMER) {}, WdfExecutionLevelPassive,
+                 [](WDFOBJECT timer) { (void)WdfTimerStop(static_cast<WDFTIMER>(timer), FALSE); }));
+         }},
+        {Rule::CallbackObject, "a work item enqueued while it is deleted",
+         [](World& world) {
+             WdfObjectDelete(world.makeWorkItem(
+                 world.device(), [](WDFWORKITEM) {},
+                 [](WDFOBJECT item) { WdfWorkItemEnqueue(static_cast<WDFWORKITEM>(item)); }));
+         },
+         [](World& world) {
+             WdfObjectDelete(world.makeWorkItem(
+                 world.device(), [](WDFWORKITEM) {},
+                 [](WDFOBJECT item) { WdfWorkItemFlush(static_cast<WDFWORKITEM>(item)); }));
+         }},
+        {Rule::CallbackObject, "two stops that wait for one timer",
+         [](World& world) {
+             const WDFTIMER timer = world.makeTimer(delay);
+             WdfTimerStart(timer, 0);
+             world.bench.machine().sleep(usb::kMillisecond);
+             kernel::spawn("other", kernel::TaskKind::Host, [timer] { WdfTimerStop(timer, TRUE); });
+             world.bench.machine().sleep(usb::kMillisecond);
+             WdfTimerStop(timer, TRUE);
+         },
+         [](World& world) {
+             const WDFTIMER timer = world.makeTimer(delay);
+             WdfTimerStart(timer, 0);
+             world.bench.machine().sleep(usb::kMillisecond);
+             elsewhere([timer] { WdfTimerStop(timer, TRUE); });
+             WdfTimerStop(timer, TRUE);
+         }},
+        {Rule::Deadlock, "a passive timer deleted in its callback",
+         [](World& world) {
+             WdfTimerStart(world.makeTimer([](WDFTIMER timer) { WdfObjectDelete(timer); }), 0);
+             world.settle();
+         },
+         [](World& world) {
+             WdfTimerStart(world.makeTimer([](WDFTIMER timer) { WdfObjectDelete(timer); },
+                                           WdfExecutionLevelInheritFromParent),
+                           0);
+             world.settle();
          }},
         {Rule::Deadlock, "a work item that flushes itself",
          [](World& world) {

@@ -246,26 +246,24 @@ TEST_F(FrameworkCallbacks, TimersRunAtTheirLevelWhenTheyAreDue) {
     });
 }
 
-// The callback is under way when the stop comes, and starts its timer again after that.
-TEST_F(FrameworkCallbacks, AStopThatWaitsEndsATimerThatStartsItself) {
+// The callback is under way when the stop comes, and tries to start its timer again after that.
+TEST_F(FrameworkCallbacks, AStopThatWaitsRefusesAStart) {
     run([&](WDFDEVICE device) {
         const WDFTIMER timer = makeTimer(device, WdfExecutionLevelPassive, 0, [](WDFTIMER self) {
-            script->note("timer");
             LARGE_INTEGER interval;
             interval.QuadPart = WDF_REL_TIMEOUT_IN_MS(10);
             KeDelayExecutionThread(KernelMode, FALSE, &interval);
-            WdfTimerStart(self, WDF_REL_TIMEOUT_IN_MS(100));
+            EXPECT_FALSE(WdfTimerStart(self, WDF_REL_TIMEOUT_IN_MS(100)));
+            script->note("timer");
         });
-        WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(10));
-        sleep(15);
-        EXPECT_FALSE(WdfTimerStop(timer, TRUE));
-        sleep(1000);
-        EXPECT_EQ(takeTrace(), Trace{"timer"});
-        WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(10));
-        sleep(15);
-        WdfObjectDelete(timer);
-        sleep(1000);
-        EXPECT_EQ(takeTrace(), Trace{"timer"});
+        for (const bool refuses : {true, false}) {
+            WdfTimerStart(timer, WDF_REL_TIMEOUT_IN_MS(10));
+            sleep(refuses ? 15 : 25);
+            EXPECT_TRUE(
+                WdfTimerStop(timer, TRUE)); // the start was refused, or the timer it started is stopped
+            sleep(1000);
+            EXPECT_EQ(takeTrace(), Trace{"timer"});
+        }
     });
 }
 

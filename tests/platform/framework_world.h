@@ -117,8 +117,9 @@ class World {
     }
 
     // An object without behavior of its own, with room for an URB and a mutex in its context.
-    WDFCOLLECTION makeObject(WDFOBJECT parent) {
+    WDFCOLLECTION makeObject(WDFOBJECT parent, PFN_WDF_OBJECT_CONTEXT_DESTROY destroy = nullptr) {
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
+        attributes.EvtDestroyCallback = destroy;
         WDFCOLLECTION object = nullptr;
         EXPECT_EQ(WdfCollectionCreate(&attributes, &object), STATUS_SUCCESS);
         return object;
@@ -139,10 +140,12 @@ class World {
         return lock;
     }
 
-    WDFWORKITEM makeWorkItem(WDFOBJECT parent, PFN_WDF_WORKITEM function) {
+    WDFWORKITEM makeWorkItem(WDFOBJECT parent, PFN_WDF_WORKITEM function,
+                             PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr) {
         WDF_WORKITEM_CONFIG config;
         WDF_WORKITEM_CONFIG_INIT(&config, function);
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
+        attributes.EvtCleanupCallback = cleanup;
         WDFWORKITEM item = nullptr;
         EXPECT_EQ(WdfWorkItemCreate(&config, &attributes, &item), STATUS_SUCCESS);
         return item;
@@ -156,13 +159,18 @@ class World {
             change(config);
         }
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(parent);
-        return WdfIoQueueCreate(device(), &config, &attributes, WDF_NO_HANDLE);
+        WDFQUEUE queue = nullptr;
+        return WdfIoQueueCreate(device(), &config, &attributes, &queue);
     }
 
-    WDFTIMER makeTimer() {
+    WDFTIMER makeTimer(
+        PFN_WDF_TIMER function = [](WDFTIMER) {}, WDF_EXECUTION_LEVEL level = WdfExecutionLevelPassive,
+        PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup = nullptr) {
         WDF_TIMER_CONFIG config;
-        WDF_TIMER_CONFIG_INIT(&config, [](WDFTIMER) {});
+        WDF_TIMER_CONFIG_INIT(&config, function);
         WDF_OBJECT_ATTRIBUTES attributes = attributesOf(device());
+        attributes.ExecutionLevel = level;
+        attributes.EvtCleanupCallback = cleanup;
         WDFTIMER timer = nullptr;
         EXPECT_EQ(WdfTimerCreate(&config, &attributes, &timer), STATUS_SUCCESS);
         return timer;
