@@ -44,6 +44,18 @@ ContextMemory::~ContextMemory() {
     }
 }
 
+void ContextMemory::retire() {
+    kernel::sanitizer::unpoison(base_, baseSize_);
+    std::memset(base_, kernel::kFreedFill, baseSize_);
+    kernel::sanitizer::poison(base_, baseSize_);
+}
+
+bool ContextMemory::isUntouched() const {
+    kernel::sanitizer::unpoison(base_, baseSize_);
+    return std::all_of(base_, base_ + baseSize_,
+                       [](unsigned char byte) { return byte == kernel::kFreedFill; });
+}
+
 unsigned char* ContextMemory::begin() const {
     return base_ + kGuard;
 }

@@ -27,6 +27,11 @@ class ContextMemory {
     // Reports PoolOverrun when the bytes before or behind the context were overwritten.
     void requireIntact(std::string_view call, std::string_view owner) const;
 
+    // The object is gone, its memory not yet: marks the memory as freed, so that `isUntouched` shows whether
+    // it was written to since.
+    void retire();
+    bool isUntouched() const;
+
   private:
     void swap(ContextMemory& other) noexcept {
         std::swap(base_, other.base_);

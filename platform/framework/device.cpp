@@ -47,6 +47,36 @@ bool Device::setDefaultQueue(PacketQueue& queue) {
     return true;
 }
 
+bool Device::isDefaultQueue(const PacketQueue& queue) const {
+    KernelGuard guard;
+    return defaultQueue_ == &queue;
+}
+
+bool Device::queuesResumed() const {
+    KernelGuard guard;
+    return queuesResumed_;
+}
+
+void Device::resumeQueues() {
+    {
+        KernelGuard guard;
+        queuesResumed_ = true;
+    }
+    for (const Ref<PacketQueue>& queue : queues()) {
+        queue->resume();
+    }
+}
+
+void Device::holdQueues() {
+    {
+        KernelGuard guard;
+        queuesResumed_ = false;
+    }
+    for (const Ref<PacketQueue>& queue : queues()) {
+        queue->hold();
+    }
+}
+
 const PreprocessEntry* Device::preprocessorOf(const IO_STACK_LOCATION& location) const {
     for (const PreprocessEntry& entry : settings_.preprocess) {
         const bool minorMatches =
@@ -61,22 +91,21 @@ const PreprocessEntry* Device::preprocessorOf(const IO_STACK_LOCATION& location)
 
 NTSTATUS Device::send(Irp& packet) {
     packet.top().DeviceObject = &fdo_;
-    dispatch(&packet.irp());
+    dispatch(packet);
     return packet.wait();
 }
 
-void Device::dispatch(PIRP irp) {
-    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
-    const PreprocessEntry* entry = preprocessorOf(location);
+void Device::dispatch(Irp& packet) {
+    const PreprocessEntry* entry = preprocessorOf(packet.top());
     if (entry == nullptr) {
-        dispatchToFramework(irp);
+        dispatchToFramework(&packet.irp());
         return;
     }
-    const bool pnp = location.MajorFunction == IRP_MJ_PNP;
-    packetReturned_ = false;
-    callDriver("EvtDeviceWdmIrpPreprocess", entry->callback, wdf(), irp);
-    if (pnp && !packetReturned_) {
-        verifier::fail(Rule::PnpOrder, "EvtDeviceWdmIrpPreprocess", name(),
+    const bool pnp = packet.top().MajorFunction == IRP_MJ_PNP;
+    const std::string thisDevice = name();
+    callDriver("EvtDeviceWdmIrpPreprocess", entry->callback, wdf(), &packet.irp());
+    if (pnp && !packet.handedOn()) {
+        verifier::fail(Rule::PnpOrder, "EvtDeviceWdmIrpPreprocess", thisDevice,
                        "The packet was neither passed on nor completed.");
     }
 }
@@ -84,9 +113,7 @@ void Device::dispatch(PIRP irp) {
 void Device::dispatchToFramework(PIRP irp) {
     switch (IoGetCurrentIrpStackLocation(irp)->MajorFunction) {
     case IRP_MJ_PNP:
-        // A DevNode performs the packet's step after the packet has passed the driver.
-        packetReturned_ = true;
-        Irp::complete(irp, STATUS_SUCCESS, 0);
+        Irp::takeStep(irp);
         break;
     case IRP_MJ_CREATE:
         dispatchCreate(irp);
@@ -135,10 +162,14 @@ void Device::dispatchCreate(PIRP irp) {
 }
 
 void Device::dispatchCleanup(PIRP irp) {
-    auto* object = static_cast<FileObject*>(IoGetCurrentIrpStackLocation(irp)->FileObject->FsContext2);
+    const PFILE_OBJECT file = IoGetCurrentIrpStackLocation(irp)->FileObject;
+    auto* object = static_cast<FileObject*>(file->FsContext2);
     if (object != nullptr && settings_.fileConfig->EvtFileCleanup != nullptr) {
         callDriver("EvtFileCleanup", settings_.fileConfig->EvtFileCleanup,
                    static_cast<WDFFILEOBJECT>(object->handle()));
+    }
+    for (const Ref<PacketQueue>& queue : queues()) {
+        queue->cancelWaiting(file);
     }
     Irp::complete(irp, STATUS_SUCCESS, 0);
 }
@@ -267,9 +298,18 @@ NTSTATUS WdfDeviceInitAssignWdmIrpPreprocessCallback(
     UCHAR MajorFunction, PUCHAR MinorFunctions, ULONG NumMinorFunctions) {
     Call call("WdfDeviceInitAssignWdmIrpPreprocessCallback", kDispatchLevel);
     WDFDEVICE_INIT& init = framework::requireInit(call, DeviceInit);
-    if (EvtDeviceWdmIrpPreprocess == nullptr || MajorFunction > IRP_MJ_MAXIMUM_FUNCTION ||
-        (NumMinorFunctions != 0 && MinorFunctions == nullptr)) {
+    if (EvtDeviceWdmIrpPreprocess == nullptr) {
+        call.fail(Rule::Argument, nullptr, "There is no callback.");
+    }
+    if (MajorFunction > IRP_MJ_MAXIMUM_FUNCTION || (NumMinorFunctions != 0 && MinorFunctions == nullptr)) {
         return STATUS_INVALID_PARAMETER;
+    }
+    if (NumMinorFunctions != 0 &&
+        std::any_of(init.settings.preprocess.begin(), init.settings.preprocess.end(), [&](const auto& entry) {
+            return entry.major == MajorFunction && !entry.minors.empty();
+        })) {
+        call.fail(Rule::Argument, nullptr,
+                  fmt::format("Major function {} has its minor functions already.", MajorFunction));
     }
     if (call.fault(kernel::FaultKind::Allocation)) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -330,9 +370,14 @@ PDEVICE_OBJECT WdfDeviceWdmGetAttachedDevice(WDFDEVICE Device) {
 
 NTSTATUS WdfDeviceWdmDispatchPreprocessedIrp(WDFDEVICE Device, PIRP Irp) {
     Call call("WdfDeviceWdmDispatchPreprocessedIrp", kDispatchLevel);
-    auto device = call.object<framework::Device>(Device);
+    framework::Device* device = nullptr;
+    {
+        // No reference is kept: a removal destroys the device before this call returns.
+        auto reference = call.object<framework::Device>(Device);
+        device = reference.get();
+    }
     if (!framework::Irp::restoreTop(Irp)) {
-        call.fail(Rule::PnpOrder, device.get(), "The driver has not skipped its stack location.");
+        call.fail(Rule::PnpOrder, device, "The driver has not skipped its stack location.");
     }
     device->dispatchToFramework(Irp);
     return Irp->IoStatus.Status;

@@ -63,14 +63,23 @@ class Device final : public Object {
     static Ref<Device> referenceLocked(Device* device) { return refLocked(device); }
 
     // Sends a packet to the device, the driver's preprocess callback first if it asked for this one, and
-    // waits until it is completed. PASSIVE_LEVEL.
+    // waits until it is completed. PASSIVE_LEVEL. The device may be gone afterwards if the packet was for its
+    // removal.
     NTSTATUS send(Irp& packet);
 
     // The framework's own handling of a packet.
     void dispatchToFramework(PIRP irp);
 
-    // Sets the default queue. False when there is one already. Guarded by the kernel lock.
+    // Sets the default queue. False when there is one already.
     bool setDefaultQueue(PacketQueue& queue);
+    bool isDefaultQueue(const PacketQueue& queue) const;
+
+    std::vector<Ref<PacketQueue>> queues() const { return childrenOf<PacketQueue>(Kind::Queue); }
+
+    // Power-managed queues present requests from `resumeQueues` to `holdQueues`.
+    void resumeQueues();
+    void holdQueues();
+    bool queuesResumed() const;
 
     WDF_DEVICE_PNP_CAPABILITIES capabilities = {};
 
@@ -78,7 +87,7 @@ class Device final : public Object {
     bool driverMayDelete() const override { return false; }
 
   private:
-    void dispatch(PIRP irp);
+    void dispatch(Irp& packet);
     const PreprocessEntry* preprocessorOf(const IO_STACK_LOCATION& location) const;
     void dispatchCreate(PIRP irp);
     void dispatchCleanup(PIRP irp);
@@ -88,9 +97,11 @@ class Device final : public Object {
     const BusDevice bus_;
     const DeviceSettings settings_;
     DEVICE_OBJECT fdo_ = {};
-    bool packetReturned_ = false;         // by the preprocess callback, for the PnP packet under way
-    PnpState pnpState_ = PnpState::Added; // guarded by the kernel lock
-    PacketQueue* defaultQueue_ = nullptr; // guarded by the kernel lock
+
+    // Guarded by the kernel lock.
+    PnpState pnpState_ = PnpState::Added;
+    PacketQueue* defaultQueue_ = nullptr;
+    bool queuesResumed_ = false;
 };
 
 // The device that an object belongs to by its parents. Reports ObjectTree for one above any device.

@@ -28,6 +28,12 @@ NTSTATUS Irp::wait() {
     return irp_.IoStatus.Status;
 }
 
+void Irp::takeStep(PIRP irp) {
+    Irp& packet = of(irp);
+    packet.handedOn_ = true;
+    complete(irp, packet.step_ ? packet.step_() : STATUS_SUCCESS, 0);
+}
+
 void Irp::complete(PIRP irp, NTSTATUS status, ULONG_PTR information) {
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = information;

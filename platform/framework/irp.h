@@ -5,6 +5,9 @@
 
 #include <ntddk.h>
 
+#include <functional>
+#include <utility>
+
 namespace framework {
 
 // A packet with the location of the driver under test on top and that of the bus below it.
@@ -17,9 +20,16 @@ class Irp {
     IRP& irp() { return irp_; }
     IO_STACK_LOCATION& top() { return stack_[1]; }
 
+    // What the framework does when the driver has handed the packet on; without it the packet just succeeds.
+    void setStep(std::function<NTSTATUS()> step) { step_ = std::move(step); }
+    bool handedOn() const { return handedOn_; }
+
     // Waits until the packet is completed. PASSIVE_LEVEL.
     NTSTATUS wait();
     ULONG_PTR information() const { return irp_.IoStatus.Information; }
+
+    // Takes the step of a packet and completes it.
+    static void takeStep(PIRP irp);
 
     // Completes a packet that `wait` waits for. Callable at up to DISPATCH_LEVEL.
     static void complete(PIRP irp, NTSTATUS status, ULONG_PTR information);
@@ -32,6 +42,8 @@ class Irp {
 
     IRP irp_ = {}; // first, see `of`
     IO_STACK_LOCATION stack_[3] = {};
+    std::function<NTSTATUS()> step_;
+    bool handedOn_ = false;
     bool completed_ = false; // guarded by the kernel lock
 };
 

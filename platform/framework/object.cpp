@@ -1,6 +1,6 @@
 #include "platform/framework/object.h"
 
-#include "platform/framework/object_table.h"
+#include "platform/base/machine_state.h"
 #include "platform/kernel/lock_tracking.h"
 #include "platform/kernel/pool.h"
 
@@ -17,6 +17,22 @@ using kernel::KernelGuard;
 Fate fateOf(const void* handle) {
     KernelGuard guard;
     return objectTable().find(handle).fate;
+}
+
+// The context of an object that went with its device. The memory is given back only when the packet that
+// removed the device has returned from the driver, so that a late use of it is found.
+struct RemovedContext {
+    ContextMemory memory;
+    std::string owner;
+};
+
+// Guarded by the kernel lock.
+base::MachinePart<std::vector<RemovedContext>> removedContexts;
+
+void keepRemovedContext(ContextMemory memory, std::string owner) {
+    memory.retire();
+    KernelGuard guard;
+    removedContexts->push_back({std::move(memory), std::move(owner)});
 }
 
 } // namespace
@@ -77,18 +93,25 @@ bool Object::deleting() const {
     return deleting_;
 }
 
-bool Object::remove() {
+bool Object::remove(Fate fate) {
     {
         KernelGuard guard;
-        if (deleting_) {
+        if (!beginRemovalLocked(fate)) {
             return false;
-        }
-        deleting_ = true;
-        if (parent_ != nullptr) {
-            std::erase(parent_->children_, this);
         }
     }
     removeTree();
+    return true;
+}
+
+bool Object::beginRemovalLocked(Fate fate) {
+    if (std::exchange(deleting_, true)) {
+        return false;
+    }
+    fate_ = fate;
+    if (parent_ != nullptr) {
+        std::erase(parent_->children_, this);
+    }
     return true;
 }
 
@@ -105,14 +128,8 @@ void Object::removeForDriver(std::string_view call) {
         deletedByDriver_ = true;
         // A parent that is being deleted may have got here first, for example while the callback of a work
         // item that deletes itself was still running.
-        underWay = deleting_;
-        if (!twice && !underWay) {
-            deleting_ = true;
-            if (parent_ != nullptr) {
-                std::erase(parent_->children_, this);
-            }
-            deferred = treeWaitsLocked();
-        }
+        underWay = !twice && !beginRemovalLocked(Fate::Deleted);
+        deferred = treeWaitsLocked();
     }
     if (twice) {
         verifier::fail(Rule::HandleDeletedTwice, call, name(), "The driver has deleted this object before.");
@@ -128,24 +145,40 @@ void Object::removeForDriver(std::string_view call) {
 }
 
 void Object::removeTree() {
-    for (;;) {
-        Object* child = nullptr;
-        {
-            KernelGuard guard;
-            if (!children_.empty()) {
-                child = children_.front();
-                children_.erase(children_.begin());
-                child->deleting_ = true;
-            }
+    disposeTree();
+    dropTree();
+}
+
+// The oldest child that is not disposed yet; it stays among the children until all of the tree is disposed.
+Object* Object::nextToDispose() {
+    KernelGuard guard;
+    for (Object* child : children_) {
+        if (!std::exchange(child->deleting_, true)) {
+            child->fate_ = fate_;
+            return child;
         }
-        if (child == nullptr) {
-            break;
-        }
-        child->removeTree();
+    }
+    return nullptr;
+}
+
+void Object::disposeTree() {
+    while (Object* child = nextToDispose()) {
+        child->disposeTree();
     }
     dispose();
     if (context_.cleanup != nullptr) {
         kernel::callDriver("EvtCleanupCallback", context_.cleanup, static_cast<WDFOBJECT>(handle_));
+    }
+}
+
+void Object::dropTree() {
+    std::vector<Object*> children;
+    {
+        KernelGuard guard;
+        children.swap(children_);
+    }
+    for (Object* child : children) {
+        child->dropTree();
     }
     release();
 }
@@ -158,9 +191,10 @@ bool Object::treeWaitsLocked() const {
 void Object::destroy() {
     if (context_.destroy != nullptr) {
         {
-            // The callback may still use the handle, which takes references that it gives back.
+            // The callback may still ask for the context, which takes a reference and gives it back.
             KernelGuard guard;
             references_ = 1;
+            destroying_ = true;
         }
         kernel::callDriver("EvtDestroyCallback", context_.destroy, static_cast<WDFOBJECT>(handle_));
     }
@@ -176,8 +210,11 @@ void Object::destroy() {
         if (context_.memory) {
             objectTable().removeContext(context_.memory.begin());
         }
-        objectTable().remove(handle_, deletedByDriver_ ? Fate::DeletedByDriver : Fate::Deleted);
+        objectTable().remove(handle_, deletedByDriver_ ? Fate::DeletedByDriver : fate_);
         parent = std::exchange(parent_, nullptr);
+    }
+    if (context_.memory && fate_ == Fate::RemovedWithDevice) {
+        keepRemovedContext(std::move(context_.memory), name());
     }
     delete this;
     if (parent != nullptr) {
@@ -192,19 +229,34 @@ Call::Call(const char* name, unsigned maximumIrql) : name_(name) {
 }
 
 Ref<Object> Call::any(const void* handle) const {
+    return find(handle, false);
+}
+
+Ref<Object> Call::anyWithContext(const void* handle) const {
+    return find(handle, true);
+}
+
+Ref<Object> Call::find(const void* handle, bool alsoDestroyed) const {
     ObjectTable::Found found;
     {
         KernelGuard guard;
         found = objectTable().find(handle);
-        if (found.object != nullptr) {
+        if (found.object != nullptr && (alsoDestroyed || !found.object->destroyingLocked())) {
             return Object::refLocked(found.object);
         }
     }
     if (!found.known) {
         verifier::fail(Rule::HandleStale, name_, fmt::format("{}", handle), "This is no handle.");
     }
-    verifier::fail(Rule::HandleStale, name_, fmt::format("{} {}", kindName(found.kind), handle),
-                   "The object has been deleted.");
+    const std::string object = fmt::format("{} {}", kindName(found.kind), handle);
+    if (found.object != nullptr) {
+        verifier::fail(Rule::HandleStale, name_, object,
+                       "EvtDestroyCallback may ask for the object's context and for nothing else.");
+    }
+    if (found.fate == Fate::RemovedWithDevice) {
+        verifier::fail(Rule::UseAfterRemoval, name_, object, "The object went when its device was removed.");
+    }
+    verifier::fail(Rule::HandleStale, name_, object, "The object has been deleted.");
 }
 
 void Call::requireNotCompleted(const void* handle) const {
@@ -252,15 +304,18 @@ NTSTATUS checkAttributes(const Call& call, const WDF_OBJECT_ATTRIBUTES* attribut
             return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
         }
     } else if (attributes->ContextSizeOverride != 0) {
-        return STATUS_OBJECT_NAME_INVALID;
+        return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
     }
     const auto level = attributes->ExecutionLevel;
-    if (level == WdfExecutionLevelInvalid || level > WdfExecutionLevelDispatch ||
-        (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed)) {
+    const auto scope = attributes->SynchronizationScope;
+    if (level <= WdfExecutionLevelInvalid || level > WdfExecutionLevelDispatch ||
+        scope <= WdfSynchronizationScopeInvalid || scope > WdfSynchronizationScopeNone) {
+        return STATUS_WDF_OBJECT_ATTRIBUTES_INVALID;
+    }
+    if (level != WdfExecutionLevelInheritFromParent && !rules.levelAllowed) {
         return STATUS_WDF_EXECUTION_LEVEL_INVALID;
     }
     // Callbacks serialized by a lock of the device or queue are not implemented.
-    const auto scope = attributes->SynchronizationScope;
     if (scope != WdfSynchronizationScopeInheritFromParent && scope != WdfSynchronizationScopeNone) {
         return STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID;
     }
@@ -298,11 +353,7 @@ NTSTATUS adoptObject(Object& object, Object* parent, const WDF_OBJECT_ATTRIBUTES
         }
         parent->children_.push_back(&object);
         object.parent_ = parent;
-        object.executionLevel_ = parent->executionLevel_;
         parent->references_++;
-    }
-    if (attributes != nullptr && attributes->ExecutionLevel != WdfExecutionLevelInheritFromParent) {
-        object.executionLevel_ = attributes->ExecutionLevel;
     }
     if (context.memory) {
         objectTable().addContext(context.memory.begin(), object);
@@ -317,6 +368,20 @@ NTSTATUS adoptForPacket(Object& object, Object& parent, const WDF_OBJECT_ATTRIBU
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return adoptObject(object, &parent, attributes);
+}
+
+void releaseRemovedContexts() {
+    std::vector<RemovedContext> contexts;
+    {
+        KernelGuard guard;
+        contexts.swap(*removedContexts);
+    }
+    for (const RemovedContext& context : contexts) {
+        if (!context.memory.isUntouched()) {
+            verifier::fail(Rule::UseAfterRemoval, "IRP_MN_REMOVE_DEVICE", context.owner,
+                           "The context was written to after the removal of the device had ended its life.");
+        }
+    }
 }
 
 std::uint64_t objectCreations() {
@@ -348,7 +413,7 @@ using kernel::kDispatchLevel;
 
 PVOID WdfObjectGetTypedContextWorker(WDFOBJECT Handle, PCWDF_OBJECT_CONTEXT_TYPE_INFO TypeInfo) {
     Call call("WdfObjectGetTypedContext", kDispatchLevel);
-    return call.any(Handle)->context(TypeInfo);
+    return call.anyWithContext(Handle)->context(TypeInfo);
 }
 
 WDFOBJECT WdfObjectContextGetObject(PVOID ContextPointer) {

@@ -8,6 +8,7 @@
 
 #include "platform/framework/context_memory.h"
 #include "platform/framework/kind.h"
+#include "platform/framework/object_table.h"
 #include "platform/kernel/driver_call.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/scheduler.h"
@@ -88,19 +89,19 @@ class Object {
     // Context of the given type, or null.
     void* context(PCWDF_OBJECT_CONTEXT_TYPE_INFO type) const;
 
-    // Deletes the children, oldest first and each with its own children before it; then the framework ends
-    // what it does with the object (`dispose`), the driver's clean-up callback runs, and the creation
-    // reference is dropped. Returns false when the object was being deleted already.
-    bool remove();
+    // Deletes the object and everything below it in two phases. First all of the tree is disposed, children
+    // before their parent and oldest first: the framework ends what it does with the object (`dispose`), and
+    // the driver's clean-up callback runs. Then the creation references are dropped in the same order, so a
+    // parent's clean-up callback can still use the contexts and memory of its children. Returns false when
+    // the object was being deleted already. `fate` tells later users of a handle what has become of it.
+    bool remove(Fate fate = Fate::Deleted);
 
     // The same on behalf of WdfObjectDelete.
     void removeForDriver(std::string_view call);
 
-    // That of the attributes or, when they inherit, of the parent.
-    WDF_EXECUTION_LEVEL executionLevel() const { return executionLevel_; }
-
     bool deleting() const; // takes the kernel lock
     bool deletingLocked() const { return deleting_; }
+    bool destroyingLocked() const { return destroying_; }
 
     // Runs `visit` for a snapshot of the children.
     template <typename T>
@@ -143,7 +144,11 @@ class Object {
         PFN_WDF_OBJECT_CONTEXT_DESTROY destroy = nullptr;
     };
 
+    bool beginRemovalLocked(Fate fate);
     void removeTree();
+    void disposeTree();
+    void dropTree();
+    Object* nextToDispose();
     bool treeWaitsLocked() const;
     void destroy();
 
@@ -154,11 +159,11 @@ class Object {
     long references_ = 1;
     long driverReferences_ = 0;
     bool deleting_ = false;
+    bool destroying_ = false; // EvtDestroyCallback runs
     bool deletedByDriver_ = false;
+    Fate fate_ = Fate::Deleted; // once it is gone, if the driver has not deleted it
 
-    // Set at creation.
-    Context context_;
-    WDF_EXECUTION_LEVEL executionLevel_ = WdfExecutionLevelDispatch;
+    Context context_; // set at creation
 };
 
 // The prologue of a framework function: leaves the driver, checks the IRQL limit, looks handles up.
@@ -180,6 +185,9 @@ class Call {
     }
     Ref<Object> any(const void* handle) const;
 
+    // The same, for the one call that is allowed in an object's EvtDestroyCallback.
+    Ref<Object> anyWithContext(const void* handle) const;
+
     // A request that was completed and is gone with that: completing it again has a rule of its own.
     void requireNotCompleted(const void* handle) const;
 
@@ -190,6 +198,7 @@ class Call {
     [[noreturn]] void fail(Rule rule, const Object* object, std::string detail) const;
 
   private:
+    Ref<Object> find(const void* handle, bool alsoDestroyed) const;
     [[noreturn]] void wrongType(const Object& object) const;
 
     kernel::PlatformCall platformCall_;
@@ -242,6 +251,10 @@ NTSTATUS createObject(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
 // Objects created since the machine started, and those alive now.
 std::uint64_t objectCreations();
 std::vector<std::string> liveObjects();
+
+// Reports UseAfterRemoval when the context of an object that went with its device was written to since, and
+// gives the memory of all such contexts back.
+void releaseRemovedContexts();
 
 // Notes that the object behind `handle` was a request that has been completed (see `requireNotCompleted`).
 void noteCompleted(const void* handle);

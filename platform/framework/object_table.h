@@ -14,7 +14,7 @@ namespace framework {
 class Object;
 
 // What became of the last object of an entry.
-enum class Fate : std::uint8_t { Alive, Deleted, DeletedByDriver, Completed };
+enum class Fate : std::uint8_t { Alive, Deleted, DeletedByDriver, Completed, RemovedWithDevice };
 
 // Everything here is called with the kernel lock held.
 class ObjectTable {

@@ -1,33 +1,40 @@
 // The PnP and power state machine. The order of callbacks is the framework's:
 //
 //   start          EvtDevicePrepareHardware, EvtDeviceD0Entry (from D3Final), then up
-//   up             EvtDeviceD0EntryPostInterruptsEnabled, EvtDeviceSelfManagedIoInit the first time and
-//                  EvtDeviceSelfManagedIoRestart later, power-managed queues started
-//   down           EvtDeviceSelfManagedIoSuspend, power-managed queues stopped,
+//   up             EvtDeviceD0EntryPostInterruptsEnabled, power-managed queues resumed,
+//                  EvtDeviceSelfManagedIoInit the first time and EvtDeviceSelfManagedIoRestart later
+//   down           EvtDeviceSelfManagedIoSuspend, power-managed queues held,
 //                  EvtDeviceD0ExitPreInterruptsDisabled, EvtDeviceD0Exit
 //   sleep, wake    down to D3; EvtDeviceD0Entry from D3, up
 //   stop           EvtDeviceQueryStop, down to D3Final, EvtDeviceReleaseHardware; a restart is a start
-//   remove         preprocess callback, down to D3Final, EvtDeviceReleaseHardware,
-//                  EvtDeviceSelfManagedIoFlush, EvtDeviceSelfManagedIoCleanup, the object tree
-//   surprise       EvtDeviceSurpriseRemoval, down to D3Final, EvtDeviceReleaseHardware; the rest at the
-//   remove
+//   take-down      down to D3Final, EvtDeviceReleaseHardware, power-managed queues purged,
+//                  EvtDeviceSelfManagedIoFlush
+//   surprise       EvtDeviceSurpriseRemoval, take-down
+//   failure        of a start, of a step into or out of D0, or of a release: take-down
+//   remove         preprocess callback, take-down if there was none, other queues purged,
+//                  EvtDeviceSelfManagedIoCleanup, the object tree. All of it, to the end of the device, runs
+//                  inside WdfDeviceWdmDispatchPreprocessedIrp.
 //
 // These steps come one after the other, with one exception: EvtDeviceSurpriseRemoval is called while a sleep
 // or a wake is under way, as the framework does it, and the rest of the removal follows that step.
 //
-// A device that is not in D0 is not brought down again. EvtDeviceReleaseHardware follows a failed
-// EvtDevicePrepareHardware, too; a failed EvtDeviceD0Entry is followed by it without EvtDeviceD0Exit.
+// A device that is not in D0 is not brought down again. EvtDeviceSelfManagedIoSuspend is called only after
+// self-managed I/O has started. EvtDeviceReleaseHardware follows a failed EvtDevicePrepareHardware, too; a
+// failed EvtDeviceD0Entry is followed by it without EvtDeviceD0Exit. I/O targets have no part in this: they
+// work until the object tree goes.
 #include "platform/framework/pnp.h"
 
 #include "platform/framework/device.h"
 #include "platform/framework/driver.h"
 #include "platform/framework/file_object.h"
-#include "platform/framework/queue.h"
+#include "platform/framework/packet_queue.h"
 #include "platform/framework/usb_device.h"
 #include "platform/kernel/interfaces.h"
 
 #include <algorithm>
+#include <functional>
 #include <optional>
+#include <utility>
 
 namespace framework {
 
@@ -48,9 +55,10 @@ struct DevNode::State {
     std::vector<std::unique_ptr<FILE_OBJECT>> files;
 
     // Written by the steps, which exclude each other.
-    bool prepared = false; // EvtDevicePrepareHardware was called, EvtDeviceReleaseHardware not yet
-    bool everStarted = false;
-    bool selfManagedIo = false; // initialized once
+    bool prepared = false;      // EvtDevicePrepareHardware was called, EvtDeviceReleaseHardware not yet
+    bool selfManagedIo = false; // EvtDeviceSelfManagedIoInit was called once
+    bool flushed = false;       // EvtDeviceSelfManagedIoFlush was called, or there was nothing to flush
+    bool ioRunning = false;     // self-managed I/O has started and is not suspended
     bool inD0 = false;
 };
 
@@ -113,19 +121,43 @@ Ref<Device> deviceOfNode(const DevNode::State& node) {
     return node.device->deletingLocked() ? Ref<Device>() : Device::referenceLocked(device);
 }
 
+Ref<Device> takeDevice(DevNode::State& node) {
+    Ref<Device> device;
+    KernelGuard guard;
+    std::swap(device, node.device);
+    return device;
+}
+
 bool powerStepUnderWay(const DevNode::State& node) {
     KernelGuard guard;
     return node.powerStepUnderWay;
 }
 
-// Sends a PnP packet through the driver's preprocess callback, if it has one for it.
-NTSTATUS passPacket(Device& device, UCHAR minorFunction) {
+// Sends a PnP packet through the driver's preprocess callback, if it has one for it. `step` is what the
+// framework does with the packet.
+NTSTATUS passPacket(Device& device, UCHAR minorFunction, std::function<NTSTATUS()> step = {}) {
     Irp packet(IRP_MJ_PNP, minorFunction);
+    packet.setStep(std::move(step));
     return device.send(packet);
 }
 
-std::vector<Ref<Queue>> queuesOf(const Device& device) {
-    return device.childrenOf<Queue>(Kind::Queue);
+// Calls a PnP callback of the driver that there may be none of.
+template <typename Function, typename... Arguments>
+NTSTATUS callIfSet(const char* name, Function* function, const Device& device, Arguments... arguments) {
+    if (function == nullptr) {
+        return STATUS_SUCCESS;
+    }
+    return callDriver(name, function, device.wdf(), arguments...);
+}
+
+// The same for a callback that must carry out or refuse what it is called for.
+template <typename Function, typename... Arguments>
+NTSTATUS callForAnswer(const char* name, Function* function, const Device& device, Arguments... arguments) {
+    const NTSTATUS status = callIfSet(name, function, device, arguments...);
+    if (status == STATUS_NOT_SUPPORTED) {
+        verifier::fail(Rule::PnpStatus, name, device.name(), "The callback returned STATUS_NOT_SUPPORTED.");
+    }
+    return status;
 }
 
 // The framework stops no continuous reader by itself. Other requests may be out: a driver's work that races
@@ -136,94 +168,97 @@ void requireReadersStopped(const Device& device) {
     }
 }
 
-void shutDownTargets(const Device& device) {
-    for (const Ref<UsbDevice>& target : device.childrenOf<UsbDevice>(Kind::UsbDevice)) {
-        target->shutDownAll();
-    }
-}
-
-void releaseHardware(DevNode::State& node, Device& device) {
+NTSTATUS releaseHardware(DevNode::State& node, Device& device) {
     if (!std::exchange(node.prepared, false)) {
-        return;
+        return STATUS_SUCCESS;
     }
-    if (device.callbacks().EvtDeviceReleaseHardware != nullptr) {
-        callDriver("EvtDeviceReleaseHardware", device.callbacks().EvtDeviceReleaseHardware, device.wdf(),
-                   WDFCMRESLIST{});
-    }
+    return callForAnswer("EvtDeviceReleaseHardware", device.callbacks().EvtDeviceReleaseHardware, device,
+                         WDFCMRESLIST{});
 }
 
-// Out of D0. The status of D0 exit does not keep the device up.
-void powerDown(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE target) {
-    if (!node.inD0) {
-        return;
+// Out of D0. A callback that fails does not keep the device up; its status is returned at the end.
+NTSTATUS powerDown(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE target) {
+    NTSTATUS result = STATUS_SUCCESS;
+    const auto note = [&result](NTSTATUS status) {
+        if (NT_SUCCESS(result)) {
+            result = status;
+        }
+    };
+    if (!std::exchange(node.inD0, false)) {
+        return result;
     }
     const auto& callbacks = device.callbacks();
-    if (node.selfManagedIo && callbacks.EvtDeviceSelfManagedIoSuspend != nullptr) {
-        callDriver("EvtDeviceSelfManagedIoSuspend", callbacks.EvtDeviceSelfManagedIoSuspend, device.wdf());
+    if (std::exchange(node.ioRunning, false)) {
+        note(callIfSet("EvtDeviceSelfManagedIoSuspend", callbacks.EvtDeviceSelfManagedIoSuspend, device));
     }
-    for (const Ref<Queue>& queue : queuesOf(device)) {
-        queue->stop();
-    }
-    node.inD0 = false;
-    if (callbacks.EvtDeviceD0ExitPreInterruptsDisabled != nullptr) {
-        callDriver("EvtDeviceD0ExitPreInterruptsDisabled", callbacks.EvtDeviceD0ExitPreInterruptsDisabled,
-                   device.wdf(), target);
-    }
-    if (callbacks.EvtDeviceD0Exit != nullptr) {
-        callDriver("EvtDeviceD0Exit", callbacks.EvtDeviceD0Exit, device.wdf(), target);
-    }
+    device.holdQueues();
+    note(callIfSet("EvtDeviceD0ExitPreInterruptsDisabled", callbacks.EvtDeviceD0ExitPreInterruptsDisabled,
+                   device, target));
+    note(callIfSet("EvtDeviceD0Exit", callbacks.EvtDeviceD0Exit, device, target));
+    return result;
 }
 
 NTSTATUS startSelfManagedIo(DevNode::State& node, Device& device) {
     const auto& callbacks = device.callbacks();
-    if (!std::exchange(node.selfManagedIo, true)) {
-        return callbacks.EvtDeviceSelfManagedIoInit == nullptr
-                   ? STATUS_SUCCESS
-                   : callDriver("EvtDeviceSelfManagedIoInit", callbacks.EvtDeviceSelfManagedIoInit,
-                                device.wdf());
-    }
-    return callbacks.EvtDeviceSelfManagedIoRestart == nullptr
-               ? STATUS_SUCCESS
-               : callDriver("EvtDeviceSelfManagedIoRestart", callbacks.EvtDeviceSelfManagedIoRestart,
-                            device.wdf());
+    const NTSTATUS status =
+        std::exchange(node.selfManagedIo, true)
+            ? callIfSet("EvtDeviceSelfManagedIoRestart", callbacks.EvtDeviceSelfManagedIoRestart, device)
+            : callIfSet("EvtDeviceSelfManagedIoInit", callbacks.EvtDeviceSelfManagedIoInit, device);
+    node.ioRunning = NT_SUCCESS(status);
+    return status;
 }
 
 // Into D0. After a failure the device is out of D0 again.
 NTSTATUS powerUp(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE previous) {
     const auto& callbacks = device.callbacks();
-    NTSTATUS status = STATUS_SUCCESS;
-    if (callbacks.EvtDeviceD0Entry != nullptr) {
-        status = callDriver("EvtDeviceD0Entry", callbacks.EvtDeviceD0Entry, device.wdf(), previous);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
+    NTSTATUS status = callIfSet("EvtDeviceD0Entry", callbacks.EvtDeviceD0Entry, device, previous);
+    if (!NT_SUCCESS(status)) {
+        return status;
     }
     node.inD0 = true;
-    if (callbacks.EvtDeviceD0EntryPostInterruptsEnabled != nullptr) {
-        status = callDriver("EvtDeviceD0EntryPostInterruptsEnabled",
-                            callbacks.EvtDeviceD0EntryPostInterruptsEnabled, device.wdf(), previous);
-    }
+    status = callIfSet("EvtDeviceD0EntryPostInterruptsEnabled",
+                       callbacks.EvtDeviceD0EntryPostInterruptsEnabled, device, previous);
     if (NT_SUCCESS(status)) {
+        device.resumeQueues();
         status = startSelfManagedIo(node, device);
     }
     if (!NT_SUCCESS(status)) {
-        powerDown(node, device, WdfPowerDeviceD3Final);
-        return status;
+        (void)powerDown(node, device, WdfPowerDeviceD3Final);
     }
-    for (const Ref<Queue>& queue : queuesOf(device)) {
-        queue->start();
-    }
-    return STATUS_SUCCESS;
+    return status;
 }
 
-// The device is not used any more: cancels the requests that wait and releases the hardware.
+// The device is not used any more: releases the hardware and cancels the requests that wait for power.
 void takeDown(DevNode::State& node, Device& device) {
-    powerDown(node, device, WdfPowerDeviceD3Final);
-    for (const Ref<Queue>& queue : queuesOf(device)) {
+    (void)powerDown(node, device, WdfPowerDeviceD3Final);
+    (void)releaseHardware(node, device);
+    for (const Ref<PacketQueue>& queue : device.queues()) {
+        if (queue->powerManaged()) {
+            queue->purge();
+        }
+    }
+    if (!std::exchange(node.flushed, true) && node.selfManagedIo &&
+        device.callbacks().EvtDeviceSelfManagedIoFlush != nullptr) {
+        callDriver("EvtDeviceSelfManagedIoFlush", device.callbacks().EvtDeviceSelfManagedIoFlush,
+                   device.wdf());
+    }
+}
+
+// A device that failed stays failed until it is removed.
+void fail(DevNode::State& node, Device& device) {
+    device.setPnpState(PnpState::Failed);
+    takeDown(node, device);
+}
+
+void cleanUp(DevNode::State& node, Device& device) {
+    for (const Ref<PacketQueue>& queue : device.queues()) {
         queue->purge();
     }
-    releaseHardware(node, device);
-    shutDownTargets(device);
+    device.setPnpState(PnpState::Removed);
+    if (node.selfManagedIo && device.callbacks().EvtDeviceSelfManagedIoCleanup != nullptr) {
+        callDriver("EvtDeviceSelfManagedIoCleanup", device.callbacks().EvtDeviceSelfManagedIoCleanup,
+                   device.wdf());
+    }
 }
 
 } // namespace
@@ -247,8 +282,9 @@ NTSTATUS DevNode::add() {
     init.bus = {&state_->pdo, &state_->host};
     const NTSTATUS status = callDriver("EvtDriverDeviceAdd", driver->config.EvtDriverDeviceAdd,
                                        static_cast<WDFDRIVER>(driver->handle()), &init);
+    // A driver may decline the device with success: the device then works without the driver.
     if (!init.device) {
-        return NT_SUCCESS(status) ? STATUS_NO_SUCH_DEVICE : status;
+        return status;
     }
     if (!NT_SUCCESS(status)) {
         init.device->remove();
@@ -262,28 +298,26 @@ NTSTATUS DevNode::add() {
 NTSTATUS DevNode::start() {
     Step step(*state_, "start device");
     const Ref<Device> device = deviceOfNode(*state_);
-    if (!device || (device->pnpState() != PnpState::Added && device->pnpState() != PnpState::Stopped)) {
+    if (!device) {
+        return STATUS_SUCCESS;
+    }
+    if (device->pnpState() != PnpState::Added && device->pnpState() != PnpState::Stopped) {
         return STATUS_INVALID_DEVICE_STATE;
     }
     passPacket(*device, IRP_MN_START_DEVICE);
     state_->prepared = true;
-    NTSTATUS status = STATUS_SUCCESS;
-    if (device->callbacks().EvtDevicePrepareHardware != nullptr) {
-        device->setPnpState(PnpState::Preparing);
-        status = callDriver("EvtDevicePrepareHardware", device->callbacks().EvtDevicePrepareHardware,
-                            device->wdf(), WDFCMRESLIST{}, WDFCMRESLIST{});
-    }
+    device->setPnpState(PnpState::Preparing);
+    NTSTATUS status = callForAnswer("EvtDevicePrepareHardware", device->callbacks().EvtDevicePrepareHardware,
+                                    *device, WDFCMRESLIST{}, WDFCMRESLIST{});
     if (NT_SUCCESS(status)) {
         device->setPnpState(PnpState::Prepared);
         status = powerUp(*state_, *device, WdfPowerDeviceD3Final);
     }
     if (!NT_SUCCESS(status)) {
-        device->setPnpState(PnpState::Failed);
-        takeDown(*state_, *device);
+        fail(*state_, *device);
         return status;
     }
     device->setPnpState(PnpState::Started);
-    state_->everStarted = true;
     return status;
 }
 
@@ -294,19 +328,21 @@ NTSTATUS DevNode::stop() {
         return STATUS_INVALID_DEVICE_STATE;
     }
     passPacket(*device, IRP_MN_QUERY_STOP_DEVICE);
-    if (device->callbacks().EvtDeviceQueryStop != nullptr) {
-        const NTSTATUS status =
-            callDriver("EvtDeviceQueryStop", device->callbacks().EvtDeviceQueryStop, device->wdf());
-        if (!NT_SUCCESS(status)) {
-            passPacket(*device, IRP_MN_CANCEL_STOP_DEVICE);
-            return status;
-        }
+    const NTSTATUS answer =
+        callForAnswer("EvtDeviceQueryStop", device->callbacks().EvtDeviceQueryStop, *device);
+    if (!NT_SUCCESS(answer)) {
+        passPacket(*device, IRP_MN_CANCEL_STOP_DEVICE);
+        return answer;
     }
     passPacket(*device, IRP_MN_STOP_DEVICE);
     // A stopped device loses its resources, so this D0 exit is as final as that of a removal.
-    powerDown(*state_, *device, WdfPowerDeviceD3Final);
-    releaseHardware(*state_, *device);
-    device->setPnpState(PnpState::Stopped);
+    const NTSTATUS down = powerDown(*state_, *device, WdfPowerDeviceD3Final);
+    const NTSTATUS released = releaseHardware(*state_, *device);
+    if (!NT_SUCCESS(down) || !NT_SUCCESS(released)) {
+        fail(*state_, *device);
+    } else {
+        device->setPnpState(PnpState::Stopped);
+    }
     return STATUS_SUCCESS;
 }
 
@@ -316,8 +352,12 @@ void DevNode::sleep() {
     if (!device || device->pnpState() != PnpState::Started || !state_->inD0) {
         return;
     }
-    powerDown(*state_, *device, WdfPowerDeviceD3);
+    const NTSTATUS status = powerDown(*state_, *device, WdfPowerDeviceD3);
     requireReadersStopped(*device);
+    if (!NT_SUCCESS(status)) {
+        fail(*state_, *device);
+        return;
+    }
     state_->host.suspend();
 }
 
@@ -330,8 +370,7 @@ NTSTATUS DevNode::wake() {
     state_->host.resume();
     const NTSTATUS status = powerUp(*state_, *device, WdfPowerDeviceD3);
     if (!NT_SUCCESS(status)) {
-        device->setPnpState(PnpState::Failed);
-        takeDown(*state_, *device);
+        fail(*state_, *device);
     }
     return status;
 }
@@ -342,11 +381,9 @@ NTSTATUS DevNode::queryRemove() {
     if (!device) {
         return STATUS_SUCCESS;
     }
-    NTSTATUS status = passPacket(*device, IRP_MN_QUERY_REMOVE_DEVICE);
-    if (NT_SUCCESS(status) && device->callbacks().EvtDeviceQueryRemove != nullptr) {
-        status = callDriver("EvtDeviceQueryRemove", device->callbacks().EvtDeviceQueryRemove, device->wdf());
-    }
-    return status;
+    return passPacket(*device, IRP_MN_QUERY_REMOVE_DEVICE, [&device] {
+        return callForAnswer("EvtDeviceQueryRemove", device->callbacks().EvtDeviceQueryRemove, *device);
+    });
 }
 
 void DevNode::cancelRemove() {
@@ -362,8 +399,7 @@ void DevNode::surpriseRemove() {
         step.emplace(*state_, "surprise removal");
     }
     const Ref<Device> device = deviceOfNode(*state_);
-    // A device that never started is removed without further notice.
-    if (!device || !state_->everStarted || device->pnpState() == PnpState::SurpriseRemoved) {
+    if (!device || device->pnpState() == PnpState::SurpriseRemoved) {
         return;
     }
     passPacket(*device, IRP_MN_SURPRISE_REMOVAL);
@@ -373,32 +409,26 @@ void DevNode::surpriseRemove() {
     }
     if (!step) {
         step.emplace(*state_, "surprise removal");
-        device->setPnpState(PnpState::SurpriseRemoved); // a wake that failed has left its own state
+        device->setPnpState(PnpState::SurpriseRemoved); // a step that failed has left its own state
     }
     takeDown(*state_, *device);
 }
 
 void DevNode::remove() {
     Step step(*state_, "remove device");
-    Ref<Device> device = deviceOfNode(*state_);
-    if (device) {
-        passPacket(*device, IRP_MN_REMOVE_DEVICE);
-        takeDown(*state_, *device);
-        device->setPnpState(PnpState::Removed);
-        const auto& callbacks = device->callbacks();
-        if (state_->selfManagedIo && callbacks.EvtDeviceSelfManagedIoFlush != nullptr) {
-            callDriver("EvtDeviceSelfManagedIoFlush", callbacks.EvtDeviceSelfManagedIoFlush, device->wdf());
-        }
-        if (state_->selfManagedIo && callbacks.EvtDeviceSelfManagedIoCleanup != nullptr) {
-            callDriver("EvtDeviceSelfManagedIoCleanup", callbacks.EvtDeviceSelfManagedIoCleanup,
-                       device->wdf());
-        }
-        device->remove();
+    if (Ref<Device> device = deviceOfNode(*state_)) {
+        passPacket(*device, IRP_MN_REMOVE_DEVICE, [&] {
+            takeDown(*state_, *device);
+            cleanUp(*state_, *device);
+            device->remove(Fate::RemovedWithDevice);
+            // The last references.
+            device = {};
+            const Ref<Device> ofNode = takeDevice(*state_);
+            return STATUS_SUCCESS;
+        });
+        releaseRemovedContexts();
     }
     kernel::removeInterfaceDevice(&state_->pdo);
-    Ref<Device> last;
-    KernelGuard guard;
-    std::swap(last, state_->device);
 }
 
 // Files.

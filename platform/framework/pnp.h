@@ -25,7 +25,8 @@ class DevNode {
     bool hasDevice() const; // a device object of the driver is attached
     bool started() const;   // started and neither failed, stopped nor removed
 
-    // EvtDriverDeviceAdd. After a failure there is no device object.
+    // EvtDriverDeviceAdd. There is no device object after a failure, nor when the driver declines the device
+    // with success.
     NTSTATUS add();
 
     // IRP_MN_START_DEVICE, for the first time or after `stop`: EvtDevicePrepareHardware, EvtDeviceD0Entry,
@@ -35,7 +36,7 @@ class DevNode {
     // IRP_MN_QUERY_STOP_DEVICE and IRP_MN_STOP_DEVICE.
     NTSTATUS stop();
 
-    // Device power: D0 to D3 and back. A failing D0 entry leaves the device failed; `remove` comes next.
+    // Device power: D0 to D3 and back. A failing callback leaves the device failed; `remove` comes next.
     void sleep();
     NTSTATUS wake();
 

@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <functional>
 #include <utility>
 
 namespace framework {
@@ -17,7 +19,11 @@ Queue::Queue(Device& device, const WDF_IO_QUEUE_CONFIG& config)
       limit_(config.DispatchType == WdfIoQueueDispatchSequential
                  ? 1
                  : config.Settings.Parallel.NumberOfPresentedRequests),
-      state_(powerManaged_ && device.pnpState() != PnpState::Started ? State::Stopped : State::Started) {}
+      state_(powerManaged_ && !device.queuesResumed() ? State::Stopped : State::Started) {}
+
+bool Queue::driverMayDelete() const {
+    return !device_.isDefaultQueue(*this);
+}
 
 void Queue::accept(PIRP irp, FileObject* file) {
     auto* request = new Request(irp, this, file);
@@ -57,28 +63,38 @@ void Queue::presentWaiting() {
             next = std::move(waiting_.front());
             waiting_.pop_front();
             presented_++;
+            callbacks_++;
         }
         present(std::move(next));
     }
 }
 
 void Queue::present(Ref<Request> request) {
-    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(request->irp());
-    const auto& control = location.Parameters.DeviceIoControl;
     request->setPresented();
+    call(*request);
+    {
+        KernelGuard guard;
+        callbacks_--;
+    }
+    kernel::wakeChannel(this);
+}
+
+void Queue::call(Request& request) {
+    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(request.irp());
+    const auto& control = location.Parameters.DeviceIoControl;
     if (location.MajorFunction == IRP_MJ_INTERNAL_DEVICE_CONTROL &&
         config_.EvtIoInternalDeviceControl != nullptr) {
-        callDriver("EvtIoInternalDeviceControl", config_.EvtIoInternalDeviceControl, wdf(), request->wdf(),
+        callDriver("EvtIoInternalDeviceControl", config_.EvtIoInternalDeviceControl, wdf(), request.wdf(),
                    size_t{control.OutputBufferLength}, size_t{control.InputBufferLength},
                    control.IoControlCode);
     } else if (location.MajorFunction == IRP_MJ_DEVICE_CONTROL && config_.EvtIoDeviceControl != nullptr) {
-        callDriver("EvtIoDeviceControl", config_.EvtIoDeviceControl, wdf(), request->wdf(),
+        callDriver("EvtIoDeviceControl", config_.EvtIoDeviceControl, wdf(), request.wdf(),
                    size_t{control.OutputBufferLength}, size_t{control.InputBufferLength},
                    control.IoControlCode);
     } else if (config_.EvtIoDefault != nullptr) {
-        callDriver("EvtIoDefault", config_.EvtIoDefault, wdf(), request->wdf());
+        callDriver("EvtIoDefault", config_.EvtIoDefault, wdf(), request.wdf());
     } else {
-        request->complete(STATUS_INVALID_DEVICE_REQUEST, 0);
+        request.complete(STATUS_INVALID_DEVICE_REQUEST, 0);
     }
 }
 
@@ -91,7 +107,7 @@ void Queue::requestDone() {
     presentWaiting();
 }
 
-void Queue::start() {
+void Queue::resume() {
     {
         KernelGuard guard;
         if (!powerManaged_ || state_ == State::Purged) {
@@ -102,7 +118,7 @@ void Queue::start() {
     presentWaiting();
 }
 
-void Queue::stop() {
+void Queue::hold() {
     {
         KernelGuard guard;
         if (!powerManaged_ || state_ != State::Started) {
@@ -126,10 +142,26 @@ void Queue::purge() {
     waitUntilIdle();
 }
 
+void Queue::cancelWaiting(PFILE_OBJECT file) {
+    const auto ofFile = [file](const Ref<Request>& request) {
+        return IoGetCurrentIrpStackLocation(request->irp())->FileObject == file;
+    };
+    std::deque<Ref<Request>> cancelled;
+    {
+        KernelGuard guard;
+        const auto first = std::stable_partition(waiting_.begin(), waiting_.end(), std::not_fn(ofFile));
+        std::move(first, waiting_.end(), std::back_inserter(cancelled));
+        waiting_.erase(first, waiting_.end());
+    }
+    for (const Ref<Request>& request : cancelled) {
+        request->complete(STATUS_CANCELLED, 0);
+    }
+}
+
 void Queue::waitUntilIdle() {
     kernel::waitUntil(this, {"I/O queue", this, nullptr}, kernel::kForever, [this] {
         KernelGuard guard;
-        return presented_ == 0;
+        return presented_ == 0 && callbacks_ == 0;
     });
 }
 
@@ -171,6 +203,17 @@ NTSTATUS WdfIoQueueCreate(WDFDEVICE Device, PWDF_IO_QUEUE_CONFIG Config,
     auto device = call.object<framework::Device>(Device);
     if (Config->Size != sizeof(WDF_IO_QUEUE_CONFIG)) {
         return STATUS_INFO_LENGTH_MISMATCH;
+    }
+    if (!Config->DefaultQueue && Queue == nullptr) {
+        return STATUS_INVALID_PARAMETER_4;
+    }
+    if (Config->DispatchType != WdfIoQueueDispatchParallel &&
+        Config->Settings.Parallel.NumberOfPresentedRequests != 0) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (Config->DefaultQueue && device->pnpState() != framework::PnpState::Added) {
+        call.fail(framework::Rule::PnpOrder, device.get(),
+                  "The default queue is created before the device starts.");
     }
     refuseUnusedCallbacks(call, *Config);
     // Manual queues need the retrieval calls, which are not offered here.

@@ -21,16 +21,15 @@ class Queue final : public PacketQueue {
     // nothing any more.
     void accept(PIRP irp, FileObject* file) override;
 
+    void cancelWaiting(PFILE_OBJECT file) override;
+    void resume() override;
+    void hold() override;
+    void purge() override;
+    bool powerManaged() const override { return powerManaged_; }
     void requestDone() override;
 
-    // Power transitions; no effect on a queue that is not power-managed. `stop` returns when the driver has
-    // completed what it was presented, `purge` cancels what waits as well.
-    void start();
-    void stop();
-    void purge();
-
   protected:
-    bool driverMayDelete() const override { return false; }
+    bool driverMayDelete() const override;
     void dispose() override;
     bool disposeWaits() const override { return true; }
 
@@ -39,6 +38,7 @@ class Queue final : public PacketQueue {
 
     void deliver(Ref<Request> request);
     void present(Ref<Request> request);
+    void call(Request& request);
     void presentWaiting();
     void waitUntilIdle();
 
@@ -50,6 +50,7 @@ class Queue final : public PacketQueue {
     // Guarded by the kernel lock.
     State state_;
     ULONG presented_ = 0;
+    ULONG callbacks_ = 0; // under way
     std::deque<Ref<Request>> waiting_;
 };
 

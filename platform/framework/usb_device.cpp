@@ -248,15 +248,6 @@ void UsbDevice::requireReadersStopped() const {
     }
 }
 
-void UsbDevice::shutDownAll() {
-    for (UsbInterface* interface : interfaces_) {
-        for (const Ref<UsbPipe>& pipe : interface->pipes()) {
-            pipe->shutDown();
-        }
-    }
-    shutDown();
-}
-
 std::shared_ptr<Submission> UsbDevice::controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup,
                                                          void* data, std::size_t size, Done done) {
     auto submission = std::make_shared<Submission>(host(), "control transfer", std::move(done));

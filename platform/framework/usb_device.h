@@ -151,9 +151,6 @@ class UsbDevice final : public IoTarget {
     // Fails with PnpOrder when a continuous reader runs: the device is out of D0.
     void requireReadersStopped() const;
 
-    // The device has been removed: nothing is sent to it or to its pipes any more.
-    void shutDownAll();
-
     std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,
                                               std::size_t offset, Done done) override;
     std::shared_ptr<Submission> controlSubmission(const WDF_USB_CONTROL_SETUP_PACKET& setup, void* data,

@@ -29,14 +29,16 @@ enum class Rule : std::uint8_t {
     BufferTooShort,
     HandleStale, // a handle of a deleted object, or of another type
     HandleDeletedTwice,
-    ObjectTree,  // a parent that may not own the child, a reference dropped too often
-    PoolTag,     // a block freed with another tag, or allocated without one
-    PoolOverrun, // the guard bytes around a block are damaged
+    UseAfterRemoval, // a handle or context used after the removal of its device
+    ObjectTree,      // a parent that may not own the child, a reference dropped too often
+    PoolTag,         // a block freed with another tag, or allocated without one
+    PoolOverrun,     // the guard bytes around a block are damaged
     PoolFreedTwice,
     PoolLeak,       // blocks or objects left when the driver was unloaded
     UsbTarget,      // the USB target created outside prepare-hardware, a reader configured elsewhere
     UsbPipeHandle,  // a pipe handle from before the last configuration
     PnpOrder,       // a call that the device's PnP or power state does not allow
+    PnpStatus,      // a PnP callback returned a status that the framework does not accept from it
     CallbackObject, // a timer or work item set going while it is deleted, two stops that wait for one timer
     ThreadLeak,     // a driver thread still running at unload
     ListCorruption, // list links that do not point back

@@ -210,7 +210,13 @@ struct DriverScript {
     std::function<void(WDFREQUEST, ULONG)> control;
     WDF_TRI_STATE powerManagedQueue = WdfUseDefault;
     std::function<NTSTATUS(WDFDEVICE, PIRP)> preprocess;
+    std::map<std::string, NTSTATUS> answers; // of suspend, d0 exit, release and query stop; success otherwise
     WDFDEVICE device = nullptr;
+
+    NTSTATUS answer(const char* callback) const {
+        const auto found = answers.find(callback);
+        return found == answers.end() ? STATUS_SUCCESS : found->second;
+    }
 
     void note(std::string what) {
         const std::lock_guard lock(mutex_);
@@ -235,7 +241,10 @@ inline NTSTATUS prepare(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST) {
 }
 inline NTSTATUS release(WDFDEVICE, WDFCMRESLIST) {
     script->note("release");
-    return STATUS_SUCCESS;
+    return script->answer("release");
+}
+inline NTSTATUS queryStop(WDFDEVICE) {
+    return script->answer("query stop");
 }
 inline NTSTATUS d0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previous) {
     script->note(state("d0 entry", previous));
@@ -246,7 +255,7 @@ inline NTSTATUS d0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE target) {
     if (script->d0Exit) {
         script->d0Exit(device);
     }
-    return STATUS_SUCCESS;
+    return script->answer("d0 exit");
 }
 inline NTSTATUS init(WDFDEVICE device) {
     script->note("init");
@@ -257,7 +266,7 @@ inline NTSTATUS suspend(WDFDEVICE device) {
     if (script->selfManagedIoSuspend) {
         script->selfManagedIoSuspend(device);
     }
-    return STATUS_SUCCESS;
+    return script->answer("suspend");
 }
 inline NTSTATUS restart(WDFDEVICE device) {
     script->note("restart");
@@ -308,6 +317,7 @@ inline NTSTATUS deviceAdd(WDFDRIVER, PWDFDEVICE_INIT init) {
     pnp.EvtDeviceSelfManagedIoFlush = flush;
     pnp.EvtDeviceSelfManagedIoCleanup = cleanup;
     pnp.EvtDeviceSurpriseRemoval = surprise;
+    pnp.EvtDeviceQueryStop = queryStop;
     WdfDeviceInitSetPnpPowerEventCallbacks(init, &pnp);
     WDF_FILEOBJECT_CONFIG file;
     WDF_FILEOBJECT_CONFIG_INIT(&file, fileCreate, fileClose, fileCleanup);

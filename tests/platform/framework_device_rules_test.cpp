@@ -40,6 +40,23 @@ std::vector<FrameworkCase> deviceCases() {
         world.bench.driver.init = [&world](PWDFDEVICE_INIT init) { world.keptInit = init; };
     };
     const auto useKeptInit = [](World& world) { WdfDeviceInitSetIoType(world.keptInit, WdfDeviceIoNeither); };
+    // A preprocess callback that does more with the device before, or after, the packet of its removal.
+    const auto beforeRemoval = [passOn](World& world, const std::function<void(WDFDEVICE)>& use) {
+        world.bench.driver.preprocess = [=](WDFDEVICE device, PIRP irp) {
+            use(device);
+            return passOn(device, irp);
+        };
+    };
+    const auto afterRemoval = [passOn](World& world, const std::function<void()>& use) {
+        world.bench.driver.preprocess = [=](WDFDEVICE device, PIRP irp) {
+            const bool removal = IoGetCurrentIrpStackLocation(irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
+            const NTSTATUS status = passOn(device, irp);
+            if (removal) {
+                use();
+            }
+            return status;
+        };
+    };
     const Body useInitInTime = [](World& world) {
         world.bench.driver.init = [](PWDFDEVICE_INIT init) {
             WdfDeviceInitSetIoType(init, WdfDeviceIoNeither);
@@ -149,6 +166,48 @@ std::vector<FrameworkCase> deviceCases() {
              };
          },
          callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},
+        {Rule::UseAfterRemoval, "a device used after the packet of its removal was handed on",
+         [=](World& world) { afterRemoval(world, [&] { (void)WdfDeviceGetDriver(world.device()); }); },
+         [=](World& world) {
+             beforeRemoval(world, [](WDFDEVICE device) { (void)WdfDeviceGetDriver(device); });
+         }},
+        {Rule::UseAfterRemoval, "a context written to after the packet of its device's removal was handed on",
+         [=](World& world) {
+             auto* context = reinterpret_cast<UCHAR*>(GetPlace(world.makeObject()));
+             afterRemoval(world, [context] { poke(context); });
+         },
+         [=](World& world) {
+             auto* context = reinterpret_cast<UCHAR*>(GetPlace(world.makeObject()));
+             beforeRemoval(world, [context](WDFDEVICE) { poke(context); });
+         }},
+        {Rule::PnpStatus, "a query that is answered with STATUS_NOT_SUPPORTED",
+         [](World& world) {
+             world.bench.driver.answers["query stop"] = STATUS_NOT_SUPPORTED;
+             world.bench.machine().stop(*world.node);
+         },
+         [](World& world) { world.bench.machine().stop(*world.node); }},
+        {Rule::PnpOrder, "a default queue on a started device",
+         [](World& world) {
+             (void)world.makeQueue(world.device(), [](auto& config) { config.DefaultQueue = TRUE; });
+         },
+         [](World& world) { EXPECT_EQ(world.makeQueue(world.device()), STATUS_SUCCESS); }},
+        {Rule::Argument, "a second set of minor functions for one major function", callbacksOnly,
+         [](World& world) {
+             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
+                 UCHAR minor = IRP_MN_STOP_DEVICE;
+                 (void)WdfDeviceInitAssignWdmIrpPreprocessCallback(init, callbacks::preprocess, IRP_MJ_PNP,
+                                                                   &minor, 1);
+             };
+         },
+         callbacksOnly,
+         [](World& world) {
+             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
+                 UCHAR minor = IRP_MN_SET_POWER;
+                 EXPECT_EQ(WdfDeviceInitAssignWdmIrpPreprocessCallback(init, callbacks::preprocess,
+                                                                       IRP_MJ_POWER, &minor, 1),
+                           STATUS_SUCCESS);
+             };
+         }},
         {Rule::Argument, "a queue with a callback that never comes",
          [](World& world) {
              (void)world.makeQueue(

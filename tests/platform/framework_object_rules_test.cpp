@@ -99,6 +99,17 @@ std::vector<FrameworkCase> objectCases() {
              world.target.findPipes();
              (void)WdfUsbTargetPipeWdmGetPipeHandle(world.target.out);
          }},
+        {Rule::HandleStale, "an object used in its EvtDestroyCallback",
+         [](World& world) {
+             WdfObjectDelete(world.makeObject(world.device(), [](WDFOBJECT object) {
+                 (void)WdfCollectionGetCount(static_cast<WDFCOLLECTION>(object));
+             }));
+         },
+         [](World& world) {
+             WdfObjectDelete(world.makeObject(world.device(), [](WDFOBJECT object) {
+                 EXPECT_EQ(GetPlace(object)->Urb.TransferBufferLength, 0u);
+             }));
+         }},
         {Rule::HandleDeletedTwice, "an object deleted twice",
          [](World& world) {
              const WDFCOLLECTION object = world.makeObject();

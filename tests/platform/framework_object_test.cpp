@@ -71,7 +71,8 @@ class FrameworkObjects : public testing::Test {
     FrameworkBench bench;
 };
 
-TEST_F(FrameworkObjects, ChildrenAreCleanedUpBeforeTheirParents) {
+// Nothing of a tree is destroyed before all of it has been cleaned up.
+TEST_F(FrameworkObjects, ATreeIsCleanedUpAndThenDestroyedFromItsLeavesOn) {
     run([&](WDFDEVICE device) {
         const WDFOBJECT parent = makeNamed("parent", device);
         const WDFOBJECT first = makeNamed("first", parent);
@@ -79,8 +80,8 @@ TEST_F(FrameworkObjects, ChildrenAreCleanedUpBeforeTheirParents) {
         makeNamed("second", parent);
         WdfObjectDelete(parent);
         EXPECT_EQ(takeTrace(),
-                  (Trace{"cleanup grandchild", "destroy grandchild", "cleanup first", "destroy first",
-                         "cleanup second", "destroy second", "cleanup parent", "destroy parent"}));
+                  (Trace{"cleanup grandchild", "cleanup first", "cleanup second", "cleanup parent",
+                         "destroy grandchild", "destroy first", "destroy second", "destroy parent"}));
     });
 }
 
@@ -96,11 +97,18 @@ TEST_F(FrameworkObjects, AReferenceKeepsTheContextAfterTheDeletion) {
     });
 }
 
-TEST_F(FrameworkObjects, TheDevicesTreeGoesWithTheDevice) {
+// The tree of a device has gone when its driver gets the packet back that it handed on.
+TEST_F(FrameworkObjects, TheDevicesTreeGoesInsideTheRemovePacket) {
+    bench.driver.preprocess = [](WDFDEVICE device, PIRP irp) {
+        IoSkipCurrentIrpStackLocation(irp);
+        const NTSTATUS status = WdfDeviceWdmDispatchPreprocessedIrp(device, irp);
+        script->note("handed on");
+        return status;
+    };
     inDeviceAdd([](WDFDEVICE device) { makeNamed("child", makeNamed("object", device)); });
-    const Trace& trace = bench.driver.trace;
-    EXPECT_EQ(Trace(trace.end() - 5, trace.end()),
-              (Trace{"cleanup", "cleanup child", "destroy child", "cleanup object", "destroy object"}));
+    EXPECT_EQ(bench.driver.trace, (Trace{"irp 1", "handed on", "irp 2", "suspend", "d0 exit(D3Final)",
+                                         "release", "flush", "cleanup", "cleanup child", "cleanup object",
+                                         "destroy child", "destroy object", "handed on"}));
 }
 
 TEST_F(FrameworkObjects, ContextsAreZeroTypedAndKnowTheirObject) {
@@ -131,8 +139,11 @@ TEST_F(FrameworkObjects, AttributesThatTheFrameworkRefusesAreRefused) {
         {"level of an object without callbacks", [](auto& a) { a.ExecutionLevel = WdfExecutionLevelPassive; },
          STATUS_WDF_EXECUTION_LEVEL_INVALID},
         {"no level", [](auto& a) { a.ExecutionLevel = WdfExecutionLevelInvalid; },
-         STATUS_WDF_EXECUTION_LEVEL_INVALID},
+         STATUS_WDF_OBJECT_ATTRIBUTES_INVALID},
         {"no scope", [](auto& a) { a.SynchronizationScope = WdfSynchronizationScopeInvalid; },
+         STATUS_WDF_OBJECT_ATTRIBUTES_INVALID},
+        {"scope of an object without callbacks",
+         [](auto& a) { a.SynchronizationScope = WdfSynchronizationScopeDevice; },
          STATUS_WDF_SYNCHRONIZATION_SCOPE_INVALID},
         {"override below the type's size", [](auto& a) { a.ContextSizeOverride = 1; },
          STATUS_WDF_OBJECT_ATTRIBUTES_INVALID},
@@ -141,7 +152,7 @@ TEST_F(FrameworkObjects, AttributesThatTheFrameworkRefusesAreRefused) {
              a.ContextTypeInfo = nullptr;
              a.ContextSizeOverride = 8;
          },
-         STATUS_OBJECT_NAME_INVALID},
+         STATUS_WDF_OBJECT_ATTRIBUTES_INVALID},
     };
     run([&](WDFDEVICE device) {
         for (const auto& test : cases) {

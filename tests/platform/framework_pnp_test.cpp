@@ -44,12 +44,18 @@ TEST(FrameworkPnp, SurpriseRemovalTakesDownBeforeTheRemovePacket) {
     bench.run([&] {
         auto& awake = bench.plug();
         EXPECT_EQ(during([&] { bench.machine().surpriseRemove(awake); }),
-                  (Trace{"surprise", "suspend", "d0 exit(D3Final)", "release", "irp 2", "flush", "cleanup"}));
+                  (Trace{"surprise", "suspend", "d0 exit(D3Final)", "release", "flush", "irp 2", "cleanup"}));
         bench.device.gone = false;
         auto& asleep = bench.plug();
         bench.machine().suspend(asleep);
         EXPECT_EQ(during([&] { bench.machine().surpriseRemove(asleep); }),
-                  (Trace{"surprise", "release", "irp 2", "flush", "cleanup"}));
+                  (Trace{"surprise", "release", "flush", "irp 2", "cleanup"}));
+        bench.device.gone = false;
+        bench.driver.answers["d0 exit"] = STATUS_UNSUCCESSFUL; // as when the adapter does not answer any more
+        auto& failed = bench.plug();
+        bench.machine().suspend(failed);
+        EXPECT_EQ(during([&] { bench.machine().surpriseRemove(failed); }),
+                  (Trace{"surprise", "irp 2", "cleanup"}));
     });
 }
 
@@ -65,12 +71,12 @@ TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition
         {"sleep",
          [](platform::Machine&, platform::DeviceNode&) {},
          [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
-         {"suspend", "d0 exit(D3)", "surprise", "left", "release", "irp 2", "flush", "cleanup"}},
+         {"suspend", "d0 exit(D3)", "surprise", "left", "release", "flush", "irp 2", "cleanup"}},
         {"wake",
          [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
          [](platform::Machine& machine, platform::DeviceNode& node) { machine.resume(node); },
          {"d0 entry(D3)", "surprise", "entered", "restart", "suspend", "d0 exit(D3Final)", "left", "release",
-          "irp 2", "flush", "cleanup"}},
+          "flush", "irp 2", "cleanup"}},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
@@ -99,43 +105,83 @@ TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition
     }
 }
 
-TEST(FrameworkPnp, AFailedStartReleasesTheHardwareAndSkipsWhatNeverBegan) {
+TEST(FrameworkPnp, AFailingCallbackTakesTheDeviceDownAndSkipsWhatNeverBegan) {
+    constexpr auto fails = [](WDFDEVICE) { return STATUS_UNSUCCESSFUL; };
+    const auto nothing = [](platform::Machine&, platform::DeviceNode&) {};
+    const auto sleep = [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); };
+    const auto wake = [](platform::Machine& machine, platform::DeviceNode& node) { machine.resume(node); };
+    const auto stop = [](platform::Machine& machine, platform::DeviceNode& node) { machine.stop(node); };
+    using Step = std::function<void(platform::Machine&, platform::DeviceNode&)>;
     const struct {
         const char* name;
-        std::function<NTSTATUS(WDFDEVICE)> DriverScript::*failing;
+        Step before; // the failing step; null when the start fails
+        std::function<void(DriverScript&)> arrange;
+        Step step;
         Trace expected;
     } cases[] = {
-        {"prepare", &DriverScript::prepare, {"prepare", "release", "irp 2"}},
-        {"d0 entry", &DriverScript::d0Entry, {"prepare", "d0 entry(D3Final)", "release", "irp 2"}},
+        {"prepare", nullptr, [=](auto& driver) { driver.prepare = fails; }, nothing, {"prepare", "release"}},
+        {"d0 entry",
+         nullptr,
+         [=](auto& driver) { driver.d0Entry = fails; },
+         nothing,
+         {"prepare", "d0 entry(D3Final)", "release"}},
         {"self-managed I/O",
-         &DriverScript::selfManagedIoInit,
-         {"prepare", "d0 entry(D3Final)", "init", "suspend", "d0 exit(D3Final)", "release", "irp 2", "flush",
-          "cleanup"}},
+         nullptr,
+         [=](auto& driver) { driver.selfManagedIoInit = fails; },
+         nothing,
+         {"prepare", "d0 entry(D3Final)", "init", "d0 exit(D3Final)", "release", "flush"}},
+        {"d0 entry of a wake",
+         sleep,
+         [=](auto& driver) { driver.d0Entry = fails; },
+         wake,
+         {"d0 entry(D3)", "release", "flush"}},
+        {"self-managed I/O of a wake",
+         sleep,
+         [=](auto& driver) { driver.selfManagedIoRestart = fails; },
+         wake,
+         {"d0 entry(D3)", "restart", "d0 exit(D3Final)", "release", "flush"}},
+        {"suspend",
+         nothing,
+         [](auto& driver) { driver.answers["suspend"] = STATUS_UNSUCCESSFUL; },
+         sleep,
+         {"suspend", "d0 exit(D3)", "release", "flush"}},
+        {"d0 exit",
+         nothing,
+         [](auto& driver) { driver.answers["d0 exit"] = STATUS_UNSUCCESSFUL; },
+         sleep,
+         {"suspend", "d0 exit(D3)", "release", "flush"}},
+        {"release",
+         nothing,
+         [](auto& driver) { driver.answers["release"] = STATUS_UNSUCCESSFUL; },
+         stop,
+         {"suspend", "d0 exit(D3Final)", "release", "flush"}},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
         FrameworkBench bench;
-        bench.driver.*test.failing = [](WDFDEVICE) { return STATUS_UNSUCCESSFUL; };
+        StepRecorder during{bench.driver};
         bench.run([&] {
-            auto& node = bench.plug();
-            EXPECT_EQ(bench.machine().startStatus(node), STATUS_UNSUCCESSFUL);
-            bench.machine().remove(node);
-            EXPECT_EQ(bench.driver.trace, test.expected);
+            auto& machine = bench.machine();
+            platform::DeviceNode* node = nullptr;
+            if (test.before) {
+                node = &bench.plug();
+                test.before(machine, *node);
+            }
+            test.arrange(bench.driver);
+            EXPECT_EQ(during([&] {
+                          if (node == nullptr) {
+                              node = &bench.plug();
+                              EXPECT_EQ(machine.startStatus(*node), STATUS_UNSUCCESSFUL);
+                          }
+                          test.step(machine, *node);
+                      }),
+                      test.expected);
+            // A failed device is not asked before it is removed. Clean-up follows what has been initialized.
+            const Trace removal =
+                test.expected.back() == "flush" ? Trace{"irp 2", "cleanup"} : Trace{"irp 2"};
+            EXPECT_EQ(during([&] { machine.remove(*node); }), removal);
         });
     }
-}
-
-TEST(FrameworkPnp, AResumeThatFailsLeavesTheDeviceFailedAndRemovable) {
-    FrameworkBench bench;
-    bench.run([&] {
-        auto& node = bench.plug();
-        bench.machine().suspend(node);
-        bench.driver.d0Entry = [](WDFDEVICE) { return STATUS_UNSUCCESSFUL; };
-        bench.driver.trace.clear();
-        bench.machine().resume(node);
-        EXPECT_EQ(bench.driver.trace, (Trace{"d0 entry(D3)", "release"}));
-        bench.machine().remove(node);
-    });
 }
 
 TEST(FrameworkPnp, ADeviceAddThatFailsAfterCreationLeavesNothingBehind) {
@@ -201,21 +247,42 @@ TEST_F(FrameworkClient, KernelBuffersReachTheDriverAndShortOnesAreRefused) {
     });
 }
 
-TEST_F(FrameworkClient, ARequestWaitsWhileTheDeviceSleeps) {
+// Requests that arrive in D3 wait; those of a file that is closed meanwhile are cancelled. The wake presents
+// the others before self-managed I/O restarts, and the next sleep waits for the callback to return, although
+// the request is completed.
+TEST_F(FrameworkClient, RequestsWaitForPowerAndPowerWaitsForTheirCallbacks) {
     run([&](platform::DeviceNode& node) {
         auto& machine = bench.machine();
         machine.suspend(node);
-        ULONG_PTR information = 0;
-        bool done = false;
-        kernel::Task& client = kernel::spawn("client", kernel::TaskKind::Host, [&] {
-            EXPECT_EQ(echo(4, 4, information), STATUS_SUCCESS);
-            done = true;
-        });
+        std::shared_ptr<platform::InterfaceHandle> other;
+        ASSERT_EQ(machine.open(machine.interfaces(kClass).at(0), other), STATUS_SUCCESS);
+        const auto control = [&](platform::InterfaceHandle& handle) {
+            ULONG_PTR information = 0;
+            return machine.internalControl(handle, kNeither, input, output, information);
+        };
+        kernel::Task& client = kernel::spawn("client", kernel::TaskKind::Host,
+                                             [&] { EXPECT_EQ(control(*file), STATUS_SUCCESS); });
+        kernel::Task& leaving = kernel::spawn("leaving client", kernel::TaskKind::Host,
+                                              [&, other] { EXPECT_EQ(control(*other), STATUS_CANCELLED); });
         machine.sleep(usb::kSecond);
-        EXPECT_FALSE(done);
+        bench.driver.control = [&, answer = bench.driver.control](WDFREQUEST request, ULONG code) {
+            answer(request, code);
+            machine.sleep(10 * usb::kMillisecond);
+            bench.driver.note("returned");
+        };
+        bench.driver.trace.clear();
+        machine.close(other);
+        kernel::join(leaving);
         machine.resume(node);
         kernel::join(client);
-        EXPECT_TRUE(done);
+        kernel::Task& last = kernel::spawn("last client", kernel::TaskKind::Host,
+                                           [&] { EXPECT_EQ(control(*file), STATUS_SUCCESS); });
+        machine.sleep(5 * usb::kMillisecond);
+        machine.suspend(node);
+        kernel::join(last);
+        EXPECT_EQ(bench.driver.trace,
+                  (Trace{"file cleanup", "file close", "d0 entry(D3)", "control", "returned", "restart",
+                         "control", "suspend", "returned", "d0 exit(D3)"}));
     });
 }
 
@@ -235,8 +302,8 @@ TEST_F(FrameworkClient, TheRemovePacketWaitsForTheLastHandle) {
         kernel::join(client);
     });
     EXPECT_EQ(bench.driver.trace, (Trace{"prepare", "d0 entry(D3Final)", "init", "create", "surprise",
-                                         "suspend", "d0 exit(D3Final)", "release", "client closes",
-                                         "file cleanup", "file close", "irp 2", "flush", "cleanup"}));
+                                         "suspend", "d0 exit(D3Final)", "release", "flush", "client closes",
+                                         "file cleanup", "file close", "irp 2", "cleanup"}));
 }
 
 // The hardware is released when the driver has completed them, whether or not the queue follows the power.
