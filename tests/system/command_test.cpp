@@ -255,6 +255,36 @@ TEST(DisplayOnInLowPower, ContinuesWhenTheDeviceWakes) {
     });
 }
 
+// What happens while a display-on waits decides how it ends, and that what happens need not wait for it.
+TEST(DisplayOnInLowPower, GivesWay) {
+    const struct {
+        const char* what;
+        std::function<void(Session&)> meanwhile;
+        NTSTATUS status;
+    } cases[] = {
+        {"to a display-off", [](Session& session) { session.setDisplayPower(false); }, STATUS_SUCCESS},
+        {"to a surprise removal", [](Session& session) { session.surpriseRemove(); }, STATUS_DEVICE_REMOVED},
+        {"to a removal", [](Session& session) { session.remove(); }, STATUS_DRIVER_CANCEL_TIMEOUT},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        withSleepingAdapter([&](Session& session) {
+            NTSTATUS status = STATUS_PENDING;
+            {
+                ClientThread client("client", [&] { status = session.client().setDisplayPower(true); });
+                session.machine().sleep(kSecond);
+                c.meanwhile(session);
+            }
+            EXPECT_EQ(c.status, status);
+            if (session.plugged()) {
+                session.resume();
+                session.machine().sleep(kSecond);
+                EXPECT_FALSE(session.adapter().outputMode()) << "switched on after all";
+            }
+        });
+    }
+}
+
 // Variants of a valid record, with one field after another at the limits of its range. Pool guards, and the
 // sanitizers in builds that have them, find accesses out of bounds; the next picture must be right.
 

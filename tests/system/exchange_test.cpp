@@ -106,5 +106,29 @@ TEST(Exchange, ResetsTheStateForTheNextClient) {
     });
 }
 
+// Its commands do no harm while the device is stopped and started, and the next client gets the picture.
+TEST(Exchange, EndsTheSessionOfAClientThatKeepsItOverARestart) {
+    explore(30, [](Session& session) {
+        plugWithMonitor(session);
+        const std::unique_ptr<desktop::Client> late = holdingClient(session);
+        {
+            ClientThread user("late client", [&] {
+                for (unsigned round = 0; round < 60; round++) {
+                    (void)late->createFrameBuffer(kDesktop, kWidth, kHeight);
+                    (void)late->setDisplayPower(round % 3 != 2);
+                    (void)late->present(kDesktop, gradient());
+                    session.machine().sleep(static_cast<usb::Time>(kernel::choose(40)) * kMillisecond);
+                }
+            });
+            session.machine().sleep(static_cast<usb::Time>(kernel::choose(1000)) * kMillisecond);
+            session.machine().stop(session.node());
+            session.machine().sleep(static_cast<usb::Time>(kernel::choose(100)) * kMillisecond);
+            require(session.machine().restart(session.node()), "restarting");
+        }
+        switchOn(session);
+        show(session, bars());
+    });
+}
+
 } // namespace
 } // namespace system_test

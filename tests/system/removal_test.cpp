@@ -6,17 +6,6 @@
 namespace system_test {
 namespace {
 
-// A client that keeps the interface when it disappears.
-std::unique_ptr<desktop::Client> holdingClient(Session& session) {
-    auto client = std::make_unique<desktop::Client>(session.machine(),
-                                                    desktop::ClientOptions{.releaseOnDeparture = false});
-    if (!client->waitForArrival(10 * kSecond)) {
-        throw std::runtime_error("the interface did not appear");
-    }
-    require(client->open(), "opening the interface");
-    return client;
-}
-
 // The duration of a removal without the wait for the client: mainly the stop of the stream, which gives the
 // frame update thread 100 ms.
 constexpr usb::Time kRemovalTime = 150 * kMillisecond;

@@ -238,6 +238,16 @@ void RawClient::release() {
     kernel::callDriver("ReleaseEntry", driver.ReleaseEntry, driver.Context);
 }
 
+std::unique_ptr<desktop::Client> holdingClient(Session& session) {
+    auto client = std::make_unique<desktop::Client>(session.machine(),
+                                                    desktop::ClientOptions{.releaseOnDeparture = false});
+    if (!client->waitForArrival(10 * kSecond)) {
+        throw std::runtime_error("the interface did not appear");
+    }
+    require(client->open(), "opening the interface");
+    return client;
+}
+
 ClientThread presentInBackground(Session& session, unsigned frames, usb::Time pause) {
     return ClientThread("presenter", [&session, frames, pause] {
         for (unsigned frame = 0; frame < frames; frame++) {

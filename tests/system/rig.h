@@ -149,6 +149,9 @@ class RawClient {
     std::shared_ptr<platform::InterfaceHandle> handle_;
 };
 
+// A client that has opened the interface and keeps it when it disappears.
+std::unique_ptr<desktop::Client> holdingClient(Session& session);
+
 // Presents `frames` frames, gradient and bars in turn, whether or not the driver takes them.
 ClientThread presentInBackground(Session& session, unsigned frames, usb::Time pause = kMillisecond);
 

@@ -129,6 +129,25 @@ TEST(TransmitterRegisters, FitEverySize) {
     }
 }
 
+// Every serial command takes milliseconds, in which the display stays dark.
+TEST(TransmitterRegisters, AreProgrammedAgainForAnotherSizeOnly) {
+    runSession(inOrder(), [&](Session& session) {
+        plugWithMonitor(session, adapterWithTransmitter());
+        switchOn(session, 640, 480);
+        const auto commandsFor = [&](unsigned width, unsigned height) {
+            session.setDisplayPower(false);
+            session.createFrameBuffer(kDesktop, width, height);
+            const std::uint64_t before = session.adapter().statistics().serialCommands;
+            session.setDisplayPower(true);
+            return session.adapter().statistics().serialCommands - before;
+        };
+        const std::uint64_t again = commandsFor(640, 480);
+        EXPECT_GT(again, 0u) << "no power-up";
+        EXPECT_GT(commandsFor(800, 600), 3 * again);
+        EXPECT_EQ(again, commandsFor(800, 600));
+    });
+}
+
 TEST(TransmitterRegisters, FitTheMonitorAndTheSourceOfTheSound) {
     for (const bool spdif : {false, true}) {
         SCOPED_TRACE(spdif ? "S/PDIF" : "I2S");
