@@ -4,7 +4,7 @@
 #include "platform/framework/irp.h"
 #include "platform/framework/object.h"
 #include "platform/framework/packet_queue.h"
-#include "platform/usb/device.h"
+#include "platform/usb/host.h"
 
 #include <wdfusb.h>
 
@@ -43,7 +43,7 @@ struct DeviceSettings {
 // The device on the bus that a device object belongs to.
 struct BusDevice {
     PDEVICE_OBJECT pdo = nullptr;
-    usb::Device* host = nullptr;
+    usb::Host* host = nullptr;
 };
 
 class Device final : public Object {
@@ -53,7 +53,7 @@ class Device final : public Object {
     WDFDEVICE wdf() const { return static_cast<WDFDEVICE>(handle()); }
     PDEVICE_OBJECT deviceObject() { return &fdo_; }
     PDEVICE_OBJECT pdo() const { return bus_.pdo; }
-    usb::Device& host() const { return *bus_.host; }
+    usb::Host& host() const { return *bus_.host; }
     const DeviceSettings& settings() const { return settings_; }
     const WDF_PNPPOWER_EVENT_CALLBACKS& callbacks() const { return settings_.callbacks; }
 

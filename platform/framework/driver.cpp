@@ -41,8 +41,18 @@ UNICODE_STRING unicodeString(std::u16string& text) {
     return {bytes, static_cast<USHORT>(bytes + sizeof(char16_t)), text.data()};
 }
 
+// A request belongs to the driver object unless its attributes name a parent, also when it was made for a
+// target: one that is not deleted with its device stays as long as the driver is loaded.
+void requireNoRequests(const Driver& driver) {
+    for (const Ref<Object>& request : driver.childrenOf<Object>(Kind::Request)) {
+        verifier::fail(Rule::PoolLeak, "driver unload", request->name(),
+                       "The driver has not deleted this request.");
+    }
+}
+
 void deleteDriver() {
     if (slot->loaded->driver != nullptr) {
+        requireNoRequests(*slot->loaded->driver);
         slot->loaded->driver->remove();
         slot->loaded->driver = nullptr;
         globals.Driver = nullptr;

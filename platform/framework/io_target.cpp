@@ -6,60 +6,84 @@ namespace framework {
 
 using kernel::KernelGuard;
 
-void IoTarget::enter(State state) {
-    KernelGuard guard;
-    if (state_ != State::Removed) {
-        state_ = state;
-    }
-}
-
 NTSTATUS IoTarget::start(const Call& call) {
     if (call.fault(kernel::FaultKind::TargetStart)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     std::deque<SentRequest*> waiting;
+    bool stopping = false;
     {
         KernelGuard guard;
-        if (state_ == State::Removed) {
+        if (state_ >= State::Removing) {
             return STATUS_INVALID_DEVICE_STATE;
         }
-        state_ = State::Started;
-        waiting.swap(waiting_);
-        sent_.insert(sent_.end(), waiting.begin(), waiting.end());
+        stopping = stopsUnderWay_ != 0;
+        if (!stopping) {
+            state_ = State::Started;
+            waiting.swap(waiting_);
+            sent_.insert(sent_.end(), waiting.begin(), waiting.end());
+        }
+    }
+    if (stopping) {
+        // The framework waits for the stop, for ever when the stop waits for this task, and cannot at
+        // DISPATCH_LEVEL.
+        call.fail(Rule::TargetState, this, "The target is started while it is being stopped.");
     }
     startReader();
     for (SentRequest* request : waiting) {
-        request->submit();
+        request->submitLate();
+    }
+    for (const Ref<IoTarget>& part : parts()) {
+        const NTSTATUS status = part->start(call);
+        if (!NT_SUCCESS(status)) {
+            return status;
+        }
     }
     return STATUS_SUCCESS;
 }
 
-void IoTarget::stop(WDF_IO_TARGET_SENT_IO_ACTION action) {
-    enter(State::Stopped);
-    stopReader();
-    if (action == WdfIoTargetLeaveSentIoPending) {
-        return;
+void IoTarget::stop(const Call& call, WDF_IO_TARGET_SENT_IO_ACTION action) {
+    requireStoppable(call);
+    {
+        KernelGuard guard;
+        stopsUnderWay_++;
+        if (state_ < State::Removing) {
+            state_ = State::Stopped;
+        }
     }
+    stopReader();
     if (action == WdfIoTargetCancelSentIo) {
         withdrawSent();
     }
-    waitUntilQuiet();
+    if (action != WdfIoTargetLeaveSentIoPending) {
+        waitForSent();
+    }
+    waitUntilIdle([this] { return readerIdleLocked(); });
+    {
+        KernelGuard guard;
+        stopsUnderWay_--;
+    }
+    for (const Ref<IoTarget>& part : parts()) {
+        part->stop(call, action);
+    }
 }
 
 void IoTarget::shutDown() {
-    enter(State::Removed);
-    stopReader();
     std::deque<SentRequest*> waiting;
     {
         KernelGuard guard;
+        state_ = std::max(state_, State::Removing);
         waiting.swap(waiting_);
         sent_.insert(sent_.end(), waiting.begin(), waiting.end());
     }
+    stopReader();
     for (SentRequest* request : waiting) {
-        request->finish({STATUS_CANCELLED, USBD_STATUS_CANCELED, 0});
+        request->finish({STATUS_WDF_DEVICE_REMOVED_NOT_SENT, USBD_STATUS_CANCELED, 0});
     }
     withdrawSent();
-    waitUntilQuiet();
+    waitUntilIdle([this] { return sent_.empty() && routines_ == 0 && readerIdleLocked(); });
+    KernelGuard guard;
+    state_ = State::Removed;
 }
 
 void IoTarget::withdrawSent() {
@@ -75,10 +99,25 @@ void IoTarget::withdrawSent() {
     }
 }
 
-void IoTarget::waitUntilQuiet() {
-    kernel::waitUntil(this, {"I/O target", this, nullptr}, kernel::kForever, [this] {
+void IoTarget::waitForSent() {
+    {
         KernelGuard guard;
-        return sent_.empty() && readerIdleLocked();
+        drainAwaited_ |= !sent_.empty();
+    }
+    waitUntilIdle([this] { return !drainAwaited_; });
+}
+
+template <typename Idle>
+void IoTarget::waitUntilIdle(Idle idle) {
+    {
+        KernelGuard guard;
+        if (idle()) {
+            return;
+        }
+    }
+    kernel::waitUntil(this, {"I/O target", this, nullptr}, kernel::kForever, [&idle] {
+        KernelGuard guard;
+        return idle();
     });
 }
 
@@ -88,7 +127,7 @@ void IoTarget::wakeWaiters() {
 
 IoTarget::Admission IoTarget::admit(SentRequest& request, bool ignoreState) {
     KernelGuard guard;
-    if (state_ == State::Removed) {
+    if (state_ == State::Removed || (state_ == State::Removing && !ignoreState)) {
         return Admission::Refuse;
     }
     if (state_ == State::Stopped && !ignoreState) {
@@ -110,13 +149,22 @@ bool IoTarget::withdrawWaiting(SentRequest& request) {
     return true;
 }
 
-void IoTarget::requestDone(SentRequest& request) {
+IoTarget::Completion::Completion(IoTarget& target, SentRequest& request) : target_(&target) {
+    KernelGuard guard;
+    target.sent_.erase(std::find(target.sent_.begin(), target.sent_.end(), &request));
+    target.routines_++;
+    endsDrain_ = target.drainAwaited_ && target.sent_.empty();
+}
+
+IoTarget::Completion::~Completion() {
     {
-        // A completion routine may have sent the request again, so only one of its entries is removed.
         KernelGuard guard;
-        sent_.erase(std::find(sent_.begin(), sent_.end(), &request));
+        target_->routines_--;
+        if (endsDrain_) {
+            target_->drainAwaited_ = false;
+        }
     }
-    wakeWaiters();
+    target_->wakeWaiters();
 }
 
 } // namespace framework
@@ -136,5 +184,5 @@ VOID WdfIoTargetStop(WDFIOTARGET IoTarget, WDF_IO_TARGET_SENT_IO_ACTION Action) 
     if (Action < WdfIoTargetCancelSentIo || Action > WdfIoTargetLeaveSentIoPending) {
         call.fail(framework::Rule::Argument, target.get(), "This is no action for sent requests.");
     }
-    target->stop(Action);
+    target->stop(call, Action);
 }

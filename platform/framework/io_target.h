@@ -1,8 +1,8 @@
 // I/O targets: the state that decides whether a request goes out, waits or is refused.
 //
-// Started: requests go out. Stopped: requests wait and go out at the next start, as the framework does it; a
-// time-out counts while they wait. Removed (the device has been removed): a send is refused with
-// STATUS_INVALID_DEVICE_STATE. WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE sends in Stopped, too.
+// Started: requests go out. Stopped: requests wait and go out at the next start. Removing and Removed: a send
+// is refused with STATUS_INVALID_DEVICE_STATE. WDF_REQUEST_SEND_OPTION_IGNORE_TARGET_STATE sends in all
+// states but the last.
 #pragma once
 
 #include "platform/framework/object.h"
@@ -25,8 +25,8 @@ class SentRequest : public Object {
   public:
     using Object::Object;
 
-    // Starts the request, ends it without a transfer, or cancels what was started.
-    virtual void submit() = 0;
+    // Starts the request after it waited, ends it without a transfer, or cancels what was started.
+    virtual void submitLate() = 0;
     virtual void finish(const TransferResult& result) = 0;
     virtual void withdraw(NTSTATUS reason) = 0;
 };
@@ -46,9 +46,12 @@ class IoTarget : public Object {
                                                           void* data, std::size_t size, Done done) = 0;
 
     NTSTATUS start(const Call& call);
-    void stop(WDF_IO_TARGET_SENT_IO_ACTION action);
 
-    // The device has been removed: withdraws everything and sends nothing any more.
+    // May return while the completion routines of requests still run that ended before the last one.
+    void stop(const Call& call, WDF_IO_TARGET_SENT_IO_ACTION action);
+
+    // The device has been removed: withdraws everything, waits for all completion routines, and sends nothing
+    // any more.
     void shutDown();
 
     enum class Admission : std::uint8_t { Submit, Wait, Refuse };
@@ -58,10 +61,26 @@ class IoTarget : public Object {
     // Takes a waiting request out; false when it does not wait here.
     bool withdrawWaiting(SentRequest& request);
 
-    // A request that was admitted has completed, its completion routine included.
-    void requestDone(SentRequest& request);
+    // From the end of an admitted request to the end of its completion routine. The request is no longer out
+    // when the routine begins, which may send it again.
+    class Completion {
+      public:
+        Completion(IoTarget& target, SentRequest& request);
+        ~Completion();
+        Completion(const Completion&) = delete;
+        Completion& operator=(const Completion&) = delete;
+
+      private:
+        const Ref<IoTarget> target_;
+        bool endsDrain_ = false; // the last one out, which a stop waits for
+    };
 
   protected:
+    // Targets that are started and stopped with this one.
+    virtual std::vector<Ref<IoTarget>> parts() const { return {}; }
+
+    virtual void requireStoppable(const Call&) const {}
+
     // What a target sends by itself, beside the driver's requests. `stopReader` does not wait.
     virtual void startReader() {}
     virtual void stopReader() {}
@@ -72,11 +91,12 @@ class IoTarget : public Object {
     void wakeWaiters();
 
   private:
-    enum class State : std::uint8_t { Started, Stopped, Removed };
+    enum class State : std::uint8_t { Started, Stopped, Removing, Removed };
 
     void withdrawSent();
-    void waitUntilQuiet();
-    void enter(State state);
+    void waitForSent();
+    template <typename Idle>
+    void waitUntilIdle(Idle idle); // which is called with the kernel lock held
 
     Device& device_;
 
@@ -84,6 +104,9 @@ class IoTarget : public Object {
     State state_ = State::Started;
     std::vector<SentRequest*> sent_; // each holds a reference of its own while it is out
     std::deque<SentRequest*> waiting_;
+    unsigned routines_ = 0;     // completions under way
+    bool drainAwaited_ = false; // a stop waits for the end of what was out
+    unsigned stopsUnderWay_ = 0;
 };
 
 } // namespace framework

@@ -32,10 +32,10 @@ Memory::~Memory() {
     }
 }
 
-NTSTATUS Memory::allocate(const Call& call, POOL_TYPE type, ULONG tag, std::size_t size,
+NTSTATUS Memory::allocate(std::string_view call, POOL_TYPE type, ULONG tag, std::size_t size,
                           Ref<Lookaside> lookaside, Memory*& memory) {
     const ULONG blockTag = effectiveTag(tag);
-    void* block = kernel::allocatePool(type, size, blockTag, call.name());
+    void* block = kernel::allocatePool(type, size, blockTag, call);
     if (block == nullptr) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
@@ -57,7 +57,7 @@ NTSTATUS createMemory(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     Memory* memory = nullptr;
-    status = Memory::allocate(call, type, tag, size, std::move(lookaside), memory);
+    status = Memory::allocate(call.name(), type, tag, size, std::move(lookaside), memory);
     if (!NT_SUCCESS(status)) {
         return status;
     }

@@ -22,7 +22,7 @@ class Memory final : public Object {
     std::size_t size() const { return size_; }
 
     // A pool block under a new memory object; the object without its place in the tree.
-    static NTSTATUS allocate(const Call& call, POOL_TYPE type, ULONG tag, std::size_t size,
+    static NTSTATUS allocate(std::string_view call, POOL_TYPE type, ULONG tag, std::size_t size,
                              Ref<Lookaside> lookaside, Memory*& memory);
 
   private:

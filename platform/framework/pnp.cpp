@@ -162,9 +162,9 @@ NTSTATUS callForAnswer(const char* name, Function* function, const Device& devic
 
 // The framework stops no continuous reader by itself. Other requests may be out: a driver's work that races
 // with the sleep is legal, and the requests end with their time-outs.
-void requireReadersStopped(const Device& device) {
+void requireReadersStopped(const Device& device, std::string_view callback) {
     for (const Ref<UsbDevice>& target : device.childrenOf<UsbDevice>(Kind::UsbDevice)) {
-        target->requireReadersStopped();
+        target->requireReadersStopped(callback);
     }
 }
 
@@ -195,6 +195,7 @@ NTSTATUS powerDown(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE 
     note(callIfSet("EvtDeviceD0ExitPreInterruptsDisabled", callbacks.EvtDeviceD0ExitPreInterruptsDisabled,
                    device, target));
     note(callIfSet("EvtDeviceD0Exit", callbacks.EvtDeviceD0Exit, device, target));
+    requireReadersStopped(device, "EvtDeviceD0Exit");
     return result;
 }
 
@@ -232,6 +233,7 @@ NTSTATUS powerUp(DevNode::State& node, Device& device, WDF_POWER_DEVICE_STATE pr
 void takeDown(DevNode::State& node, Device& device) {
     (void)powerDown(node, device, WdfPowerDeviceD3Final);
     (void)releaseHardware(node, device);
+    requireReadersStopped(device, "EvtDeviceReleaseHardware");
     for (const Ref<PacketQueue>& queue : device.queues()) {
         if (queue->powerManaged()) {
             queue->purge();
@@ -353,7 +355,6 @@ void DevNode::sleep() {
         return;
     }
     const NTSTATUS status = powerDown(*state_, *device, WdfPowerDeviceD3);
-    requireReadersStopped(*device);
     if (!NT_SUCCESS(status)) {
         fail(*state_, *device);
         return;

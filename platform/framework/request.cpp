@@ -37,6 +37,7 @@ void Request::reuse(const Call& call, NTSTATUS status) {
         if (!pending) {
             state_ = State::Idle;
             status_ = status;
+            cancelMarked_ = false;
             std::swap(target_, formerTarget);
         }
     }
@@ -46,6 +47,8 @@ void Request::reuse(const Call& call, NTSTATUS status) {
     format_ = {};
     routine_ = nullptr;
     routineContext_ = nullptr;
+    params_ = {};
+    usbParams_.reset();
 }
 
 void Request::requireFormattable(const Call& call) const {
@@ -100,10 +103,12 @@ void Request::setCompletionRoutine(PFN_WDF_REQUEST_COMPLETION_ROUTINE routine, W
 BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND_OPTIONS* options) {
     State state = State::Idle;
     bool sameTarget = false;
+    bool cancelMarked = false;
     {
         KernelGuard guard;
         state = state_;
         sameTarget = target_.get() == &target;
+        cancelMarked = cancelMarked_;
     }
     if (state == State::Sent) {
         call.fail(Rule::RequestPending, this, "The request is sent while it is out.");
@@ -114,9 +119,13 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
                   : state == State::Formatted ? "The request is formatted for another target."
                                               : "The request has not been formatted.");
     }
+    if (cancelMarked) {
+        call.fail(Rule::RequestCancelled, this,
+                  "The request was cancelled while it was not out and has not been reused since.");
+    }
     const ULONG flags = options != nullptr ? options->Flags : 0;
     kernel::Time deadline = kernel::kForever;
-    if ((flags & WDF_REQUEST_SEND_OPTION_TIMEOUT) != 0) {
+    if ((flags & WDF_REQUEST_SEND_OPTION_TIMEOUT) != 0 && options->Timeout != 0) {
         LARGE_INTEGER timeout;
         timeout.QuadPart = options->Timeout;
         deadline = kernel::deadlineOf(&timeout);
@@ -130,6 +139,7 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
         KernelGuard guard;
         state_ = State::Sent;
         synchronous_ = synchronous;
+        senderMayGoOn_ = false;
         deadline_ = deadline;
         submission_ = std::move(submission);
     }
@@ -148,11 +158,10 @@ BOOLEAN Request::send(const Call& call, IoTarget& target, const WDF_REQUEST_SEND
         startWaiting(deadline);
         break;
     }
-    if (!synchronous) {
-        return TRUE;
+    if (synchronous) {
+        waitForCompletion();
     }
-    waitForCompletion();
-    return NT_SUCCESS(status());
+    return TRUE;
 }
 
 // The completion routine of a refused request never runs; its status says why it was refused.
@@ -198,8 +207,19 @@ void Request::endWaiting() {
     }
 }
 
-void Request::submit() {
+// The framework does not set the timer of the waiting request again. A synchronous send times its own wait.
+void Request::submitLate() {
     endWaiting();
+    {
+        KernelGuard guard;
+        if (!synchronous_) {
+            deadline_ = kernel::kForever;
+        }
+    }
+    submit();
+}
+
+void Request::submit() {
     std::shared_ptr<Submission> submission;
     kernel::Time deadline = kernel::kForever;
     {
@@ -221,10 +241,12 @@ void Request::withdraw(NTSTATUS reason) {
     }
 }
 
+// The result says whether there was something to cancel, not how the request ends.
 BOOLEAN Request::cancel() {
     Ref<IoTarget> target;
     {
         KernelGuard guard;
+        cancelMarked_ = true;
         if (state_ != State::Sent) {
             return FALSE;
         }
@@ -232,34 +254,39 @@ BOOLEAN Request::cancel() {
     }
     if (target->withdrawWaiting(*this)) {
         finish({STATUS_CANCELLED, USBD_STATUS_CANCELED, 0});
-    } else {
-        withdraw(STATUS_CANCELLED);
+        return TRUE;
     }
-    return TRUE;
+    std::shared_ptr<Submission> submission;
+    {
+        KernelGuard guard;
+        submission = submission_;
+    }
+    return submission && submission->cancel(STATUS_CANCELLED) ? TRUE : FALSE;
 }
 
 void Request::prepareResult(const TransferResult& result) {
-    usbParams_ = {};
-    usbParams_.UsbdStatus = result.usbdStatus;
+    WDF_REQUEST_COMPLETION_PARAMS_INIT(&params_);
+    params_.Type = WdfRequestTypeUsb;
+    params_.IoStatus.Status = result.status;
+    usbParams_ = std::make_unique<WDF_USB_REQUEST_COMPLETION_PARAMS>();
+    usbParams_->UsbdStatus = result.usbdStatus;
     if (const auto* control = std::get_if<ControlFormat>(&format_)) {
-        auto& transfer = usbParams_.Parameters.DeviceControlTransfer;
-        usbParams_.Type = WdfUsbRequestTypeDeviceControlTransfer;
+        auto& transfer = usbParams_->Parameters.DeviceControlTransfer;
+        usbParams_->Type = WdfUsbRequestTypeDeviceControlTransfer;
         transfer.Buffer = control->memory ? control->memory->wdf() : nullptr;
         transfer.SetupPacket = control->setup;
         transfer.Length = result.actual;
+        params_.IoStatus.Information = result.actual;
     } else {
+        // The URB says how many bytes were moved. What the USB stack leaves in Information is its own affair.
         const auto& format = std::get<UrbFormat>(format_);
         auto* urb = reinterpret_cast<PURB>(static_cast<UCHAR*>(format.memory->buffer()) + format.offset);
         urb->UrbHeader.Status = result.usbdStatus;
         urb->UrbBulkOrInterruptTransfer.TransferBufferLength = result.actual;
-        usbParams_.Type = WdfUsbRequestTypeDeviceUrb;
-        usbParams_.Parameters.DeviceUrb.Buffer = format.memory->wdf();
+        usbParams_->Type = WdfUsbRequestTypeDeviceUrb;
+        usbParams_->Parameters.DeviceUrb.Buffer = format.memory->wdf();
     }
-    WDF_REQUEST_COMPLETION_PARAMS_INIT(&params_);
-    params_.Type = WdfRequestTypeUsb;
-    params_.IoStatus.Status = result.status;
-    params_.IoStatus.Information = result.actual;
-    params_.Parameters.Usb.Completion = &usbParams_;
+    params_.Parameters.Usb.Completion = usbParams_.get();
 }
 
 void Request::finish(const TransferResult& result) {
@@ -281,21 +308,28 @@ void Request::finish(const TransferResult& result) {
     }
     // A request that ended while it waited at its target gives its buffers back here.
     ended.reset();
-    // From here on the routine may reuse, send or delete the request.
-    if (synchronous) {
-        kernel::wakeChannel(this);
-    } else if (routine != nullptr) {
-        callDriver("EvtRequestCompletion", routine, wdf(), static_cast<WDFIOTARGET>(target->handle()),
-                   &params_, context);
+    {
+        const IoTarget::Completion completion(*target, *this);
+        // From here on the routine may reuse, send or delete the request.
+        if (routine != nullptr) {
+            callDriver("EvtRequestCompletion", routine, wdf(), static_cast<WDFIOTARGET>(target->handle()),
+                       &params_, context);
+        }
     }
-    target->requestDone(*this);
+    if (synchronous) {
+        {
+            KernelGuard guard;
+            senderMayGoOn_ = true;
+        }
+        kernel::wakeChannel(this);
+    }
     release();
 }
 
 void Request::waitForCompletion() {
     kernel::waitUntil(this, {"WdfRequestSend", this, nullptr}, kernel::kForever, [this] {
         KernelGuard guard;
-        return state_ == State::Completed;
+        return senderMayGoOn_;
     });
 }
 
@@ -370,10 +404,8 @@ NTSTATUS retrieveBuffer(const Call& call, WDFREQUEST handle, bool output, size_t
     const auto& control = location.Parameters.DeviceIoControl;
     *buffer = nullptr;
     const bool neither = METHOD_FROM_CTL_CODE(control.IoControlCode) == METHOD_NEITHER;
-    // With METHOD_NEITHER the addresses are the sender's own, so only a kernel-mode sender's may be used as
-    // they are; the other methods need buffers and MDLs that this machine's senders do not make.
-    if (location.MajorFunction != IRP_MJ_INTERNAL_DEVICE_CONTROL || !neither ||
-        irp->RequestorMode != KernelMode) {
+    // The other methods need buffers and MDLs that this machine's senders do not make.
+    if (location.MajorFunction != IRP_MJ_INTERNAL_DEVICE_CONTROL || !neither) {
         return STATUS_INVALID_DEVICE_REQUEST;
     }
     const size_t size = output ? control.OutputBufferLength : control.InputBufferLength;
@@ -396,12 +428,11 @@ NTSTATUS WdfRequestCreate(PWDF_OBJECT_ATTRIBUTES RequestAttributes, WDFIOTARGET 
         return STATUS_INVALID_PARAMETER;
     }
     *Request = nullptr;
-    Ref<framework::Object> defaultParent(&requireDriver(call));
     if (IoTarget != nullptr) {
-        defaultParent = Ref<framework::Object>(call.object<framework::IoTarget>(IoTarget).get());
+        (void)call.object<framework::IoTarget>(IoTarget); // It does not own the request.
     }
     Ref<framework::Request> request;
-    const NTSTATUS status = createObject(call, RequestAttributes, {}, defaultParent.get(), request,
+    const NTSTATUS status = createObject(call, RequestAttributes, {}, &requireDriver(call), request,
                                          [](framework::Object*) { return new framework::Request(); });
     if (NT_SUCCESS(status)) {
         *Request = request->wdf();
@@ -412,10 +443,8 @@ NTSTATUS WdfRequestCreate(PWDF_OBJECT_ATTRIBUTES RequestAttributes, WDFIOTARGET 
 NTSTATUS WdfRequestReuse(WDFREQUEST Request, PWDF_REQUEST_REUSE_PARAMS ReuseParams) {
     Call call("WdfRequestReuse", kDispatchLevel);
     auto request = call.object<framework::Request>(Request);
-    if (ReuseParams->Size != sizeof(WDF_REQUEST_REUSE_PARAMS)) {
-        return STATUS_INFO_LENGTH_MISMATCH;
-    }
-    if (ReuseParams->Flags != WDF_REQUEST_REUSE_NO_FLAGS || request->irp() != nullptr) {
+    if (ReuseParams->Size != sizeof(WDF_REQUEST_REUSE_PARAMS) ||
+        ReuseParams->Flags != WDF_REQUEST_REUSE_NO_FLAGS) {
         return STATUS_INVALID_PARAMETER;
     }
     request->reuse(call, ReuseParams->Status);

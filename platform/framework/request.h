@@ -42,7 +42,7 @@ class Request final : public SentRequest {
     void requireCompleted(const Call& call) const;
     void completionParams(WDF_REQUEST_COMPLETION_PARAMS& params) const;
 
-    void submit() override;
+    void submitLate() override;
     void finish(const TransferResult& result) override;
     void withdraw(NTSTATUS reason) override;
 
@@ -69,6 +69,7 @@ class Request final : public SentRequest {
     void setFormat(IoTarget& target, Format format);
     std::shared_ptr<Submission> makeSubmission(const Call& call, IoTarget& target);
     BOOLEAN refuse(NTSTATUS status);
+    void submit();
     void startWaiting(kernel::Time deadline);
     void waitingTimedOut();
     void endWaiting();
@@ -84,8 +85,10 @@ class Request final : public SentRequest {
     // Driver requests, guarded by the kernel lock.
     State state_ = State::Idle;
     NTSTATUS status_ = STATUS_SUCCESS;
-    Ref<IoTarget> target_; // formatted for
+    Ref<IoTarget> target_;      // formatted for
+    bool cancelMarked_ = false; // by a cancellation, until the next reuse
     bool synchronous_ = false;
+    bool senderMayGoOn_ = false; // of a synchronous request: its completion routine has returned
     kernel::Time deadline_ = 0;
     std::shared_ptr<Submission> submission_; // while out
     kernel::TimerId waitTimer_ = 0;          // while it waits at a stopped target; holds a reference
@@ -95,7 +98,7 @@ class Request final : public SentRequest {
     PFN_WDF_REQUEST_COMPLETION_ROUTINE routine_ = nullptr;
     WDFCONTEXT routineContext_ = nullptr;
     WDF_REQUEST_COMPLETION_PARAMS params_ = {};
-    WDF_USB_REQUEST_COMPLETION_PARAMS usbParams_ = {};
+    std::unique_ptr<WDF_USB_REQUEST_COMPLETION_PARAMS> usbParams_; // gone at the next reuse
 };
 
 } // namespace framework

@@ -64,7 +64,7 @@ void requireTransferMdl(const Call& call, const Object* object, const MDL* mdl) 
 
 UsbDevice::UsbDevice(Device& device) : IoTarget(Kind::UsbDevice, device) {}
 
-usb::Device& UsbDevice::host() {
+usb::Host& UsbDevice::host() {
     return device().host();
 }
 
@@ -237,13 +237,20 @@ NTSTATUS UsbDevice::selectConfig(const Call& call, const WDF_OBJECT_ATTRIBUTES* 
     return STATUS_SUCCESS;
 }
 
-void UsbDevice::requireReadersStopped() const {
+std::vector<Ref<IoTarget>> UsbDevice::parts() const {
+    std::vector<Ref<IoTarget>> parts;
     for (const UsbInterface* interface : interfaces_) {
         for (const Ref<UsbPipe>& pipe : interface->pipes()) {
-            if (!pipe->readerIdle()) {
-                verifier::fail(Rule::PnpOrder, "EvtDeviceD0Exit", pipe->name(),
-                               "The pipe's continuous reader still runs when the device has left D0.");
-            }
+            parts.emplace_back(pipe.get());
+        }
+    }
+    return parts;
+}
+
+void UsbDevice::requireReadersStopped(std::string_view callback) const {
+    for (const UsbInterface* interface : interfaces_) {
+        for (const Ref<UsbPipe>& pipe : interface->pipes()) {
+            pipe->requireReaderStopped(callback);
         }
     }
 }

@@ -5,6 +5,7 @@
 #include "platform/framework/memory.h"
 #include "platform/framework/usb_descriptors.h"
 #include "platform/framework/usb_submission.h"
+#include "platform/usb/host.h"
 
 #include <wdfusb.h>
 
@@ -33,6 +34,7 @@ class UsbPipe final : public IoTarget {
     UCHAR address() const { return endpoint_.bEndpointAddress; }
     bool isIn() const { return (address() & USB_ENDPOINT_DIRECTION_MASK) != 0; }
     usb::TransferType transferType() const;
+    usb::Time interval() const; // of an interrupt endpoint
     ULONG maximumPacketSize() const { return endpoint_.wMaxPacketSize & 0x7FFu; }
     WDF_USB_PIPE_INFORMATION information() const;
 
@@ -52,8 +54,8 @@ class UsbPipe final : public IoTarget {
     void skipPacketSizeCheck() { packetSizeCheck_ = false; }
     NTSTATUS configureReader(const Call& call, const WDF_USB_CONTINUOUS_READER_CONFIG& config);
 
-    // Nothing of the reader's is out or about to go out.
-    bool readerIdle() const;
+    // Fails with ReaderRunning while something of the reader's is out or about to go out.
+    void requireReaderStopped(std::string_view call) const;
 
     // For the reader, after something changed that a stop may be waiting for.
     void readerChanged() { wakeWaiters(); }
@@ -61,6 +63,7 @@ class UsbPipe final : public IoTarget {
   protected:
     bool driverMayDelete() const override { return false; }
     void dispose() override;
+    void requireStoppable(const Call& call) const override;
     void startReader() override;
     void stopReader() override;
     bool readerIdleLocked() const override;
@@ -132,7 +135,7 @@ class UsbDevice final : public IoTarget {
     explicit UsbDevice(Device& device);
 
     WDFUSBDEVICE wdf() const { return static_cast<WDFUSBDEVICE>(handle()); }
-    usb::Device& host();
+    usb::Host& host();
 
     // Reads the descriptors and makes the interfaces.
     NTSTATUS enumerate(const Call& call);
@@ -148,8 +151,8 @@ class UsbDevice final : public IoTarget {
     // Asks the device for a setting of one interface.
     NTSTATUS sendSelectInterface(const UsbInterface& interface, std::size_t setting);
 
-    // Fails with PnpOrder when a continuous reader runs: the device is out of D0.
-    void requireReadersStopped() const;
+    // After the callback in which the driver stops them at the latest.
+    void requireReadersStopped(std::string_view callback) const;
 
     std::shared_ptr<Submission> urbSubmission(const Call& call, const Object& request, const Memory& memory,
                                               std::size_t offset, Done done) override;
@@ -159,6 +162,9 @@ class UsbDevice final : public IoTarget {
     // Standard requests of the framework's own, with its time-outs. PASSIVE_LEVEL.
     NTSTATUS readFromDevice(UCHAR request, USHORT value, void* data, USHORT length);
     NTSTATUS changeDevice(UCHAR recipient, UCHAR request, USHORT value, USHORT index);
+
+  protected:
+    std::vector<Ref<IoTarget>> parts() const override;
 
   private:
     NTSTATUS readConfiguration();

@@ -73,6 +73,7 @@ void UsbInterface::dropPipes(const Call& call) {
             call.fail(Rule::UsbPipeHandle, pipe.get(),
                       "The pipe is selected anew while transfers are out on it.");
         }
+        pipe->requireReaderStopped(call.name());
     }
     Pipes old;
     {

@@ -3,6 +3,8 @@
 #include "platform/framework/usb_device.h"
 #include "platform/framework/usb_reader.h"
 
+#include <algorithm>
+
 namespace framework {
 
 using kernel::KernelGuard;
@@ -52,6 +54,14 @@ usb::TransferType UsbPipe::transferType() const {
     return (endpoint_.bmAttributes & USB_ENDPOINT_TYPE_MASK) == USB_ENDPOINT_TYPE_INTERRUPT
                ? usb::TransferType::Interrupt
                : usb::TransferType::Bulk;
+}
+
+// USB 2.0, table 9-13; the same at SuperSpeed.
+usb::Time UsbPipe::interval() const {
+    constexpr usb::Time kMicroframe = 125 * usb::kMicrosecond;
+    constexpr UCHAR kMaximum = 16;
+    const UCHAR exponent = std::clamp<UCHAR>(endpoint_.bInterval, 1, kMaximum);
+    return kMicroframe << (exponent - 1);
 }
 
 WDF_USB_PIPE_INFORMATION UsbPipe::information() const {
@@ -136,15 +146,35 @@ NTSTATUS UsbPipe::configureReader(const Call& call, const WDF_USB_CONTINUOUS_REA
     if (call.fault(kernel::FaultKind::Creation)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    auto reader = std::make_unique<Reader>(*this, config);
-    const NTSTATUS status = reader->prepare(call);
-    if (NT_SUCCESS(status)) {
-        reader_ = std::move(reader);
+    reader_ = std::make_unique<Reader>(*this, config);
+    return STATUS_SUCCESS;
+}
+
+void UsbPipe::requireReaderStopped(std::string_view call) const {
+    bool idle = false;
+    {
+        KernelGuard guard;
+        idle = readerIdleLocked();
     }
-    return status;
+    if (!idle) {
+        verifier::fail(Rule::ReaderRunning, call, name(), "The pipe's continuous reader still runs.");
+    }
+}
+
+void UsbPipe::requireStoppable(const Call& call) const {
+    if (!reader_) {
+        return;
+    }
+    // The reads are waited for, whatever becomes of other requests.
+    verifier::requireIrql(call.name(), kernel::kPassiveLevel);
+    if (reader_->recoversHere()) {
+        call.fail(Rule::TargetState, this,
+                  "The readers-failed callback stops its pipe, for which the stop waits.");
+    }
 }
 
 void UsbPipe::dispose() {
+    requireReaderStopped("removal of a pipe");
     IoTarget::dispose();
     if (reader_) {
         reader_->dropBuffers();
@@ -167,17 +197,11 @@ bool UsbPipe::readerIdleLocked() const {
     return !reader_ || reader_->idleLocked();
 }
 
-bool UsbPipe::readerIdle() const {
-    KernelGuard guard;
-    return readerIdleLocked();
-}
-
 } // namespace framework
 
 using framework::Call;
 using framework::Rule;
 using kernel::kDispatchLevel;
-using kernel::kPassiveLevel;
 
 VOID WdfUsbTargetPipeGetInformation(WDFUSBPIPE Pipe, PWDF_USB_PIPE_INFORMATION PipeInformation) {
     Call call("WdfUsbTargetPipeGetInformation", kDispatchLevel);
@@ -194,7 +218,7 @@ VOID WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(WDFUSBPIPE Pipe) {
 }
 
 NTSTATUS WdfUsbTargetPipeConfigContinuousReader(WDFUSBPIPE Pipe, PWDF_USB_CONTINUOUS_READER_CONFIG Config) {
-    Call call("WdfUsbTargetPipeConfigContinuousReader", kPassiveLevel);
+    Call call("WdfUsbTargetPipeConfigContinuousReader", kDispatchLevel);
     return call.object<framework::UsbPipe>(Pipe)->configureReader(call, *Config);
 }
 

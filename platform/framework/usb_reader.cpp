@@ -1,6 +1,10 @@
 #include "platform/framework/usb_reader.h"
 
+#include "platform/framework/device.h"
 #include "platform/kernel/driver_call.h"
+
+#include <algorithm>
+#include <cstring>
 
 namespace framework {
 
@@ -10,34 +14,20 @@ using kernel::KernelGuard;
 namespace {
 
 constexpr UCHAR kDefaultReads = 2;
+constexpr UCHAR kMaximumReads = 10;
 constexpr ULONG kReaderTag = 0x64525846; // "FXRd"
+
+std::size_t readCount(UCHAR wanted) {
+    return wanted == 0 ? kDefaultReads : std::min(wanted, kMaximumReads);
+}
 
 } // namespace
 
 Reader::Reader(UsbPipe& pipe, const WDF_USB_CONTINUOUS_READER_CONFIG& config)
-    : pipe_(pipe), config_(config),
-      reads_(config.NumPendingReads != 0 ? config.NumPendingReads : kDefaultReads) {
+    : pipe_(pipe), config_(config), reads_(readCount(config.NumPendingReads)) {
     if (config.BufferAttributes != nullptr) {
         bufferAttributes_ = *config.BufferAttributes;
     }
-}
-
-NTSTATUS Reader::prepare(const Call& call) {
-    for (Read& read : reads_) {
-        Memory* memory = nullptr;
-        const std::size_t size = config_.HeaderLength + config_.TransferLength + config_.TrailerLength;
-        NTSTATUS status = Memory::allocate(call, NonPagedPoolNx, kReaderTag, size, {}, memory);
-        if (!NT_SUCCESS(status)) {
-            return status;
-        }
-        status = adoptObject(*memory, &pipe_, bufferAttributes_ ? &*bufferAttributes_ : nullptr);
-        if (!NT_SUCCESS(status)) {
-            memory->release();
-            return status;
-        }
-        read.buffer = Ref<Memory>(memory);
-    }
-    return STATUS_SUCCESS;
 }
 
 void Reader::start() {
@@ -50,29 +40,25 @@ void Reader::start() {
         running_ = true;
         out_ = static_cast<unsigned>(reads_.size());
     }
-    for (Read& read : reads_) {
-        submit(read);
-    }
+    submitAll();
 }
 
 void Reader::stop() {
-    std::vector<std::shared_ptr<Submission>> submissions;
     {
         KernelGuard guard;
         running_ = false;
-        for (const Read& read : reads_) {
-            if (read.submission) {
-                submissions.push_back(read.submission);
-            }
-        }
     }
-    for (const auto& submission : submissions) {
-        submission->cancel(STATUS_CANCELLED);
-    }
+    cancelReads();
 }
 
 bool Reader::idleLocked() const {
     return out_ == 0 && !recovering_;
+}
+
+bool Reader::recoversHere() const {
+    const kernel::Task* self = &kernel::currentTask();
+    KernelGuard guard;
+    return asking_ == self;
 }
 
 void Reader::dropBuffers() {
@@ -81,13 +67,43 @@ void Reader::dropBuffers() {
     }
 }
 
+void Reader::submitAll() {
+    for (Read& read : reads_) {
+        submit(read);
+    }
+}
+
+// Every submission has memory of its own. That of the one before ends here, unless the driver refers to it.
+bool Reader::renewBuffer(Read& read) {
+    if (const Ref<Memory> last = std::exchange(read.buffer, {})) {
+        last->remove();
+    }
+    const std::size_t size = config_.HeaderLength + config_.TransferLength + config_.TrailerLength;
+    Memory* memory = nullptr;
+    if (!NT_SUCCESS(Memory::allocate("continuous reader", NonPagedPoolNx, kReaderTag, size, {}, memory))) {
+        return false;
+    }
+    std::memset(memory->buffer(), 0, size);
+    if (!NT_SUCCESS(adoptObject(*memory, &pipe_, bufferAttributes_ ? &*bufferAttributes_ : nullptr))) {
+        memory->release();
+        return false;
+    }
+    read.buffer = Ref<Memory>(memory);
+    return true;
+}
+
 void Reader::submit(Read& read) {
+    if (!renewBuffer(read)) {
+        endRead({STATUS_INSUFFICIENT_RESOURCES, USBD_STATUS_SUCCESS, 0}, false);
+        return;
+    }
     auto submission = std::make_shared<Submission>(
         pipe_.usbDevice().host(), "continuous reader",
         [this, &read](const TransferResult& result) { completed(read, result); });
     usb::Transfer& transfer = submission->transfer();
     transfer.type = pipe_.transferType();
     transfer.endpoint = pipe_.address();
+    transfer.interval = pipe_.interval();
     transfer.data = {static_cast<std::uint8_t*>(read.buffer->buffer()) + config_.HeaderLength,
                      config_.TransferLength};
     submission->use(transfer.data.data(), transfer.data.size(), "continuous reader");
@@ -115,27 +131,36 @@ void Reader::completed(Read& read, const TransferResult& result) {
         ended = std::move(read.submission);
     }
     pipe_.noteResult(result);
-    if (NT_SUCCESS(result.status)) {
+    const bool succeeded = NT_SUCCESS(result.status);
+    if (succeeded) {
         callDriver("EvtUsbTargetPipeReadComplete", config_.EvtUsbTargetPipeReadComplete, pipe_.wdf(),
                    read.buffer->wdf(), size_t{result.actual}, config_.EvtUsbTargetPipeReadCompleteContext);
     }
     bool again = false;
-    bool recover = false;
     {
         KernelGuard guard;
-        again = running_ && !recovering_ && NT_SUCCESS(result.status);
-        if (!again) {
-            out_--;
-            recover = running_ && !recovering_;
-            if (recover) {
-                recovering_ = true;
-                failure_ = result;
-            }
-        }
+        again = succeeded && running_ && !recovering_;
     }
     if (again) {
         submit(read);
-        return;
+    } else {
+        // A read that was cancelled, by whatever it was, ends in silence until the next stop and start.
+        endRead(result, !succeeded && result.status != STATUS_CANCELLED);
+    }
+}
+
+// A read is down. One that found no memory does not call for a recovery until all are down.
+void Reader::endRead(const TransferResult& result, bool recovers) {
+    bool recover = false;
+    {
+        KernelGuard guard;
+        out_--;
+        const bool lastWithoutMemory = result.status == STATUS_INSUFFICIENT_RESOURCES && out_ == 0;
+        recover = running_ && !recovering_ && (recovers || lastWithoutMemory);
+        if (recover) {
+            recovering_ = true;
+            failure_ = result;
+        }
     }
     if (recover) {
         kernel::queueWork("continuous reader", [this] { this->recover(); });
@@ -143,16 +168,10 @@ void Reader::completed(Read& read, const TransferResult& result) {
     pipe_.readerChanged();
 }
 
-// As the framework recovers by default: when the remaining reads have completed, the driver is asked, the
-// pipe is reset and all reads are sent again. A device that has been removed, or a reset that fails, ends the
-// reader until the next start of the target.
-void Reader::recover() {
-    const Ref<UsbPipe> pin(&pipe_);
+void Reader::cancelReads() {
     std::vector<std::shared_ptr<Submission>> submissions;
-    TransferResult failure;
     {
         KernelGuard guard;
-        failure = failure_;
         for (const Read& read : reads_) {
             if (read.submission) {
                 submissions.push_back(read.submission);
@@ -162,16 +181,47 @@ void Reader::recover() {
     for (const auto& submission : submissions) {
         submission->cancel(STATUS_CANCELLED);
     }
+}
+
+// Asks the driver, then the port.
+bool Reader::isWorthRepeating(const TransferResult& failure) {
+    if (config_.EvtUsbTargetPipeReadersFailed != nullptr) {
+        {
+            KernelGuard guard;
+            asking_ = &kernel::currentTask();
+        }
+        const BOOLEAN wanted =
+            callDriver("EvtUsbTargetPipeReadersFailed", config_.EvtUsbTargetPipeReadersFailed, pipe_.wdf(),
+                       failure.status, failure.usbdStatus);
+        {
+            KernelGuard guard;
+            asking_ = nullptr;
+        }
+        if (wanted == FALSE) {
+            return false;
+        }
+    }
+    return pipe_.device().host().connected();
+}
+
+// When the remaining reads have completed and neither driver nor port object, the pipe is reset and all reads
+// are sent again, whether or not the reset worked, and as often as it takes.
+void Reader::recover() {
+    const Ref<UsbPipe> pin(&pipe_);
+    cancelReads();
     kernel::waitUntil(&pipe_, {"continuous reader", &pipe_, nullptr}, kernel::kForever, [this] {
         KernelGuard guard;
         return out_ == 0;
     });
-    bool again = true;
-    if (config_.EvtUsbTargetPipeReadersFailed != nullptr) {
-        again = callDriver("EvtUsbTargetPipeReadersFailed", config_.EvtUsbTargetPipeReadersFailed,
-                           pipe_.wdf(), failure.status, failure.usbdStatus) != FALSE;
+    TransferResult failure;
+    {
+        KernelGuard guard;
+        failure = failure_;
     }
-    again = again && failure.usbdStatus != USBD_STATUS_DEVICE_GONE && NT_SUCCESS(pipe_.reset());
+    bool again = isWorthRepeating(failure);
+    if (again) {
+        (void)pipe_.reset();
+    }
     {
         KernelGuard guard;
         recovering_ = false;
@@ -180,9 +230,7 @@ void Reader::recover() {
         out_ = again ? static_cast<unsigned>(reads_.size()) : 0;
     }
     if (again) {
-        for (Read& read : reads_) {
-            submit(read);
-        }
+        submitAll();
     }
     pipe_.readerChanged();
 }

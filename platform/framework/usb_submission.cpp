@@ -8,6 +8,13 @@ namespace framework {
 
 using kernel::KernelGuard;
 
+namespace {
+
+// An error on the wire has used up all tries before the host gives up.
+constexpr kernel::Time kErrorTime = base::kMillisecond;
+
+} // namespace
+
 Submission::Submission(usb::Device& host, std::string_view what,
                        std::function<void(const TransferResult&)> done)
     : host_(host), what_(what), done_(std::move(done)) {}
@@ -33,7 +40,7 @@ void Submission::start(kernel::Time deadline) {
     transfer_.complete = [self](usb::Transfer&) { self->completed(); };
     if (kernel::faultPoint(kernel::FaultKind::Transfer, what_)) {
         transfer_.status = usb::Status::Error;
-        completed();
+        kernel::startTimer(kernel::now() + kErrorTime, [self] { self->completed(); });
         return;
     }
     if (deadline != kernel::kForever) {
@@ -55,19 +62,20 @@ void Submission::start(kernel::Time deadline) {
     }
 }
 
-void Submission::cancel(NTSTATUS reason) {
+bool Submission::cancel(NTSTATUS reason) {
     {
         KernelGuard guard;
         if (finished_) {
-            return;
+            return false;
         }
         cancelReason_ = reason;
         if (!submitted_) {
             cancelWanted_ = true;
-            return;
+            return true;
         }
     }
     host_.cancel(transfer_);
+    return true;
 }
 
 void Submission::completed() {

@@ -44,8 +44,8 @@ class Submission : public std::enable_shared_from_this<Submission> {
     void start(kernel::Time deadline);
 
     // Withdraws the transfer; unless it completes by itself first, it ends with `reason`. Before `start` it
-    // takes effect there.
-    void cancel(NTSTATUS reason);
+    // takes effect there. False when it has completed.
+    bool cancel(NTSTATUS reason);
 
   private:
     void completed();

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstring>
 #include <limits>
 
@@ -43,7 +44,7 @@ NTSTATUS WdfUsbTargetDeviceCreate(WDFDEVICE Device, PWDF_OBJECT_ATTRIBUTES Attri
 
 NTSTATUS WdfUsbTargetDeviceRetrieveInformation(WDFUSBDEVICE UsbDevice,
                                                PWDF_USB_DEVICE_INFORMATION Information) {
-    Call call("WdfUsbTargetDeviceRetrieveInformation", kPassiveLevel);
+    Call call("WdfUsbTargetDeviceRetrieveInformation", kDispatchLevel);
     auto device = call.object<framework::UsbDevice>(UsbDevice);
     if (Information->Size != sizeof(WDF_USB_DEVICE_INFORMATION)) {
         return STATUS_INFO_LENGTH_MISMATCH;
@@ -54,7 +55,7 @@ NTSTATUS WdfUsbTargetDeviceRetrieveInformation(WDFUSBDEVICE UsbDevice,
 
 VOID WdfUsbTargetDeviceGetDeviceDescriptor(WDFUSBDEVICE UsbDevice,
                                            PUSB_DEVICE_DESCRIPTOR UsbDeviceDescriptor) {
-    Call call("WdfUsbTargetDeviceGetDeviceDescriptor", kDispatchLevel);
+    Call call("WdfUsbTargetDeviceGetDeviceDescriptor", kPassiveLevel);
     *UsbDeviceDescriptor = call.object<framework::UsbDevice>(UsbDevice)->descriptor();
 }
 
@@ -65,11 +66,11 @@ NTSTATUS WdfUsbTargetDeviceRetrieveConfigDescriptor(WDFUSBDEVICE UsbDevice, PVOI
     const auto& configuration = device->configuration();
     const USHORT room = *ConfigDescriptorLength;
     *ConfigDescriptorLength = static_cast<USHORT>(configuration.size());
-    if (ConfigDescriptor == nullptr || room < configuration.size()) {
+    if (ConfigDescriptor == nullptr) {
         return STATUS_BUFFER_TOO_SMALL;
     }
-    std::memcpy(ConfigDescriptor, configuration.data(), configuration.size());
-    return STATUS_SUCCESS;
+    std::memcpy(ConfigDescriptor, configuration.data(), std::min<std::size_t>(room, configuration.size()));
+    return room < configuration.size() ? STATUS_BUFFER_TOO_SMALL : STATUS_SUCCESS;
 }
 
 UCHAR WdfUsbTargetDeviceGetNumInterfaces(WDFUSBDEVICE UsbDevice) {
@@ -121,7 +122,7 @@ NTSTATUS resolve(const Call& call, const WDF_MEMORY_DESCRIPTOR* descriptor, Buff
         if (const WDFMEMORY_OFFSET* offsets = descriptor->u.HandleType.Offsets; offsets != nullptr) {
             if (offsets->BufferOffset > memory->size() ||
                 offsets->BufferLength > memory->size() - offsets->BufferOffset) {
-                return STATUS_BUFFER_TOO_SMALL;
+                return STATUS_INTEGER_OVERFLOW;
             }
             offset = offsets->BufferOffset;
             length = offsets->BufferLength != 0 ? offsets->BufferLength : memory->size() - offset;
@@ -178,8 +179,10 @@ NTSTATUS WdfUsbTargetDeviceSendControlTransferSynchronously(WDFUSBDEVICE UsbDevi
         request = call.object<framework::Request>(Request);
         request->requireFormattable(call);
     }
-    SetupPacket->Packet.wLength = static_cast<USHORT>(buffer.size);
-    request->formatForControl(*device, *SetupPacket, buffer.data, buffer.size, buffer.memory);
+    WDF_USB_CONTROL_SETUP_PACKET setup = *SetupPacket;
+    setup.Packet.wLength = static_cast<USHORT>(buffer.size);
+    request->formatForControl(*device, setup, buffer.data, buffer.size, buffer.memory);
+    request->setCompletionRoutine(nullptr, nullptr); // One that the driver has set is not called.
     WDF_REQUEST_COMPLETION_PARAMS params = {};
     request->send(call, *device, &options);
     request->completionParams(params);
@@ -201,8 +204,11 @@ NTSTATUS WdfUsbTargetDeviceFormatRequestForUrb(WDFUSBDEVICE UsbDevice, WDFREQUES
     auto memory = call.object<framework::Memory>(UrbMemory);
     request->requireFormattable(call);
     const std::size_t offset = UrbMemoryOffset != nullptr ? UrbMemoryOffset->BufferOffset : 0;
-    if (offset > memory->size() || memory->size() - offset < sizeof(_URB_HEADER)) {
-        return STATUS_BUFFER_TOO_SMALL;
+    if (offset > memory->size()) {
+        return STATUS_INTEGER_OVERFLOW;
+    }
+    if (memory->size() - offset < sizeof(_URB_HEADER)) {
+        return STATUS_INVALID_PARAMETER;
     }
     if (call.fault(kernel::FaultKind::Allocation)) {
         return STATUS_INSUFFICIENT_RESOURCES;

@@ -2,6 +2,8 @@
 // host and the device (link timing, capture, faults) is a `Device` that wraps another.
 #pragma once
 
+#include "platform/usb/clock.h"
+
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -34,6 +36,7 @@ struct Transfer {
     TransferType type = TransferType::Control;
     std::uint8_t endpoint = 0;       // address, bit 7 set for IN; 0 for the default pipe
     SetupPacket setup;               // control transfers only
+    Time interval = 0;               // interrupt transfers only: the host asks the endpoint once in this time
     std::span<std::uint8_t> data;    // OUT: the bytes to send; IN: where to put them; may be empty
     Status status = Status::Success; // result
     std::uint32_t actual = 0;        // result: bytes moved, at most data.size()

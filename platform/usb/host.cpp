@@ -89,6 +89,7 @@ struct Host::State : std::enable_shared_from_this<State> {
             kernel::KernelGuard guard;
             passage.done = true;
             inside = passage.submitting;
+            gone |= transfer.status == Status::Gone;
         }
         if (inside && inlineCompletion == InlineCompletion::Explored && kernel::choose(2) == 1) {
             completeTransfer(transfer);
@@ -178,6 +179,11 @@ void Host::cancel(Transfer& transfer) {
 void Host::disconnect() {
     kernel::PlatformCall call;
     state_->disconnect();
+}
+
+bool Host::connected() const {
+    kernel::KernelGuard guard;
+    return !state_->gone;
 }
 
 void Host::resume() {

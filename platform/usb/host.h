@@ -36,6 +36,9 @@ class Host final : public Device {
     void cancel(Transfer& transfer) override;
     void disconnect() override; // the cable is pulled
 
+    // What the port says. A device that answers that it is gone has left the port.
+    bool connected() const;
+
     // Selective suspend of the port while the device is not in D0: transfers that arrive wait (until
     // cancelled or timed out) and start when the port resumes.
     void suspend();

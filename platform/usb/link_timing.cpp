@@ -13,7 +13,7 @@
 // move as soon as the device has taken the last one, so that a host that keeps two transfers in flight keeps
 // the link busy, and a device that does not answer delays all later transfers. Latency and bytes of a control
 // transfer pass before the device sees it, one transfer at a time. An interrupt transfer waits at the device
-// for a report, which then takes the latency.
+// for a report, for which the host asks at the endpoint's interval and which then takes the latency.
 
 namespace usb {
 
@@ -186,11 +186,19 @@ struct LinkTiming::State : std::enable_shared_from_this<State> {
             startNext(*lane);
         }
         const bool answered = transfer.status != Status::Gone && transfer.status != Status::Cancelled;
-        if (lane == &control || !answered || latency == 0) {
+        const Time due = nextAsked(transfer) + latency;
+        if (lane == &control || !answered || due == clock.now()) {
             completeTransfer(transfer);
         } else {
-            clock.schedule(clock.now() + latency, [item] { completeTransfer(*item->transfer); });
+            clock.schedule(due, [item] { completeTransfer(*item->transfer); });
         }
+    }
+
+    // When the host asks the endpoint the next time.
+    Time nextAsked(const Transfer& transfer) const {
+        const Time now = clock.now();
+        const Time interval = transfer.interval;
+        return interval == 0 ? now : (now + interval - 1) / interval * interval;
     }
 
     // Removes a transfer whose data has not all moved; the device never receives it. Kernel lock held.

@@ -7,22 +7,24 @@ namespace verifier {
 
 namespace {
 
-constexpr std::array kRuleNames = {"IrqlTooHigh",     "IrqlChanged",
-                                   "LockLeftHeld",    "CriticalRegion",
-                                   "WaitAtDispatch",  "LockOrder",
-                                   "LockRecursion",   "LockOwner",
-                                   "LockLifetime",    "RequestNotFormatted",
-                                   "RequestPending",  "RequestCompletedTwice",
-                                   "BufferLifetime",  "BufferTooShort",
-                                   "HandleStale",     "HandleDeletedTwice",
-                                   "UseAfterRemoval", "ObjectTree",
-                                   "PoolTag",         "PoolOverrun",
-                                   "PoolFreedTwice",  "PoolLeak",
-                                   "UsbTarget",       "UsbPipeHandle",
-                                   "PnpOrder",        "PnpStatus",
-                                   "CallbackObject",  "ThreadLeak",
-                                   "ListCorruption",  "Argument",
-                                   "Deadlock",        "StepLimit"};
+constexpr std::array kRuleNames = {"IrqlTooHigh",        "IrqlChanged",
+                                   "LockLeftHeld",       "CriticalRegion",
+                                   "WaitAtDispatch",     "LockOrder",
+                                   "LockRecursion",      "LockOwner",
+                                   "LockLifetime",       "RequestNotFormatted",
+                                   "RequestPending",     "RequestCompletedTwice",
+                                   "RequestCancelled",   "TargetState",
+                                   "ReaderRunning",      "BufferLifetime",
+                                   "BufferTooShort",     "HandleStale",
+                                   "HandleDeletedTwice", "UseAfterRemoval",
+                                   "ObjectTree",         "PoolTag",
+                                   "PoolOverrun",        "PoolFreedTwice",
+                                   "PoolLeak",           "UsbTarget",
+                                   "UsbPipeHandle",      "PnpOrder",
+                                   "PnpStatus",          "CallbackObject",
+                                   "ThreadLeak",         "ListCorruption",
+                                   "Argument",           "Deadlock",
+                                   "StepLimit"};
 static_assert(kRuleNames.size() == kRuleCount);
 
 // Written by the thread that creates and destroys the scheduler, while no task runs.

@@ -25,7 +25,10 @@ enum class Rule : std::uint8_t {
     RequestNotFormatted,
     RequestPending, // a request sent, reused or formatted while it is pending
     RequestCompletedTwice,
-    BufferLifetime, // a buffer, MDL or URB freed while a transfer uses it
+    RequestCancelled, // a request sent that was cancelled before, without a reuse
+    TargetState,      // a target started while it is being stopped, or stopped by its own recovery
+    ReaderRunning,    // a continuous reader that runs on when its pipe goes or the device leaves D0
+    BufferLifetime,   // a buffer, MDL or URB freed while a transfer uses it
     BufferTooShort,
     HandleStale, // a handle of a deleted object, or of another type
     HandleDeletedTwice,

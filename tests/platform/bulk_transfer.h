@@ -70,9 +70,7 @@ struct BulkTransfer {
         EXPECT_EQ(format(target, length), STATUS_SUCCESS);
         WDF_REQUEST_SEND_OPTIONS options;
         WDF_REQUEST_SEND_OPTIONS_INIT(&options, 0);
-        if (timeout != 0) {
-            WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, timeout);
-        }
+        WDF_REQUEST_SEND_OPTIONS_SET_TIMEOUT(&options, timeout); // none when it is 0
         return WdfRequestSend(request, WdfUsbTargetDeviceGetIoTarget(target.usb), &options);
     }
 

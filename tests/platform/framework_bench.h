@@ -84,8 +84,8 @@ class SmallDevice final : public usb::Device {
         });
     }
 
-    // Ends the oldest read.
-    void failRead(usb::Status status) {
+    // Ends the oldest read without a report.
+    void endRead(usb::Status status) {
         change([&](Ended& ended) {
             ended.push_back({reads.front(), status, 0});
             reads.erase(reads.begin());
@@ -421,13 +421,17 @@ struct Target {
     WDFUSBPIPE reports = nullptr;
 
     NTSTATUS create(WDFDEVICE device) {
-        NTSTATUS status = WdfUsbTargetDeviceCreate(device, WDF_NO_OBJECT_ATTRIBUTES, &usb);
+        const NTSTATUS status = WdfUsbTargetDeviceCreate(device, WDF_NO_OBJECT_ATTRIBUTES, &usb);
         if (!NT_SUCCESS(status)) {
             return status;
         }
+        return selectConfig();
+    }
+
+    NTSTATUS selectConfig() {
         WDF_USB_DEVICE_SELECT_CONFIG_PARAMS params;
         WDF_USB_DEVICE_SELECT_CONFIG_PARAMS_INIT_MULTIPLE_INTERFACES(&params, 0, nullptr);
-        status = WdfUsbTargetDeviceSelectConfig(usb, WDF_NO_OBJECT_ATTRIBUTES, &params);
+        const NTSTATUS status = WdfUsbTargetDeviceSelectConfig(usb, WDF_NO_OBJECT_ATTRIBUTES, &params);
         if (NT_SUCCESS(status)) {
             findPipes();
         }

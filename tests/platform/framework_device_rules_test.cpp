@@ -28,6 +28,13 @@ void loadFails(World& world, const Body& body) {
         [&] { EXPECT_EQ(world.bench.machine().loadDriver(callbacks::driverEntry), STATUS_UNSUCCESSFUL); });
 }
 
+// The body has the start of the device fail.
+void startFails(World& world, const Body& body) {
+    body(world);
+    world.bench.run(
+        [&] { EXPECT_EQ(world.bench.machine().startStatus(world.bench.plug()), STATUS_UNSUCCESSFUL); });
+}
+
 std::vector<FrameworkCase> deviceCases() {
     const Body createTarget = [](World& world) {
         EXPECT_EQ(world.target.create(world.device()), STATUS_SUCCESS);
@@ -145,16 +152,60 @@ std::vector<FrameworkCase> deviceCases() {
              };
          },
          callbacksOnly, useInitInTime},
-        {Rule::PnpOrder, "a reader that runs on when the device leaves D0", callbacksAndSleep,
+        {Rule::ReaderRunning, "a reader that runs on when the device leaves D0", callbacksAndSleep,
          [](World& world) { world.startReaderInPrepare(); }, callbacksAndSleep,
+         [](World& world) { world.startAndStopReader(); }},
+        {Rule::ReaderRunning, "a reader that runs on when the device is removed", callbacksOnly,
+         [](World& world) { world.startReaderInPrepare(); }, callbacksOnly,
+         [](World& world) { world.startAndStopReader(); }},
+        {Rule::ReaderRunning, "a reader that runs on when the start has failed", startFails,
          [](World& world) {
              world.startReaderInPrepare();
-             world.bench.driver.selfManagedIoSuspend = [&world](WDFDEVICE) {
+             world.bench.driver.d0Entry = [](WDFDEVICE) { return STATUS_UNSUCCESSFUL; };
+         },
+         startFails,
+         [](World& world) {
+             world.startReaderInPrepare();
+             world.bench.driver.d0Entry = [&world](WDFDEVICE) {
                  WdfIoTargetStop(world.reportsIo(), WdfIoTargetCancelSentIo);
+                 return STATUS_UNSUCCESSFUL;
              };
-             world.bench.driver.selfManagedIoRestart = [&world](WDFDEVICE) {
-                 return WdfIoTargetStart(world.reportsIo());
+         }},
+        {Rule::ReaderRunning, "a reader that runs on when its pipe is selected anew", runWithReader,
+         [](World& world) { (void)world.target.selectConfig(); }, runWithReader,
+         [](World& world) {
+             WdfIoTargetStop(world.reportsIo(), WdfIoTargetCancelSentIo);
+             EXPECT_EQ(world.target.selectConfig(), STATUS_SUCCESS);
+         }},
+        {Rule::TargetState, "a readers-failed callback that stops its pipe", runWithReader,
+         [](World& world) {
+             world.readersFailed = [](WDFUSBPIPE pipe, NTSTATUS, USBD_STATUS) -> BOOLEAN {
+                 WdfIoTargetStop(WdfUsbTargetPipeGetIoTarget(pipe), WdfIoTargetCancelSentIo);
+                 return FALSE;
              };
+             world.bench.device.endRead(usb::Status::Error);
+             world.settle();
+         },
+         runWithReader,
+         [](World& world) {
+             world.readersFailed = [](WDFUSBPIPE, NTSTATUS, USBD_STATUS) -> BOOLEAN { return FALSE; };
+             world.bench.device.endRead(usb::Status::Error);
+             world.settle();
+             WdfIoTargetStop(world.reportsIo(), WdfIoTargetCancelSentIo);
+         }},
+        {Rule::HandleStale, "a report's memory used after the callback", runWithReader,
+         [](World& world) {
+             world.bench.device.report(1);
+             world.settle();
+             (void)WdfMemoryGetBuffer(world.lastReport, nullptr);
+         },
+         runWithReader,
+         [](World& world) {
+             world.onReport = [&] { WdfObjectReference(world.lastReport); };
+             world.bench.device.report(1);
+             world.settle();
+             EXPECT_EQ(*static_cast<UCHAR*>(WdfMemoryGetBuffer(world.lastReport, nullptr)), 1);
+             WdfObjectDereference(world.lastReport);
          }},
         {Rule::PnpOrder, "a preprocessed packet that goes nowhere", callbacksOnly,
          [](World& world) { world.bench.driver.preprocess = [](WDFDEVICE, PIRP) { return STATUS_SUCCESS; }; },

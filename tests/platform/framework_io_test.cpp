@@ -342,22 +342,80 @@ TEST(FrameworkUsb, ACancelMayComeBeforeTheSubmission) {
 }
 
 TEST_F(FrameworkIo, AStoppedTargetKeepsRequestsUntilItStartsOrTheirTimeEnds) {
-    run([&](platform::DeviceNode&) {
-        const WDFIOTARGET io = WdfUsbTargetDeviceGetIoTarget(target.usb);
-        WdfIoTargetStop(io, WdfIoTargetCancelSentIo);
-        EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
-        bench.machine().sleep(usb::kSecond);
-        EXPECT_EQ(bulk.completions, 0);
-        EXPECT_EQ(WdfIoTargetStart(io), STATUS_SUCCESS);
-        settle();
-        EXPECT_EQ(bulk.completions, 1);
-        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_SUCCESS);
-        WdfIoTargetStop(io, WdfIoTargetCancelSentIo);
+    run([&](platform::DeviceNode& node) {
+        WdfIoTargetStop(io(), WdfIoTargetCancelSentIo);
         EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
         bench.machine().sleep(3 * usb::kSecond);
         EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_IO_TIMEOUT);
-        EXPECT_EQ(bench.device.sent.size(), 1u);
+        ULONG value = 0;
+        EXPECT_EQ(control(0x40, 0x8020, value, WDF_REL_TIMEOUT_IN_SEC(2)), STATUS_IO_TIMEOUT);
+
+        // The start takes the time-out away.
+        EXPECT_TRUE(bulk.send(target, 100, WDF_REL_TIMEOUT_IN_SEC(2)));
+        bench.machine().sleep(usb::kSecond);
+        EXPECT_EQ(bulk.completions, 1);
+        bench.device.bulk = SmallDevice::Bulk::Hold;
+        EXPECT_EQ(WdfIoTargetStart(io()), STATUS_SUCCESS);
+        bench.machine().sleep(100 * usb::kSecond);
+        EXPECT_EQ(bulk.completions, 1);
+        WdfIoTargetStop(io(), WdfIoTargetCancelSentIo);
+        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_CANCELLED);
+
+        EXPECT_TRUE(bulk.send(target, 100));
+        bench.machine().surpriseRemove(node);
+        EXPECT_EQ(bulk.params.IoStatus.Status, STATUS_WDF_DEVICE_REMOVED_NOT_SENT);
+        EXPECT_TRUE(bench.device.sent.empty());
     });
+}
+
+// Also when it failed: the send itself worked. The completion routine comes first.
+TEST_F(FrameworkIo, ASynchronousSendReturnsAfterTheCompletionRoutine) {
+    run([&](platform::DeviceNode&) {
+        bench.device.bulk = SmallDevice::Bulk::Stall;
+        ASSERT_EQ(bulk.format(target, 100), STATUS_SUCCESS);
+        WDF_REQUEST_SEND_OPTIONS options;
+        WDF_REQUEST_SEND_OPTIONS_INIT(&options, WDF_REQUEST_SEND_OPTION_SYNCHRONOUS);
+        EXPECT_TRUE(WdfRequestSend(bulk.request, io(), &options));
+        EXPECT_EQ(bulk.completions, 1);
+        EXPECT_EQ(WdfRequestGetStatus(bulk.request), STATUS_UNSUCCESSFUL);
+    });
+}
+
+// Of two transfers that end on two processors, the routine of the first may run longer than the stop waits.
+// The removal waits for both.
+TEST(FrameworkUsb, AStopMayReturnBeforeTheCompletionRoutineOfAnEarlierTransfer) {
+    int stillRunning = 0;
+    for (std::uint64_t seed = 1; seed <= 40; seed++) {
+        FrameworkBench bench({.seed = seed, .strategy = kernel::Strategy::Random, .processors = 2});
+        Target target;
+        BulkTransfer bulk[2];
+        volatile LONG running = 0;
+        bench.driver.prepare = [&](WDFDEVICE device) { return target.create(device); };
+        bench.device.bulk = SmallDevice::Bulk::Hold;
+        bench.run([&] {
+            auto& node = bench.plug();
+            for (BulkTransfer& transfer : bulk) {
+                transfer.create(target);
+                transfer.onCompletion = [&] {
+                    InterlockedIncrement(&running);
+                    for (unsigned i = kernel::choose(20); i > 0; i--) {
+                        kernel::schedulingPoint(kernel::Point::Interlocked);
+                    }
+                    InterlockedDecrement(&running);
+                };
+                EXPECT_TRUE(transfer.send(target, 100));
+            }
+            WdfIoTargetStop(WdfUsbTargetDeviceGetIoTarget(target.usb), WdfIoTargetCancelSentIo);
+            stillRunning += ReadAcquire(&running);
+            bench.machine().surpriseRemove(node);
+            EXPECT_EQ(ReadAcquire(&running), 0);
+            for (BulkTransfer& transfer : bulk) {
+                EXPECT_EQ(transfer.completions, 1);
+                transfer.destroy();
+            }
+        });
+    }
+    EXPECT_GT(stillRunning, 0);
 }
 
 TEST_F(FrameworkIo, ARefusedSendReturnsFalseAndNeverCompletes) {
@@ -371,7 +429,6 @@ TEST_F(FrameworkIo, ARefusedSendReturnsFalseAndNeverCompletes) {
         EXPECT_TRUE(bulk.send(target, 100));
         settle();
         EXPECT_EQ(bulk.completions, 1);
-        bench.device.disconnect();
         bench.machine().host(node).disconnect();
     });
 }
@@ -408,34 +465,7 @@ TEST(FrameworkUsb, ConfigurationDescriptorsThatContradictThemselves) {
 // The continuous reader on the report pipe.
 class FrameworkReader : public FrameworkIo {
   protected:
-    FrameworkReader() {
-        bench.driver.prepare = [this](WDFDEVICE device) {
-            NTSTATUS status = target.create(device);
-            if (!NT_SUCCESS(status)) {
-                return status;
-            }
-            WDF_USB_CONTINUOUS_READER_CONFIG config;
-            WDF_USB_CONTINUOUS_READER_CONFIG_INIT(&config, readComplete, this, 1);
-            config.NumPendingReads = 1;
-            EXPECT_EQ(WdfUsbTargetPipeConfigContinuousReader(target.reports, &config),
-                      STATUS_INVALID_BUFFER_SIZE);
-            WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(target.reports);
-            status = WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
-            return NT_SUCCESS(status) ? WdfIoTargetStart(WdfUsbTargetPipeGetIoTarget(target.reports))
-                                      : status;
-        };
-    }
-
-    static void readComplete(WDFUSBPIPE, WDFMEMORY buffer, size_t bytes, WDFCONTEXT context) {
-        EXPECT_EQ(bytes, 1u);
-        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
-        static_cast<FrameworkReader*>(context)->seen.push_back(
-            *static_cast<std::uint8_t*>(WdfMemoryGetBuffer(buffer, nullptr)));
-    }
-
-    WDFIOTARGET pipe() const { return WdfUsbTargetPipeGetIoTarget(target.reports); }
-
-    std::vector<std::uint8_t> seen;
+    FrameworkReader() { startAndStopReader(); }
 };
 
 TEST_F(FrameworkReader, EveryReportArrivesOnceAndOnlyWhileTheTargetRuns) {
@@ -445,38 +475,124 @@ TEST_F(FrameworkReader, EveryReportArrivesOnceAndOnlyWhileTheTargetRuns) {
             settle();
         }
         EXPECT_EQ(seen, (std::vector<std::uint8_t>{1, 0, 2}));
-        WdfIoTargetStop(pipe(), WdfIoTargetCancelSentIo);
+        // A stop of the device is one of its pipes.
+        WdfIoTargetStop(io(), WdfIoTargetCancelSentIo);
         EXPECT_TRUE(bench.device.reads.empty());
         bench.device.report(3);
         settle();
         EXPECT_EQ(seen.size(), 3u);
-        EXPECT_EQ(WdfIoTargetStart(pipe()), STATUS_SUCCESS);
+        EXPECT_EQ(WdfIoTargetStart(io()), STATUS_SUCCESS);
         settle();
         EXPECT_EQ(seen.back(), 3);
         EXPECT_EQ(bench.device.reads.size(), 1u);
     });
 }
 
-TEST_F(FrameworkReader, AFailedReadResetsThePipeAndGoesOutAgain) {
+TEST_F(FrameworkReader, EverySubmissionHasZeroedMemoryOfItsOwn) {
     run([&](platform::DeviceNode&) {
-        bench.device.failRead(usb::Status::Stalled);
-        settle();
-        EXPECT_EQ(bench.device.standardRequests.back(), "clear halt 0 83");
-        EXPECT_EQ(bench.device.reads.size(), 1u);
+        onReport = [&] { WdfObjectReference(lastReport); };
         bench.device.report(7);
         settle();
-        EXPECT_EQ(seen, (std::vector<std::uint8_t>{7}));
+        const WDFMEMORY kept = lastReport;
+        bench.device.endRead(usb::Status::Success); // a report of no bytes
+        settle();
+        EXPECT_EQ(seen, (std::vector<std::uint8_t>{7, 0}));
+        EXPECT_NE(lastReport, kept);
+        EXPECT_EQ(*static_cast<UCHAR*>(WdfMemoryGetBuffer(kept, nullptr)), 7);
+        WdfObjectDereference(kept);
+        WdfObjectDereference(lastReport);
     });
 }
 
-TEST_F(FrameworkReader, ADeviceThatIsGoneEndsTheReader) {
-    run([&](platform::DeviceNode&) {
-        bench.device.disconnect();
-        settle();
-        EXPECT_TRUE(bench.device.reads.empty());
-        EXPECT_EQ(bench.device.standardRequests.back(), "set interface 0 2");
-        WdfIoTargetStop(pipe(), WdfIoTargetCancelSentIo);
-    });
+TEST(FrameworkReaders, AsManyReadsAreOutAsTheFrameworkAllows) {
+    for (const auto& [wanted, out] : std::initializer_list<std::pair<UCHAR, std::size_t>>{
+             {UCHAR{0}, 2}, {UCHAR{3}, 3}, {UCHAR{200}, 10}}) {
+        World world;
+        world.pendingReads = wanted;
+        runWithReader(world, [out](World& started) { EXPECT_EQ(started.bench.device.reads.size(), out); });
+    }
+}
+
+// How one of two reads ends, and what goes out after that.
+TEST(FrameworkReaders, AFailedReadIsRecoveredAndACancelledOneIsNot) {
+    using Failed = PFN_WDF_USB_READERS_FAILED;
+    static NTSTATUS failure;
+    const Failed goOn = [](WDFUSBPIPE, NTSTATUS status, USBD_STATUS) -> BOOLEAN {
+        failure = status;
+        return TRUE;
+    };
+    const Failed giveUp = [](WDFUSBPIPE, NTSTATUS status, USBD_STATUS) -> BOOLEAN {
+        failure = status;
+        return FALSE;
+    };
+    const auto ends = [](usb::Status status) {
+        return [status](World& world) { world.bench.device.endRead(status); };
+    };
+    const auto endsWithoutMemory = [](World& world) {
+        kernel::armFault(1, kernel::FaultMode::Once);
+        world.bench.device.report(1);
+        world.settle();
+        EXPECT_TRUE(kernel::faultFired());
+        kernel::disarmFault();
+    };
+    const struct {
+        const char* name;
+        UCHAR reads;
+        Body end;
+        Failed failed;
+        const char* refused;
+        Requests sent;
+        std::size_t readsAfter;
+        NTSTATUS failure; // what the driver is told
+    } cases[] = {
+        {"cancelled", 2, ends(usb::Status::Cancelled), goOn, "", {}, 1, 0},
+        {"stalled", 2, ends(usb::Status::Stalled), goOn, "", {"clear halt 0 83"}, 2, STATUS_UNSUCCESSFUL},
+        {"error", 2, ends(usb::Status::Error), goOn, "", {"clear halt 0 83"}, 2, STATUS_UNSUCCESSFUL},
+        {"reset fails",
+         2,
+         ends(usb::Status::Stalled),
+         goOn,
+         "clear halt 0 83",
+         {"clear halt 0 83"},
+         2,
+         STATUS_UNSUCCESSFUL},
+        {"driver gives up", 2, ends(usb::Status::Stalled), giveUp, "", {}, 0, STATUS_UNSUCCESSFUL},
+        {"device gone", 2, ends(usb::Status::Gone), goOn, "", {}, 0, STATUS_NO_SUCH_DEVICE},
+        {"no memory for one", 2, endsWithoutMemory, goOn, "", {}, 1, 0},
+        {"no memory for all",
+         1,
+         endsWithoutMemory,
+         goOn,
+         "",
+         {"clear halt 0 83"},
+         1,
+         STATUS_INSUFFICIENT_RESOURCES},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        World world;
+        world.pendingReads = test.reads;
+        failure = 0;
+        runWithReader(world, [&](World&) {
+            SmallDevice& device = world.bench.device;
+            World::readersFailed = test.failed;
+            device.refused = test.refused;
+            device.standardRequests.clear();
+            test.end(world);
+            world.settle();
+            EXPECT_EQ(device.standardRequests, test.sent);
+            EXPECT_EQ(device.reads.size(), test.readsAfter);
+            EXPECT_EQ(failure, test.failure);
+            WdfIoTargetStop(world.reportsIo(),
+                            WdfIoTargetLeaveSentIoPending); // cancels the reads all the same
+            EXPECT_TRUE(device.reads.empty());
+            EXPECT_EQ(WdfIoTargetStart(world.reportsIo()), STATUS_SUCCESS);
+            EXPECT_EQ(WdfIoTargetStart(world.reportsIo()), STATUS_SUCCESS); // sends nothing more
+            world.settle();
+            EXPECT_EQ(device.reads.size(),
+                      test.failure == STATUS_NO_SUCH_DEVICE ? device.reads.size() : test.reads);
+        });
+    }
 }
 
 // The whole traffic at once on real threads: bulk transfers that send themselves again, register accesses,

@@ -133,8 +133,41 @@ std::vector<FrameworkCase> requestCases() {
          },
          [](World& world) {
              world.transfer();
-             EXPECT_EQ(world.completionParams().IoStatus.Information, 100u);
+             EXPECT_EQ(world.completionParams().IoStatus.Status, STATUS_SUCCESS);
              EXPECT_EQ(world.bulk.reuse(), STATUS_SUCCESS);
+         }},
+        {Rule::RequestCancelled, "a request sent that was cancelled before",
+         [](World& world) {
+             EXPECT_EQ(world.bulk.format(world.target, 100), STATUS_SUCCESS);
+             EXPECT_FALSE(WdfRequestCancelSentRequest(world.bulk.request));
+             WdfRequestSend(world.bulk.request, world.io(), nullptr);
+         },
+         [](World& world) {
+             EXPECT_EQ(world.bulk.format(world.target, 100), STATUS_SUCCESS);
+             EXPECT_FALSE(WdfRequestCancelSentRequest(world.bulk.request));
+             world.transfer(); // which reuses it
+         }},
+        {Rule::TargetState, "a target started by a completion that its stop waits for",
+         [](World& world) {
+             world.sendOut();
+             world.bulk.onCompletion = [&] { (void)WdfIoTargetStart(world.io()); };
+             WdfIoTargetStop(world.io(), WdfIoTargetCancelSentIo);
+         },
+         [](World& world) {
+             world.sendOut();
+             WdfIoTargetStop(world.io(), WdfIoTargetCancelSentIo);
+             EXPECT_EQ(WdfIoTargetStart(world.io()), STATUS_SUCCESS);
+             world.transfer();
+         }},
+        {Rule::PoolLeak, "a request of the driver's that is never deleted",
+         [](World& world) {
+             WDFREQUEST request = nullptr;
+             EXPECT_EQ(WdfRequestCreate(nullptr, world.io(), &request), STATUS_SUCCESS);
+         },
+         [](World& world) {
+             WDF_OBJECT_ATTRIBUTES attributes = attributesOf(world.device());
+             WDFREQUEST request = nullptr;
+             EXPECT_EQ(WdfRequestCreate(&attributes, world.io(), &request), STATUS_SUCCESS);
          }},
         {Rule::RequestPending, "a request deleted while it is out",
          [](World& world) {
@@ -400,7 +433,7 @@ std::vector<FrameworkCase> requestArgumentCases() {
          },
          [](World& world) {
              world.transfer();
-             EXPECT_EQ(world.completionParams().IoStatus.Information, 100u);
+             EXPECT_EQ(world.completionParams().IoStatus.Status, STATUS_SUCCESS);
          }},
     };
 }

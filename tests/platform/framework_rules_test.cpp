@@ -19,6 +19,11 @@ void started(World& world, const Body& body) {
     });
 }
 
+void runWithReader(World& world, const Body& body) {
+    world.startAndStopReader();
+    started(world, body);
+}
+
 namespace {
 
 void plugOnly(World& world) {

@@ -77,14 +77,31 @@ class World {
 
     NTSTATUS configureReader(WDF_OBJECT_ATTRIBUTES* attributes = nullptr) {
         WDF_USB_CONTINUOUS_READER_CONFIG config;
-        WDF_USB_CONTINUOUS_READER_CONFIG_INIT(
-            &config, [](WDFUSBPIPE, WDFMEMORY, size_t, WDFCONTEXT) {}, nullptr, 1);
+        WDF_USB_CONTINUOUS_READER_CONFIG_INIT(&config, readComplete, this, 1);
+        config.NumPendingReads = pendingReads;
         config.BufferAttributes = attributes;
+        readersFailed = [](WDFUSBPIPE, NTSTATUS, USBD_STATUS) -> BOOLEAN { return TRUE; };
+        config.EvtUsbTargetPipeReadersFailed = [](WDFUSBPIPE pipe, NTSTATUS status, USBD_STATUS usbdStatus) {
+            return readersFailed(pipe, status, usbdStatus);
+        };
+        EXPECT_EQ(WdfUsbTargetPipeConfigContinuousReader(target.reports, &config),
+                  STATUS_INVALID_BUFFER_SIZE);
         WdfUsbTargetPipeSetNoMaximumPacketSizeCheck(target.reports);
         return WdfUsbTargetPipeConfigContinuousReader(target.reports, &config);
     }
 
-    // Has the driver start its reader in prepare-hardware.
+    static void readComplete(WDFUSBPIPE, WDFMEMORY memory, size_t bytes, WDFCONTEXT context) {
+        auto& self = *static_cast<World*>(context);
+        EXPECT_EQ(KeGetCurrentIrql(), DISPATCH_LEVEL);
+        EXPECT_LE(bytes, 1u);
+        self.lastReport = memory;
+        self.seen.push_back(*static_cast<std::uint8_t*>(WdfMemoryGetBuffer(memory, nullptr)));
+        if (self.onReport) {
+            self.onReport();
+        }
+    }
+
+    // Has the driver start its reader in prepare-hardware; the second one also stops it in time.
     void startReaderInPrepare() {
         bench.driver.prepare = [this](WDFDEVICE device) {
             NTSTATUS status = target.create(device);
@@ -93,6 +110,13 @@ class World {
             }
             return NT_SUCCESS(status) ? WdfIoTargetStart(reportsIo()) : status;
         };
+    }
+    void startAndStopReader() {
+        startReaderInPrepare();
+        bench.driver.selfManagedIoSuspend = [this](WDFDEVICE) {
+            WdfIoTargetStop(reportsIo(), WdfIoTargetCancelSentIo);
+        };
+        bench.driver.selfManagedIoRestart = [this](WDFDEVICE) { return WdfIoTargetStart(reportsIo()); };
     }
 
     NTSTATUS readRegister(void* data, ULONG length) {
@@ -189,6 +213,13 @@ class World {
     BulkTransfer bulk;
     platform::DeviceNode* node = nullptr; // on a started device
     PWDFDEVICE_INIT keptInit = nullptr;
+
+    // The reader.
+    UCHAR pendingReads = 1;
+    std::vector<std::uint8_t> seen; // the first byte of each report
+    WDFMEMORY lastReport = nullptr;
+    std::function<void()> onReport;
+    static inline PFN_WDF_USB_READERS_FAILED readersFailed = nullptr; // its callback has no context
 };
 
 using Body = std::function<void(World&)>;
@@ -198,6 +229,9 @@ using Stage = std::function<void(World&, const Body&)>;
 
 // On a started device, with a configuration selected and a bulk transfer made.
 void started(World& world, const Body& body);
+
+// The same with a reader that is stopped in time.
+void runWithReader(World& world, const Body& body);
 
 void inDeviceAdd(World& world, const Body& body);
 void inPrepareHardware(World& world, const Body& body);
