@@ -101,8 +101,9 @@ void DesktopReference::movePointer(int x, int y, bool visible) {
         y_ = y;
         break;
     }
-    // A move to the same place does not send the frame again.
-    const bool changed = x != lastX_ || y != lastY_ || visible != lastVisible_;
+    // A move to the same place does not send the frame again, unless it is the first one after a rotation.
+    const bool changed = x != lastX_ || y != lastY_ || visible != lastVisible_ || shapeRotation_ != rotation_;
+    shapeRotation_ = rotation_;
     lastX_ = x;
     lastY_ = y;
     lastVisible_ = visible;

@@ -40,4 +40,5 @@ struct SURFACE_CONTEXT {
     BOOLEAN CursorVisible TSA_GUARDED_BY(SubmitMutex);
     CURSOR_IMAGE PointerShape TSA_GUARDED_BY(SubmitMutex); // in the client's orientation
     CURSOR_IMAGE RotatedShape TSA_GUARDED_BY(SubmitMutex);
+    ULONG ShapeRotation TSA_GUARDED_BY(SubmitMutex); // DISPLAY_ROTATION that RotatedShape has
 };

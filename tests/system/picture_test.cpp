@@ -124,10 +124,12 @@ TEST_P(Pointers, AreDrawnAtTheirPositionInEveryRotation) {
     const Surface picture = gradient();
     runSession(inOrder(), [&](Session& session) {
         startDesktop(session, adapter(), picture);
+        session.setPointer(shape);
         for (const DISPLAY_ROTATION rotation :
              {ROTATION_NONE, ROTATION_QUARTER, ROTATION_HALF, ROTATION_THREE_QUARTERS}) {
             session.setRotation(rotation);
-            session.setPointer(shape);
+            session.movePointer(30, 20, true); // as before the rotation
+            expectPicture(session);
             const bool turned = rotation == ROTATION_QUARTER || rotation == ROTATION_THREE_QUARTERS;
             const int right = turned ? kHeight : kWidth;
             const int bottom = turned ? kWidth : kHeight;
@@ -142,6 +144,8 @@ TEST_P(Pointers, AreDrawnAtTheirPositionInEveryRotation) {
             }
             session.movePointer(0, 0, false);
             expectPicture(session, picture);
+            session.movePointer(30, 20, true);
+            expectPicture(session);
             ASSERT_FALSE(testing::Test::HasFailure());
         }
     });
