@@ -48,6 +48,8 @@
     X(LONG_PTR, ObfReferenceObject, (PVOID Object), (Object))                                                \
     X(LONG_PTR, ObfDereferenceObject, (PVOID Object), (Object))                                              \
     X(NTSTATUS, ZwClose, (HANDLE Handle), (Handle))                                                          \
+    X(NTSTATUS, ZwWaitForSingleObject, (HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout),           \
+      (Handle, Alertable, Timeout))                                                                          \
     X(PMDL, IoAllocateMdl,                                                                                   \
       (PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota, PIRP Irp),          \
       (VirtualAddress, Length, SecondaryBuffer, ChargeQuota, Irp))                                           \

@@ -218,6 +218,21 @@ LONG_PTR ObfDereferenceObject(PVOID Object) {
     return left;
 }
 
+NTSTATUS ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) {
+    PlatformCall call;
+    verifier::requireIrql("ZwWaitForSingleObject", kPassiveLevel);
+    _KTHREAD* thread = nullptr;
+    {
+        KernelGuard guard;
+        thread = checkedHandle(Handle, "ZwWaitForSingleObject");
+        thread->references++;
+    }
+    const NTSTATUS status = KeWaitForSingleObject(thread, UserRequest, KernelMode, Alertable, Timeout);
+    KernelGuard guard;
+    dropReference(*thread);
+    return status;
+}
+
 NTSTATUS ZwClose(HANDLE Handle) {
     PlatformCall call;
     verifier::requireIrql("ZwClose", kPassiveLevel);

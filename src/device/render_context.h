@@ -130,7 +130,7 @@ struct RENDER_PIPELINE {
     PVOID FrameUpdateThreadObject;  // referenced from creation until shutdown has waited for it
     THREAD_START_CONTEXT ThreadStartContext;
     KEVENT ThreadStartStopEvent;
-    BOOLEAN FrameUpdateThreadCreated;
+    BOOLEAN FrameUpdateThreadCreated TSA_GUARDED_BY(RenderStartStopMutex);
 
     // Between the thread and the tasks that start and stop the stream.
     ULONG FrameUpdateThreadState; // FRAME_UPDATE_THREAD_STATE (shared field); by the thread once it runs

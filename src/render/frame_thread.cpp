@@ -1,15 +1,14 @@
+#include <ntifs.h>
+
 #include "render/frame_thread.h"
 
 #include "base/shared_field.h"
-#include "base/util.h"
 #include "render/buffer_turn.h"
 #include "render/frame_update.h"
 #include "render/start_stop.h"
 #include "surface/present.h"
 
 namespace {
-
-constexpr ULONG THREAD_END_POLL_MS = 10;
 
 enum THREAD_EVENT : ULONG {
     EVENT_END_THREAD, // the first one wins when several are signaled
@@ -29,12 +28,16 @@ void ResetEvents(DEVICE_CONTEXT* context) {
     KeSetEvent(&render->DispatchIdleEvent, IO_NO_INCREMENT, FALSE);
 }
 
-// Ends a thread without its object: it can only be polled.
-void EndThreadByState(RENDER_PIPELINE* render) {
+// Ends a thread whose object could not be referenced. Its state would not do: the thread still runs driver
+// code after it set the state.
+void EndThreadByHandle(RENDER_PIPELINE* render) {
     KeSetEvent(&render->ThreadStartStopEvent, EVENT_INCREMENT, FALSE);
-    while (SHARED_Read(render->FrameUpdateThreadState) != THREAD_ENDED) {
-        UTIL_DelayMs(THREAD_END_POLL_MS);
-    }
+    (void)ZwWaitForSingleObject(render->FrameUpdateThreadHandle, FALSE, nullptr);
+}
+
+void MarkThreadCreated(DEVICE_CONTEXT* context) {
+    MUTEX_GUARD startStop(context->Render.RenderStartStopMutex);
+    context->Render.FrameUpdateThreadCreated = TRUE;
 }
 
 // Keeps a reference to the thread object, which shutdown waits for and drops, and no handle.
@@ -43,16 +46,19 @@ NTSTATUS StartThread(DEVICE_CONTEXT* context) {
     render->ThreadStartContext.DeviceContext = context;
     SHARED_Write(render->FrameUpdateThreadState, THREAD_NOT_STARTED);
 
-    NTSTATUS status = PsCreateSystemThread(&render->FrameUpdateThreadHandle, 0, nullptr, nullptr, nullptr,
+    // Out of reach of the process in whose context the hardware is prepared.
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    NTSTATUS status = PsCreateSystemThread(&render->FrameUpdateThreadHandle, 0, &attributes, nullptr, nullptr,
                                            THREAD_FrameUpdateProcess, &render->ThreadStartContext);
     if (NT_SUCCESS(status)) {
         status = ObReferenceObjectByHandle(render->FrameUpdateThreadHandle, SYNCHRONIZE, nullptr, KernelMode,
                                            &render->FrameUpdateThreadObject, nullptr);
         if (NT_SUCCESS(status)) {
-            render->FrameUpdateThreadCreated = TRUE;
+            MarkThreadCreated(context);
         } else {
             render->FrameUpdateThreadObject = nullptr;
-            EndThreadByState(render);
+            EndThreadByHandle(render);
         }
     }
     if (render->FrameUpdateThreadHandle != nullptr) {

@@ -39,8 +39,10 @@ class Pipeline {
             render.RenderContexts[i] = &contexts[i];
         }
         render.LatestRenderBufferIndex = RENDER_BUFFER_NONE;
-        render.FrameUpdateThreadCreated = TRUE;
+        setThreadCreated(TRUE);
     }
+
+    void setThreadCreated(BOOLEAN created) TSA_NO_ANALYSIS { render.FrameUpdateThreadCreated = created; }
 
     void returnAll() {
         for (RENDER_CONTEXT& idle : contexts) {
@@ -253,7 +255,7 @@ TEST(Start, IsRefusedAfterAShutdownAndAResumeWithoutASuspend) {
     onMachine([] {
         Pipeline pipeline;
         DEVICE_CONTEXT* context = pipeline.context.get();
-        pipeline.render.FrameUpdateThreadCreated = FALSE; // there is no thread to wait for
+        pipeline.setThreadCreated(FALSE); // there is no thread to wait for
         RENDER_Resume(context);
         EXPECT_EQ(pipeline.render.RenderRunning, 0u);
         (void)RENDER_Start(context);
