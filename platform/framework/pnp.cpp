@@ -91,6 +91,7 @@ class Step {
 
   private:
     DevNode::State& node_;
+    const kernel::SystemWork systemWork_;
     bool taken_ = false;
 };
 
@@ -395,6 +396,7 @@ void DevNode::cancelRemove() {
 }
 
 void DevNode::surpriseRemove() {
+    const kernel::SystemWork systemWork;
     std::optional<Step> step;
     if (!powerStepUnderWay(*state_)) {
         step.emplace(*state_, "surprise removal");

@@ -6,6 +6,8 @@
 
 #include <fmt/format.h>
 
+#include <utility>
+
 namespace kernel {
 
 DriverCall::DriverCall(const char* callback) {
@@ -50,6 +52,21 @@ DriverCall::~DriverCall() {
                        fmt::format("the callback was entered with {} locks held and returned with {}", locks_,
                                    locksHeld()));
     }
+}
+
+SystemWork::SystemWork() : outer_(std::exchange(currentTask().systemWork, true)) {}
+
+SystemWork::~SystemWork() {
+    currentTask().systemWork = outer_;
+}
+
+void requireSystemThread(const char* call) {
+    const Task* task = currentTaskOrNull();
+    if (task == nullptr || task->kind != TaskKind::Host || task->systemWork || *task->account.callback == 0) {
+        return;
+    }
+    verifier::fail(verifier::Rule::SystemThread, call, task->account.callback,
+                   "The call belongs in a system thread, and this callback runs in a thread of the client.");
 }
 
 std::vector<DriverTime> driverTimes() {

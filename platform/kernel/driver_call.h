@@ -32,6 +32,22 @@ auto callDriver(const char* callback, Function* function, Arguments... arguments
     return function(arguments...);
 }
 
+// While it exists, the calling host task stands for a thread of the system, such as the PnP manager's.
+class SystemWork {
+  public:
+    SystemWork();
+    ~SystemWork();
+    SystemWork(const SystemWork&) = delete;
+    SystemWork& operator=(const SystemWork&) = delete;
+
+  private:
+    bool outer_ = false;
+};
+
+// Reports SystemThread when the driver makes a call that only system threads may make in a thread of its
+// client.
+void requireSystemThread(const char* call);
+
 // One entry for each task, or name and kind of tasks that have ended.
 std::vector<DriverTime> driverTimes();
 

@@ -1,6 +1,7 @@
 #include "platform/kernel/interfaces.h"
 
 #include "platform/base/machine_state.h"
+#include "platform/kernel/driver_call.h"
 #include "platform/kernel/fault_points.h"
 #include "platform/kernel/platform_call.h"
 #include "platform/kernel/pool.h"
@@ -188,6 +189,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
                                    PUNICODE_STRING ReferenceString, PUNICODE_STRING SymbolicLinkName) {
     PlatformCall call;
     verifier::requireIrql("IoRegisterDeviceInterface", kPassiveLevel);
+    requireSystemThread("IoRegisterDeviceInterface");
     std::u16string link;
     {
         KernelGuard guard;
@@ -211,6 +213,7 @@ NTSTATUS IoRegisterDeviceInterface(PDEVICE_OBJECT PhysicalDeviceObject, CONST GU
 NTSTATUS IoSetDeviceInterfaceState(PUNICODE_STRING SymbolicLinkName, BOOLEAN Enable) {
     PlatformCall call;
     verifier::requireIrql("IoSetDeviceInterfaceState", kPassiveLevel);
+    requireSystemThread("IoSetDeviceInterfaceState");
     // The state is kept in the registry. Switching an interface off does not fail for want of anything.
     if (Enable && faultPoint(FaultKind::Registry, "IoSetDeviceInterfaceState")) {
         return STATUS_INSUFFICIENT_RESOURCES;

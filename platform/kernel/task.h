@@ -70,6 +70,7 @@ class Task {
     unsigned irql = kPassiveLevel;
     unsigned processor = 0;
     std::vector<verifier::HeldLock> locks;
+    bool systemWork = false; // see SystemWork
     Account account;
     std::uint64_t endedCpu = 0; // processor time of the whole thread, once it has ended
 };

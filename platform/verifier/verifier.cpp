@@ -7,24 +7,26 @@ namespace verifier {
 
 namespace {
 
-constexpr std::array kRuleNames = {"IrqlTooHigh",        "IrqlChanged",
-                                   "LockLeftHeld",       "CriticalRegion",
-                                   "WaitAtDispatch",     "LockOrder",
-                                   "LockRecursion",      "LockOwner",
-                                   "LockLifetime",       "RequestNotFormatted",
-                                   "RequestPending",     "RequestCompletedTwice",
-                                   "RequestCancelled",   "TargetState",
-                                   "ReaderRunning",      "BufferLifetime",
-                                   "BufferTooShort",     "HandleStale",
-                                   "HandleDeletedTwice", "UseAfterRemoval",
-                                   "ObjectTree",         "PoolTag",
-                                   "PoolOverrun",        "PoolFreedTwice",
-                                   "PoolLeak",           "UsbTarget",
-                                   "UsbPipeHandle",      "PnpOrder",
-                                   "PnpStatus",          "CallbackObject",
-                                   "ThreadLeak",         "ListCorruption",
-                                   "Argument",           "Deadlock",
-                                   "StepLimit"};
+constexpr std::array kRuleNames = {
+    "IrqlTooHigh",        "IrqlChanged",
+    "LockLeftHeld",       "CriticalRegion",
+    "WaitAtDispatch",     "LockOrder",
+    "LockRecursion",      "LockOwner",
+    "LockLifetime",       "RequestNotFormatted",
+    "RequestPending",     "RequestCompletedTwice",
+    "RequestCancelled",   "TargetState",
+    "ReaderRunning",      "BufferLifetime",
+    "BufferTooShort",     "HandleStale",
+    "HandleDeletedTwice", "UseAfterRemoval",
+    "ObjectTree",         "PoolTag",
+    "PoolOverrun",        "PoolFreedTwice",
+    "PoolLeak",           "SystemThread",
+    "UsbTarget",          "UsbPipeHandle",
+    "PnpOrder",           "PnpStatus",
+    "CallbackObject",     "ThreadLeak",
+    "ListCorruption",     "Argument",
+    "Deadlock",           "StepLimit",
+};
 static_assert(kRuleNames.size() == kRuleCount);
 
 // Written by the thread that creates and destroys the scheduler, while no task runs.

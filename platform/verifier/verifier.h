@@ -38,6 +38,7 @@ enum class Rule : std::uint8_t {
     PoolOverrun,     // the guard bytes around a block are damaged
     PoolFreedTwice,
     PoolLeak,       // blocks or objects left when the driver was unloaded
+    SystemThread,   // a call that belongs in a system thread made in a thread of the client
     UsbTarget,      // the USB target created outside prepare-hardware, a reader configured elsewhere
     UsbPipeHandle,  // a pipe handle from before the last configuration
     PnpOrder,       // a call that the device's PnP or power state does not allow

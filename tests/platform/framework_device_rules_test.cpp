@@ -47,21 +47,36 @@ std::vector<FrameworkCase> deviceCases() {
         world.bench.driver.init = [&world](PWDFDEVICE_INIT init) { world.keptInit = init; };
     };
     const auto useKeptInit = [](World& world) { WdfDeviceInitSetIoType(world.keptInit, WdfDeviceIoNeither); };
-    // A preprocess callback that does more with the device before, or after, the packet of its removal.
-    const auto beforeRemoval = [passOn](World& world, const std::function<void(WDFDEVICE)>& use) {
-        world.bench.driver.preprocess = [=](WDFDEVICE device, PIRP irp) {
-            use(device);
-            return passOn(device, irp);
-        };
-    };
-    const auto afterRemoval = [passOn](World& world, const std::function<void()>& use) {
+    // A preprocess callback that does more after each packet, or after those only that leave the device.
+    const auto afterPackets = [passOn](World& world, bool afterRemoval, const std::function<void()>& use) {
         world.bench.driver.preprocess = [=](WDFDEVICE device, PIRP irp) {
             const bool removal = IoGetCurrentIrpStackLocation(irp)->MinorFunction == IRP_MN_REMOVE_DEVICE;
             const NTSTATUS status = passOn(device, irp);
-            if (removal) {
+            if (afterRemoval || !removal) {
                 use();
             }
             return status;
+        };
+    };
+    const auto useDevice = [=](bool afterRemoval) {
+        return [=](World& world) {
+            afterPackets(world, afterRemoval, [&] { (void)WdfDeviceGetDriver(world.device()); });
+        };
+    };
+    const auto writeContext = [=](bool afterRemoval) {
+        return [=](World& world) {
+            auto* context = reinterpret_cast<UCHAR*>(GetPlace(world.makeObject()));
+            afterPackets(world, afterRemoval, [context] { poke(context); });
+        };
+    };
+    const auto preprocessStop = [](UCHAR majorFunction) {
+        return [majorFunction](World& world) {
+            world.bench.driver.init = [majorFunction](PWDFDEVICE_INIT init) {
+                UCHAR minor = IRP_MN_STOP_DEVICE;
+                EXPECT_EQ(WdfDeviceInitAssignWdmIrpPreprocessCallback(init, callbacks::preprocess,
+                                                                      majorFunction, &minor, 1),
+                          STATUS_SUCCESS);
+            };
         };
     };
     const Body useInitInTime = [](World& world) {
@@ -218,19 +233,18 @@ std::vector<FrameworkCase> deviceCases() {
          },
          callbacksOnly, [passOn](World& world) { world.bench.driver.preprocess = passOn; }},
         {Rule::UseAfterRemoval, "a device used after the packet of its removal was handed on",
-         [=](World& world) { afterRemoval(world, [&] { (void)WdfDeviceGetDriver(world.device()); }); },
-         [=](World& world) {
-             beforeRemoval(world, [](WDFDEVICE device) { (void)WdfDeviceGetDriver(device); });
-         }},
+         useDevice(true), useDevice(false)},
         {Rule::UseAfterRemoval, "a context written to after the packet of its device's removal was handed on",
-         [=](World& world) {
-             auto* context = reinterpret_cast<UCHAR*>(GetPlace(world.makeObject()));
-             afterRemoval(world, [context] { poke(context); });
+         writeContext(true), writeContext(false)},
+        {Rule::SystemThread, "an interface enabled in a client's thread", started,
+         [](World& world) {
+             world.receive([&](WDFREQUEST request) {
+                 (void)enableInterface(world.device());
+                 WdfRequestComplete(request, STATUS_SUCCESS);
+             });
          },
-         [=](World& world) {
-             auto* context = reinterpret_cast<UCHAR*>(GetPlace(world.makeObject()));
-             beforeRemoval(world, [context](WDFDEVICE) { poke(context); });
-         }},
+         inPrepareHardware,
+         [](World& world) { EXPECT_EQ(enableInterface(world.bench.driver.device), STATUS_SUCCESS); }},
         {Rule::PnpStatus, "a query that is answered with STATUS_NOT_SUPPORTED",
          [](World& world) {
              world.bench.driver.answers["query stop"] = STATUS_NOT_SUPPORTED;
@@ -243,22 +257,7 @@ std::vector<FrameworkCase> deviceCases() {
          },
          [](World& world) { EXPECT_EQ(world.makeQueue(world.device()), STATUS_SUCCESS); }},
         {Rule::Argument, "a second set of minor functions for one major function", callbacksOnly,
-         [](World& world) {
-             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
-                 UCHAR minor = IRP_MN_STOP_DEVICE;
-                 (void)WdfDeviceInitAssignWdmIrpPreprocessCallback(init, callbacks::preprocess, IRP_MJ_PNP,
-                                                                   &minor, 1);
-             };
-         },
-         callbacksOnly,
-         [](World& world) {
-             world.bench.driver.init = [](PWDFDEVICE_INIT init) {
-                 UCHAR minor = IRP_MN_SET_POWER;
-                 EXPECT_EQ(WdfDeviceInitAssignWdmIrpPreprocessCallback(init, callbacks::preprocess,
-                                                                       IRP_MJ_POWER, &minor, 1),
-                           STATUS_SUCCESS);
-             };
-         }},
+         preprocessStop(IRP_MJ_PNP), callbacksOnly, preprocessStop(IRP_MJ_POWER)},
         {Rule::Argument, "a queue with a callback that never comes",
          [](World& world) {
              (void)world.makeQueue(

@@ -14,13 +14,6 @@ FrameworkCase passiveOnly(const char* mistake, const Body& body) {
     return {Rule::IrqlTooHigh, mistake, [body](World& world) { atDispatch([&] { body(world); }); }, body};
 }
 
-// A passive timer's callback that takes its time.
-void delay(WDFTIMER) {
-    LARGE_INTEGER interval;
-    interval.QuadPart = WDF_REL_TIMEOUT_IN_MS(10);
-    KeDelayExecutionThread(KernelMode, FALSE, &interval);
-}
-
 std::vector<FrameworkCase> objectCases() {
     return {
         {Rule::HandleStale, "a lock used after its deletion",
@@ -338,39 +331,27 @@ std::vector<FrameworkCase> levelAndLockCases() {
          }},
         {Rule::CallbackObject, "a timer started while it is deleted",
          [](World& world) {
-             WdfObjectDelete(world.makeTimer(
-                 [](WDFTIMER) {}, WdfExecutionLevelPassive,
-                 [](WDFOBJECT timer) { (void)WdfTimerStart(static_cast<WDFTIMER>(timer), 0); }));
+             world.deleteTimer([](WDFOBJECT timer) { WdfTimerStart(static_cast<WDFTIMER>(timer), 0); });
          },
          [](World& world) {
-             WdfObjectDelete(world.makeTimer(
-                 [](WDFTIMER) {}, WdfExecutionLevelPassive,
-                 [](WDFOBJECT timer) { (void)WdfTimerStop(static_cast<WDFTIMER>(timer), FALSE); }));
+             world.deleteTimer([](WDFOBJECT timer) { WdfTimerStop(static_cast<WDFTIMER>(timer), FALSE); });
          }},
         {Rule::CallbackObject, "a work item enqueued while it is deleted",
          [](World& world) {
-             WdfObjectDelete(world.makeWorkItem(
-                 world.device(), [](WDFWORKITEM) {},
-                 [](WDFOBJECT item) { WdfWorkItemEnqueue(static_cast<WDFWORKITEM>(item)); }));
+             world.deleteWorkItem([](WDFOBJECT item) { WdfWorkItemEnqueue(static_cast<WDFWORKITEM>(item)); });
          },
          [](World& world) {
-             WdfObjectDelete(world.makeWorkItem(
-                 world.device(), [](WDFWORKITEM) {},
-                 [](WDFOBJECT item) { WdfWorkItemFlush(static_cast<WDFWORKITEM>(item)); }));
+             world.deleteWorkItem([](WDFOBJECT item) { WdfWorkItemFlush(static_cast<WDFWORKITEM>(item)); });
          }},
         {Rule::CallbackObject, "two stops that wait for one timer",
          [](World& world) {
-             const WDFTIMER timer = world.makeTimer(delay);
-             WdfTimerStart(timer, 0);
-             world.bench.machine().sleep(usb::kMillisecond);
+             const WDFTIMER timer = world.startSlowTimer();
              kernel::spawn("other", kernel::TaskKind::Host, [timer] { WdfTimerStop(timer, TRUE); });
              world.bench.machine().sleep(usb::kMillisecond);
              WdfTimerStop(timer, TRUE);
          },
          [](World& world) {
-             const WDFTIMER timer = world.makeTimer(delay);
-             WdfTimerStart(timer, 0);
-             world.bench.machine().sleep(usb::kMillisecond);
+             const WDFTIMER timer = world.startSlowTimer();
              elsewhere([timer] { WdfTimerStop(timer, TRUE); });
              WdfTimerStop(timer, TRUE);
          }},

@@ -200,6 +200,22 @@ class World {
         return timer;
     }
 
+    void deleteTimer(PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup) {
+        WdfObjectDelete(makeTimer([](WDFTIMER) {}, WdfExecutionLevelPassive, cleanup));
+    }
+    void deleteWorkItem(PFN_WDF_OBJECT_CONTEXT_CLEANUP cleanup) {
+        WdfObjectDelete(makeWorkItem(
+            device(), [](WDFWORKITEM) {}, cleanup));
+    }
+
+    // A timer whose callback is under way.
+    WDFTIMER startSlowTimer() {
+        const WDFTIMER timer = makeTimer([](WDFTIMER) { sleepFor(10 * usb::kMillisecond); });
+        WdfTimerStart(timer, 0);
+        bench.machine().sleep(usb::kMillisecond);
+        return timer;
+    }
+
     WDFKEY openKey() {
         WDFKEY key = nullptr;
         EXPECT_EQ(WdfDriverOpenParametersRegistryKey(WdfDeviceGetDriver(device()), STANDARD_RIGHTS_ALL,
