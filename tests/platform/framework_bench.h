@@ -210,7 +210,7 @@ struct DriverScript {
     std::function<void(WDFREQUEST, ULONG)> control;
     WDF_TRI_STATE powerManagedQueue = WdfUseDefault;
     std::function<NTSTATUS(WDFDEVICE, PIRP)> preprocess;
-    std::map<std::string, NTSTATUS> answers; // of suspend, d0 exit, release and query stop; success otherwise
+    std::map<std::string, NTSTATUS> answers; // of callbacks that do nothing else; success if there is none
     WDFDEVICE device = nullptr;
 
     NTSTATUS answer(const char* callback) const {
@@ -237,7 +237,7 @@ inline std::string state(const char* name, WDF_POWER_DEVICE_STATE value) {
 }
 inline NTSTATUS prepare(WDFDEVICE device, WDFCMRESLIST, WDFCMRESLIST) {
     script->note("prepare");
-    return script->prepare ? script->prepare(device) : STATUS_SUCCESS;
+    return script->prepare ? script->prepare(device) : script->answer("prepare");
 }
 inline NTSTATUS release(WDFDEVICE, WDFCMRESLIST) {
     script->note("release");
@@ -248,7 +248,7 @@ inline NTSTATUS queryStop(WDFDEVICE) {
 }
 inline NTSTATUS d0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previous) {
     script->note(state("d0 entry", previous));
-    return script->d0Entry ? script->d0Entry(device) : STATUS_SUCCESS;
+    return script->d0Entry ? script->d0Entry(device) : script->answer("d0 entry");
 }
 inline NTSTATUS d0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE target) {
     script->note(state("d0 exit", target));
@@ -259,7 +259,7 @@ inline NTSTATUS d0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE target) {
 }
 inline NTSTATUS init(WDFDEVICE device) {
     script->note("init");
-    return script->selfManagedIoInit ? script->selfManagedIoInit(device) : STATUS_SUCCESS;
+    return script->selfManagedIoInit ? script->selfManagedIoInit(device) : script->answer("init");
 }
 inline NTSTATUS suspend(WDFDEVICE device) {
     script->note("suspend");
@@ -270,7 +270,7 @@ inline NTSTATUS suspend(WDFDEVICE device) {
 }
 inline NTSTATUS restart(WDFDEVICE device) {
     script->note("restart");
-    return script->selfManagedIoRestart ? script->selfManagedIoRestart(device) : STATUS_SUCCESS;
+    return script->selfManagedIoRestart ? script->selfManagedIoRestart(device) : script->answer("restart");
 }
 inline void flush(WDFDEVICE) {
     script->note("flush");

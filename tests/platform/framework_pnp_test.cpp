@@ -62,29 +62,21 @@ TEST(FrameworkPnp, SurpriseRemovalTakesDownBeforeTheRemovePacket) {
 // The cable is pulled while the driver is inside a power callback: the notice does not wait for its end, the
 // rest of the removal does.
 TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition) {
-    const struct {
-        const char* name;
-        std::function<void(platform::Machine&, platform::DeviceNode&)> before;
-        std::function<void(platform::Machine&, platform::DeviceNode&)> transition;
-        Trace expected;
-    } cases[] = {
-        {"sleep",
-         [](platform::Machine&, platform::DeviceNode&) {},
-         [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
-         {"suspend", "d0 exit(D3)", "surprise", "left", "release", "flush", "irp 2", "cleanup"}},
-        {"wake",
-         [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); },
-         [](platform::Machine& machine, platform::DeviceNode& node) { machine.resume(node); },
+    const std::pair<bool, Trace> cases[] = {
+        {false, {"suspend", "d0 exit(D3)", "surprise", "left", "release", "flush", "irp 2", "cleanup"}},
+        {true,
          {"d0 entry(D3)", "surprise", "entered", "restart", "suspend", "d0 exit(D3Final)", "left", "release",
           "flush", "irp 2", "cleanup"}},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const auto& [wake, expected] : cases) {
+        SCOPED_TRACE(wake ? "wake" : "sleep");
         FrameworkBench bench;
         auto& machine = bench.machine();
         bench.run([&] {
             auto& node = bench.plug();
-            test.before(machine, node);
+            if (wake) {
+                machine.suspend(node);
+            }
             bench.driver.trace.clear();
             const auto linger = [&](const char* end) {
                 machine.sleep(10 * usb::kMillisecond);
@@ -95,91 +87,63 @@ TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition
                 linger("entered");
                 return STATUS_SUCCESS;
             };
-            kernel::Task& power =
-                kernel::spawn("power", kernel::TaskKind::Host, [&] { test.transition(machine, node); });
+            kernel::Task& power = kernel::spawn("power", kernel::TaskKind::Host,
+                                                [&] { wake ? machine.resume(node) : machine.suspend(node); });
             machine.sleep(5 * usb::kMillisecond);
             machine.surpriseRemove(node);
             kernel::join(power);
-            EXPECT_EQ(bench.driver.trace, test.expected);
+            EXPECT_EQ(bench.driver.trace, expected);
         });
     }
 }
 
 TEST(FrameworkPnp, AFailingCallbackTakesTheDeviceDownAndSkipsWhatNeverBegan) {
-    constexpr auto fails = [](WDFDEVICE) { return STATUS_UNSUCCESSFUL; };
-    const auto nothing = [](platform::Machine&, platform::DeviceNode&) {};
-    const auto sleep = [](platform::Machine& machine, platform::DeviceNode& node) { machine.suspend(node); };
-    const auto wake = [](platform::Machine& machine, platform::DeviceNode& node) { machine.resume(node); };
-    const auto stop = [](platform::Machine& machine, platform::DeviceNode& node) { machine.stop(node); };
-    using Step = std::function<void(platform::Machine&, platform::DeviceNode&)>;
+    enum Step { Start, Wake, Sleep, Stop };
     const struct {
-        const char* name;
-        Step before; // the failing step; null when the start fails
-        std::function<void(DriverScript&)> arrange;
+        const char* failing;
         Step step;
         Trace expected;
     } cases[] = {
-        {"prepare", nullptr, [=](auto& driver) { driver.prepare = fails; }, nothing, {"prepare", "release"}},
-        {"d0 entry",
-         nullptr,
-         [=](auto& driver) { driver.d0Entry = fails; },
-         nothing,
-         {"prepare", "d0 entry(D3Final)", "release"}},
-        {"self-managed I/O",
-         nullptr,
-         [=](auto& driver) { driver.selfManagedIoInit = fails; },
-         nothing,
-         {"prepare", "d0 entry(D3Final)", "init", "d0 exit(D3Final)", "release", "flush"}},
-        {"d0 entry of a wake",
-         sleep,
-         [=](auto& driver) { driver.d0Entry = fails; },
-         wake,
-         {"d0 entry(D3)", "release", "flush"}},
-        {"self-managed I/O of a wake",
-         sleep,
-         [=](auto& driver) { driver.selfManagedIoRestart = fails; },
-         wake,
-         {"d0 entry(D3)", "restart", "d0 exit(D3Final)", "release", "flush"}},
-        {"suspend",
-         nothing,
-         [](auto& driver) { driver.answers["suspend"] = STATUS_UNSUCCESSFUL; },
-         sleep,
-         {"suspend", "d0 exit(D3)", "release", "flush"}},
-        {"d0 exit",
-         nothing,
-         [](auto& driver) { driver.answers["d0 exit"] = STATUS_UNSUCCESSFUL; },
-         sleep,
-         {"suspend", "d0 exit(D3)", "release", "flush"}},
-        {"release",
-         nothing,
-         [](auto& driver) { driver.answers["release"] = STATUS_UNSUCCESSFUL; },
-         stop,
-         {"suspend", "d0 exit(D3Final)", "release", "flush"}},
+        {"prepare", Start, {"prepare", "release"}},
+        {"d0 entry", Start, {"prepare", "d0 entry(D3Final)", "release"}},
+        {"init", Start, {"prepare", "d0 entry(D3Final)", "init", "d0 exit(D3Final)", "release", "flush"}},
+        {"d0 entry", Wake, {"d0 entry(D3)", "release", "flush"}},
+        {"restart", Wake, {"d0 entry(D3)", "restart", "d0 exit(D3Final)", "release", "flush"}},
+        {"suspend", Sleep, {"suspend", "d0 exit(D3)", "release", "flush"}},
+        {"d0 exit", Sleep, {"suspend", "d0 exit(D3)", "release", "flush"}},
+        {"release", Stop, {"suspend", "d0 exit(D3Final)", "release", "flush"}},
     };
-    for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+    for (const auto& [failing, step, expected] : cases) {
+        SCOPED_TRACE(failing);
         FrameworkBench bench;
-        StepRecorder during{bench.driver};
+        auto& machine = bench.machine();
         bench.run([&] {
-            auto& machine = bench.machine();
-            platform::DeviceNode* node = nullptr;
-            if (test.before) {
-                node = &bench.plug();
-                test.before(machine, *node);
+            auto* node = step == Start ? nullptr : &bench.plug();
+            if (step == Wake) {
+                machine.suspend(*node);
             }
-            test.arrange(bench.driver);
-            EXPECT_EQ(during([&] {
-                          if (node == nullptr) {
-                              node = &bench.plug();
-                              EXPECT_EQ(machine.startStatus(*node), STATUS_UNSUCCESSFUL);
-                          }
-                          test.step(machine, *node);
-                      }),
-                      test.expected);
+            bench.driver.trace.clear();
+            bench.driver.answers[failing] = STATUS_UNSUCCESSFUL;
+            switch (step) {
+            case Start:
+                node = &bench.plug();
+                EXPECT_EQ(machine.startStatus(*node), STATUS_UNSUCCESSFUL);
+                break;
+            case Wake:
+                machine.resume(*node);
+                break;
+            case Sleep:
+                machine.suspend(*node);
+                break;
+            case Stop:
+                machine.stop(*node);
+                break;
+            }
+            EXPECT_EQ(std::exchange(bench.driver.trace, {}), expected);
             // A failed device is not asked before it is removed. Clean-up follows what has been initialized.
-            const Trace removal =
-                test.expected.back() == "flush" ? Trace{"irp 2", "cleanup"} : Trace{"irp 2"};
-            EXPECT_EQ(during([&] { machine.remove(*node); }), removal);
+            machine.remove(*node);
+            EXPECT_EQ(bench.driver.trace,
+                      expected.back() == "flush" ? Trace({"irp 2", "cleanup"}) : Trace{"irp 2"});
         });
     }
 }
@@ -306,8 +270,8 @@ TEST_F(FrameworkClient, TheRemovePacketWaitsForTheLastHandle) {
                                          "file cleanup", "file close", "irp 2", "cleanup"}));
 }
 
-// The hardware is released when the driver has completed them, whether or not the queue follows the power.
-TEST(FrameworkQueue, ARemovalWaitsForTheRequestsThatTheDriverHas) {
+// Requests of a queue that does not follow the power meet a device whose hardware has been released.
+TEST(FrameworkQueue, OnlyAPowerManagedQueueHoldsTheReleaseBack) {
     for (const WDF_TRI_STATE powerManaged : {WdfFalse, WdfTrue}) {
         FrameworkBench bench;
         bench.driver.prepare = enableInterface;
@@ -332,8 +296,9 @@ TEST(FrameworkQueue, ARemovalWaitsForTheRequestsThatTheDriverHas) {
             kernel::join(client);
         });
         const Trace& trace = bench.driver.trace;
-        EXPECT_LT(std::find(trace.begin(), trace.end(), "completes"),
-                  std::find(trace.begin(), trace.end(), "release"));
+        EXPECT_EQ(std::find(trace.begin(), trace.end(), "completes") <
+                      std::find(trace.begin(), trace.end(), "release"),
+                  powerManaged == WdfTrue);
     }
 }
 
