@@ -44,8 +44,10 @@ ENCODER_INPUT Stage16(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, const
     if (!CanStage(frame, format.SourceBytesPerPixel, staging, 2)) {
         return NO_INPUT;
     }
-    const FRAME_FORMAT rgb555 = {format.SourceBytesPerPixel, OUTPUT_COLOR_16_BIT, 1};
-    PIXEL_TransformFrame(rgb555, cpu, staging.Start, frame.Pixels, frame.PixelCount);
+    const bool bgrx32 = format.SourceBytesPerPixel == 4;
+    const auto convertBgrx32 = cpu.CpuHasSsse3 ? PIXEL_Bgrx32ToRgb16Blocks : PIXEL_Bgrx32ToRgb16;
+    const auto convertBgr24 = cpu.CpuHasSsse3 ? PIXEL_Bgr24ToRgb16Blocks : PIXEL_Bgr24ToRgb16;
+    (bgrx32 ? convertBgrx32 : convertBgr24)(staging.Start, frame.Pixels, frame.PixelCount, 1);
     return {staging.Start, ULONGLONG{frame.PixelCount} * 2};
 }
 

@@ -71,7 +71,7 @@ void PIXEL_TransformFrameSimd(const FRAME_FORMAT& format, UCHAR* destination, co
         if (outputBytes == 3) {
             PIXEL_Bgrx32ToBgr24Blocks(destination, source, pixelCount);
         } else if (outputBytes == 2) {
-            PIXEL_Bgrx32ToRgb16Blocks(destination, source, pixelCount, format.Rgb555Enable);
+            PIXEL_Bgrx32ToRgb16Streamed(destination, source, pixelCount, format.Rgb555Enable);
         } else {
             PIXEL_Bgrx32ToRgb8Blocks(destination, source, pixelCount);
         }

@@ -13,7 +13,8 @@
 constexpr ULONG PIXELS_PER_BLOCK = 16;
 
 // Converts `pixelCount` pixels from the source format to the output format, by block routines where the
-// processor has SSSE3. A source of other than 3 or 4 bytes per pixel writes nothing.
+// processor has SSSE3. For a frame that the USB controller reads next. A source of other than 3 or 4 bytes
+// per pixel writes nothing.
 void PIXEL_TransformFrame(const FRAME_FORMAT& format, const CPU_FEATURES& cpu, UCHAR* destination,
                           const UCHAR* source, ULONG pixelCount);
 
@@ -28,10 +29,11 @@ void PIXEL_Bgr24ToRgb8(UCHAR* destination, const UCHAR* source, ULONG pixelCount
 void PIXEL_Bgrx32ToRgb8(UCHAR* destination, const UCHAR* source, ULONG pixelCount);
 void PIXEL_Bgrx32ToBgr24(UCHAR* destination, const UCHAR* source, ULONG pixelCount);
 
-// The block routines.
+// The block routines. Streamed: with non-temporal stores, as PIXEL_Bgrx32ToBgr24Blocks has them.
 void PIXEL_Bgr24ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount);
 void PIXEL_Bgr24ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555);
 void PIXEL_Copy24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount);
 void PIXEL_Bgrx32ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount);
 void PIXEL_Bgrx32ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555);
+void PIXEL_Bgrx32ToRgb16Streamed(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555);
 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount);

@@ -35,17 +35,43 @@ struct BGR24_SOURCE {
     }
 };
 
-// Plain stores: an encoder may read the converted frame next.
-template <typename Source, const REDUCTION& Rule>
+// The processor reads the converted frame next: an encoder does.
+struct CACHED {
+    TARGET_SSSE3 static inline void Store(__m128i* address, __m128i value) {
+        _mm_store_si128(address, value);
+    }
+    TARGET_SSSE3 static inline void Finish() {}
+};
+
+// The USB controller reads the converted frame next. Non-temporal stores keep it out of the caches and avoid
+// reading lines that are overwritten completely. The fence orders them before the buffer is handed over.
+struct STREAMED {
+    TARGET_SSSE3 static inline void Store(__m128i* address, __m128i value) {
+        _mm_stream_si128(address, value);
+    }
+    TARGET_SSSE3 static inline void Finish() { _mm_sfence(); }
+};
+
+template <typename Output, typename Source, const REDUCTION& Rule>
 TARGET_SSSE3 void ConvertTo16(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
     for (SIZE_T done = 0; done < pixelCount; done += PIXELS_PER_BLOCK) {
         const PIXEL_BLOCK block = Source::LoadBlock(source);
         __m128i* out = reinterpret_cast<__m128i*>(destination);
-        _mm_store_si128(out, ReduceOctet<Rule>(block.Quad[0], block.Quad[1]));
-        _mm_store_si128(out + 1, ReduceOctet<Rule>(block.Quad[2], block.Quad[3]));
+        Output::Store(out, ReduceOctet<Rule>(block.Quad[0], block.Quad[1]));
+        Output::Store(out + 1, ReduceOctet<Rule>(block.Quad[2], block.Quad[3]));
         source += Source::BlockBytes;
         destination += PIXELS_PER_BLOCK * 2;
+    }
+    Output::Finish();
+}
+
+template <typename Output, typename Source>
+void ConvertToRgb16(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
+    if (rgb555 == 1) {
+        ConvertTo16<Output, Source, REDUCE_TO_RGB555>(destination, source, pixelCount);
+    } else {
+        ConvertTo16<Output, Source, REDUCE_TO_RGB565>(destination, source, pixelCount);
     }
 }
 
@@ -69,11 +95,7 @@ void PIXEL_Bgr24ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixe
 }
 
 void PIXEL_Bgr24ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
-    if (rgb555 == 1) {
-        ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
-    } else {
-        ConvertTo16<BGR24_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
-    }
+    ConvertToRgb16<CACHED, BGR24_SOURCE>(destination, source, pixelCount, rgb555);
 }
 
 void PIXEL_Bgrx32ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
@@ -81,17 +103,15 @@ void PIXEL_Bgrx32ToRgb8Blocks(UCHAR* destination, const UCHAR* source, ULONG pix
 }
 
 void PIXEL_Bgrx32ToRgb16Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
-    if (rgb555 == 1) {
-        ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB555>(destination, source, pixelCount);
-    } else {
-        ConvertTo16<BGRX32_SOURCE, REDUCE_TO_RGB565>(destination, source, pixelCount);
-    }
+    ConvertToRgb16<CACHED, BGRX32_SOURCE>(destination, source, pixelCount, rgb555);
 }
 
-// The USB controller reads the converted frame next, not the processor: non-temporal stores keep it out of
-// the caches and avoid reading lines that are overwritten completely. The fence orders the stores before the
-// buffer is handed over. (Only a compressed 24-bit mode reads the frame once more, in the tolerant encoder.)
-// Each quad is packed so that its bytes are where the three output vectors need them.
+void PIXEL_Bgrx32ToRgb16Streamed(UCHAR* destination, const UCHAR* source, ULONG pixelCount, ULONG rgb555) {
+    ConvertToRgb16<STREAMED, BGRX32_SOURCE>(destination, source, pixelCount, rgb555);
+}
+
+// Streamed, although the tolerant encoder of a compressed 24-bit mode reads the frame once more. Each quad is
+// packed so that its bytes are where the three output vectors need them.
 TARGET_SSSE3 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* source, ULONG pixelCount) {
     NT_ASSERT(reinterpret_cast<ULONG_PTR>(destination) % 16 == 0);
     const __m128i toHigh12 = _mm_setr_epi8(-1, -1, -1, -1, 0, 1, 2, 4, 5, 6, 8, 9, 10, 12, 13, 14);
@@ -105,11 +125,11 @@ TARGET_SSSE3 void PIXEL_Bgrx32ToBgr24Blocks(UCHAR* destination, const UCHAR* sou
         const __m128i third = _mm_shuffle_epi8(block.Quad[2], toLow8High4);
         const __m128i fourth = _mm_shuffle_epi8(block.Quad[3], toLow12);
         __m128i* out = reinterpret_cast<__m128i*>(destination);
-        _mm_stream_si128(out, _mm_alignr_epi8(second, first, 4));
-        _mm_stream_si128(out + 1, _mm_alignr_epi8(third, second, 8));
-        _mm_stream_si128(out + 2, _mm_alignr_epi8(fourth, third, 12));
+        STREAMED::Store(out, _mm_alignr_epi8(second, first, 4));
+        STREAMED::Store(out + 1, _mm_alignr_epi8(third, second, 8));
+        STREAMED::Store(out + 2, _mm_alignr_epi8(fourth, third, 12));
         source += BGRX32_SOURCE::BlockBytes;
         destination += PIXELS_PER_BLOCK * 3;
     }
-    _mm_sfence();
+    STREAMED::Finish();
 }

@@ -84,6 +84,10 @@ const Routine kRoutines[] = {
      [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Blocks(d, s, n, 2); }},
     {"Bgrx32ToRgb555Blocks", 4, Format::kRgb555, true,
      [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Blocks(d, s, n, 1); }},
+    {"Bgrx32ToRgb565Streamed", 4, Format::kRgb565, true,
+     [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Streamed(d, s, n, 0); }},
+    {"Bgrx32ToRgb555Streamed", 4, Format::kRgb555, true,
+     [](UCHAR* d, const UCHAR* s, ULONG n) { PIXEL_Bgrx32ToRgb16Streamed(d, s, n, 1); }},
     {"Bgrx32ToBgr24Blocks", 4, Format::kBgr24, true, PIXEL_Bgrx32ToBgr24Blocks},
 };
 
