@@ -85,6 +85,11 @@ void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context) {
     SHARED_Write(context->Render.DropFrameEventReceived, FALSE);
 }
 
+void RENDER_ForgetFrameErrors(DEVICE_CONTEXT* context) {
+    SHARED_Write(context->Render.DropFrameEventReceived, FALSE);
+    RENDER_EmptyFrameErrorBucket(context);
+}
+
 void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context) {
     SHARED_Write(context->Render.FrameErrorHandlingSuspended, TRUE);
 }

@@ -38,6 +38,11 @@ void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context);
 _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context);
 
+// When the stream pauses for a sleep: what was reported before it says nothing about the stream after it. A
+// fallback to 16 bits stays.
+_IRQL_requires_max_(DISPATCH_LEVEL)
+void RENDER_ForgetFrameErrors(DEVICE_CONTEXT* context);
+
 // While suspended, the status work item ignores reports of dropped frames: the stream is being stopped or the
 // adapter is not in D0. Of two callers the later one decides.
 _IRQL_requires_max_(DISPATCH_LEVEL)

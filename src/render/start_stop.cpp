@@ -169,6 +169,7 @@ void RENDER_Suspend(DEVICE_CONTEXT* context) {
     context->Render.SuspendedWhileRunning = TRUE;
     AwaitFillEnd(&context->Render);
     DrainTransfers(context);
+    RENDER_ForgetFrameErrors(context);
 }
 
 void RENDER_Resume(DEVICE_CONTEXT* context) {

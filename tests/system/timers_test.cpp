@@ -168,6 +168,7 @@ struct BucketCase {
     std::vector<rig::Setting> settings;
     std::vector<unsigned> framesBeforeError; // one error after so many frames, and so on
     bool reduced;                            // to 16 bits
+    unsigned errorsBeforeSleep = 0;          // none: no sleep
 };
 
 TEST(FrameErrorBucket, CausesTheChangeTo16Bits) {
@@ -181,6 +182,8 @@ TEST(FrameErrorBucket, CausesTheChangeTo16Bits) {
         {"an increment at the threshold", {bucket, setting("FrameErrorBucketIncrementValue", 30)}, {1}, true},
         {"an increment just below it", {bucket, setting("FrameErrorBucketIncrementValue", 29)}, {1}, false},
         {"a threshold of nothing", {bucket, setting("FrameErrorBucketThreshold", 0)}, {1}, true},
+        {"an error before a sleep", {}, {1}, false, 1},
+        {"one before and one after it", {bucket}, {1, 1}, false, 1},
         {"without bandwidth detection", {setting("UseBandwidthDetectionEnable", 0)}, {1, 1, 1}, false},
         {"without adjustment", {setting("UseDynamicPixelBytesAdjustmentEnable", 0)}, {1, 1, 1}, false},
     };
@@ -188,10 +191,15 @@ TEST(FrameErrorBucket, CausesTheChangeTo16Bits) {
         SCOPED_TRACE(c.name);
         runSession(inOrder(c.settings), [&](Session& session) {
             showDesktop(session, slowAdapter());
+            unsigned errors = 0;
             for (const unsigned frames : c.framesBeforeError) {
                 passFrames(session, frames);
                 session.adapter().reportFrameError();
                 session.machine().sleep(2 * kMillisecond);
+                if (++errors == c.errorsBeforeSleep) {
+                    session.suspend();
+                    session.resume();
+                }
             }
             EXPECT_EQ(model::name(c.reduced ? model::PixelFormat::Rgb565 : model::PixelFormat::Bgr24),
                       formatAfterAFrame(session, 1));
