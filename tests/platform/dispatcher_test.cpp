@@ -203,11 +203,13 @@ void threadObjectsAreSignaledAtTheEnd() {
         PVOID thread = nullptr;
         ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr),
                   STATUS_SUCCESS);
-        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
         LARGE_INTEGER poll = relative(0);
+        EXPECT_EQ(ZwWaitForSingleObject(handle, FALSE, &poll), STATUS_TIMEOUT);
         EXPECT_EQ(waitFor(thread, &poll), STATUS_TIMEOUT);
         EXPECT_EQ(runningSystemThreads(), 1u);
         KeSetEvent(&probe.go, 0, FALSE);
+        EXPECT_EQ(ZwWaitForSingleObject(handle, FALSE, nullptr), STATUS_SUCCESS);
+        EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
         EXPECT_EQ(waitFor(thread), STATUS_SUCCESS);
         EXPECT_TRUE(probe.ran);
         ObDereferenceObject(thread);

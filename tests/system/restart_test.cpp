@@ -22,6 +22,28 @@ TEST(Restart, ShowsWhatWasPresentedWhileTheFormatWasSwitched) {
     });
 }
 
+// The presents of another thread end at any moment of a stop and the start after it. Then the desktop rests.
+TEST(Restart, LosesNoPresent) {
+    explore(60, [](Session& session) {
+        showDesktop(session, adapter());
+        session.createFrameBuffer(kDesktop + 1, kWidth, kHeight);
+        for (unsigned round = 0; round < 6; round++) {
+            {
+                ClientThread presenter("presenter", [&] {
+                    for (unsigned left = kernel::choose(10); left > 0; left--) {
+                        require(session.client().present(kDesktop, bars()), "presenting");
+                        session.machine().sleep(static_cast<usb::Time>(kernel::choose(20)) * kMillisecond);
+                    }
+                    require(session.client().present(kDesktop, bars()), "presenting");
+                    require(session.client().present(kDesktop + 1, gradient()), "presenting");
+                });
+                switchOffAndOn(session);
+            }
+            expectPicture(session, gradient());
+        }
+    });
+}
+
 TEST(Restart, ShowsNothingThatTheClientNeverPresented) {
     explore(20, [](Session& session) {
         plugWithMonitor(session);

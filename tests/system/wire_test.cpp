@@ -181,6 +181,7 @@ struct Timing {
 
 constexpr Timing kVga = {640, 480, 0x3F6119, {0x02800320, 0x00600089, 0x01E0020D, 0x01C2001C}, 0x9F0020CC};
 constexpr Timing kVgaCea = {640, 480, 0x3F6119, {0x02800320, 0x00600091, 0x01E0020D, 0x02420024}, 0x9F0020CC};
+constexpr Timing kWide = {1680, 1050, 0x756204, {0x069008C0, 0x00B001C9, 0x041A0441, 0x02560025}, 0x9F0020C0};
 constexpr Timing kFullHd = {
     1920, 1080, 0x596106, {0x07800898, 0x002C00C1, 0x04380465, 0x02A5002A}, 0x9F0020C0};
 
@@ -202,6 +203,7 @@ const ModeCase kModeCases[] = {
      .control = 0x11000000,
      .format = 0x00000081,
      .transmitter = true},
+    {"1680x1050, 3 bytes, the smallest whose bytes are counted", kWide, 0x21000000, 0x0000008D},
     {"1920x1080, 3 bytes", kFullHd, 0x21000000, 0x0000008D},
     {"1920x1080, RGB565",
      kFullHd,
