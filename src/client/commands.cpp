@@ -105,10 +105,14 @@ void SwitchDisplayOff(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Client.Disp
         RENDER_StopSuspended(context);
         return;
     }
-    RENDER_SuspendFrameErrors(context);
+    {
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+        RENDER_SuspendFrameErrors(context);
+    }
     HDMI_PowerDownIfPowered(context);
     RENDER_Stop(context);
     MODE_DisableOutput(context);
+    MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
     RENDER_ResumeFrameErrors(context);
 }
 

@@ -39,7 +39,6 @@ void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context) {
 }
 
 void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status) {
-    MUTEX_GUARD monitor(context->Control.MonitorMutex);
     const BOOLEAN wasAttached = SHARED_Read(context->Control.MonitorConnected);
     const BOOLEAN isAttached = (status & STATUS_MONITOR_ATTACHED_MASK) != 0;
     if (wasAttached && !isAttached) {
@@ -52,7 +51,6 @@ void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status) {
 }
 
 void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status) {
-    MUTEX_GUARD monitor(context->Control.MonitorMutex);
     if ((status & STATUS_MONITOR_ATTACHED_MASK) == 0) {
         MONITOR_Detach(context);
     } else if ((status & STATUS_FRAME_ERROR_MASK) != 0) {

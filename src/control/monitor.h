@@ -21,11 +21,11 @@ _IRQL_requires_(PASSIVE_LEVEL)
 void MONITOR_CheckAtD0Entry(DEVICE_CONTEXT* context);
 
 // Act on a status word. MONITOR_OnStatus serves chips that report events and does nothing when the monitor's
-// state is as before; MONITOR_CheckStatus serves the others. Both take MonitorMutex.
+// state is as before; MONITOR_CheckStatus serves the others.
 _IRQL_requires_(PASSIVE_LEVEL)
-void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status);
+void MONITOR_OnStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->Control.MonitorMutex);
 _IRQL_requires_(PASSIVE_LEVEL)
-void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status);
+void MONITOR_CheckStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->Control.MonitorMutex);
 
 // Attach enables the device interface. Before that it reads the EDID (a second or more) if `readEdid` says
 // that there is one, or if there is a transmitter. Detach disables the interface and stops the stream.

@@ -25,7 +25,7 @@ void HandleStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->C
         MONITOR_OnStatus(context, status);
     } else if ((status & STATUS_FRAME_ERROR_MASK) != 0) {
         MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
-        if (!SHARED_Read(context->Render.FrameErrorHandlingSuspended)) {
+        if (!RENDER_FrameErrorsSuspended(context)) {
             RENDER_HandleFrameError(context);
         }
     }

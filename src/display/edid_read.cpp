@@ -21,7 +21,8 @@ ULONG CountReadableExtensions(UCHAR extensionCount) {
     return extensionCount < EDID_BLOCK_COUNT ? extensionCount : EDID_LAST_BLOCK;
 }
 
-BOOLEAN ReadAllThroughTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
+BOOLEAN ReadAllThroughTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     EDID_Clear(edid);
     if (!HDMI_ReadEdidBlock(context, 0, edid->EdidBlocks[0])) {
         return FALSE;
@@ -38,7 +39,8 @@ BOOLEAN ReadAllThroughTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
     return TRUE;
 }
 
-BOOLEAN AcquireWithTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid) {
+BOOLEAN AcquireWithTransmitter(DEVICE_CONTEXT* context, MONITOR_EDID* edid)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex) {
     const BOOLEAN wasRead =
         (!edid->ViaAdapterDdc && ReadAllThroughTransmitter(context, edid)) || EDID_ReadAll(context, edid);
     if (!wasRead || !EDID_Validate(edid)) {

@@ -132,11 +132,16 @@ NTSTATUS ProgramAdapter(DEVICE_CONTEXT* context, BOOLEAN pllChanged)
     return NT_SUCCESS(status) ? USB_ConfigurePipes(context) : status;
 }
 
+// The mode in force, to be changed.
+MODE_PARAMETERS* WritableMode(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DropFrameCheckMutex) {
+    return &context->Display.Mode;
+}
+
 } // namespace
 
 NTSTATUS MODE_Program(DEVICE_CONTEXT* context, const MODE_PARAMETERS* parameters) {
     MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
-    MODE_PARAMETERS* mode = &context->Display.Mode;
+    MODE_PARAMETERS* mode = WritableMode(context);
 
     // The PLL word is kept: it is the clock that the adapter runs.
     const ULONG runningPllWord = mode->PllWord;
@@ -201,7 +206,7 @@ BOOLEAN MODE_ProgramTiming(DEVICE_CONTEXT* context, BOOLEAN pllChanged) {
 }
 
 void MODE_ApplyHdmiTiming(DEVICE_CONTEXT* context) {
-    MODE_PARAMETERS* mode = &context->Display.Mode;
+    MODE_PARAMETERS* mode = WritableMode(context);
     if (IsMode(*mode, 640, 480, 60)) {
         mode->HorizontalBackPorch = 48;
         mode->VerticalBackPorch = 33;
@@ -215,7 +220,7 @@ void MODE_ApplyHdmiTiming(DEVICE_CONTEXT* context) {
 
 void MODE_Forget(DEVICE_CONTEXT* context) {
     MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
-    MODE_PARAMETERS* mode = &context->Display.Mode;
+    MODE_PARAMETERS* mode = WritableMode(context);
     mode->Width = 0;
     mode->Height = 0;
     mode->Refresh = 0;
@@ -225,11 +230,12 @@ void MODE_Forget(DEVICE_CONTEXT* context) {
 void MODE_ForgetForSleep(DEVICE_CONTEXT* context) {
     MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
     DISPLAY_CONTEXT* display = &context->Display;
-    display->WidthBeforeSleep = display->Mode.Width;
-    display->HeightBeforeSleep = display->Mode.Height;
-    display->Mode.Width = 0;
-    display->Mode.Height = 0;
-    display->Mode.Refresh = 0;
+    MODE_PARAMETERS* mode = WritableMode(context);
+    display->WidthBeforeSleep = mode->Width;
+    display->HeightBeforeSleep = mode->Height;
+    mode->Width = 0;
+    mode->Height = 0;
+    mode->Refresh = 0;
 }
 
 void MODE_RestoreTiming(DEVICE_CONTEXT* context) {

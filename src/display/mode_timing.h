@@ -31,7 +31,7 @@ void MODE_ApplyHdmiTiming(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display
 // Forgets the current mode and its pixel clock: the next mode set programs everything. Takes
 // DropFrameCheckMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
-void MODE_Forget(DEVICE_CONTEXT* context);
+void MODE_Forget(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex);
 
 // Before a sleep: a transmitter loses its registers over it, so the mode counts as none and the next mode set
 // programs everything again. The size is kept in WidthBeforeSleep and HeightBeforeSleep. Takes
@@ -39,7 +39,7 @@ void MODE_Forget(DEVICE_CONTEXT* context);
 _IRQL_requires_(PASSIVE_LEVEL)
 void MODE_ForgetForSleep(DEVICE_CONTEXT* context);
 
-// An adapter that lost power has lost its timing: writes it again if the pixel clock is not the mode's.
-// Takes DropFrameCheckMutex.
+// An adapter that lost power has lost its timing: writes it again if the pixel clock is not the mode's. Under
+// MonitorMutex no detach forgets the mode and stops the clock meanwhile. Takes DropFrameCheckMutex.
 _IRQL_requires_(PASSIVE_LEVEL)
-void MODE_RestoreTiming(DEVICE_CONTEXT* context);
+void MODE_RestoreTiming(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Control.MonitorMutex);

@@ -8,6 +8,7 @@
 #include "usb/chip.h"
 #include "usb/programmer.h"
 #include "usb/registers.h"
+#include "usb/serial_master.h"
 
 namespace {
 
@@ -21,15 +22,9 @@ void RestoreTiming(DEVICE_CONTEXT* context) {
     }
 }
 
-// The power stages share their register with the serial master's command: the write would start a transaction
-// again that was in progress at the read.
 void SwitchPowerStage(DEVICE_CONTEXT* context, ULONG bit, BOOLEAN on) {
     MUTEX_GUARD serialMaster(context->Usb.SerialMasterMutex);
-    if (on) {
-        REG_SetBit(context, REGISTER_SERIAL_CONTROL, bit);
-    } else {
-        REG_ClearBit(context, REGISTER_SERIAL_CONTROL, bit);
-    }
+    SERIAL_SwitchPowerStage(context, bit, on);
 }
 
 } // namespace

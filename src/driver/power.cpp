@@ -53,7 +53,10 @@ NTSTATUS DEVICE_EvtD0Entry(WDFDEVICE device, WDF_POWER_DEVICE_STATE previousStat
     MONITOR_CheckAtD0Entry(context);
 
     MONITOR_AcceptReports(context);
-    RENDER_ResumeFrameErrors(context);
+    {
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+        RENDER_ResumeFrameErrors(context);
+    }
     context->Power.PreviousPowerState = previousState;
 
     // A display switch finds the device either out of D0 with its stream paused, or in D0 with its stream
@@ -73,7 +76,10 @@ NTSTATUS DEVICE_EvtD0Exit(WDFDEVICE device, WDF_POWER_DEVICE_STATE targetState) 
         SetCurrentPowerState(context, targetState);
     }
     MONITOR_IgnoreReports(context);
-    RENDER_SuspendFrameErrors(context);
+    {
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+        RENDER_SuspendFrameErrors(context);
+    }
 
     // The status pipe is at rest. What still takes this mutex is a client that reads the EDID.
     MUTEX_GUARD monitor(context->Control.MonitorMutex);

@@ -41,6 +41,10 @@ constexpr HDMI_WRITE POWER_DOWN[] = {
     {HDMI_DATA_PLL, 0x40, 0x40}, {HDMI_REFERENCE_CLOCK, 0x01, 0x01}, {HDMI_BANK, 0x78, 0x78},
 };
 
+void MarkModeStale(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex) {
+    SHARED_Write(context->Hdmi.HdmiModeStale, TRUE);
+}
+
 } // namespace
 
 BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context) {
@@ -53,7 +57,7 @@ BOOLEAN HDMI_IsPresent(DEVICE_CONTEXT* context) {
 }
 
 BOOLEAN HDMI_Reset(DEVICE_CONTEXT* context) {
-    SHARED_Write(context->Hdmi.HdmiModeStale, TRUE);
+    MarkModeStale(context);
     MUTEX_GUARD guard(context->Usb.SerialMasterMutex);
     if (!HDMI_WriteMasked(context, HDMI_RESET, 1 << HDMI_RESET_ALL_BIT, 1 << HDMI_RESET_ALL_BIT)) {
         return FALSE;
@@ -109,7 +113,7 @@ void HDMI_SetUp(DEVICE_CONTEXT* context) {
 
 void HDMI_ForgetMode(DEVICE_CONTEXT* context) {
     MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
-    SHARED_Write(context->Hdmi.HdmiModeStale, TRUE);
+    MarkModeStale(context);
 }
 
 void HDMI_PowerDownIfPowered(DEVICE_CONTEXT* context) {

@@ -21,6 +21,11 @@ BOOLEAN FillBucket(DEVICE_CONTEXT* context) {
     return before + increment < context->Settings.FrameErrorBucketThreshold;
 }
 
+// Not while the mode changes.
+void EndCheckPeriod(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DropFrameCheckMutex) {
+    SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_ELAPSED);
+}
+
 } // namespace
 
 NTSTATUS RENDER_CreateDropFrameEventCheckTimer(DEVICE_CONTEXT* context) {
@@ -42,7 +47,7 @@ void RENDER_DropFrameEventCheckTimerFunc(WDFTIMER timer) {
     DEVICE_CONTEXT* context = RENDER_GetCheckTimerContext(timer)->DeviceContext;
     {
         MUTEX_GUARD guard(context->Display.DropFrameCheckMutex);
-        SHARED_Write(context->Render.DropFrameCheckState, DROP_FRAME_CHECK_ELAPSED);
+        EndCheckPeriod(context);
     }
     // A detach does not wait for this callback. If it stops the timer between this check and the start, the
     // timer fires once more.
@@ -96,6 +101,10 @@ void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context) {
 
 void RENDER_ResumeFrameErrors(DEVICE_CONTEXT* context) {
     SHARED_Write(context->Render.FrameErrorHandlingSuspended, FALSE);
+}
+
+BOOLEAN RENDER_FrameErrorsSuspended(const DEVICE_CONTEXT* context) {
+    return SHARED_Read(context->Render.FrameErrorHandlingSuspended);
 }
 
 void RENDER_HandleFrameError(DEVICE_CONTEXT* context) {

@@ -35,8 +35,8 @@ void RENDER_ResetDropFrameCheck(DEVICE_CONTEXT* context);
 
 // When the stream stops: its dropped frames are forgotten, and with them the fallback to 16 bits, which lasts
 // as long as the stream that dropped frames.
-_IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context);
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_ForgetDroppedFrames(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
 
 // When the stream pauses for a sleep: what was reported before it says nothing about the stream after it. A
 // fallback to 16 bits stays.
@@ -44,11 +44,15 @@ _IRQL_requires_max_(DISPATCH_LEVEL)
 void RENDER_ForgetFrameErrors(DEVICE_CONTEXT* context);
 
 // While suspended, the status work item ignores reports of dropped frames: the stream is being stopped or the
-// adapter is not in D0. Of two callers the later one decides.
-_IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context);
-_IRQL_requires_max_(DISPATCH_LEVEL)
-void RENDER_ResumeFrameErrors(DEVICE_CONTEXT* context);
+// adapter is not in D0. The work item asks and acts under DisplayStateMutex: what it does is over when a
+// caller has suspended them. Of two callers the later one decides.
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_SuspendFrameErrors(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+void RENDER_ResumeFrameErrors(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Display.DisplayStateMutex);
+_IRQL_requires_(PASSIVE_LEVEL)
+BOOLEAN RENDER_FrameErrorsSuspended(const DEVICE_CONTEXT* context)
+    TSA_REQUIRES(context->Display.DisplayStateMutex);
 
 // One report of a dropped frame. It counts when the bucket is full. Without the bucket, and while frame
 // errors are suspended, it counts at once.

@@ -27,6 +27,11 @@ void SetRenderRunning(DEVICE_CONTEXT* context, ULONG running)
     }
 }
 
+// The answer holds as long as the lock is held.
+BOOLEAN RunsWhileLocked(const DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.PendingListLock) {
+    return context->Render.RenderRunning != 0;
+}
+
 // Under PendingListLock: the frame update thread and each completion either are past their critical section
 // or find the stream stopped.
 void SetStopped(DEVICE_CONTEXT* context) TSA_REQUIRES(context->Render.RenderStartStopMutex) {
@@ -114,7 +119,10 @@ BOOLEAN RequestThreadEnd(DEVICE_CONTEXT* context) {
     context->Render.ShutDown = TRUE;
     context->Render.SuspendedWhileRunning = FALSE;
     SetStopped(context);
-    RENDER_ForgetDroppedFrames(context);
+    {
+        MUTEX_GUARD displayState(context->Display.DisplayStateMutex);
+        RENDER_ForgetDroppedFrames(context);
+    }
     if (!context->Render.FrameUpdateThreadCreated) {
         return FALSE;
     }
@@ -212,7 +220,7 @@ BOOLEAN RENDER_IsRunning(const DEVICE_CONTEXT* context) {
 
 BOOLEAN RENDER_BeginFill(DEVICE_CONTEXT* context) {
     SPIN_LOCK_GUARD pending(context->Render.PendingListLock);
-    if (context->Render.RenderRunning == 0) {
+    if (!RunsWhileLocked(context)) {
         return FALSE;
     }
     KeClearEvent(&context->Render.FrameFillIdleEvent);

@@ -94,3 +94,8 @@ NTSTATUS SPI_WriteDword(DEVICE_CONTEXT* context, ULONG address, const ULONG* val
     const ULONG firstWrite = ULONG(isFirstWrite & 1) << COMMAND_FIRST_WRITE_SHIFT;
     return WriteDword(context, SpiCommand(address) | firstWrite, SPI_WAIT_MS, value);
 }
+
+void SERIAL_SwitchPowerStage(DEVICE_CONTEXT* context, ULONG bit, BOOLEAN on) {
+    const auto update = on ? REG_SetBit : REG_ClearBit;
+    update(context, REGISTER_SERIAL_CONTROL, bit);
+}

@@ -28,3 +28,9 @@ _IRQL_requires_(PASSIVE_LEVEL)
 _Must_inspect_result_
 [[nodiscard]] NTSTATUS SPI_WriteDword(DEVICE_CONTEXT* context, ULONG address, const ULONG* value,
                                       UCHAR isFirstWrite) TSA_REQUIRES(context->Usb.SerialMasterMutex);
+
+// Sets or clears a power stage's bit. It shares its register with the serial master's command: the write
+// would start a transaction again that was in progress at the read.
+_IRQL_requires_(PASSIVE_LEVEL)
+void SERIAL_SwitchPowerStage(DEVICE_CONTEXT* context, ULONG bit, BOOLEAN on)
+    TSA_REQUIRES(context->Usb.SerialMasterMutex);
