@@ -45,6 +45,16 @@ class PinnedThread {
     bool pinned_ = false;
 };
 
+// The routine sees what the calling task did before.
+Routine announced(Routine routine) {
+    auto entry = std::make_shared<Routine>(std::move(routine));
+    announceRelease(entry.get());
+    return [entry] {
+        announceAcquire(entry.get());
+        (*entry)();
+    };
+}
+
 class SimCore final : public Core {
   public:
     explicit SimCore(const SchedulerOptions& options);
@@ -71,6 +81,7 @@ class SimCore final : public Core {
     void taskBegins(Task& task) override;
     void taskEnds(Task& task) override;
 
+    void enqueueDpc(Routine routine, std::optional<unsigned> processor);
     bool mayRun(const Task& task) const;
     Task* pick(Task* self);
     Task* pickOrAdvance(Task* self);
@@ -274,7 +285,8 @@ void SimCore::passTime() {
             timer.task->deadlineTimer = 0;
             makeReady(*timer.task);
         } else {
-            queueDpc(std::move(timer.routine), timer.processor);
+            // The task that happens to let time pass is ordered with no timer.
+            enqueueDpc(std::move(timer.routine), timer.processor);
         }
     }
 }
@@ -342,18 +354,17 @@ void SimCore::wake(Task& task) {
 // DPCs. A processor's DPC task runs while its queue has entries and no other task is at DISPATCH_LEVEL there.
 
 void SimCore::queueDpc(Routine routine, std::optional<unsigned> processor) {
+    enqueueDpc(announced(std::move(routine)), processor);
+}
+
+void SimCore::enqueueDpc(Routine routine, std::optional<unsigned> processor) {
     const Task* self = currentTaskOrNull();
     const unsigned index = processor.has_value() ? *processor
                            : options_.strategy == Strategy::InOrder && self != nullptr
                                ? self->processor
                                : choose(options_.processors);
     Processor& target = processors_[index];
-    auto entry = std::make_shared<Routine>(std::move(routine));
-    announceRelease(entry.get());
-    target.dpcs.push_back([entry] {
-        announceAcquire(entry.get());
-        (*entry)();
-    });
+    target.dpcs.push_back(std::move(routine));
     if (target.dpcTask == nullptr) {
         target.dpcTask = &spawn(
             fmt::format("DPC {}", index), TaskKind::Dpc, [this, index] { dpcLoop(index); }, true);
@@ -394,7 +405,7 @@ TimerId SimCore::startTimer(Time due, Routine routine, std::optional<unsigned> p
         queueDpc(std::move(routine), processor);
         return id;
     }
-    timers_[{due, id}] = {std::move(routine), nullptr, processor};
+    timers_[{due, id}] = {announced(std::move(routine)), nullptr, processor};
     timerDue_[id] = due;
     return id;
 }

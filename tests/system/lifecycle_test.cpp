@@ -199,9 +199,9 @@ TEST(Lifecycle, FollowsABouncingMonitor) {
         };
         session.plug(exploredAdapter());
         for (unsigned pulse = 0; pulse < 6; pulse++) {
-            session.adapter().attachMonitor({});
+            session.atHardware([](model::Adapter& device) { device.attachMonitor({}); });
             wait();
-            session.adapter().detachMonitor();
+            session.atHardware([](model::Adapter& device) { device.detachMonitor(); });
             wait();
         }
         session.attachMonitor({});
@@ -209,7 +209,7 @@ TEST(Lifecycle, FollowsABouncingMonitor) {
             session.machine().sleep(kSecond);
             switchOn(session);
             show(session, *picture);
-            session.adapter().pulseHotPlug();
+            session.atHardware([](model::Adapter& device) { device.pulseHotPlug(); });
         }
     });
 }
@@ -320,10 +320,10 @@ TEST(Lifecycle, RecoversFromADetachDuringDisplayOn) {
                 (void)session.client().setDisplayPower(false);
                 (void)session.client().setDisplayPower(true);
             });
-            session.adapter().detachMonitor();
+            session.atHardware([](model::Adapter& device) { device.detachMonitor(); });
             session.machine().sleep(static_cast<usb::Time>(kernel::choose(20)) * kMillisecond);
             session.suspend();
-            session.adapter().attachMonitor({});
+            session.atHardware([](model::Adapter& device) { device.attachMonitor({}); });
             session.resume();
         }
         expectRecovery(session);
@@ -339,7 +339,7 @@ TEST(Lifecycle, RecoversFromASwitchDuringAnAdjustment) {
             ClientThread presenter = presentInBackground(session, 10);
             ClientThread errors("frame errors", [&] {
                 for (unsigned error = 0; error < 4; error++) {
-                    session.adapter().reportFrameError();
+                    session.atHardware([](model::Adapter& device) { device.reportFrameError(); });
                     session.machine().sleep(2 * kMillisecond);
                 }
             });
@@ -348,9 +348,9 @@ TEST(Lifecycle, RecoversFromASwitchDuringAnAdjustment) {
                 switchOffAndOn(session);
                 break;
             case 1:
-                session.adapter().detachMonitor();
+                session.atHardware([](model::Adapter& device) { device.detachMonitor(); });
                 session.machine().sleep(5 * kMillisecond);
-                session.adapter().attachMonitor({});
+                session.atHardware([](model::Adapter& device) { device.attachMonitor({}); });
                 break;
             case 2:
                 session.suspend();

@@ -12,7 +12,7 @@ TEST(Restart, ShowsWhatWasPresentedWhileTheFormatWasSwitched) {
     explore(20, [](Session& session) {
         showDesktop(session, slowAdapter());
         session.createFrameBuffer(kDesktop + 1, kWidth, kHeight);
-        session.adapter().reportFrameError();
+        session.atHardware([](model::Adapter& device) { device.reportFrameError(); });
         for (unsigned frame = 0; frame < 40; frame++) {
             session.present(kDesktop + frame % 2, pattern("scroll", kWidth, kHeight, frame));
             session.machine().sleep(16 * kMillisecond);
