@@ -350,6 +350,16 @@ std::uint64_t Machine::objectCreations() const {
     return framework::objectCreations();
 }
 
+std::map<std::string, std::size_t> Machine::held() const {
+    kernel::PlatformCall platformCall;
+    std::map<std::string, std::size_t> held = framework::heldObjects();
+    for (const kernel::PoolUse& use : kernel::poolInUse()) {
+        held["pool " + kernel::tagText(use.tag)] = use.blocks;
+    }
+    held["thread references"] = kernel::threadReferences();
+    return held;
+}
+
 std::vector<CpuTime> Machine::cpuTimes() const {
     kernel::PlatformCall platformCall;
     std::vector<CpuTime> times;

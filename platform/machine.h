@@ -10,6 +10,7 @@
 #include <ntddk.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -102,6 +103,10 @@ class Machine {
     // Pool and framework allocations made so far, and the processor time spent in the driver by task.
     std::uint64_t poolAllocations() const;
     std::uint64_t objectCreations() const;
+
+    // What the driver holds now, counted by kind: framework objects and its references to them, pool blocks
+    // by tag, references to thread objects.
+    std::map<std::string, std::size_t> held() const;
     std::vector<CpuTime> cpuTimes() const;
 
   private:

@@ -398,6 +398,16 @@ std::vector<std::string> liveObjects() {
     return names;
 }
 
+std::map<std::string, std::size_t> heldObjects() {
+    std::map<std::string, std::size_t> held;
+    KernelGuard guard;
+    for (const Object* object : objectTable().alive()) {
+        held[std::string(kindName(object->kind()))]++;
+        held["references"] += static_cast<std::size_t>(object->driverReferencesLocked());
+    }
+    return held;
+}
+
 void noteCompleted(const void* handle) {
     KernelGuard guard;
     objectTable().setFate(handle, Fate::Completed);

@@ -17,6 +17,7 @@
 #include <wdf.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -102,6 +103,7 @@ class Object {
     bool deleting() const; // takes the kernel lock
     bool deletingLocked() const { return deleting_; }
     bool destroyingLocked() const { return destroying_; }
+    long driverReferencesLocked() const { return driverReferences_; }
 
     // Runs `visit` for a snapshot of the children.
     template <typename T>
@@ -251,6 +253,9 @@ NTSTATUS createObject(const Call& call, const WDF_OBJECT_ATTRIBUTES* attributes,
 // Objects created since the machine started, and those alive now.
 std::uint64_t objectCreations();
 std::vector<std::string> liveObjects();
+
+// How many objects of each kind are alive, and how many references the driver holds.
+std::map<std::string, std::size_t> heldObjects();
 
 // Reports UseAfterRemoval when the context of an object that went with its device was written to since, and
 // gives the memory of all such contexts back.

@@ -108,6 +108,15 @@ _KTHREAD& threadObjectOf(Task& task) {
     return *task.threadObject;
 }
 
+unsigned threadReferences() {
+    KernelLockIfFree guard;
+    unsigned references = 0;
+    for (const auto& [thread, object] : threads->objects) {
+        references += object->references;
+    }
+    return references;
+}
+
 unsigned runningSystemThreads() {
     KernelLockIfFree guard;
     return threads->running;

@@ -7,6 +7,9 @@
 
 namespace kernel {
 
+// References to thread objects: open handles, pointers, and threads that have not ended.
+unsigned threadReferences();
+
 // Driver threads whose routine has not returned.
 unsigned runningSystemThreads();
 

@@ -47,6 +47,35 @@ TEST(SteadyState, AllocatesNothingPerFrame) {
     }
 }
 
+// What the driver holds after many status reports, frames and sleeps is what it held after one of each.
+TEST(SteadyState, HoldsNoMoreAfterManyEvents) {
+    runSession(inOrder(), [](Session& session) {
+        const Surface frames[] = {pattern("bars", 1024, 768), pattern("gradient", 1024, 768)};
+        showDesktop(session, adapter(), frames[0]);
+        const auto repeat = [&](unsigned times, const std::function<void(unsigned)>& event) {
+            event(0);
+            const auto held = session.machine().held();
+            for (unsigned number = 1; number <= times; number++) {
+                event(number);
+            }
+            EXPECT_EQ(held, session.machine().held());
+        };
+        repeat(100, [&](unsigned) {
+            session.adapter().reportFrameError();
+            session.machine().sleep(100 * kMillisecond);
+        });
+        repeat(100, [&](unsigned number) {
+            session.present(kDesktop, frames[number % 2]);
+            session.machine().sleep(16 * kMillisecond);
+        });
+        repeat(20, [&](unsigned) {
+            session.suspend();
+            session.resume();
+            session.machine().sleep(kSecond);
+        });
+    });
+}
+
 TEST(SteadyState, KeepsTheLinkBusy) {
     for (const bool presenting : {false, true}) {
         SCOPED_TRACE(presenting ? "new frames" : "the same frame");
