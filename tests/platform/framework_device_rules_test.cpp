@@ -170,9 +170,6 @@ std::vector<FrameworkCase> deviceCases() {
         {Rule::ReaderRunning, "a reader that runs on when the device leaves D0", callbacksAndSleep,
          [](World& world) { world.startReaderInPrepare(); }, callbacksAndSleep,
          [](World& world) { world.startAndStopReader(); }},
-        {Rule::ReaderRunning, "a reader that runs on when the device is removed", callbacksOnly,
-         [](World& world) { world.startReaderInPrepare(); }, callbacksOnly,
-         [](World& world) { world.startAndStopReader(); }},
         {Rule::ReaderRunning, "a reader that runs on when the start has failed", startFails,
          [](World& world) {
              world.startReaderInPrepare();

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
+
 namespace {
 
 using namespace platform_test;
@@ -158,90 +160,44 @@ TEST(FrameworkUsb, BringUpReadsTheDescriptorsAndSelectsEverySettingWithEndpoints
 
 // On a device whose bulk pipe is halted. What the interface has already is not selected again, in any form.
 TEST_F(FrameworkIo, ASettingIsSelectedOnlyWhenItIsAnother) {
-    USB_INTERFACE_DESCRIPTOR descriptor = {};
-    descriptor.bInterfaceNumber = 1;
-    URB urb = {};
-    urb.UrbHeader.Function = URB_FUNCTION_SELECT_INTERFACE;
-    urb.UrbHeader.Length = sizeof(_URB_SELECT_INTERFACE);
-    const auto byOther = [&](auto fill, auto type) {
-        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params = {};
-        params.Size = sizeof(params);
+    const auto select = [&](WdfUsbTargetDeviceSelectSettingType type, UCHAR setting) {
+        USB_INTERFACE_DESCRIPTOR descriptor = {};
+        descriptor.bInterfaceNumber = 1;
+        descriptor.bAlternateSetting = setting;
+        URB urb = {};
+        urb.UrbHeader.Length = sizeof(_URB_SELECT_INTERFACE);
+        urb.UrbHeader.Function = URB_FUNCTION_SELECT_INTERFACE;
+        urb.UrbSelectInterface.Interface.AlternateSetting = setting;
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS params;
+        WDF_USB_INTERFACE_SELECT_SETTING_PARAMS_INIT_SETTING(&params, setting);
         params.Type = type;
-        fill(params);
+        if (type == WdfUsbInterfaceSelectSettingTypeDescriptor) {
+            params.Types.Descriptor.InterfaceDescriptor = &descriptor;
+        } else if (type == WdfUsbInterfaceSelectSettingTypeUrb) {
+            params.Types.Urb.Urb = &urb;
+        }
         return WdfUsbInterfaceSelectSetting(WdfUsbTargetDeviceGetInterface(target.usb, 1), nullptr, &params);
     };
+    constexpr auto kIndex = WdfUsbInterfaceSelectSettingTypeSetting;
+    constexpr auto kDescriptor = WdfUsbInterfaceSelectSettingTypeDescriptor;
+    constexpr auto kUrb = WdfUsbInterfaceSelectSettingTypeUrb;
+    constexpr USBD_STATUS kHalted = USBD_STATUS_ENDPOINT_HALTED;
     const struct {
-        const char* name;
-        std::function<NTSTATUS()> select;
-        const char* refused;
+        WdfUsbTargetDeviceSelectSettingType type;
+        UCHAR setting;
         NTSTATUS status;
         Requests sent;
         bool samePipe;
-        int pipes;
-        USBD_STATUS transfer; // the next one on the pipe that there is then
+        std::optional<USBD_STATUS> transfer; // the next one on the pipe, if there is one
+        const char* refused = "";
     } cases[] = {
-        {"the same, by index",
-         [&] { return selectSetting(0); },
-         "",
-         STATUS_SUCCESS,
-         {},
-         true,
-         1,
-         USBD_STATUS_ENDPOINT_HALTED},
-        {"the same, by descriptor",
-         [&] {
-             return byOther([&](auto& params) { params.Types.Descriptor.InterfaceDescriptor = &descriptor; },
-                            WdfUsbInterfaceSelectSettingTypeDescriptor);
-         },
-         "",
-         STATUS_SUCCESS,
-         {},
-         true,
-         1,
-         USBD_STATUS_ENDPOINT_HALTED},
-        {"the same, by URB",
-         [&] {
-             return byOther([&](auto& params) { params.Types.Urb.Urb = &urb; },
-                            WdfUsbInterfaceSelectSettingTypeUrb);
-         },
-         "",
-         STATUS_SUCCESS,
-         {},
-         true,
-         1,
-         USBD_STATUS_ENDPOINT_HALTED},
-        {"one that there is not",
-         [&] { return selectSetting(2); },
-         "",
-         STATUS_INVALID_PARAMETER,
-         {},
-         true,
-         1,
-         USBD_STATUS_ENDPOINT_HALTED},
-        {"another",
-         [&] { return selectSetting(1); },
-         "",
-         STATUS_SUCCESS,
-         {"set interface 1 1"},
-         false,
-         1,
-         USBD_STATUS_SUCCESS},
-        {"refused by the device",
-         [&] { return selectSetting(0); },
-         "set interface 0 1",
-         STATUS_UNSUCCESSFUL,
-         {"set interface 0 1"},
-         false,
-         0,
-         0},
-        {"again",
-         [&] { return selectSetting(0); },
-         "",
-         STATUS_SUCCESS,
-         {"set interface 0 1"},
-         false,
-         1,
-         USBD_STATUS_SUCCESS},
+        {kIndex, 0, STATUS_SUCCESS, {}, true, kHalted},
+        {kDescriptor, 0, STATUS_SUCCESS, {}, true, kHalted},
+        {kUrb, 0, STATUS_SUCCESS, {}, true, kHalted},
+        {kIndex, 2, STATUS_INVALID_PARAMETER, {}, true, kHalted}, // there is none
+        {kIndex, 1, STATUS_SUCCESS, {"set interface 1 1"}, false, 0},
+        {kUrb, 0, STATUS_UNSUCCESSFUL, {"set interface 0 1"}, false, {}, "set interface 0 1"},
+        {kDescriptor, 0, STATUS_SUCCESS, {"set interface 0 1"}, false, 0},
     };
     run([&](platform::DeviceNode&) {
         bench.device.bulk = SmallDevice::Bulk::Stall;
@@ -250,22 +206,19 @@ TEST_F(FrameworkIo, ASettingIsSelectedOnlyWhenItIsAnother) {
         EXPECT_EQ(bulk.usb.UsbdStatus, USBD_STATUS_STALL_PID);
         bench.device.bulk = SmallDevice::Bulk::Accept;
         for (const auto& test : cases) {
-            SCOPED_TRACE(test.name);
+            SCOPED_TRACE(&test - cases);
             bench.device.standardRequests.clear();
             bench.device.refused = test.refused;
             const WDFUSBPIPE before = target.out;
-            const USBD_PIPE_HANDLE handle =
-                before != nullptr ? WdfUsbTargetPipeWdmGetPipeHandle(before) : nullptr;
-            EXPECT_EQ(test.select(), test.status);
+            EXPECT_EQ(select(test.type, test.setting), test.status);
             EXPECT_EQ(bench.device.standardRequests, test.sent);
             target.findPipes();
             EXPECT_EQ(target.out == before, test.samePipe);
-            EXPECT_EQ(target.out != nullptr, test.pipes != 0);
-            if (target.out != nullptr) {
-                EXPECT_EQ(WdfUsbTargetPipeWdmGetPipeHandle(target.out) == handle, test.samePipe);
+            ASSERT_EQ(target.out != nullptr, test.transfer.has_value());
+            if (test.transfer) {
                 EXPECT_TRUE(bulk.send(target, 100));
                 settle();
-                EXPECT_EQ(bulk.usb.UsbdStatus, test.transfer);
+                EXPECT_EQ(bulk.usb.UsbdStatus, *test.transfer);
             }
         }
     });
@@ -509,77 +462,53 @@ TEST(FrameworkReaders, AsManyReadsAreOutAsTheFrameworkAllows) {
              {UCHAR{0}, 2}, {UCHAR{3}, 3}, {UCHAR{200}, 10}}) {
         World world;
         world.pendingReads = wanted;
-        runWithReader(world, [out](World& started) { EXPECT_EQ(started.bench.device.reads.size(), out); });
+        runWithReader(world, [expected = out](World& started) {
+            EXPECT_EQ(started.bench.device.reads.size(), expected);
+        });
     }
 }
 
-// How one of two reads ends, and what goes out after that.
+// How a read ends, and what goes out after that.
 TEST(FrameworkReaders, AFailedReadIsRecoveredAndACancelledOneIsNot) {
-    using Failed = PFN_WDF_USB_READERS_FAILED;
-    static NTSTATUS failure;
-    const Failed goOn = [](WDFUSBPIPE, NTSTATUS status, USBD_STATUS) -> BOOLEAN {
-        failure = status;
-        return TRUE;
-    };
-    const Failed giveUp = [](WDFUSBPIPE, NTSTATUS status, USBD_STATUS) -> BOOLEAN {
-        failure = status;
-        return FALSE;
-    };
-    const auto ends = [](usb::Status status) {
-        return [status](World& world) { world.bench.device.endRead(status); };
-    };
-    const auto endsWithoutMemory = [](World& world) {
-        kernel::armFault(1, kernel::FaultMode::Once);
-        world.bench.device.report(1);
-        world.settle();
-        EXPECT_TRUE(kernel::faultFired());
-        kernel::disarmFault();
-    };
+    static NTSTATUS failure; // what the driver is told
+    static BOOLEAN goesOn;
+    const Requests reset = {"clear halt 0 83"};
+    const auto withoutMemory = std::nullopt;
     const struct {
-        const char* name;
+        std::optional<usb::Status> end;
         UCHAR reads;
-        Body end;
-        Failed failed;
-        const char* refused;
         Requests sent;
         std::size_t readsAfter;
-        NTSTATUS failure; // what the driver is told
+        NTSTATUS failure;
+        BOOLEAN goesOn = TRUE;
+        std::string refused = "";
     } cases[] = {
-        {"cancelled", 2, ends(usb::Status::Cancelled), goOn, "", {}, 1, 0},
-        {"stalled", 2, ends(usb::Status::Stalled), goOn, "", {"clear halt 0 83"}, 2, STATUS_UNSUCCESSFUL},
-        {"error", 2, ends(usb::Status::Error), goOn, "", {"clear halt 0 83"}, 2, STATUS_UNSUCCESSFUL},
-        {"reset fails",
-         2,
-         ends(usb::Status::Stalled),
-         goOn,
-         "clear halt 0 83",
-         {"clear halt 0 83"},
-         2,
-         STATUS_UNSUCCESSFUL},
-        {"driver gives up", 2, ends(usb::Status::Stalled), giveUp, "", {}, 0, STATUS_UNSUCCESSFUL},
-        {"device gone", 2, ends(usb::Status::Gone), goOn, "", {}, 0, STATUS_NO_SUCH_DEVICE},
-        {"no memory for one", 2, endsWithoutMemory, goOn, "", {}, 1, 0},
-        {"no memory for all",
-         1,
-         endsWithoutMemory,
-         goOn,
-         "",
-         {"clear halt 0 83"},
-         1,
-         STATUS_INSUFFICIENT_RESOURCES},
+        {usb::Status::Cancelled, 2, {}, 1, 0},
+        {usb::Status::Stalled, 2, reset, 2, STATUS_UNSUCCESSFUL},
+        {usb::Status::Error, 2, reset, 2, STATUS_UNSUCCESSFUL, TRUE, reset[0]},
+        {usb::Status::Error, 2, {}, 0, STATUS_UNSUCCESSFUL, FALSE},
+        {usb::Status::Gone, 2, {}, 0, STATUS_NO_SUCH_DEVICE},
+        {withoutMemory, 2, {}, 1, 0},
+        {withoutMemory, 1, reset, 1, STATUS_INSUFFICIENT_RESOURCES},
     };
     for (const auto& test : cases) {
-        SCOPED_TRACE(test.name);
+        SCOPED_TRACE(&test - cases);
         World world;
+        SmallDevice& device = world.bench.device;
         world.pendingReads = test.reads;
-        failure = 0;
         runWithReader(world, [&](World&) {
-            SmallDevice& device = world.bench.device;
-            World::readersFailed = test.failed;
+            failure = 0;
+            goesOn = test.goesOn;
+            World::readersFailed = [](WDFUSBPIPE, NTSTATUS status, USBD_STATUS) {
+                failure = status;
+                return goesOn;
+            };
             device.refused = test.refused;
             device.standardRequests.clear();
-            test.end(world);
+            kernel::armFault(test.end ? 0 : 1, kernel::FaultMode::Once);
+            device.endRead(test.end.value_or(usb::Status::Success));
             world.settle();
+            kernel::disarmFault();
             EXPECT_EQ(device.standardRequests, test.sent);
             EXPECT_EQ(device.reads.size(), test.readsAfter);
             EXPECT_EQ(failure, test.failure);
@@ -588,9 +517,7 @@ TEST(FrameworkReaders, AFailedReadIsRecoveredAndACancelledOneIsNot) {
             EXPECT_TRUE(device.reads.empty());
             EXPECT_EQ(WdfIoTargetStart(world.reportsIo()), STATUS_SUCCESS);
             EXPECT_EQ(WdfIoTargetStart(world.reportsIo()), STATUS_SUCCESS); // sends nothing more
-            world.settle();
-            EXPECT_EQ(device.reads.size(),
-                      test.failure == STATUS_NO_SUCH_DEVICE ? device.reads.size() : test.reads);
+            EXPECT_EQ(device.reads.size(), test.reads);
         });
     }
 }
