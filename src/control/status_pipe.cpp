@@ -31,8 +31,8 @@ void HandleStatus(DEVICE_CONTEXT* context, ULONG status) TSA_REQUIRES(context->C
     }
 }
 
-// The device's disposal waits until the callback of its work item has returned, so the context is still
-// there.
+// The release comes last: until then the stop of the pipe waits, and with it the power-down and the disposal
+// of the device.
 void EndWork(DEVICE_CONTEXT* context, WDFWORKITEM workItem) {
     WdfObjectDelete(workItem);
     ExReleaseRundownProtection(&context->Control.StatusWork);

@@ -2,6 +2,7 @@
 // between.
 #include "tests/system/rig.h"
 
+#include <array>
 #include <gtest/gtest.h>
 
 namespace system_test {
@@ -90,6 +91,30 @@ TEST_P(Sleep, MayBeInterruptedByASurpriseRemoval) {
             session.surpriseRemove();
         }
         showDesktop(session, adapterWithTransmitter(GetParam()), gradient(), kSettled);
+    });
+}
+
+// A report that arrived before the power-down is dealt with before the device leaves D0. Later its register
+// access would wait for a time-out, and keep the client from the EDID.
+TEST_P(Sleep, LeavesNoReportBehind) {
+    explore(40, [](Session& session) {
+        plugWithMonitor(session, adapterWithTransmitter(GetParam()));
+        session.openClient();
+        {
+            ClientThread reporter("adapter", [&] {
+                for (unsigned report = 0; report < 30; report++) {
+                    session.adapter().reportFrameError();
+                    session.machine().sleep(kMillisecond);
+                }
+            });
+            session.machine().sleep(static_cast<usb::Time>(kernel::choose(200)) * kMillisecond / 10);
+            session.suspend();
+        }
+        const usb::Time begin = now(session);
+        std::array<std::uint8_t, EDID_BLOCK_SIZE> edid{};
+        require(session.client().queryEdid(edid), "querying the EDID");
+        EXPECT_LT(now(session) - begin, 100 * kMillisecond);
+        session.resume();
     });
 }
 
