@@ -81,7 +81,8 @@ Interface* findLink(std::u16string_view link) {
     return found != interfaces->registered.end() ? &*found : nullptr;
 }
 
-// Tells the subscribers of each change, in order, until none is left.
+// Tells the subscribers of each change, in order, until none is left. Changes and subscriptions come before
+// what a subscriber is told.
 void tellSubscribers() {
     for (;;) {
         Change change;
@@ -96,6 +97,7 @@ void tellSubscribers() {
             interfaces->changes.pop_front();
             audience = interfaces->subscribers;
         }
+        announceAcquire(&interfaces);
         for (const auto& subscriber : audience) {
             if (IsEqualGUID(subscriber->interfaceClass, change.interfaceClass)) {
                 enterDomain(currentTask(), Domain::Host);
@@ -109,6 +111,7 @@ void tellSubscribers() {
 // Kernel lock held. True when the caller must call `startTelling` after it has released the lock.
 bool noteChange(Interface& entry, bool enabled) {
     entry.enabled = enabled;
+    announceRelease(&interfaces);
     interfaces->changes.push_back({entry.interfaceClass, enabled, entry.link});
     return !std::exchange(interfaces->telling, true);
 }
@@ -175,6 +178,7 @@ PDEVICE_OBJECT interfaceDevice(std::u16string_view link) {
 
 void subscribeInterfaces(const GUID& interfaceClass, InterfaceCallback callback) {
     KernelLockIfFree guard;
+    announceRelease(&interfaces);
     interfaces->subscribers.push_back(
         std::make_shared<const Subscriber>(Subscriber{interfaceClass, std::move(callback)}));
 }
