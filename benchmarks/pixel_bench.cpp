@@ -9,6 +9,7 @@
 #include "pixel/transform.h"
 #include "support/png_image.h"
 
+#include <emmintrin.h>
 #include <fmt/core.h>
 #include <libyuv.h>
 #include <lz4.h>

@@ -62,19 +62,22 @@ TEST(FrameworkPnp, SurpriseRemovalTakesDownBeforeTheRemovePacket) {
 // The cable is pulled while the driver is inside a power callback: the notice does not wait for its end, the
 // rest of the removal does.
 TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition) {
-    const std::pair<bool, Trace> cases[] = {
+    const struct {
+        bool wake;
+        Trace expected;
+    } cases[] = {
         {false, {"suspend", "d0 exit(D3)", "surprise", "left", "release", "flush", "irp 2", "cleanup"}},
         {true,
          {"d0 entry(D3)", "surprise", "entered", "restart", "suspend", "d0 exit(D3Final)", "left", "release",
           "flush", "irp 2", "cleanup"}},
     };
-    for (const auto& [wake, expected] : cases) {
-        SCOPED_TRACE(wake ? "wake" : "sleep");
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.wake ? "wake" : "sleep");
         FrameworkBench bench;
         auto& machine = bench.machine();
         bench.run([&] {
             auto& node = bench.plug();
-            if (wake) {
+            if (c.wake) {
                 machine.suspend(node);
             }
             bench.driver.trace.clear();
@@ -87,12 +90,13 @@ TEST(FrameworkPnp, ASurpriseRemovalReachesTheDriverInTheMiddleOfAPowerTransition
                 linger("entered");
                 return STATUS_SUCCESS;
             };
-            kernel::Task& power = kernel::spawn("power", kernel::TaskKind::Host,
-                                                [&] { wake ? machine.resume(node) : machine.suspend(node); });
+            kernel::Task& power = kernel::spawn("power", kernel::TaskKind::Host, [&] {
+                c.wake ? machine.resume(node) : machine.suspend(node);
+            });
             machine.sleep(5 * usb::kMillisecond);
             machine.surpriseRemove(node);
             kernel::join(power);
-            EXPECT_EQ(bench.driver.trace, expected);
+            EXPECT_EQ(bench.driver.trace, c.expected);
         });
     }
 }
@@ -113,18 +117,18 @@ TEST(FrameworkPnp, AFailingCallbackTakesTheDeviceDownAndSkipsWhatNeverBegan) {
         {"d0 exit", Sleep, {"suspend", "d0 exit(D3)", "release", "flush"}},
         {"release", Stop, {"suspend", "d0 exit(D3Final)", "release", "flush"}},
     };
-    for (const auto& [failing, step, expected] : cases) {
-        SCOPED_TRACE(failing);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.failing);
         FrameworkBench bench;
         auto& machine = bench.machine();
         bench.run([&] {
-            auto* node = step == Start ? nullptr : &bench.plug();
-            if (step == Wake) {
+            auto* node = c.step == Start ? nullptr : &bench.plug();
+            if (c.step == Wake) {
                 machine.suspend(*node);
             }
             bench.driver.trace.clear();
-            bench.driver.answers[failing] = STATUS_UNSUCCESSFUL;
-            switch (step) {
+            bench.driver.answers[c.failing] = STATUS_UNSUCCESSFUL;
+            switch (c.step) {
             case Start:
                 node = &bench.plug();
                 EXPECT_EQ(machine.startStatus(*node), STATUS_UNSUCCESSFUL);
@@ -139,11 +143,11 @@ TEST(FrameworkPnp, AFailingCallbackTakesTheDeviceDownAndSkipsWhatNeverBegan) {
                 machine.stop(*node);
                 break;
             }
-            EXPECT_EQ(std::exchange(bench.driver.trace, {}), expected);
+            EXPECT_EQ(std::exchange(bench.driver.trace, {}), c.expected);
             // A failed device is not asked before it is removed. Clean-up follows what has been initialized.
             machine.remove(*node);
             EXPECT_EQ(bench.driver.trace,
-                      expected.back() == "flush" ? Trace({"irp 2", "cleanup"}) : Trace{"irp 2"});
+                      c.expected.back() == "flush" ? Trace({"irp 2", "cleanup"}) : Trace{"irp 2"});
         });
     }
 }
