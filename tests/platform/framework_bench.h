@@ -152,7 +152,7 @@ class SmallDevice final : public usb::Device {
 
     static void answer(usb::Transfer& transfer, const std::vector<std::uint8_t>& bytes, Ended& ended) {
         const std::size_t size = std::min(bytes.size(), transfer.data.size());
-        std::memcpy(transfer.data.data(), bytes.data(), size);
+        std::copy_n(bytes.begin(), size, transfer.data.begin());
         succeed(transfer, size, ended);
     }
 
