@@ -288,6 +288,8 @@ LONG KeResetEvent(PRKEVENT Event) {
     PlatformCall call;
     verifier::requireIrql("KeResetEvent", kDispatchLevel);
     DISPATCHER_HEADER& header = checkedHeader(Event, "KeResetEvent");
+    // Before as well: an event that another task sets just before the reset is lost.
+    schedulingPoint(Point::Event);
     LONG old = 0;
     {
         KernelGuard guard;

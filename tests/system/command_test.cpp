@@ -545,15 +545,20 @@ TEST(FillCallbacks, MayDestroyTheirFrameBuffer) {
 
 TEST(FillCallbacks, MayBeSlow) {
     withRawClient([](Session& session, RawClient& client) {
+        bool isFirst = true;
         client.fill = [&](const FRAME_FILL_REQUEST& request) {
-            session.machine().sleep(3 * kSecond);
+            session.machine().sleep(std::exchange(isFirst, false) ? kSecond / 2 : 3 * kSecond);
             std::memset(request.PixelBuffer, 0x20, request.ByteSize);
             return STATUS_SUCCESS;
         };
         {
-            // The display is switched off while the frame is being filled.
-            ClientThread presenter(
-                "presenter", [&] { EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent)); });
+            // The display is switched off while the second frame is being filled, and the frame update thread
+            // waits for the pixels to show the first one.
+            const auto present = [&] {
+                EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_PRESENT_FRAME, kPresent));
+            };
+            ClientThread first("first presenter", present);
+            ClientThread second("second presenter", present);
             session.machine().sleep(kSecond);
             const usb::Time begin = now(session);
             EXPECT_EQ(STATUS_SUCCESS, client.command(CMD_SET_DISPLAY_POWER, DISPLAY_POWER_REQUEST{0, 0, {}}));
