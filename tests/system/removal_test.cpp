@@ -1,7 +1,11 @@
 // Orderly and surprise removal, with a client that releases the driver at once, late, or never.
 #include "tests/system/rig.h"
 
+#include "platform/usb/completion_hook.h"
+
+#include <algorithm>
 #include <fmt/format.h>
+#include <utility>
 
 namespace system_test {
 namespace {
@@ -15,6 +19,7 @@ TEST(Removal, WaitsTenSecondsForTheClient) {
     runSession(inOrder(), [&](Session& session) {
         plugWithMonitor(session);
         client = holdingClient(session);
+        require(client->createFrameBuffer(kDesktop, kWidth, kHeight), "creating"); // freed without its client
         const usb::Time begin = now(session);
         session.remove();
         const usb::Time took = now(session) - begin;
@@ -39,6 +44,59 @@ TEST(Removal, EndsItsWaitWhenTheClientReleasesTheDriver) {
         const usb::Time took = now(session) - begin;
         EXPECT_GE(took, 3 * kSecond);
         EXPECT_LT(took, 3 * kSecond + 20 * kMillisecond + kRemovalTime);
+    });
+}
+
+// A host controller that takes seconds to end the frames that it was told to cancel.
+class SlowController final : public usb::Device {
+  public:
+    usb::Speed speed() const override { return inner->speed(); }
+    void disconnect() override { inner->disconnect(); }
+    void submit(usb::Transfer& transfer) override {
+        if (holds && transfer.type == usb::TransferType::Bulk) {
+            held_.push_back(&transfer);
+        } else {
+            inner->submit(transfer);
+        }
+    }
+    void cancel(usb::Transfer& transfer) override {
+        if (std::ranges::find(held_, &transfer) == held_.end()) {
+            inner->cancel(transfer);
+        }
+    }
+    void endHeld() {
+        for (usb::Transfer* transfer : std::exchange(held_, {})) {
+            usb::completeTransfer(*transfer, usb::Status::Cancelled);
+        }
+    }
+
+    usb::Device* inner = nullptr;
+    bool holds = false;
+
+  private:
+    std::vector<usb::Transfer*> held_;
+};
+
+TEST(Removal, WaitsForEveryTransfer) {
+    runSession(inOrder(), [](Session& session) {
+        SlowController controller;
+        PlugOptions plug = adapter();
+        plug.inFront = [&](usb::Device& device) -> usb::Device& {
+            controller.inner = &device;
+            return controller;
+        };
+        showDesktop(session, plug);
+        controller.holds = true;
+        session.machine().sleep(100 * kMillisecond);
+        const usb::Time begin = now(session);
+        {
+            ClientThread controllerEnds("controller", [&] {
+                session.machine().sleep(15 * kSecond);
+                controller.endHeld();
+            });
+            session.remove();
+            EXPECT_GE(now(session) - begin, 15 * kSecond);
+        }
     });
 }
 
