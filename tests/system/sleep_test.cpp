@@ -143,6 +143,17 @@ TEST(Transmitter, IsProgrammedForTheModeWhenItAnswersAgain) {
              session.suspend();
              session.resume();
          }},
+        {"a restart of the device",
+         [](Session& session) {
+             session.client().close();
+             session.machine().stop(session.node());
+             require(session.machine().restart(session.node()), "restarting");
+             switchOn(session);
+         },
+         [](Session& session) {
+             session.suspend();
+             session.resume();
+         }},
         {"a wake-up with the display off",
          [](Session& session) {
              session.suspend();
