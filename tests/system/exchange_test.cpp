@@ -112,10 +112,13 @@ TEST(Exchange, EndsTheSessionOfAClientThatKeepsItOverARestart) {
         plugWithMonitor(session);
         const std::unique_ptr<desktop::Client> late = holdingClient(session);
         {
+            require(late->createFrameBuffer(kDesktop, kWidth, kHeight), "creating");
+            require(late->setDisplayPower(true), "switching on");
+            const unsigned rounds = 60 * kernel::choose(2);
             ClientThread user("late client", [&] {
-                for (unsigned round = 0; round < 60; round++) {
+                for (unsigned round = 0; round < rounds; round++) {
                     (void)late->createFrameBuffer(kDesktop, kWidth, kHeight);
-                    (void)late->setDisplayPower(round % 3 != 1); // on at the end
+                    (void)late->setDisplayPower(round % 3 != 1);
                     (void)late->present(kDesktop, gradient());
                     session.machine().sleep(static_cast<usb::Time>(kernel::choose(40)) * kMillisecond);
                 }

@@ -148,11 +148,6 @@ TEST(Lifecycle, CompletionsInsideTheSend) {
         }
         switchOffAndOn(session);
         show(session, gradient());
-        // However many completions in a row came inside a send, the picture is still repeated.
-        session.machine().sleep(200 * kMillisecond);
-        const std::uint64_t frames = session.adapter().statistics().framesReceived;
-        session.machine().sleep(50 * kMillisecond);
-        EXPECT_GT(session.adapter().statistics().framesReceived, frames);
     });
 }
 
