@@ -260,14 +260,29 @@ TEST(Lifecycle, HoldsNoMoreAfterEveryStart) {
 // The count decides about compression: a release after a failed preparation must not lower it.
 TEST(Lifecycle, CountsPreparedAdaptersOnly) {
     runSession(inOrder(), [](Session& session) {
+        const auto expectCount = [&](ULONG count) {
+            EXPECT_EQ(session.machine().parameter(u"CurrentNumberOfDevices"), platform::RegistryValue(count));
+        };
         session.plug(adapter());
         model::Adapter unsupported(session.machine().clock(), adapter(3).adapter);
         platform::DeviceNode& node = session.machine().plug(unsupported);
         EXPECT_FALSE(NT_SUCCESS(session.machine().startStatus(node)));
         session.machine().remove(node);
-        EXPECT_EQ(session.machine().parameter(u"CurrentNumberOfDevices"), platform::RegistryValue(ULONG{1}));
+        expectCount(1);
+
+        // Counted once, and then not prepared again.
+        model::Adapter second(session.machine().clock(), adapter().adapter);
+        platform::DeviceNode& other = session.machine().plug(second);
+        expectCount(2);
+        session.machine().stop(other);
+        expectCount(1);
+        kernel::armFault(1, kernel::FaultMode::Once);
+        EXPECT_FALSE(NT_SUCCESS(session.machine().restart(other)));
+        kernel::disarmFault();
+        expectCount(1);
+        session.machine().remove(other);
         session.remove();
-        EXPECT_EQ(session.machine().parameter(u"CurrentNumberOfDevices"), platform::RegistryValue(ULONG{0}));
+        expectCount(0);
     });
 }
 
