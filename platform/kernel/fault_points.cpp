@@ -19,7 +19,7 @@ struct Faults {
     std::uint64_t reached = 0;
     bool fired = false;
     FaultKind kind = FaultKind::Allocation; // of the point that fired
-    std::string call; // of the point that fired
+    std::string call;                       // of the point that fired
     std::string description;
 };
 base::MachinePart<Faults> faults;

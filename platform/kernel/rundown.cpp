@@ -1,6 +1,6 @@
-// Run-down protection: an object stays usable while somebody uses it, and its owner can wait until nobody
-// does. A reference counts 2; bit 0 says that the owner waits or has waited, and that no reference is given
-// any more.
+// Run-down protection: an object stays usable while references to it are held, and its owner can wait until
+// there are none. A reference counts 2; bit 0 says that the owner waits or has waited, and that no reference
+// is given any more.
 
 #include "platform/kernel/core.h"
 #include "platform/kernel/lock_tracking.h"

@@ -28,8 +28,8 @@ struct USB_CONTEXT {
     WDFUSBINTERFACE UsbInterfaces[USB_INTERFACE_COUNT];
     ULONG ChipRevision; // 0 to 3; their differences: usb/chip.h
 
-    // Cleared by hardware preparation and refreshed by timing programming, both while the pipeline is stopped;
-    // read by the send path. Null without a bulk pipe.
+    // Cleared by hardware preparation and refreshed by timing programming, both while the pipeline is
+    // stopped; read by the send path. Null without a bulk pipe.
     WDFUSBPIPE BulkOutPipe;
     USBD_PIPE_HANDLE BulkOutPipeHandle;
 
