@@ -65,6 +65,17 @@ HANDLE startThread(PVOID event) {
     return handle;
 }
 
+// With the caller's reference alone.
+PVOID referenceEndedThread(World& world) {
+    KeSetEvent(&world.event, 0, FALSE);
+    const HANDLE handle = startThread(&world.event);
+    PVOID thread = nullptr;
+    (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
+    ZwClose(handle);
+    waitFor(thread);
+    return thread;
+}
+
 struct KernelCase {
     Rule rule;
     const char* mistake;
@@ -359,23 +370,13 @@ const KernelCase kCases[] = {
      }},
     {Rule::HandleStale, "a thread object used after its last reference",
      [](World& world) {
-         KeSetEvent(&world.event, 0, FALSE);
-         HANDLE handle = startThread(&world.event);
-         PVOID thread = nullptr;
-         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
-         ZwClose(handle);
-         waitFor(thread);
+         const PVOID thread = referenceEndedThread(world);
          sleepFor(1); // the running thread's own reference is dropped
          ObDereferenceObject(thread);
          ObDereferenceObject(thread);
      },
      [](World& world) {
-         KeSetEvent(&world.event, 0, FALSE);
-         HANDLE handle = startThread(&world.event);
-         PVOID thread = nullptr;
-         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
-         ZwClose(handle);
-         waitFor(thread);
+         const PVOID thread = referenceEndedThread(world);
          ObDereferenceObject(thread);
      }},
     {Rule::PoolTag, "a block freed with another tag",
@@ -444,22 +445,12 @@ const KernelCase kCases[] = {
      }},
     {Rule::ThreadLeak, "a thread object never dereferenced",
      [](World& world) {
-         KeSetEvent(&world.event, 0, FALSE);
-         HANDLE handle = startThread(&world.event);
-         PVOID thread = nullptr;
-         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
-         ZwClose(handle);
-         waitFor(thread);
+         (void)referenceEndedThread(world);
          waitForSystemThreads(kForever);
          requireThreadsEnded("unload");
      },
      [](World& world) {
-         KeSetEvent(&world.event, 0, FALSE);
-         HANDLE handle = startThread(&world.event);
-         PVOID thread = nullptr;
-         (void)ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &thread, nullptr);
-         ZwClose(handle);
-         waitFor(thread);
+         const PVOID thread = referenceEndedThread(world);
          ObDereferenceObject(thread);
          waitForSystemThreads(kForever);
          requireThreadsEnded("unload");
